@@ -1,0 +1,175 @@
+#include "FakeAovDriver.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+namespace aovtest {
+namespace {
+
+// The largest record of the interface, aov_sensor_list.
+constexpr size_t kMaxRecordSize = sizeof(aov_sensor_list);
+
+struct DataArea {
+    size_t addressOffset;  // of the pointer in aov_event_query
+    size_t size;           // room in the event buffer
+};
+
+constexpr DataArea kAreas[] = {
+    {offsetof(aov_event_query, s1_addr), sizeof(aov_event::s1_data)},
+    {offsetof(aov_event_query, s2_addr), sizeof(aov_event::s2_data)},
+    {offsetof(aov_event_query, s3_addr), sizeof(aov_event::s3_data)},
+    {offsetof(aov_event_query, s4_addr), sizeof(aov_event::s4_data)},
+    {offsetof(aov_event_query, s5_addr), sizeof(aov_event::s5_data)},
+    {offsetof(aov_event_query, s6_addr), sizeof(aov_event::s6_data)},
+    {offsetof(aov_event_query, s7_addr), sizeof(aov_event::s7_data)},
+    {offsetof(aov_event_query, s8_addr), sizeof(aov_event::s8_data)},
+    {offsetof(aov_event_query, s9_addr), sizeof(aov_event::s9_data)},
+    {offsetof(aov_event_query, s10_addr), sizeof(aov_event::s10_data)},
+};
+
+}  // namespace
+
+int FakeAovDriver::open(int flags) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    ++opens_;
+    last_open_flags_ = flags;
+    if (open_result_ < 0) {
+        return open_result_;
+    }
+    const int fd = ::eventfd(0, EFD_CLOEXEC);
+    return fd < 0 ? -errno : fd;
+}
+
+int FakeAovDriver::close(int fd) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    ++closes_;
+    if (!close_results_.empty()) {
+        const int result = close_results_.front();
+        close_results_.pop_front();
+        if (result < 0) {
+            return result;
+        }
+    }
+    return ::close(fd) < 0 ? -errno : 0;
+}
+
+int FakeAovDriver::ioctl(int, unsigned int request, void* arg) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    const size_t size = _IOC_SIZE(request);
+    if (size > kMaxRecordSize) {
+        return -EINVAL;
+    }
+    uint8_t record[kMaxRecordSize] = {};
+    if (size > 0) {
+        if (arg == nullptr) {
+            return -EFAULT;
+        }
+        std::memcpy(record, arg, size);
+    }
+    if (recording_) {
+        requests_.push_back({request, std::vector<uint8_t>(record, record + size)});
+    }
+
+    int result = 0;
+    auto queued = results_.find(request);
+    if (queued != results_.end() && !queued->second.empty()) {
+        result = queued->second.front();
+        queued->second.pop_front();
+    }
+    if (result < 0) {
+        return result;
+    }
+
+    if (request == AOV_IOC_DEQUEUE_EVENT) {
+        aov_event_query query = event_;
+        for (const DataArea& area : kAreas) {
+            uint8_t* data;
+            std::memcpy(&data, record + area.addressOffset, sizeof(data));
+            // The record goes back with the caller's addresses.
+            std::memcpy(reinterpret_cast<uint8_t*>(&query) + area.addressOffset, &data,
+                        sizeof(data));
+            data[0] = marker_;
+            data[area.size - 1] = marker_;
+        }
+        std::memcpy(record, &query, sizeof(query));
+    }
+    if ((_IOC_DIR(request) & _IOC_READ) != 0 && size > 0) {
+        std::memcpy(arg, record, size);
+    }
+    return result;
+}
+
+void FakeAovDriver::setOpenResult(int result) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    open_result_ = result;
+}
+
+void FakeAovDriver::queueCloseResult(int result) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    close_results_.push_back(result);
+}
+
+void FakeAovDriver::queueResult(unsigned int code, int result) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    results_[code].push_back(result);
+}
+
+void FakeAovDriver::setEvent(const aov_event_query& words, uint8_t marker) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    event_ = words;
+    marker_ = marker;
+}
+
+void FakeAovDriver::setRecording(bool on) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    recording_ = on;
+}
+
+std::vector<DriverRequest> FakeAovDriver::requests() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return requests_;
+}
+
+std::vector<unsigned int> FakeAovDriver::codes() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    std::vector<unsigned int> codes;
+    for (const auto& request : requests_) {
+        codes.push_back(request.code);
+    }
+    return codes;
+}
+
+size_t FakeAovDriver::count(unsigned int code) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    size_t n = 0;
+    for (const auto& request : requests_) {
+        n += request.code == code ? 1 : 0;
+    }
+    return n;
+}
+
+void FakeAovDriver::clearRequests() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    requests_.clear();
+}
+
+int FakeAovDriver::opens() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return opens_;
+}
+
+int FakeAovDriver::closes() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return closes_;
+}
+
+int FakeAovDriver::lastOpenFlags() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return last_open_flags_;
+}
+
+}  // namespace aovtest

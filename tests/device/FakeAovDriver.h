@@ -1,0 +1,66 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "aov_ioctl.h"
+#include "aovhost/Binding.h"
+
+namespace aovtest {
+
+// One request as the driver received it.
+struct DriverRequest {
+    unsigned int code;
+    std::vector<uint8_t> in;  // the _IOC_SIZE bytes copied in from the argument
+};
+
+// An in-process stand-in for the AOV kernel driver. Like the real driver it
+// copies in (and, for read requests, out) exactly the bytes the request
+// code's size field names; open hands out an eventfd. Every dequeue delivers
+// the standing event: its words go into the record, and `marker` is written
+// through each data-area address into the first and last byte of the area.
+// Thread-safe.
+class FakeAovDriver : public aovhost::EmulatedNode {
+  public:
+    int open(int flags) override;
+    int close(int fd) override;
+    int ioctl(int fd, unsigned int request, void* arg) override;
+
+    // A negative value makes every open fail with it.
+    void setOpenResult(int result);
+    // Results of the next closes; an empty queue closes successfully.
+    void queueCloseResult(int result);
+    // Results of the next requests with `code`; afterwards they return 0.
+    // A negative result skips the request's effect and copies nothing out.
+    void queueResult(unsigned int code, int result);
+    // Words of every later dequeue (the addresses in `words` are ignored).
+    void setEvent(const aov_event_query& words, uint8_t marker);
+    // Off: requests are not recorded (and the driver allocates nothing).
+    void setRecording(bool on);
+
+    std::vector<DriverRequest> requests() const;
+    std::vector<unsigned int> codes() const;
+    size_t count(unsigned int code) const;
+    void clearRequests();
+    int opens() const;
+    int closes() const;  // calls, successful or not
+    int lastOpenFlags() const;
+
+  private:
+    mutable std::mutex mutex_;
+    int open_result_ = 0;
+    std::deque<int> close_results_;
+    std::map<unsigned int, std::deque<int>> results_;
+    aov_event_query event_{};
+    uint8_t marker_ = 0;
+    bool recording_ = true;
+    std::vector<DriverRequest> requests_;
+    int opens_ = 0;
+    int closes_ = 0;
+    int last_open_flags_ = -1;
+};
+
+}  // namespace aovtest
