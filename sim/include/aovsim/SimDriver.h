@@ -1,0 +1,131 @@
+#pragma once
+
+// Emulated AOV kernel driver behind "/dev/kelo_aov".
+//
+// Behaviour, as the real driver's:
+// - The node is exclusive: a second open while open fails with -EBUSY. The
+//   descriptor handed out is an eventfd that is readable while an event is
+//   pending.
+// - Requests are matched on the full code; anything else is -ENOTTY. The
+//   argument is copied in and out with the size the code's size field gives;
+//   a null argument for a sized request is -EFAULT.
+// - START while started is refused with -EBUSY (one session at a time; stop
+//   first). A frame rate outside 1..30 is -EINVAL. START arms a frame timer at
+//   the record's frame rate; each tick queues one event. The queue holds
+//   queue_depth events; when full, the oldest is overwritten (an overrun).
+// - DEQUEUE_EVENT before START is -EINVAL; with nothing pending -EAGAIN (the
+//   node never blocks). It fills the header and info words and writes each
+//   data area through the record's addresses, within the area's size.
+// - STOP succeeds in every state and discards pending events. Closing the
+//   node stops a running session.
+// Injected failures: the node's open, START, the n-th DEQUEUE_EVENT (the
+// event it would have delivered is lost) and the n-th SENSOR_ON/OFF.
+
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "aovhost/Binding.h"
+#include "aovsim/SimConfig.h"
+#include "aovsim/Trace.h"
+
+namespace aovsim {
+
+struct DriverStats {
+    uint64_t requests = 0;
+    uint64_t produced = 0;           // events queued by the frame timer
+    uint64_t dequeued = 0;           // events handed to user space
+    uint64_t overruns = 0;           // events overwritten in a full queue
+    uint64_t lost_on_failure = 0;    // events lost to an injected dequeue failure
+    uint64_t discarded_at_stop = 0;  // events still queued at STOP or close
+    uint64_t failed_requests = 0;    // requests answered with a negative result
+};
+
+// The event handed out by the last successful dequeue.
+struct DequeueMark {
+    uint32_t sequence = 0;
+    std::chrono::steady_clock::time_point produced_at;
+};
+
+class AovDriver final : public aovhost::EmulatedNode {
+  public:
+    AovDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
+              std::shared_ptr<Trace> trace);
+    ~AovDriver() override;
+    AovDriver(const AovDriver&) = delete;
+    AovDriver& operator=(const AovDriver&) = delete;
+
+    int open(int flags) override;
+    int close(int fd) override;
+    int ioctl(int fd, unsigned int request, void* arg) override;
+
+    // Queues one event, as a frame-timer tick does; ignored while not started.
+    void produceEvent();
+
+    DriverStats stats() const;
+    DequeueMark lastDequeue() const;
+    bool started() const;
+
+    static const char* requestName(unsigned int request);
+
+  private:
+    struct Pending {
+        uint32_t sequence;
+        std::chrono::steady_clock::time_point produced_at;
+    };
+    struct Session {
+        int32_t sensor_id = 0;
+        int32_t scenario = 0;
+        int32_t frame_rate = 0;
+        int32_t aov_mode = 0;
+        uint32_t frame_info[4] = {};
+    };
+
+    int start(const uint8_t* record);
+    // Ends the session: by the STOP request, or implicitly when the node is released.
+    int stop(bool byRequest);
+    int dequeue(uint8_t* record);
+    int sensorList(unsigned int request, const uint8_t* record);
+    int fail(int result, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+    // With mutex_ held: keep the descriptor readable exactly while events are pending.
+    void signalLocked();
+    void unsignalLocked();
+    // Frame timer thread; controlled with control_mutex_ held.
+    void startTimer(int32_t frameRate);
+    void stopTimer();
+    void timerLoop();
+
+    const std::string path_;
+    const DriverConfig params_;
+    const FaultConfig faults_;
+    std::shared_ptr<Trace> trace_;
+
+    // Serialises the control path (open, close, START, STOP) so the timer
+    // thread is started and joined by one caller at a time.
+    std::mutex control_mutex_;
+    std::thread timer_thread_;
+    int timer_fd_ = -1;
+    int timer_stop_fd_ = -1;
+
+    // Event state, shared with the timer thread and the dequeuing thread.
+    mutable std::mutex mutex_;
+    int event_fd_ = -1;
+    bool started_ = false;
+    bool ulposc3_on_ = false;
+    Session session_;
+    uint32_t sequence_ = 0;
+    std::deque<Pending> pending_;
+    std::set<int32_t> sensors_on_;
+    uint32_t dequeue_calls_ = 0;
+    uint32_t sensor_list_calls_ = 0;
+    DequeueMark last_;
+    DriverStats stats_;
+};
+
+}  // namespace aovsim

@@ -1,0 +1,51 @@
+#pragma once
+
+// The simulation's trace: one line per platform call, kernel request and
+// library log line, in the order they happen, from any thread.
+
+#include <cstdarg>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace aovsim {
+
+enum class TraceSource {
+    kPlatform,  // sensor list, sensors, customisation, coordinator, pipes
+    kKernel,    // the emulated driver
+    kLibrary,   // the library's own log lines
+    kSystem,    // the system layer (aov-sim)
+    kEvent,     // events delivered to the system layer
+};
+
+const char* traceSourceTag(TraceSource source);
+
+class Trace {
+  public:
+    using Sink = std::function<void(TraceSource, const std::string&)>;
+
+    // Lines go to `sink`, one at a time under the trace's lock (so the sink
+    // must not record itself); with none they are only counted.
+    void setSink(Sink sink);
+
+    void record(TraceSource source, const std::string& line);
+    void recordf(TraceSource source, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    // A refused platform call or request: recorded as "REFUSED <what>" and counted.
+    void refusal(TraceSource source, const char* format, ...) __attribute__((format(printf, 3, 4)));
+
+    uint64_t refusals() const;
+
+  private:
+    void emit(TraceSource source, const std::string& line);
+
+    mutable std::mutex mutex_;
+    Sink sink_;
+    uint64_t refusals_ = 0;
+};
+
+// printf into a std::string.
+std::string vformat(const char* format, va_list args);
+std::string format(const char* format, ...) __attribute__((format(printf, 1, 2)));
+
+}  // namespace aovsim

@@ -1,0 +1,547 @@
+#include "aovsim/SimDriver.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "aovsim/EventContent.h"
+#include "aovsim/KernelAbi.h"
+
+namespace aovsim {
+
+namespace {
+
+using namespace kabi;
+
+constexpr TraceSource kKern = TraceSource::kKernel;
+constexpr int32_t kMinFrameRate = 1;
+constexpr int32_t kMaxFrameRate = 30;
+constexpr size_t kMaxRecordSize = sizeof(aov_sensor_list);
+
+static_assert(_IOC_SIZE(AOV_IOC_START) <= kMaxRecordSize, "record buffer");
+static_assert(_IOC_SIZE(AOV_IOC_SENSOR_ON) <= kMaxRecordSize, "record buffer");
+static_assert(_IOC_SIZE(AOV_IOC_DEQUEUE_EVENT) <= kMaxRecordSize, "record buffer");
+
+[[noreturn]] void fatal(const char* what) {
+    std::fprintf(stderr, "aov driver: %s: %s\n", what, std::strerror(errno));
+    std::abort();
+}
+
+int32_t wordAt(const uint8_t* record, size_t offset) {
+    int32_t value;
+    std::memcpy(&value, record + offset, sizeof(value));
+    return value;
+}
+
+const char* directionOf(unsigned int request) {
+    switch (_IOC_DIR(request)) {
+        case _IOC_WRITE:
+            return "W";
+        case _IOC_READ:
+            return "R";
+        case _IOC_READ | _IOC_WRITE:
+            return "RW";
+        default:
+            return "-";
+    }
+}
+
+std::string headerOf(const char* name, unsigned int request) {
+    return format("%s (0x%08x, %s, %u bytes)", name, request, directionOf(request),
+                  _IOC_SIZE(request));
+}
+
+// Area addresses of the dequeue record, in section order.
+void areaSlotsOf(aov_event_query& query, void** (&slots)[kSectionCount]) {
+    slots[0] = &query.s1_addr;
+    slots[1] = &query.s2_addr;
+    slots[2] = &query.s3_addr;
+    slots[3] = &query.s4_addr;
+    slots[4] = &query.s5_addr;
+    slots[5] = &query.s6_addr;
+    slots[6] = &query.s7_addr;
+    slots[7] = &query.s8_addr;
+    slots[8] = &query.s9_addr;
+    slots[9] = &query.s10_addr;
+}
+
+}  // namespace
+
+AovDriver::AovDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
+                     std::shared_ptr<Trace> trace)
+    : path_(std::move(path)), params_(params), faults_(faults), trace_(std::move(trace)) {
+    timer_fd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+    timer_stop_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (timer_fd_ < 0 || timer_stop_fd_ < 0) {
+        fatal("cannot create the frame timer");
+    }
+}
+
+AovDriver::~AovDriver() {
+    {
+        std::lock_guard<std::mutex> control(control_mutex_);
+        stopTimer();
+    }
+    if (event_fd_ >= 0) {
+        ::close(event_fd_);
+    }
+    ::close(timer_fd_);
+    ::close(timer_stop_fd_);
+}
+
+const char* AovDriver::requestName(unsigned int request) {
+    switch (request) {
+        case AOV_IOC_START:
+            return "START";
+        case AOV_IOC_SENSOR_ON:
+            return "SENSOR_ON";
+        case AOV_IOC_SENSOR_OFF:
+            return "SENSOR_OFF";
+        case AOV_IOC_DEQUEUE_EVENT:
+            return "DEQUEUE_EVENT";
+        case AOV_IOC_STOP:
+            return "STOP";
+        case AOV_IOC_ULPOSC3_ON:
+            return "ULPOSC3_ON";
+        case AOV_IOC_ULPOSC3_OFF:
+            return "ULPOSC3_OFF";
+        default:
+            return nullptr;
+    }
+}
+
+int AovDriver::fail(int result, const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    const std::string what = vformat(fmt, args);
+    va_end(args);
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        ++stats_.failed_requests;
+    }
+    trace_->refusal(kKern, "%s -> %d", what.c_str(), result);
+    return result;
+}
+
+int AovDriver::open(int flags) {
+    std::lock_guard<std::mutex> control(control_mutex_);
+    const char* access = (flags & O_ACCMODE) == O_RDWR     ? "O_RDWR"
+                         : (flags & O_ACCMODE) == O_WRONLY ? "O_WRONLY"
+                                                           : "O_RDONLY";
+    if (faults_.open_node) {
+        trace_->recordf(kKern, "open %s (%s) -> %d (injected failure)", path_.c_str(), access,
+                        -ENODEV);
+        return -ENODEV;
+    }
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (event_fd_ >= 0) {
+        trace_->refusal(kKern, "open %s (%s): the node is exclusive and already open -> %d",
+                        path_.c_str(), access, -EBUSY);
+        return -EBUSY;
+    }
+    event_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (event_fd_ < 0) {
+        const int error = -errno;
+        trace_->recordf(kKern, "open %s (%s) -> %d", path_.c_str(), access, error);
+        return error;
+    }
+    trace_->recordf(kKern, "open %s (%s) -> fd %d", path_.c_str(), access, event_fd_);
+    return event_fd_;
+}
+
+int AovDriver::close(int fd) {
+    std::lock_guard<std::mutex> control(control_mutex_);
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (fd < 0 || fd != event_fd_) {
+            trace_->refusal(kKern, "close fd %d: not a descriptor of %s -> %d", fd, path_.c_str(),
+                            -EBADF);
+            return -EBADF;
+        }
+    }
+    // Releasing the node ends a session that is still running.
+    stop(false);
+    std::lock_guard<std::mutex> guard(mutex_);
+    ::close(event_fd_);
+    event_fd_ = -1;
+    trace_->recordf(kKern, "close fd %d -> 0", fd);
+    return 0;
+}
+
+int AovDriver::ioctl(int fd, unsigned int request, void* arg) {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        ++stats_.requests;
+        if (fd < 0 || fd != event_fd_) {
+            ++stats_.failed_requests;
+            trace_->refusal(kKern, "ioctl 0x%08x on fd %d: not a descriptor of %s -> %d", request,
+                            fd, path_.c_str(), -EBADF);
+            return -EBADF;
+        }
+    }
+    const char* name = requestName(request);
+    if (name == nullptr) {
+        return fail(-ENOTTY, "ioctl 0x%08x (type 0x%02x, nr %u, %s, %u bytes): unknown request",
+                    request, _IOC_TYPE(request), _IOC_NR(request), directionOf(request),
+                    _IOC_SIZE(request));
+    }
+    // Copy the argument in, as many bytes as the code says.
+    const size_t size = _IOC_SIZE(request);
+    alignas(8) uint8_t record[kMaxRecordSize] = {};
+    if (size > 0) {
+        if (arg == nullptr) {
+            return fail(-EFAULT, "%s: null argument", headerOf(name, request).c_str());
+        }
+        std::memcpy(record, arg, size);
+    }
+
+    int result = 0;
+    switch (request) {
+        case AOV_IOC_START: {
+            std::lock_guard<std::mutex> control(control_mutex_);
+            result = start(record);
+            break;
+        }
+        case AOV_IOC_STOP: {
+            std::lock_guard<std::mutex> control(control_mutex_);
+            result = stop(true);
+            break;
+        }
+        case AOV_IOC_DEQUEUE_EVENT:
+            result = dequeue(record);
+            break;
+        case AOV_IOC_SENSOR_ON:
+        case AOV_IOC_SENSOR_OFF:
+            result = sensorList(request, record);
+            break;
+        case AOV_IOC_ULPOSC3_ON:
+        case AOV_IOC_ULPOSC3_OFF: {
+            std::lock_guard<std::mutex> guard(mutex_);
+            ulposc3_on_ = request == AOV_IOC_ULPOSC3_ON;
+            trace_->recordf(kKern, "%s -> 0", headerOf(name, request).c_str());
+            break;
+        }
+    }
+    // Copy the result out for requests that return data.
+    if (result >= 0 && (_IOC_DIR(request) & _IOC_READ) != 0) {
+        std::memcpy(arg, record, size);
+    }
+    return result;
+}
+
+int AovDriver::start(const uint8_t* record) {
+    Session session;
+    session.sensor_id = wordAt(record, kStartSensorIdOffset);
+    session.scenario = wordAt(record, kStartScenarioOffset);
+    session.frame_rate = wordAt(record, kStartFrameRateOffset);
+    session.aov_mode = wordAt(record, kStartAovModeOffset);
+    std::memcpy(session.frame_info, record + 0x24, 8);
+    std::memcpy(session.frame_info + 2, record + 0x30, 8);
+    const std::string decoded = format(
+        "%s sensor_id=%d scenario=%d orientation=%d face=%d mode_head=[%u, %u, %u, %u] "
+        "frame_info=[%u, %u, %u, %u] frame_rate=%d frame_info_sel=%d aov_mode=%d sensor_idx=%d",
+        headerOf("START", AOV_IOC_START).c_str(), session.sensor_id, session.scenario,
+        wordAt(record, 0x0C), wordAt(record, 0x10), wordAt(record, 0x14), wordAt(record, 0x18),
+        wordAt(record, 0x1C), wordAt(record, 0x20), session.frame_info[0], session.frame_info[1],
+        session.frame_info[2], session.frame_info[3], session.frame_rate, wordAt(record, 0x40),
+        session.aov_mode, wordAt(record, kStartSensorIdxOffset));
+
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        if (started_) {
+            ++stats_.failed_requests;
+            trace_->refusal(kKern, "%s: a session is already running -> %d", decoded.c_str(),
+                            -EBUSY);
+            return -EBUSY;
+        }
+    }
+    if (faults_.start_error != 0) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        ++stats_.failed_requests;
+        trace_->recordf(kKern, "%s -> %d (injected failure)", decoded.c_str(), faults_.start_error);
+        return faults_.start_error;
+    }
+    if (session.frame_rate < kMinFrameRate || session.frame_rate > kMaxFrameRate) {
+        return fail(-EINVAL, "%s: frame rate outside %d..%d", decoded.c_str(), kMinFrameRate,
+                    kMaxFrameRate);
+    }
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        started_ = true;
+        session_ = session;
+        sequence_ = 0;
+        pending_.clear();
+        trace_->recordf(kKern, "%s -> 0", decoded.c_str());
+    }
+    if (params_.timer) {
+        startTimer(session.frame_rate);
+    }
+    return 0;
+}
+
+int AovDriver::stop(bool byRequest) {
+    uint64_t discarded = 0;
+    bool wasStarted = false;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        wasStarted = started_;
+        started_ = false;
+        discarded = pending_.size();
+        stats_.discarded_at_stop += discarded;
+        pending_.clear();
+        unsignalLocked();
+    }
+    stopTimer();
+    const std::string what = byRequest ? headerOf("STOP", AOV_IOC_STOP) : "release";
+    if (wasStarted) {
+        trace_->recordf(kKern, "%s -> 0 (session ended, %llu pending events discarded)",
+                        what.c_str(), static_cast<unsigned long long>(discarded));
+    } else if (byRequest) {
+        trace_->recordf(kKern, "%s -> 0 (no session)", what.c_str());
+    }
+    return 0;
+}
+
+int AovDriver::sensorList(unsigned int request, const uint8_t* record) {
+    aov_sensor_list list;
+    std::memcpy(&list, record, sizeof(list));
+    const char* name = requestName(request);
+    uint32_t call;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        call = ++sensor_list_calls_;
+    }
+    if (list.count < 1 || list.count > static_cast<uint32_t>(kMaxSensorsPerRequest)) {
+        return fail(-EINVAL, "%s count=%u: count outside 1..%d", headerOf(name, request).c_str(),
+                    list.count, kMaxSensorsPerRequest);
+    }
+    std::string ids;
+    for (uint32_t i = 0; i < list.count; ++i) {
+        ids += format(i == 0 ? "%d" : ", %d", list.sensor_ids[i]);
+    }
+    const std::string decoded =
+        format("%s count=%u ids=[%s]", headerOf(name, request).c_str(), list.count, ids.c_str());
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (faults_.sensor_list_calls.count(call)) {
+        ++stats_.failed_requests;
+        trace_->recordf(kKern, "%s -> %d (injected failure of sensor-list request %u)",
+                        decoded.c_str(), faults_.sensor_list_error, call);
+        return faults_.sensor_list_error;
+    }
+    for (uint32_t i = 0; i < list.count; ++i) {
+        if (request == AOV_IOC_SENSOR_ON) {
+            sensors_on_.insert(list.sensor_ids[i]);
+        } else {
+            sensors_on_.erase(list.sensor_ids[i]);
+        }
+    }
+    trace_->recordf(kKern, "%s -> 0", decoded.c_str());
+    return 0;
+}
+
+int AovDriver::dequeue(uint8_t* record) {
+    aov_event_query query;
+    std::memcpy(&query, record, sizeof(query));
+    const std::string head = headerOf("DEQUEUE_EVENT", AOV_IOC_DEQUEUE_EVENT);
+
+    std::lock_guard<std::mutex> guard(mutex_);
+    const uint32_t call = ++dequeue_calls_;
+    if (!started_) {
+        ++stats_.failed_requests;
+        trace_->refusal(kKern, "%s: no session started -> %d", head.c_str(), -EINVAL);
+        return -EINVAL;
+    }
+    if (faults_.dequeue_calls.count(call)) {
+        ++stats_.failed_requests;
+        // The frame is gone, as when the driver fails to copy it out.
+        if (!pending_.empty()) {
+            const uint32_t lost = pending_.front().sequence;
+            pending_.pop_front();
+            ++stats_.lost_on_failure;
+            if (pending_.empty()) {
+                unsignalLocked();
+            }
+            trace_->recordf(kKern, "%s -> %d (injected failure of dequeue %u, event %u lost)",
+                            head.c_str(), faults_.dequeue_error, call, lost);
+        } else {
+            trace_->recordf(kKern, "%s -> %d (injected failure of dequeue %u)", head.c_str(),
+                            faults_.dequeue_error, call);
+        }
+        return faults_.dequeue_error;
+    }
+    if (pending_.empty()) {
+        ++stats_.failed_requests;
+        trace_->recordf(kKern, "%s -> %d (no event pending)", head.c_str(), -EAGAIN);
+        return -EAGAIN;
+    }
+
+    const Pending event = pending_.front();
+    const bool content = event.sequence % params_.content_every == 0;
+    const bool full = content && session_.aov_mode == kFullContentMode;
+    const int sections = full ? kSectionCount : content ? kBasicSectionCount : 0;
+    void** slots[kSectionCount];
+    areaSlotsOf(query, slots);
+    for (int s = 0; s < sections; ++s) {
+        if (*slots[s] == nullptr) {
+            ++stats_.failed_requests;
+            trace_->refusal(kKern, "%s: no address for section %d -> %d", head.c_str(), s + 1,
+                            -EFAULT);
+            return -EFAULT;
+        }
+    }
+    pending_.pop_front();
+    if (pending_.empty()) {
+        unsignalLocked();
+    }
+
+    const uint32_t seq = event.sequence;
+    const auto rate = static_cast<uint32_t>(session_.frame_rate);
+    query.header[0] = seq;
+    query.header[1] = static_cast<uint32_t>(session_.sensor_id);
+    query.header[2] = static_cast<uint32_t>(static_cast<uint64_t>(seq) * 1000u / rate);
+    query.header[3] = static_cast<uint32_t>(session_.scenario);
+    query.header[4] = static_cast<uint32_t>(stats_.overruns);
+    query.header[5] = content ? 1u : 0u;
+    for (int s = 0; s < sections; ++s) {
+        writeSectionContent(*slots[s], kSectionSize[s], seq, static_cast<uint32_t>(s + 1));
+    }
+    if (content) {
+        query.s1_info = kSectionSize[0];
+        query.s2_info = kSectionSize[1];
+        query.s3_info = kSectionSize[2];
+        const uint32_t s4[4] = {kSectionSize[3], session_.frame_info[0], session_.frame_info[1],
+                                seq};
+        const uint32_t s5[4] = {kSectionSize[4], session_.frame_info[2], session_.frame_info[3],
+                                seq};
+        std::memcpy(query.s4_info, s4, sizeof(s4));
+        std::memcpy(query.s5_info, s5, sizeof(s5));
+    }
+    if (full) {
+        const uint32_t s6[5] = {kSectionSize[5], seq, static_cast<uint32_t>(session_.sensor_id),
+                                static_cast<uint32_t>(session_.scenario), rate};
+        std::memcpy(query.s6_info, s6, sizeof(s6));
+        query.s7_info = kSectionSize[6];
+        query.s8_info = kSectionSize[7];
+        query.s9_info = kSectionSize[8];
+        query.s10_info = kSectionSize[9];
+    }
+    std::memcpy(record, &query, sizeof(query));
+
+    ++stats_.dequeued;
+    last_.sequence = seq;
+    last_.produced_at = event.produced_at;
+    trace_->recordf(kKern, "%s -> 0 header=[%u, %u, %u, %u, %u, %u] sections written %d",
+                    head.c_str(), query.header[0], query.header[1], query.header[2],
+                    query.header[3], query.header[4], query.header[5], sections);
+    return 0;
+}
+
+void AovDriver::produceEvent() {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (!started_) {
+        return;
+    }
+    const uint32_t seq = ++sequence_;
+    if (pending_.size() >= params_.queue_depth) {
+        const uint32_t lost = pending_.front().sequence;
+        pending_.pop_front();
+        ++stats_.overruns;
+        trace_->recordf(kKern, "event %u overwrites event %u (queue of %u full)", seq, lost,
+                        params_.queue_depth);
+    }
+    pending_.push_back(Pending{seq, std::chrono::steady_clock::now()});
+    ++stats_.produced;
+    signalLocked();
+}
+
+void AovDriver::signalLocked() {
+    // The counter only ever moves between 0 and 1: readable iff something is pending.
+    if (pending_.size() == 1 && event_fd_ >= 0) {
+        const uint64_t one = 1;
+        if (::write(event_fd_, &one, sizeof(one)) != sizeof(one)) {
+            fatal("cannot signal the event descriptor");
+        }
+    }
+}
+
+void AovDriver::unsignalLocked() {
+    if (event_fd_ >= 0) {
+        uint64_t value;
+        // EAGAIN when it was not signalled: nothing to clear.
+        (void)!::read(event_fd_, &value, sizeof(value));
+    }
+}
+
+void AovDriver::startTimer(int32_t frameRate) {
+    const long periodNs = 1000000000L / frameRate;
+    itimerspec period{};
+    period.it_interval.tv_sec = periodNs / 1000000000L;
+    period.it_interval.tv_nsec = periodNs % 1000000000L;
+    period.it_value = period.it_interval;
+    if (::timerfd_settime(timer_fd_, 0, &period, nullptr) != 0) {
+        fatal("cannot arm the frame timer");
+    }
+    timer_thread_ = std::thread(&AovDriver::timerLoop, this);
+}
+
+void AovDriver::stopTimer() {
+    if (!timer_thread_.joinable()) {
+        return;
+    }
+    const uint64_t one = 1;
+    if (::write(timer_stop_fd_, &one, sizeof(one)) != sizeof(one)) {
+        fatal("cannot stop the frame timer");
+    }
+    timer_thread_.join();
+    uint64_t value;
+    (void)!::read(timer_stop_fd_, &value, sizeof(value));
+    const itimerspec disarm{};
+    ::timerfd_settime(timer_fd_, 0, &disarm, nullptr);
+    (void)!::read(timer_fd_, &value, sizeof(value));
+}
+
+void AovDriver::timerLoop() {
+    for (;;) {
+        pollfd fds[2] = {{timer_fd_, POLLIN, 0}, {timer_stop_fd_, POLLIN, 0}};
+        if (::poll(fds, 2, -1) < 0) {
+            if (errno == EINTR) {
+                continue;
+            }
+            fatal("frame timer poll failed");
+        }
+        if (fds[1].revents != 0) {
+            return;
+        }
+        uint64_t ticks = 0;
+        if ((fds[0].revents & POLLIN) != 0 &&
+            ::read(timer_fd_, &ticks, sizeof(ticks)) == sizeof(ticks)) {
+            for (uint64_t i = 0; i < ticks; ++i) {
+                produceEvent();
+            }
+        }
+    }
+}
+
+DriverStats AovDriver::stats() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return stats_;
+}
+
+DequeueMark AovDriver::lastDequeue() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return last_;
+}
+
+bool AovDriver::started() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    return started_;
+}
+
+}  // namespace aovsim

@@ -1,0 +1,239 @@
+// End-to-end runs of the aov-sim command: the library, the simulated
+// platform and driver, and the command's own handling of bad input. Each run
+// is a real process; its output is read until it exits.
+
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+struct RunResult {
+    int exit_code = -1;
+    std::string output;  // standard output and error, interleaved
+
+    bool has(const std::string& text) const { return output.find(text) != std::string::npos; }
+    size_t at(const std::string& text) const { return output.find(text); }
+    size_t count(const std::string& text) const {
+        size_t n = 0;
+        for (size_t pos = output.find(text); pos != std::string::npos;
+             pos = output.find(text, pos + 1)) {
+            ++n;
+        }
+        return n;
+    }
+};
+
+RunResult runAovSim(std::vector<std::string> args) {
+    args.insert(args.begin(), AOV_SIM_PATH);
+    std::vector<char*> argv;
+    for (std::string& arg : args) {
+        argv.push_back(arg.data());
+    }
+    argv.push_back(nullptr);
+
+    int pipeFds[2];
+    RunResult run;
+    if (::pipe(pipeFds) != 0) {
+        ADD_FAILURE() << "pipe failed";
+        return run;
+    }
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 1);
+    posix_spawn_file_actions_adddup2(&actions, pipeFds[1], 2);
+    posix_spawn_file_actions_addclose(&actions, pipeFds[0]);
+    pid_t pid = -1;
+    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(pipeFds[1]);
+    if (spawned != 0) {
+        ::close(pipeFds[0]);
+        ADD_FAILURE() << "cannot run " << argv[0];
+        return run;
+    }
+    char buffer[4096];
+    ssize_t got;
+    while ((got = ::read(pipeFds[0], buffer, sizeof(buffer))) > 0) {
+        run.output.append(buffer, static_cast<size_t>(got));
+    }
+    ::close(pipeFds[0]);
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    return run;
+}
+
+// Writes a scenario file for one test and returns its path.
+std::string scenarioFile(const std::string& name, const std::string& text) {
+    const std::string path = ::testing::TempDir() + "aovsim_" + name + ".json";
+    std::ofstream(path) << text;
+    return path;
+}
+
+// One 10 fps sensor, with the given "failures" object.
+std::string tenFpsScenario(const std::string& failures) {
+    return R"({"name": "ten-fps", "sensors": [{"id": 0, "device": 1, "orientation": 90,
+               "scenarios": [{"index": 2, "width": 320, "height": 240, "rate": 100,
+                              "type": 2, "bit": 8}]}],
+             "failures": {)" +
+           failures + "}}";
+}
+
+// The platform is back to nothing once the session is over, and the
+// services' destructors ran at exit without hanging.
+void expectCleanShutdown(const RunResult& run) {
+    EXPECT_TRUE(
+        run.has("platform after stop: 0 sensors powered, 0 on ULPOSC, 0 devices open, "
+                "0 agents, 0 pipes (0 streaming)"))
+        << run.output;
+    EXPECT_GT(run.at("[kern] close fd"), run.at("aov-sim: exit")) << run.output;
+    EXPECT_GT(run.at("[plat] uninit() -> 0"), run.at("aov-sim: exit")) << run.output;
+}
+
+TEST(AovSimE2ETest, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
+    const RunResult run = runAovSim({"--events", "3", "--trace"});
+    ASSERT_EQ(run.exit_code, 0) << run.output;
+
+    // The library completed the record from the catalogue and sent it unchanged.
+    EXPECT_TRUE(run.has("chosen: sensor 0, 320x240 at 10 fps")) << run.output;
+    EXPECT_TRUE(
+        run.has("user_param: sensor_id 0 scenario 4 orientation 90 face 0 "
+                "mode_head [2, 8, 0, 0]"))
+        << run.output;
+    EXPECT_TRUE(
+        run.has("START (0x40c84800, W, 200 bytes) sensor_id=0 scenario=4 orientation=90 "
+                "face=0 mode_head=[2, 8, 0, 0] frame_info=[320, 240, 160, 120] "
+                "frame_rate=10"))
+        << run.output;
+
+    // Every event reached the callback with its words and its data in place.
+    const size_t events = run.count("[evt ] #");
+    EXPECT_GE(events, 3u);
+    EXPECT_EQ(run.count("content ok (5 sections)"), events) << run.output;
+    EXPECT_EQ(run.count("s1_info=32768 s4_info=[737312, 320, 240, "), events) << run.output;
+    EXPECT_TRUE(run.has("summary: events delivered " + std::to_string(events) + ",")) << run.output;
+    EXPECT_TRUE(run.has("library error lines 0, content mismatches 0")) << run.output;
+
+    // The library's own trace lines are shown with --trace.
+    EXPECT_TRUE(run.has("[startSensor] AOV sensor start(")) << run.output;
+
+    // Monitor detached before the sensor stops, the pipeline before the sensor's
+    // power, the sensor before the device.
+    const size_t detach = run.at("setMonitor(nullptr)");
+    const size_t stopPipe = run.at("[plat] stopPipe(1)");
+    const size_t powerOff = run.at("[plat] powerOffSensor(AOV");
+    const size_t stop = run.at("[kern] STOP");
+    EXPECT_LT(run.at("[evt ] #3"), detach);
+    EXPECT_LT(detach, stopPipe);
+    EXPECT_LT(stopPipe, powerOff);
+    EXPECT_LT(powerOff, stop);
+    EXPECT_NE(stop, std::string::npos);
+    EXPECT_FALSE(run.has("REFUSED")) << run.output;
+    expectCleanShutdown(run);
+}
+
+TEST(AovSimE2ETest, InjectedDriverFailuresGiveTheLibraryErrorsAndTheSessionGoesOn) {
+    std::string ids;
+    for (int i = 1; i <= 70; ++i) {
+        ids += (i > 1 ? "," : "") + std::to_string(i);
+    }
+    const std::string path =
+        scenarioFile("driver_failures", tenFpsScenario(R"("dequeue": [2], "sensor_list": [2])"));
+    const RunResult run = runAovSim({"--scenario", path, "--events", "3", "--notify-ids", ids});
+    ASSERT_EQ(run.exit_code, 0) << run.output;
+
+    EXPECT_TRUE(run.has("ERROR: failed to query evice event: -5")) << run.output;
+    EXPECT_TRUE(run.has("ERROR: failed to query event: -5")) << run.output;
+    EXPECT_TRUE(run.has("lost to failed dequeues 1")) << run.output;
+    // 70 ids go out as 64 + 6; the second request fails, the stop sequence still runs.
+    EXPECT_TRUE(
+        run.has("SENSOR_ON (0x41044801, W, 260 bytes) count=6 ids=[65, 66, 67, 68, 69, 70] "
+                "-> -5"))
+        << run.output;
+    EXPECT_TRUE(run.has("ERROR: failed to notify sensor: -5")) << run.output;
+    EXPECT_TRUE(run.has("notifySensor(70 ids, true) -> -5")) << run.output;
+    EXPECT_GE(run.count("[evt ] #"), 3u);
+    EXPECT_TRUE(run.has("stopDevice() -> 0")) << run.output;
+    EXPECT_FALSE(run.has("REFUSED")) << run.output;
+    expectCleanShutdown(run);
+}
+
+TEST(AovSimE2ETest, StartFailuresAreReportedAndUnwound) {
+    struct Case {
+        const char* failure;
+        const char* library_error;
+        // What the platform refuses of the library's unwinding, if anything.
+        const char* refusal;
+    };
+    const Case cases[] = {
+        {R"("pipeline": "no_agent")", "ERROR: failed to getAgent", "REFUSED getAgent(0)"},
+        {R"("pipeline": "config_sensor")", "ERROR: failed to get configSensor, cam_id(0)",
+         "REFUSED detachSensor(0): the sensor was never configured"},
+        {R"("pipeline": "config_p1")", "ERROR: failed to get configNonLaggingP1Drv", ""},
+        {R"("pipeline": "create_pipe")", "ERROR: failed to create sensor pipe", ""},
+        {R"("pipeline": "start_pipe")", "ERROR: failed to start sensor pipe(-5)", ""},
+        {R"("start": -16)", "ERROR: failed to set sensor info: -16", ""},
+    };
+    int n = 0;
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.failure);
+        const std::string path =
+            scenarioFile("start_failure_" + std::to_string(n++), tenFpsScenario(c.failure));
+        const RunResult run = runAovSim({"--scenario", path, "--events", "2"});
+        EXPECT_EQ(run.exit_code, 1) << run.output;
+        EXPECT_TRUE(run.has(c.library_error)) << run.output;
+        EXPECT_TRUE(run.has("aov-sim: failed: start")) << run.output;
+        EXPECT_FALSE(run.has("[evt ]")) << run.output;
+        EXPECT_EQ(run.count("REFUSED"), *c.refusal ? 1u : 0u) << run.output;
+        EXPECT_TRUE(run.has(c.refusal)) << run.output;
+        expectCleanShutdown(run);
+    }
+}
+
+TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
+    struct Case {
+        const char* what;
+        std::vector<std::string> args;
+        const char* message;
+    };
+    const std::string malformed = scenarioFile("malformed", R"({"sensors": [ {"id": 0,)");
+    const std::string duplicate =
+        scenarioFile("duplicate", R"({"sensors": [{"id": 3, "device": 1, "scenarios": []},
+                                     {"id": 3, "device": 2, "scenarios": []}]})");
+    const std::string mistyped = scenarioFile("mistyped", R"({"sensors": [{"id": 0, "device": 1,
+                                     "scenarios": [{"width": "wide", "height": 1, "rate": 10}]}]})");
+    const Case cases[] = {
+        {"malformed file", {"--scenario", malformed}, "is not valid JSON: parse error at line 1"},
+        {"missing file",
+         {"--scenario", ::testing::TempDir() + "aovsim_absent.json"},
+         "cannot read scenario file"},
+        {"inconsistent file",
+         {"--scenario", duplicate},
+         "sensors[1] (id 3): sensor id is used twice"},
+        {"wrong type",
+         {"--scenario", mistyped},
+         "sensors[0].scenarios[0].width: expected an integer"},
+        {"unknown sensor", {"--sensor", "9"}, "unknown sensor 9; AOV-capable sensors: 0, 1"},
+        {"size the catalogue lacks", {"--size", "100x100"}, "sensor 0 has no 100x100 mode"},
+        {"rate the catalogue lacks", {"--fps", "7"}, "sensor 0 at 320x240 has no 7 fps mode"},
+        {"unknown option", {"--frobnicate"}, "--frobnicate"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        const RunResult run = runAovSim(c.args);
+        EXPECT_EQ(run.exit_code, 2) << run.output;
+        EXPECT_EQ(run.count("aov-sim: error: "), 1u) << run.output;
+        EXPECT_TRUE(run.has(c.message)) << run.output;
+        EXPECT_FALSE(run.has("[kern] START")) << run.output;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,289 @@
+// The emulated AOV driver: its request state machine, the readiness of its
+// descriptor, and what a dequeue writes. Events are produced by hand
+// (no frame timer) except in the one test of the timer itself.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "aov_event.h"
+#include "aovsim/EventContent.h"
+#include "aovsim/KernelAbi.h"
+#include "aovsim/SimDriver.h"
+
+namespace {
+
+using namespace aovsim;
+using namespace aovsim::kabi;
+
+struct StartRecord {
+    uint8_t bytes[kStartRecordSize] = {};
+    StartRecord(int32_t sensorId, int32_t frameRate, int32_t aovMode = 0) {
+        put(kStartSensorIdOffset, sensorId);
+        put(kStartScenarioOffset, 7);
+        put(kStartFrameRateOffset, frameRate);
+        put(kStartAovModeOffset, aovMode);
+        put(0x24, 320);
+        put(0x28, 240);
+        put(0x30, 160);
+        put(0x34, 120);
+    }
+    void put(size_t offset, int32_t value) { std::memcpy(bytes + offset, &value, 4); }
+};
+
+// An event buffer laid out as the library's, with every byte preset.
+struct EventBuffer {
+    std::vector<uint8_t> bytes = std::vector<uint8_t>(kEventBufferSize, 0xEE);
+    aov_event* event() { return reinterpret_cast<aov_event*>(bytes.data()); }
+    aov_event_query query() {
+        aov_event_query q;
+        std::memset(&q, 0, sizeof(q));
+        aov_event* e = event();
+        q.s1_addr = e->s1_data;
+        q.s2_addr = e->s2_data;
+        q.s3_addr = e->s3_data;
+        q.s4_addr = e->s4_data;
+        q.s5_addr = e->s5_data;
+        q.s6_addr = e->s6_data;
+        q.s7_addr = e->s7_data;
+        q.s8_addr = e->s8_data;
+        q.s9_addr = e->s9_data;
+        q.s10_addr = e->s10_data;
+        return q;
+    }
+};
+
+bool untouched(const void* area, size_t size) {
+    const auto* bytes = static_cast<const uint8_t*>(area);
+    for (size_t i = 0; i < size; ++i) {
+        if (bytes[i] != 0xEE) {
+            return false;
+        }
+    }
+    return true;
+}
+
+class SimDriverTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        params_.timer = false;
+        makeDriver();
+    }
+
+    void makeDriver() {
+        trace_ = std::make_shared<Trace>();
+        trace_->setSink([this](TraceSource, const std::string& line) { lines_.push_back(line); });
+        driver_.reset();
+        driver_ = std::make_unique<AovDriver>("/dev/kelo_aov", params_, faults_, trace_);
+        fd_ = driver_->open(O_RDWR);
+        ASSERT_GE(fd_, 0);
+    }
+
+    int start(int32_t frameRate = 10, int32_t aovMode = 0) {
+        StartRecord record(3, frameRate, aovMode);
+        return driver_->ioctl(fd_, AOV_IOC_START, record.bytes);
+    }
+    int dequeue(aov_event_query* query) {
+        return driver_->ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, query);
+    }
+    int dequeueOnce(uint32_t* sequence = nullptr) {
+        aov_event_query query = buffer_.query();
+        const int result = dequeue(&query);
+        if (sequence) {
+            *sequence = query.header[0];
+        }
+        return result;
+    }
+    int sensorList(unsigned int code, uint32_t count) {
+        aov_sensor_list list{};
+        list.count = count;
+        return driver_->ioctl(fd_, code, &list);
+    }
+    bool readable() {
+        pollfd p{fd_, POLLIN, 0};
+        return ::poll(&p, 1, 0) == 1;
+    }
+
+    DriverConfig params_;
+    FaultConfig faults_;
+    std::shared_ptr<Trace> trace_;
+    std::vector<std::string> lines_;
+    std::unique_ptr<AovDriver> driver_;
+    EventBuffer buffer_;
+    int fd_ = -1;
+};
+
+TEST_F(SimDriverTest, RefusesRequestsThatDoNotFitTheSessionState) {
+    StartRecord record(0, 10);
+    struct Case {
+        const char* what;
+        bool started;
+        unsigned int code;
+        void* arg;
+        int expected;
+    };
+    uint8_t big[216] = {};
+    aov_sensor_list list{};
+    const Case cases[] = {
+        {"dequeue before start", false, AOV_IOC_DEQUEUE_EVENT, big, -EINVAL},
+        {"second start", true, AOV_IOC_START, record.bytes, -EBUSY},
+        {"unused request number", false, _IO('H', 5), nullptr, -ENOTTY},
+        {"start with another size", false, _IOW('H', 0, uint8_t[208]), big, -ENOTTY},
+        {"start without argument", false, AOV_IOC_START, nullptr, -EFAULT},
+        {"sensor list with count 0", true, AOV_IOC_SENSOR_ON, &list, -EINVAL},
+        {"dequeue with nothing pending", true, AOV_IOC_DEQUEUE_EVENT, big, -EAGAIN},
+        {"stop without a session", false, AOV_IOC_STOP, nullptr, 0},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        makeDriver();
+        if (c.started) {
+            ASSERT_EQ(start(), 0);
+        }
+        EXPECT_EQ(driver_->ioctl(fd_, c.code, c.arg), c.expected);
+        EXPECT_EQ(driver_->stats().failed_requests, c.expected < 0 ? 1u : 0u);
+    }
+    EXPECT_EQ(sensorList(AOV_IOC_SENSOR_OFF, 65), -EINVAL);
+    EXPECT_EQ(driver_->ioctl(fd_ + 100, AOV_IOC_STOP, nullptr), -EBADF);
+    EXPECT_EQ(driver_->open(O_RDWR), -EBUSY);
+    makeDriver();
+    EXPECT_EQ(start(0), -EINVAL);
+    EXPECT_FALSE(driver_->started());
+}
+
+TEST_F(SimDriverTest, DescriptorIsReadableExactlyWhileEventsArePending) {
+    driver_->produceEvent();  // ignored without a session
+    ASSERT_EQ(start(), 0);
+    EXPECT_FALSE(readable());
+    driver_->produceEvent();
+    driver_->produceEvent();
+    EXPECT_TRUE(readable());
+    uint32_t seq = 0;
+    ASSERT_EQ(dequeueOnce(&seq), 0);
+    EXPECT_EQ(seq, 1u);
+    EXPECT_TRUE(readable());
+    ASSERT_EQ(dequeueOnce(&seq), 0);
+    EXPECT_EQ(seq, 2u);
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(dequeueOnce(), -EAGAIN);
+    EXPECT_EQ(driver_->lastDequeue().sequence, 2u);
+}
+
+TEST_F(SimDriverTest, DequeueWritesWordsAndAreasWithinTheirBounds) {
+    for (int32_t mode : {0, kFullContentMode}) {
+        SCOPED_TRACE(mode);
+        makeDriver();
+        buffer_ = EventBuffer();
+        ASSERT_EQ(start(10, mode), 0);
+        driver_->produceEvent();
+        aov_event_query query = buffer_.query();
+        ASSERT_EQ(dequeue(&query), 0);
+
+        const uint32_t header[6] = {1, 3, 100, 7, 0, 1};
+        EXPECT_EQ(0, std::memcmp(query.header, header, sizeof(header)));
+        const uint32_t s4[4] = {kSectionSize[3], 320, 240, 1};
+        EXPECT_EQ(0, std::memcmp(query.s4_info, s4, sizeof(s4)));
+        EXPECT_EQ(query.s6_info[0], mode == kFullContentMode ? kSectionSize[5] : 0u);
+        EXPECT_EQ(query.s1_addr, buffer_.event()->s1_data);  // addresses come back unchanged
+
+        const uint8_t* areas[kSectionCount] = {buffer_.event()->s1_data, buffer_.event()->s2_data,
+                                               buffer_.event()->s3_data, buffer_.event()->s4_data,
+                                               buffer_.event()->s5_data, buffer_.event()->s6_data,
+                                               buffer_.event()->s7_data, buffer_.event()->s8_data,
+                                               buffer_.event()->s9_data, buffer_.event()->s10_data};
+        const int written = mode == kFullContentMode ? kSectionCount : kBasicSectionCount;
+        for (int s = 0; s < kSectionCount; ++s) {
+            EXPECT_EQ(sectionContentMatches(areas[s], kSectionSize[s], 1, s + 1), s < written)
+                << "section " << s + 1;
+            if (s >= written) {
+                EXPECT_TRUE(untouched(areas[s], kSectionSize[s])) << "section " << s + 1;
+            }
+        }
+        // The word slots sit right behind each area: writing past an area would hit them.
+        const aov_event* e = buffer_.event();
+        const std::pair<const void*, size_t> slots[] = {
+            {&e->word0, 4},   {e->header, 24},  {&e->s1_info, 4}, {&e->s2_info, 4},
+            {&e->s3_info, 4}, {e->s4_info, 16}, {e->s5_info, 16}, {e->s6_info, 20},
+            {&e->s7_info, 4}, {&e->s8_info, 4}, {&e->s9_info, 4}, {&e->s10_info, 4}};
+        for (const auto& slot : slots) {
+            EXPECT_TRUE(untouched(slot.first, slot.second));
+        }
+    }
+}
+
+TEST_F(SimDriverTest, FullQueueOverwritesTheOldestEvent) {
+    params_.queue_depth = 2;
+    makeDriver();
+    ASSERT_EQ(start(), 0);
+    for (int i = 0; i < 3; ++i) {
+        driver_->produceEvent();
+    }
+    aov_event_query query = buffer_.query();
+    ASSERT_EQ(dequeue(&query), 0);
+    EXPECT_EQ(query.header[0], 2u);
+    EXPECT_EQ(query.header[4], 1u);  // overruns so far
+    EXPECT_EQ(driver_->stats().overruns, 1u);
+}
+
+TEST_F(SimDriverTest, InjectedFailuresHitTheChosenRequests) {
+    faults_.dequeue_calls = {2};
+    faults_.sensor_list_calls = {2};
+    makeDriver();
+    ASSERT_EQ(start(), 0);
+    driver_->produceEvent();
+    driver_->produceEvent();
+    uint32_t seq = 0;
+    EXPECT_EQ(dequeueOnce(&seq), 0);
+    EXPECT_EQ(dequeueOnce(), faults_.dequeue_error);
+    // The failed dequeue lost its event.
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(driver_->stats().lost_on_failure, 1u);
+    EXPECT_EQ(sensorList(AOV_IOC_SENSOR_ON, 1), 0);
+    EXPECT_EQ(sensorList(AOV_IOC_SENSOR_ON, 1), faults_.sensor_list_error);
+    EXPECT_EQ(sensorList(AOV_IOC_SENSOR_OFF, 1), 0);
+
+    faults_ = FaultConfig();
+    faults_.start_error = -EBUSY;
+    makeDriver();
+    EXPECT_EQ(start(), -EBUSY);
+    EXPECT_FALSE(driver_->started());
+    EXPECT_EQ(dequeueOnce(), -EINVAL);
+}
+
+TEST_F(SimDriverTest, StopAndCloseEndTheSessionAndDiscardPendingEvents) {
+    ASSERT_EQ(start(), 0);
+    driver_->produceEvent();
+    driver_->produceEvent();
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(driver_->stats().discarded_at_stop, 2u);
+    EXPECT_EQ(dequeueOnce(), -EINVAL);
+
+    ASSERT_EQ(start(), 0);  // a new session after a stop
+    driver_->produceEvent();
+    EXPECT_EQ(driver_->close(fd_), 0);
+    EXPECT_FALSE(driver_->started());
+    EXPECT_EQ(driver_->close(fd_), -EBADF);
+    EXPECT_GE(driver_->open(O_RDWR), 0);  // exclusive again free
+}
+
+TEST_F(SimDriverTest, FrameTimerQueuesEventsAtTheSessionRate) {
+    params_.timer = true;
+    makeDriver();
+    ASSERT_EQ(start(30), 0);
+    pollfd p{fd_, POLLIN, 0};
+    ASSERT_EQ(::poll(&p, 1, 10000), 1) << "no event from the frame timer";
+    uint32_t seq = 0;
+    EXPECT_EQ(dequeueOnce(&seq), 0);
+    EXPECT_EQ(seq, 1u);
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
+}
+
+}  // namespace

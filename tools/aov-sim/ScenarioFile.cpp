@@ -1,0 +1,314 @@
+// Scenario files. The JSON library reports through exceptions, so this file
+// is built with them; nothing thrown leaves the two entry points.
+
+#include "ScenarioFile.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <initializer_list>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+
+namespace aovsimtool {
+
+namespace {
+
+using aovsim::PipelineFault;
+using nlohmann::json;
+
+// Three sensors: a rear sensor with sensing modes inside and outside the
+// always-on limits, a front sensor, and one that only has a viewing mode.
+constexpr char kDefaultScenario[] = R"({
+  "name": "default",
+  "sensors": [
+    {
+      "id": 0, "device": 1, "facing": 0, "orientation": 90,
+      "scenarios": [
+        {"index": 0, "width": 4000, "height": 3000, "rate": 300, "ae": 0, "type": 0, "bit": 10},
+        {"index": 1, "width": 1920, "height": 1080, "rate": 300, "ae": 0, "type": 0, "bit": 10},
+        {"index": 2, "width": 640, "height": 480, "rate": 50, "ae": 0, "type": 1, "bit": 10},
+        {"index": 3, "width": 640, "height": 480, "rate": 100, "ae": 0, "type": 1, "bit": 10,
+         "mode_param": 2},
+        {"index": 4, "width": 320, "height": 240, "rate": 100, "ae": 0, "type": 2, "bit": 8},
+        {"index": 5, "width": 320, "height": 240, "rate": 100, "ae": 1, "type": 2, "bit": 8},
+        {"index": 6, "width": 320, "height": 240, "rate": 10, "ae": 0, "type": 2, "bit": 8}
+      ]
+    },
+    {
+      "id": 1, "device": 4, "facing": 1, "orientation": 270,
+      "scenarios": [
+        {"index": 0, "width": 1280, "height": 720, "rate": 100, "ae": 0, "type": 1, "bit": 10},
+        {"index": 1, "width": 1280, "height": 720, "rate": 50, "ae": 0, "type": 1, "bit": 10}
+      ]
+    },
+    {
+      "id": 2, "device": 2, "facing": 0, "orientation": 90,
+      "scenarios": [
+        {"index": 0, "width": 640, "height": 480, "rate": 100, "ae": 1, "type": 3, "bit": 8}
+      ]
+    }
+  ],
+  "custom": {"detect_mode": 1},
+  "driver": {"queue_depth": 4, "content_every": 1},
+  "failures": {}
+}
+)";
+
+class ScenarioError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+const char* typeOf(const json& value) {
+    if (value.is_number_integer()) {
+        return "an integer";
+    }
+    return value.type_name();
+}
+
+void checkObject(const json& value, const std::string& where,
+                 std::initializer_list<const char*> allowed) {
+    if (!value.is_object()) {
+        throw ScenarioError(where + ": expected an object, got " + typeOf(value));
+    }
+    for (const auto& item : value.items()) {
+        bool known = false;
+        for (const char* key : allowed) {
+            known = known || item.key() == key;
+        }
+        if (!known) {
+            throw ScenarioError(where + ": unknown key \"" + item.key() + "\"");
+        }
+    }
+}
+
+std::string at(const std::string& where, const char* key) {
+    return where.empty() ? std::string(key) : where + "." + key;
+}
+
+int64_t integerValue(const json& value, const std::string& where, int64_t min, int64_t max) {
+    if (!value.is_number_integer() ||
+        (value.is_number_unsigned() && value.get<uint64_t>() > static_cast<uint64_t>(max)) ||
+        (!value.is_number_unsigned() &&
+         (value.get<int64_t>() < min || value.get<int64_t>() > max))) {
+        std::ostringstream what;
+        what << where << ": expected an integer in " << min << ".." << max << ", got "
+             << value.dump();
+        throw ScenarioError(what.str());
+    }
+    return value.get<int64_t>();
+}
+
+template <class T>
+void readInteger(const json& object, const char* key, const std::string& where, T* out,
+                 bool required = false, int64_t max = std::numeric_limits<T>::max()) {
+    const auto it = object.find(key);
+    if (it == object.end()) {
+        if (required) {
+            throw ScenarioError(where + ": missing \"" + key + "\"");
+        }
+        return;
+    }
+    *out = static_cast<T>(integerValue(*it, at(where, key), std::numeric_limits<T>::min(), max));
+}
+
+void readBool(const json& object, const char* key, const std::string& where, bool* out) {
+    const auto it = object.find(key);
+    if (it == object.end()) {
+        return;
+    }
+    if (!it->is_boolean()) {
+        throw ScenarioError(at(where, key) + ": expected true or false, got " + it->dump());
+    }
+    *out = it->get<bool>();
+}
+
+template <class T>
+void readSet(const json& object, const char* key, const std::string& where, std::set<T>* out) {
+    const auto it = object.find(key);
+    if (it == object.end()) {
+        return;
+    }
+    const std::string here = at(where, key);
+    if (!it->is_array()) {
+        throw ScenarioError(here + ": expected an array of integers, got " + typeOf(*it));
+    }
+    for (size_t i = 0; i < it->size(); ++i) {
+        out->insert(static_cast<T>(integerValue((*it)[i], here + "[" + std::to_string(i) + "]",
+                                                std::numeric_limits<T>::min(),
+                                                std::numeric_limits<T>::max())));
+    }
+}
+
+const json& arrayAt(const json& object, const char* key, const std::string& where) {
+    const auto it = object.find(key);
+    if (it == object.end()) {
+        throw ScenarioError(where + ": missing \"" + key + "\"");
+    }
+    if (!it->is_array()) {
+        throw ScenarioError(at(where, key) + ": expected an array, got " + typeOf(*it));
+    }
+    return *it;
+}
+
+aovsim::ScenarioConfig readScenario(const json& value, size_t position, const std::string& where) {
+    checkObject(value, where,
+                {"index", "width", "height", "rate", "ae", "type", "bit", "mode_param"});
+    aovsim::ScenarioConfig s;
+    s.index = static_cast<int>(position);
+    readInteger(value, "index", where, &s.index);
+    // The platform's static info holds 16-bit sizes.
+    readInteger(value, "width", where, &s.width, true, 0xFFFF);
+    readInteger(value, "height", where, &s.height, true, 0xFFFF);
+    readInteger(value, "rate", where, &s.rate, true);
+    readInteger(value, "ae", where, &s.ae);
+    readInteger(value, "type", where, &s.type);
+    readInteger(value, "bit", where, &s.bit);
+    readInteger(value, "mode_param", where, &s.mode_param);
+    return s;
+}
+
+aovsim::SensorConfig readSensor(const json& value, const std::string& where) {
+    checkObject(value, where, {"id", "device", "facing", "orientation", "scenarios"});
+    aovsim::SensorConfig sensor;
+    readInteger(value, "id", where, &sensor.id, true);
+    readInteger(value, "device", where, &sensor.device, true);
+    readInteger(value, "facing", where, &sensor.facing);
+    readInteger(value, "orientation", where, &sensor.orientation);
+    const json& scenarios = arrayAt(value, "scenarios", where);
+    for (size_t i = 0; i < scenarios.size(); ++i) {
+        sensor.scenarios.push_back(
+            readScenario(scenarios[i], i, where + ".scenarios[" + std::to_string(i) + "]"));
+    }
+    return sensor;
+}
+
+PipelineFault pipelineFaultOf(const json& value, const std::string& where) {
+    static const PipelineFault kFaults[] = {
+        PipelineFault::kNone,     PipelineFault::kNoAgent,    PipelineFault::kConfigSensor,
+        PipelineFault::kConfigP1, PipelineFault::kCreatePipe, PipelineFault::kStartPipe};
+    std::string names;
+    for (PipelineFault fault : kFaults) {
+        if (value.is_string() && value.get<std::string>() == aovsim::pipelineFaultName(fault)) {
+            return fault;
+        }
+        names += names.empty() ? "" : ", ";
+        names += aovsim::pipelineFaultName(fault);
+    }
+    throw ScenarioError(where + ": expected one of " + names + ", got " + value.dump());
+}
+
+void readFailures(const json& value, const std::string& where, aovsim::FaultConfig* faults) {
+    checkObject(
+        value, where,
+        {"open_sensor", "switch_mclk", "power_on", "detect_mode", "frame_info", "pipeline",
+         "open_node", "start", "dequeue", "dequeue_error", "sensor_list", "sensor_list_error"});
+    readSet(value, "open_sensor", where, &faults->open_sensor);
+    readSet(value, "switch_mclk", where, &faults->switch_mclk);
+    readSet(value, "power_on", where, &faults->power_on);
+    readBool(value, "detect_mode", where, &faults->detect_mode);
+    readBool(value, "frame_info", where, &faults->frame_info);
+    if (value.contains("pipeline")) {
+        faults->pipeline = pipelineFaultOf(value["pipeline"], at(where, "pipeline"));
+    }
+    readBool(value, "open_node", where, &faults->open_node);
+    readInteger(value, "start", where, &faults->start_error);
+    readSet(value, "dequeue", where, &faults->dequeue_calls);
+    readInteger(value, "dequeue_error", where, &faults->dequeue_error);
+    readSet(value, "sensor_list", where, &faults->sensor_list_calls);
+    readInteger(value, "sensor_list_error", where, &faults->sensor_list_error);
+}
+
+void readScenarioDocument(const json& root, aovsim::SimConfig* config) {
+    checkObject(root, "top level", {"name", "sensors", "custom", "driver", "failures"});
+    if (root.contains("name")) {
+        if (!root["name"].is_string()) {
+            throw ScenarioError("name: expected a string, got " + root["name"].dump());
+        }
+        config->name = root["name"].get<std::string>();
+    }
+    const json& sensors = arrayAt(root, "sensors", "top level");
+    for (size_t i = 0; i < sensors.size(); ++i) {
+        config->sensors.push_back(readSensor(sensors[i], "sensors[" + std::to_string(i) + "]"));
+    }
+    if (root.contains("custom")) {
+        const json& custom = root["custom"];
+        checkObject(custom, "custom", {"detect_mode", "frame_info"});
+        readInteger(custom, "detect_mode", "custom", &config->custom.detect_mode);
+        if (custom.contains("frame_info")) {
+            const json& words = custom["frame_info"];
+            if (!words.is_array() || words.size() != 4) {
+                throw ScenarioError("custom.frame_info: expected an array of four integers, got " +
+                                    words.dump());
+            }
+            for (size_t i = 0; i < 4; ++i) {
+                config->custom.frame_info[i] = static_cast<uint32_t>(
+                    integerValue(words[i], "custom.frame_info[" + std::to_string(i) + "]", 0,
+                                 std::numeric_limits<uint32_t>::max()));
+            }
+            config->custom.frame_info_given = true;
+        }
+    }
+    if (root.contains("driver")) {
+        const json& driver = root["driver"];
+        checkObject(driver, "driver", {"queue_depth", "content_every"});
+        readInteger(driver, "queue_depth", "driver", &config->driver.queue_depth);
+        readInteger(driver, "content_every", "driver", &config->driver.content_every);
+    }
+    if (root.contains("failures")) {
+        readFailures(root["failures"], "failures", &config->faults);
+    }
+}
+
+}  // namespace
+
+const char* defaultScenarioText() {
+    return kDefaultScenario;
+}
+
+std::string parseScenario(const std::string& text, const std::string& origin,
+                          aovsim::SimConfig* config) {
+    aovsim::SimConfig parsed;
+    try {
+        const json root = json::parse(text);
+        readScenarioDocument(root, &parsed);
+    } catch (const json::parse_error& e) {
+        // The library's text names the byte and what it expected there.
+        std::string what = e.what();
+        const auto colon = what.find("parse error");
+        return "scenario " + origin +
+               " is not valid JSON: " + (colon == std::string::npos ? what : what.substr(colon));
+    } catch (const std::exception& e) {
+        return "scenario " + origin + ": " + e.what();
+    }
+    const std::string problem = aovsim::validate(parsed);
+    if (!problem.empty()) {
+        return "scenario " + origin + " is inconsistent: " + problem;
+    }
+    *config = std::move(parsed);
+    return std::string();
+}
+
+std::string loadScenarioFile(const std::string& path, aovsim::SimConfig* config) {
+    struct stat info;
+    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+        return "cannot read scenario file \"" + path + "\": it is a directory";
+    }
+    std::ifstream in(path, std::ios::binary);
+    if (!in) {
+        return "cannot read scenario file \"" + path + "\": " + std::strerror(errno);
+    }
+    std::ostringstream text;
+    text << in.rdbuf();
+    if (in.bad()) {
+        return "cannot read scenario file \"" + path + "\": " + std::strerror(errno);
+    }
+    return parseScenario(text.str(), "file \"" + path + "\"", config);
+}
+
+}  // namespace aovsimtool

@@ -1,0 +1,85 @@
+// aov-sim: runs the AOV platform layer end to end on a simulated platform
+// and driver, standing in for the feature's system layer.
+
+#include <cstdio>
+#include <memory>
+#include <string>
+
+#include "Options.h"
+#include "ScenarioFile.h"
+#include "SystemLayer.h"
+#include "aovhost/Binding.h"
+#include "aovsim/Simulation.h"
+#include "cam/utils/ULog.h"
+
+namespace {
+
+using aovsimtool::kExitBadInput;
+
+// The library's services are process-wide singletons that keep the platform
+// objects they were given until exit. The simulation therefore lives in
+// static storage too: constructed before the services, it is destroyed after
+// them, and the bindings stay in place while their destructors run.
+aovsim::Simulation& installSimulation(const aovsim::SimConfig& config,
+                                      std::shared_ptr<aovsim::Trace> trace) {
+    static aovsim::Simulation simulation(config, std::move(trace));
+    return simulation;
+}
+
+void printLine(aovsim::TraceSource source, const std::string& line) {
+    std::printf("[%s] %s\n", aovsim::traceSourceTag(source), line.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // Line by line, so that a reader of a pipe sees the trace as it happens.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+
+    aovsimtool::Options options;
+    std::string error;
+    switch (aovsimtool::parseOptions(argc, argv, &options, &error)) {
+        case aovsimtool::ParseOutcome::kHelpShown:
+            return 0;
+        case aovsimtool::ParseOutcome::kError:
+            std::fprintf(stderr, "aov-sim: error: %s\nRun with --help for more information.\n",
+                         error.c_str());
+            return kExitBadInput;
+        case aovsimtool::ParseOutcome::kRun:
+            break;
+    }
+    if (options.print_scenario) {
+        std::fputs(aovsimtool::defaultScenarioText(), stdout);
+        return 0;
+    }
+
+    aovsim::SimConfig config;
+    const std::string problem = options.scenario_path.empty()
+                                    ? aovsimtool::parseScenario(aovsimtool::defaultScenarioText(),
+                                                                "(embedded default)", &config)
+                                    : aovsimtool::loadScenarioFile(options.scenario_path, &config);
+    if (!problem.empty()) {
+        std::fprintf(stderr, "aov-sim: error: %s\n", problem.c_str());
+        return kExitBadInput;
+    }
+
+    // Properties and log switches first: the services read them when created.
+    for (const auto* property : {&options.test_model, &options.view_mode, &options.debug_device,
+                                 &options.image_callback}) {
+        if (property->given) {
+            aovhost::setProperty(property->name, std::to_string(property->value));
+        }
+    }
+    if (options.trace) {
+        NSCam::Utils::ULog::ULogger::sDetailsLevel = 5;
+        NSCam::Utils::ULog::ULogger::sNormalDetailsMask = 0x101000;
+    }
+
+    auto trace = std::make_shared<aovsim::Trace>();
+    trace->setSink(printLine);
+    aovsim::Simulation& sim = installSimulation(config, trace);
+    aovsimtool::SystemLayer layer(options, sim);
+    const int status = layer.run();
+    std::printf("aov-sim: exit %d\n", status);
+    return status;
+}
