@@ -61,6 +61,11 @@ void check(bool condition) {
 struct Rig {
     Rig(int32_t mode, int32_t imageCallbackValue, std::string nodePath)
         : aovMode(mode), imageCallback(imageCallbackValue), path(std::move(nodePath)) {}
+    ~Rig() {
+        if (device) {
+            device->stopDevice();  // frees the buffer; the device then joins its task
+        }
+    }
 
     int32_t aovMode;
     int32_t imageCallback;
@@ -123,18 +128,18 @@ struct Rig {
 };
 
 Rig* rigs() {
-    // Started once and kept for the life of the process: every input goes on
-    // with the buffers the earlier ones left.
-    static Rig* all = [] {
-        Rig* rigs = new Rig[6]{{0, 0, "/dev/kelo_aov_fuzz0"}, {0, 1, "/dev/kelo_aov_fuzz1"},
-                               {1, 0, "/dev/kelo_aov_fuzz2"}, {1, 1, "/dev/kelo_aov_fuzz3"},
-                               {2, 0, "/dev/kelo_aov_fuzz4"}, {2, 1, "/dev/kelo_aov_fuzz5"}};
-        for (int i = 0; i < 6; ++i) {
-            rigs[i].start();
+    // Started once: every input goes on with the buffers the earlier ones left.
+    static Rig rigs[] = {{0, 0, "/dev/kelo_aov_fuzz0"}, {0, 1, "/dev/kelo_aov_fuzz1"},
+                         {1, 0, "/dev/kelo_aov_fuzz2"}, {1, 1, "/dev/kelo_aov_fuzz3"},
+                         {2, 0, "/dev/kelo_aov_fuzz4"}, {2, 1, "/dev/kelo_aov_fuzz5"}};
+    static const bool started = [] {
+        for (Rig& rig : rigs) {
+            rig.start();
         }
-        return rigs;
+        return true;
     }();
-    return all;
+    (void)started;
+    return rigs;
 }
 
 }  // namespace

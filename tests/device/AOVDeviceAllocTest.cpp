@@ -15,16 +15,9 @@ namespace {
 thread_local size_t tAllocations = 0;
 
 // Closed: an allocation of the event buffer's size waits until it opens.
-struct BufferGate {
-    std::mutex mutex;
-    std::condition_variable opened;
-    bool closed = false;
-};
-
-BufferGate& gate() {
-    static BufferGate instance;
-    return instance;
-}
+std::mutex gGateMutex;
+std::condition_variable gGateOpened;
+bool gGateClosed = false;
 
 void* allocate(size_t size) {
     ++tAllocations;
@@ -44,9 +37,8 @@ void* operator new[](size_t size) {
 }
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
     if (size == kEventBufferSize) {
-        BufferGate& g = gate();
-        std::unique_lock<std::mutex> lock(g.mutex);
-        g.opened.wait(lock, [&] { return !g.closed; });
+        std::unique_lock<std::mutex> lock(gGateMutex);
+        gGateOpened.wait(lock, [] { return !gGateClosed; });
     }
     return allocate(size);
 }
@@ -78,34 +70,29 @@ namespace {
 using ::testing::ElementsAre;
 
 // Keeps the event buffer's allocation waiting for its lifetime.
-class ClosedGate {
-  public:
+struct ClosedGate {
     ClosedGate() { set(true); }
     ~ClosedGate() { set(false); }
-
-  private:
     static void set(bool closed) {
         {
-            std::lock_guard<std::mutex> guard(gate().mutex);
-            gate().closed = closed;
+            std::lock_guard<std::mutex> guard(gGateMutex);
+            gGateClosed = closed;
         }
-        gate().opened.notify_all();
+        gGateOpened.notify_all();
     }
 };
 
 using AOVDeviceAllocTest = DeviceTest;
 
 TEST_F(AOVDeviceAllocTest, EventBeforeTheBufferExistsSendsNoCommand) {
-    AOVDevice device(kTestNode);
-    CallbackProbe probe;
-    probe.attach(device);
+    ProbedDevice d;
     user_param param = makeParam(0);
     {
         ClosedGate hold;
-        ASSERT_EQ(0, device.startDevice(param));
+        ASSERT_EQ(0, d.device.startDevice(param));
         logs_.clear();
-        device.notifyEvent(0, 0);
-        EXPECT_EQ(0, probe.calls);
+        d.device.notifyEvent(0, 0);
+        EXPECT_EQ(0, d.calls);
         EXPECT_THAT(driver_->codes(), ElementsAre(AOV_IOC_START));
         expectErrorLine(logs_, kDeviceHeaderPath, "queryEvent", "event_ is nullptr");
         expectErrorLine(logs_, kDeviceHeaderPath, "notifyEvent", "failed to query event: -1");
@@ -114,7 +101,7 @@ TEST_F(AOVDeviceAllocTest, EventBeforeTheBufferExistsSendsNoCommand) {
         EXPECT_NE(std::string::npos, lines[0].find("event_ is nullptr"));
     }
     // Waits for the allocation that the gate held back, then frees it.
-    EXPECT_EQ(0, device.stopDevice());
+    EXPECT_EQ(0, d.device.stopDevice());
 }
 
 TEST_F(AOVDeviceAllocTest, DeliveringAnEventAllocatesNothing) {
@@ -125,23 +112,19 @@ TEST_F(AOVDeviceAllocTest, DeliveringAnEventAllocatesNothing) {
 
     for (int32_t mode : {0, 2}) {
         SCOPED_TRACE(mode);
-        AOVDevice device(kTestNode);
-        CallbackProbe probe;
-        probe.attach(device);
-        user_param param = makeParam(mode);
-        ASSERT_EQ(0, device.startDevice(param));
-        deliverFirstEvent(device, probe);
+        ProbedDevice d;
+        ASSERT_NE(nullptr, d.start(mode));
         driver_->setRecording(false);
         for (uint32_t seed = 0; seed < 4; ++seed) {
             driver_->setEvent(makeEventWords(seed, seed % 2 == 0), static_cast<uint8_t>(seed));
             const size_t before = tAllocations;
-            device.notifyEvent(0, 0);
+            d.device.notifyEvent(0, 0);
             const size_t after = tAllocations;
             EXPECT_EQ(before, after) << "event " << seed;
         }
-        EXPECT_EQ(5, probe.calls);
+        EXPECT_EQ(5, d.calls);
         driver_->setRecording(true);
-        EXPECT_EQ(0, device.stopDevice());
+        EXPECT_EQ(0, d.device.stopDevice());
     }
 }
 

@@ -1,8 +1,17 @@
+// Event delivery: monitor registration, the words and data areas each event
+// carries, the delivery traces, and delivery from a monitor thread while the
+// device starts and stops.
 #include <gmock/gmock.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
+#include <mutex>
+#include <thread>
 
 #include "DeviceTestSupport.h"
 #include "PlatformMocks.h"
@@ -10,7 +19,10 @@
 namespace aovtest {
 namespace {
 
+using ::testing::AnyOf;
+using ::testing::Each;
 using ::testing::ElementsAre;
+using ::testing::EndsWith;
 using ::testing::InSequence;
 using ::testing::IsEmpty;
 using ::testing::StrictMock;
@@ -19,6 +31,7 @@ constexpr char kImageCallbackProp[] = "vendor.aovstream.image_callback";
 constexpr char kDebugDeviceProp[] = "vendor.aovstream.debug_device";
 
 using AOVDeviceEventTest = DeviceTest;
+using AOVDeviceThreadTest = DeviceTest;
 
 TEST_F(AOVDeviceEventTest, SetMonitorMovesTheRegistration) {
     AOVDevice device(kTestNode);
@@ -42,28 +55,6 @@ TEST_F(AOVDeviceEventTest, SetMonitorMovesTheRegistration) {
     EXPECT_EQ(0, device.setMonitor(nullptr));
 }
 
-TEST_F(AOVDeviceEventTest, NotStartedIsSilentUnlessAsked) {
-    logs_.enableTraces();
-    {
-        AOVDevice device(kTestNode);
-        CallbackProbe probe;
-        probe.attach(device);
-        logs_.clear();
-        device.notifyEvent(0, 0);
-        EXPECT_THAT(logs_.unifiedLines(), IsEmpty());
-        EXPECT_THAT(logs_.debugLines(), IsEmpty());
-        device.notifyEvent(0, 1);
-        EXPECT_THAT(traces(logs_), ElementsAre("[notifyEvent] AOV device is not started"));
-        EXPECT_EQ(0, probe.calls);
-    }
-    aovhost::ScopedProperty debug(kDebugDeviceProp, "1");
-    AOVDevice device(kTestNode);
-    logs_.clear();
-    device.notifyEvent(0, 0);
-    EXPECT_THAT(traces(logs_), ElementsAre("[notifyEvent] AOV device is not started"));
-    EXPECT_THAT(driver_->requests(), IsEmpty());
-}
-
 struct ContentRow {
     const char* name;
     int32_t mode;
@@ -83,14 +74,11 @@ class AOVDeviceContentTest : public DeviceTest, public ::testing::WithParamInter
 TEST_P(AOVDeviceContentTest, CopiesTheWordsThatTheModeAndFlagsSelect) {
     const ContentRow& row = GetParam();
     aovhost::ScopedProperty imageCallback(kImageCallbackProp, row.imageCallback);
-    AOVDevice device(kTestNode);
-    CallbackProbe probe;
-    probe.attach(device);
+    ProbedDevice d;
     const aov_event_query words = makeEventWords(3, row.contentFlag);
     driver_->setEvent(words, 0x5A);
-    user_param param = makeParam(row.mode);
-    ASSERT_EQ(0, device.startDevice(param));
-    const aov_event* event = deliverFirstEvent(device, probe);
+    const aov_event* event = d.start(row.mode);
+    ASSERT_NE(nullptr, event);
 
     auto expected = [](bool copied, uint32_t word) { return copied ? word : 0u; };
     EXPECT_EQ(0u, event->word0);
@@ -124,7 +112,7 @@ TEST_P(AOVDeviceContentTest, CopiesTheWordsThatTheModeAndFlagsSelect) {
         EXPECT_EQ(0x5A, area[0][0]);
         EXPECT_EQ(0x5A, area[1][-1]);
     }
-    EXPECT_EQ(0, device.stopDevice());
+    EXPECT_EQ(0, d.device.stopDevice());
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -140,21 +128,18 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<ContentRow>& info) { return std::string(info.param.name); });
 
 TEST_F(AOVDeviceEventTest, WordsPersistUntilAnEventRewritesThem) {
-    AOVDevice device(kTestNode);
-    CallbackProbe probe;
-    probe.attach(device);
-    user_param param = makeParam(0);
-    ASSERT_EQ(0, device.startDevice(param));
+    ProbedDevice d;
     const aov_event_query first = makeEventWords(1, true);
     driver_->setEvent(first, 1);
-    aov_event* event = deliverFirstEvent(device, probe);
+    aov_event* event = d.start();
+    ASSERT_NE(nullptr, event);
 
     // No content: only the header changes.
     const aov_event_query second = makeEventWords(2, false);
     driver_->setEvent(second, 2);
-    device.notifyEvent(0, 0);
-    EXPECT_EQ(2, probe.calls);
-    EXPECT_EQ(event, probe.last);
+    d.device.notifyEvent(0, 0);
+    EXPECT_EQ(2, d.calls);
+    EXPECT_EQ(event, d.last);
     EXPECT_EQ(0, std::memcmp(second.header, event->header, sizeof(second.header)));
     EXPECT_EQ(first.s1_info, event->s1_info);
     EXPECT_EQ(first.s4_info[3], event->s4_info[3]);
@@ -165,64 +150,172 @@ TEST_F(AOVDeviceEventTest, WordsPersistUntilAnEventRewritesThem) {
     logs_.clear();
     driver_->setEvent(makeEventWords(3, true), 3);
     driver_->queueResult(AOV_IOC_DEQUEUE_EVENT, -EIO);
-    device.notifyEvent(0, 0);
-    EXPECT_EQ(2, probe.calls);
+    d.device.notifyEvent(0, 0);
+    EXPECT_EQ(2, d.calls);
     EXPECT_EQ(0, std::memcmp(second.header, event->header, sizeof(second.header)));
     EXPECT_EQ(first.s1_info, event->s1_info);
     expectErrorLine(logs_, kDeviceHeaderPath, "queryEvent", "failed to query evice event: -5");
     expectErrorLine(logs_, kDeviceHeaderPath, "notifyEvent", "failed to query event: -5");
     EXPECT_EQ(2u, errors(logs_).size());
-    EXPECT_EQ(0, device.stopDevice());
+    EXPECT_EQ(0, d.device.stopDevice());
 }
 
-TEST_F(AOVDeviceEventTest, EmptyCallbackStillConsumesTheEvent) {
-    AOVDevice device(kTestNode);
-    CallbackProbe probe;
-    probe.attach(device);
-    user_param param = makeParam(0);
-    ASSERT_EQ(0, device.startDevice(param));
-    deliverFirstEvent(device, probe);
-
-    device.callback_ = nullptr;
-    logs_.clear();
-    logs_.enableTraces();
-    device.notifyEvent(0, 0);
-    EXPECT_EQ(2u, driver_->count(AOV_IOC_DEQUEUE_EVENT));
-    EXPECT_THAT(traces(logs_), ElementsAre("[notifyEvent] null notify event callback"));
-    EXPECT_EQ(0, device.stopDevice());
-}
-
-TEST_F(AOVDeviceEventTest, DebugDeviceTracesTheDequeueAndVerbosityTheCallback) {
+TEST_F(AOVDeviceEventTest, DeliveryTracesFollowTheDebugSwitchAndTheVerbosity) {
     struct Row {
         const char* debugDevice;
         int verbosity;
+        bool started;
+        bool callback;
         std::vector<std::string> lines;
     };
+    const std::string callbackIn = "[notifyEvent] notify event callback+";
+    const std::string callbackOut = "[notifyEvent] notify event callback-";
     const std::vector<Row> rows = {
-        {"0", 0, {}},
-        {"0", 1, {"[notifyEvent] notify event callback+", "[notifyEvent] notify event callback-"}},
+        {"0", 0, false, true, {}},
+        {"0", 1, false, true, {kNotStarted}},
+        {"1", 0, false, true, {kNotStarted}},
+        {"0", 0, true, true, {}},
+        {"0", 1, true, true, {callbackIn, callbackOut}},
         {"1",
          0,
-         {"[queryEvent] Dequeue event+", "[queryEvent] Dequeue event-",
-          "[notifyEvent] notify event callback+", "[notifyEvent] notify event callback-"}},
+         true,
+         true,
+         {"[queryEvent] Dequeue event+", "[queryEvent] Dequeue event-", callbackIn, callbackOut}},
+        // Without a callback the event is still taken from the driver.
+        {"0", 0, true, false, {"[notifyEvent] null notify event callback"}},
     };
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.debugDevice + std::to_string(row.verbosity));
+        SCOPED_TRACE("row " + std::to_string(&row - rows.data()));
         aovhost::ScopedProperty debug(kDebugDeviceProp, row.debugDevice);
-        AOVDevice device(kTestNode);
-        CallbackProbe probe;
-        probe.attach(device);
-        user_param param = makeParam(0);
-        ASSERT_EQ(0, device.startDevice(param));
-        deliverFirstEvent(device, probe);
-        logs_.clear();
-        logs_.enableTraces();
-        device.notifyEvent(0, row.verbosity);
-        EXPECT_EQ(2, probe.calls);
-        EXPECT_EQ(row.lines, traces(logs_));
-        logs_.enableTraces(0);
-        EXPECT_EQ(0, device.stopDevice());
+        ProbedDevice d;
+        driver_->clearRequests();
+        if (row.started) {
+            d.start();
+        }
+        if (!row.callback) {
+            d.device.callback_ = nullptr;
+        }
+        EXPECT_EQ(row.lines, tracesOf([&] { d.device.notifyEvent(0, row.verbosity); }));
+        EXPECT_EQ(row.lines.size(), logs_.debugLines().size());
+        EXPECT_THAT(errors(logs_), IsEmpty());
+        EXPECT_EQ(row.started ? 2u : 0u, driver_->count(AOV_IOC_DEQUEUE_EVENT));
+        EXPECT_EQ(row.started ? (row.callback ? 2 : 1) : 0, d.calls);
+        EXPECT_EQ(0, d.device.stopDevice());
     }
+}
+
+// Stands in for the system layer's monitor: waits on the device descriptor
+// (the fake driver's eventfd) and, per signal, delivers one notification at a
+// time. The main thread signals and waits until every signal was handled,
+// which is what keeps stopDevice away from a running notification.
+class MonitorThread {
+  public:
+    MonitorThread(AOVDevice& device, int fd)
+        : device_(device), fd_(fd), thread_([this] { run(); }) {}
+    ~MonitorThread() {
+        quit_.store(true, std::memory_order_release);
+        signal();
+        thread_.join();
+    }
+
+    // Raises one event on the descriptor.
+    void signal() {
+        const uint64_t one = 1;
+        while (::write(fd_, &one, sizeof(one)) != sizeof(one)) {
+        }
+    }
+    // Signals once without waiting; the notification may overlap what the caller does next.
+    void signalAsync() {
+        {
+            std::lock_guard<std::mutex> guard(mutex_);
+            ++raised_;
+        }
+        signal();
+    }
+    void waitAllHandled() {
+        std::unique_lock<std::mutex> lock(mutex_);
+        handled_cv_.wait(lock, [&] { return handled_ >= raised_; });
+    }
+    void signalAndWait() {
+        signalAsync();
+        waitAllHandled();
+    }
+
+  private:
+    void run() {
+        for (;;) {
+            uint64_t signals = 0;
+            if (::read(fd_, &signals, sizeof(signals)) != sizeof(signals)) {
+                continue;
+            }
+            if (quit_.load(std::memory_order_acquire)) {
+                return;
+            }
+            for (uint64_t i = 0; i < signals; ++i) {
+                device_.notifyEvent(0, 0);
+            }
+            {
+                std::lock_guard<std::mutex> guard(mutex_);
+                handled_ += signals;
+            }
+            handled_cv_.notify_all();
+        }
+    }
+
+    AOVDevice& device_;
+    const int fd_;
+    std::atomic<bool> quit_{false};
+    std::mutex mutex_;
+    std::condition_variable handled_cv_;
+    uint64_t raised_ = 0;
+    uint64_t handled_ = 0;
+    std::thread thread_;
+};
+
+TEST_F(AOVDeviceThreadTest, MonitorDeliversWhileTheDeviceStartsAndStops) {
+    AOVDevice device(kTestNode);
+    const aov_event_query words = makeEventWords(9, true);
+    driver_->setEvent(words, 0x33);
+
+    std::mutex mutex;
+    int delivered = 0;
+    int wrongContent = 0;
+    device.callback_ = [&](aov_event* event) {
+        const bool ok = event->header[0] == words.header[0] && event->s1_info == words.s1_info &&
+                        event->s10_data[sizeof(event->s10_data) - 1] == 0x33;
+        std::lock_guard<std::mutex> guard(mutex);
+        ++delivered;
+        wrongContent += ok ? 0 : 1;
+    };
+    auto deliveredSoFar = [&] {
+        std::lock_guard<std::mutex> guard(mutex);
+        return delivered;
+    };
+
+    ASSERT_GE(device.getEventFD(), 0);
+    {
+        MonitorThread monitor(device, device.getEventFD());
+        for (int cycle = 0; cycle < 20; ++cycle) {
+            // This notification may run before, during or after the start.
+            monitor.signalAsync();
+            user_param param = makeParam(cycle % 3);
+            ASSERT_EQ(0, device.startDevice(param));
+            const int before = deliveredSoFar();
+            // Until the buffer is ready, notifications end in "event_ is nullptr".
+            do {
+                monitor.signalAndWait();
+            } while (deliveredSoFar() == before);
+            ASSERT_EQ(0, device.stopDevice());
+
+            const int stopped = deliveredSoFar();
+            monitor.signalAndWait();
+            EXPECT_EQ(stopped, deliveredSoFar());
+        }
+    }
+    EXPECT_EQ(0, wrongContent);
+    EXPECT_EQ(static_cast<size_t>(delivered), driver_->count(AOV_IOC_DEQUEUE_EVENT));
+    EXPECT_THAT(errors(logs_), Each(AnyOf(EndsWith("ERROR: event_ is nullptr"),
+                                          EndsWith("ERROR: failed to query event: -1"))));
 }
 
 }  // namespace

@@ -47,42 +47,42 @@ void expectErrorLine(const LogCapture& logs, const std::string& path, const std:
     EXPECT_EQ(1, found) << "debug-print line: " << longForm;
 }
 
-std::vector<std::string> traces(const LogCapture& logs) {
+std::vector<std::string> unifiedAt(const LogCapture& logs, int level) {
     std::vector<std::string> texts;
     for (const CapturedLine& line : logs.unifiedLines()) {
-        if (line.level == 5) {
+        if (line.level == level) {
             texts.push_back(line.text);
         }
     }
     return texts;
 }
 
-std::vector<std::string> errors(const LogCapture& logs) {
-    std::vector<std::string> texts;
-    for (const CapturedLine& line : logs.unifiedLines()) {
-        if (line.level == 1) {
-            texts.push_back(line.text);
-        }
-    }
-    return texts;
-}
-
-void CallbackProbe::attach(AOVDevice& device) {
+ProbedDevice::ProbedDevice() {
     device.callback_ = [this](aov_event* event) {
         ++calls;
         last = event;
     };
 }
 
-aov_event* deliverFirstEvent(AOVDevice& device, CallbackProbe& probe) {
-    const int before = probe.calls;
-    while (probe.calls == before) {
+aov_event* ProbedDevice::deliver() {
+    const int before = calls;
+    while (calls == before) {
         device.notifyEvent(0, 0);
-        if (probe.calls == before) {
+        if (calls == before) {
             std::this_thread::yield();
         }
     }
-    return probe.last;
+    return last;
+}
+
+aov_event* ProbedDevice::start(int32_t aovMode) {
+    user_param param = makeParam(aovMode);
+    const int result = device.startDevice(param);
+    if (result != 0) {
+        ADD_FAILURE() << "startDevice: " << result;
+        return nullptr;
+    }
+    return deliver();
 }
 
 aov_event_query makeEventWords(uint32_t seed, bool content) {

@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
@@ -34,7 +35,7 @@ constexpr DataArea kAreas[] = {
 }  // namespace
 
 int FakeAovDriver::open(int flags) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    Guard guard(mutex_);
     ++opens_;
     last_open_flags_ = flags;
     if (open_result_ < 0) {
@@ -45,7 +46,7 @@ int FakeAovDriver::open(int flags) {
 }
 
 int FakeAovDriver::close(int fd) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    Guard guard(mutex_);
     ++closes_;
     if (!close_results_.empty()) {
         const int result = close_results_.front();
@@ -58,7 +59,7 @@ int FakeAovDriver::close(int fd) {
 }
 
 int FakeAovDriver::ioctl(int, unsigned int request, void* arg) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    Guard guard(mutex_);
     const size_t size = _IOC_SIZE(request);
     if (size > kMaxRecordSize) {
         return -EINVAL;
@@ -103,73 +104,23 @@ int FakeAovDriver::ioctl(int, unsigned int request, void* arg) {
     return result;
 }
 
-void FakeAovDriver::setOpenResult(int result) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    open_result_ = result;
-}
-
-void FakeAovDriver::queueCloseResult(int result) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    close_results_.push_back(result);
-}
-
-void FakeAovDriver::queueResult(unsigned int code, int result) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    results_[code].push_back(result);
-}
-
 void FakeAovDriver::setEvent(const aov_event_query& words, uint8_t marker) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    Guard guard(mutex_);
     event_ = words;
     marker_ = marker;
 }
 
-void FakeAovDriver::setRecording(bool on) {
-    std::lock_guard<std::mutex> guard(mutex_);
-    recording_ = on;
-}
-
-std::vector<DriverRequest> FakeAovDriver::requests() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return requests_;
-}
-
 std::vector<unsigned int> FakeAovDriver::codes() const {
-    std::lock_guard<std::mutex> guard(mutex_);
     std::vector<unsigned int> codes;
-    for (const auto& request : requests_) {
+    for (const auto& request : requests()) {
         codes.push_back(request.code);
     }
     return codes;
 }
 
 size_t FakeAovDriver::count(unsigned int code) const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    size_t n = 0;
-    for (const auto& request : requests_) {
-        n += request.code == code ? 1 : 0;
-    }
-    return n;
-}
-
-void FakeAovDriver::clearRequests() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    requests_.clear();
-}
-
-int FakeAovDriver::opens() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return opens_;
-}
-
-int FakeAovDriver::closes() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return closes_;
-}
-
-int FakeAovDriver::lastOpenFlags() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return last_open_flags_;
+    const std::vector<unsigned int> all = codes();
+    return static_cast<size_t>(std::count(all.begin(), all.end(), code));
 }
 
 }  // namespace aovtest

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -30,26 +31,45 @@ class FakeAovDriver : public aovhost::EmulatedNode {
     int ioctl(int fd, unsigned int request, void* arg) override;
 
     // A negative value makes every open fail with it.
-    void setOpenResult(int result);
+    void setOpenResult(int result) {
+        Guard guard(mutex_);
+        open_result_ = result;
+    }
     // Results of the next closes; an empty queue closes successfully.
-    void queueCloseResult(int result);
+    void queueCloseResult(int result) {
+        Guard guard(mutex_);
+        close_results_.push_back(result);
+    }
     // Results of the next requests with `code`; afterwards they return 0.
     // A negative result skips the request's effect and copies nothing out.
-    void queueResult(unsigned int code, int result);
+    void queueResult(unsigned int code, int result) {
+        Guard guard(mutex_);
+        results_[code].push_back(result);
+    }
     // Words of every later dequeue (the addresses in `words` are ignored).
     void setEvent(const aov_event_query& words, uint8_t marker);
     // Off: requests are not recorded (and the driver allocates nothing).
-    void setRecording(bool on);
+    void setRecording(bool on) {
+        Guard guard(mutex_);
+        recording_ = on;
+    }
 
-    std::vector<DriverRequest> requests() const;
+    std::vector<DriverRequest> requests() const {
+        Guard guard(mutex_);
+        return requests_;
+    }
     std::vector<unsigned int> codes() const;
     size_t count(unsigned int code) const;
-    void clearRequests();
-    int opens() const;
-    int closes() const;  // calls, successful or not
-    int lastOpenFlags() const;
+    void clearRequests() {
+        Guard guard(mutex_);
+        requests_.clear();
+    }
+    int opens() const { return opens_; }
+    int closes() const { return closes_; }  // calls, successful or not
+    int lastOpenFlags() const { return last_open_flags_; }
 
   private:
+    using Guard = std::lock_guard<std::mutex>;
     mutable std::mutex mutex_;
     int open_result_ = 0;
     std::deque<int> close_results_;
@@ -58,9 +78,9 @@ class FakeAovDriver : public aovhost::EmulatedNode {
     uint8_t marker_ = 0;
     bool recording_ = true;
     std::vector<DriverRequest> requests_;
-    int opens_ = 0;
-    int closes_ = 0;
-    int last_open_flags_ = -1;
+    std::atomic<int> opens_{0};
+    std::atomic<int> closes_{0};
+    std::atomic<int> last_open_flags_{-1};
 };
 
 }  // namespace aovtest

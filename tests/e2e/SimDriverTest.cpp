@@ -1,11 +1,13 @@
-// The emulated AOV driver: its request state machine, the readiness of its
-// descriptor, and what a dequeue writes. Events are produced by hand
-// (no frame timer) except in the one test of the timer itself.
+// The emulated AOV driver: the requests it refuses, the readiness of its
+// descriptor, and what a dequeue writes. Events are produced by hand (no
+// frame timer). Sessions as the library runs them, injected failures and the
+// timer are covered by the end-to-end runs of aov-sim.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <memory>
@@ -62,12 +64,7 @@ struct EventBuffer {
 
 bool untouched(const void* area, size_t size) {
     const auto* bytes = static_cast<const uint8_t*>(area);
-    for (size_t i = 0; i < size; ++i) {
-        if (bytes[i] != 0xEE) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(bytes, bytes + size, [](uint8_t byte) { return byte == 0xEE; });
 }
 
 class SimDriverTest : public ::testing::Test {
@@ -78,10 +75,9 @@ class SimDriverTest : public ::testing::Test {
     }
 
     void makeDriver() {
-        trace_ = std::make_shared<Trace>();
-        trace_->setSink([this](TraceSource, const std::string& line) { lines_.push_back(line); });
         driver_.reset();
-        driver_ = std::make_unique<AovDriver>("/dev/kelo_aov", params_, faults_, trace_);
+        driver_ = std::make_unique<AovDriver>("/dev/kelo_aov", params_, FaultConfig(),
+                                              std::make_shared<Trace>());
         fd_ = driver_->open(O_RDWR);
         ASSERT_GE(fd_, 0);
     }
@@ -90,21 +86,10 @@ class SimDriverTest : public ::testing::Test {
         StartRecord record(3, frameRate, aovMode);
         return driver_->ioctl(fd_, AOV_IOC_START, record.bytes);
     }
-    int dequeue(aov_event_query* query) {
-        return driver_->ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, query);
-    }
-    int dequeueOnce(uint32_t* sequence = nullptr) {
-        aov_event_query query = buffer_.query();
-        const int result = dequeue(&query);
-        if (sequence) {
-            *sequence = query.header[0];
-        }
-        return result;
-    }
-    int sensorList(unsigned int code, uint32_t count) {
-        aov_sensor_list list{};
-        list.count = count;
-        return driver_->ioctl(fd_, code, &list);
+    // Dequeues into buffer_; `query` receives the record.
+    int dequeue(aov_event_query& query) {
+        query = buffer_.query();
+        return driver_->ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, &query);
     }
     bool readable() {
         pollfd p{fd_, POLLIN, 0};
@@ -112,9 +97,6 @@ class SimDriverTest : public ::testing::Test {
     }
 
     DriverConfig params_;
-    FaultConfig faults_;
-    std::shared_ptr<Trace> trace_;
-    std::vector<std::string> lines_;
     std::unique_ptr<AovDriver> driver_;
     EventBuffer buffer_;
     int fd_ = -1;
@@ -150,7 +132,8 @@ TEST_F(SimDriverTest, RefusesRequestsThatDoNotFitTheSessionState) {
         EXPECT_EQ(driver_->ioctl(fd_, c.code, c.arg), c.expected);
         EXPECT_EQ(driver_->stats().failed_requests, c.expected < 0 ? 1u : 0u);
     }
-    EXPECT_EQ(sensorList(AOV_IOC_SENSOR_OFF, 65), -EINVAL);
+    list.count = 65;
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_SENSOR_OFF, &list), -EINVAL);
     EXPECT_EQ(driver_->ioctl(fd_ + 100, AOV_IOC_STOP, nullptr), -EBADF);
     EXPECT_EQ(driver_->open(O_RDWR), -EBUSY);
     makeDriver();
@@ -159,21 +142,32 @@ TEST_F(SimDriverTest, RefusesRequestsThatDoNotFitTheSessionState) {
 }
 
 TEST_F(SimDriverTest, DescriptorIsReadableExactlyWhileEventsArePending) {
+    params_.queue_depth = 2;
+    makeDriver();
     driver_->produceEvent();  // ignored without a session
     ASSERT_EQ(start(), 0);
     EXPECT_FALSE(readable());
-    driver_->produceEvent();
-    driver_->produceEvent();
+    for (int i = 0; i < 3; ++i) {
+        driver_->produceEvent();  // the third overwrites the first
+    }
     EXPECT_TRUE(readable());
-    uint32_t seq = 0;
-    ASSERT_EQ(dequeueOnce(&seq), 0);
-    EXPECT_EQ(seq, 1u);
+    aov_event_query query;
+    ASSERT_EQ(dequeue(query), 0);
+    EXPECT_EQ(query.header[0], 2u);
+    EXPECT_EQ(query.header[4], 1u);  // overruns so far
     EXPECT_TRUE(readable());
-    ASSERT_EQ(dequeueOnce(&seq), 0);
-    EXPECT_EQ(seq, 2u);
+    ASSERT_EQ(dequeue(query), 0);
+    EXPECT_EQ(query.header[0], 3u);
     EXPECT_FALSE(readable());
-    EXPECT_EQ(dequeueOnce(), -EAGAIN);
-    EXPECT_EQ(driver_->lastDequeue().sequence, 2u);
+    EXPECT_EQ(dequeue(query), -EAGAIN);
+    EXPECT_EQ(driver_->lastDequeue().sequence, 3u);
+
+    // A stop discards what is pending.
+    driver_->produceEvent();
+    EXPECT_TRUE(readable());
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(driver_->stats().discarded_at_stop, 1u);
 }
 
 TEST_F(SimDriverTest, DequeueWritesWordsAndAreasWithinTheirBounds) {
@@ -183,8 +177,8 @@ TEST_F(SimDriverTest, DequeueWritesWordsAndAreasWithinTheirBounds) {
         buffer_ = EventBuffer();
         ASSERT_EQ(start(10, mode), 0);
         driver_->produceEvent();
-        aov_event_query query = buffer_.query();
-        ASSERT_EQ(dequeue(&query), 0);
+        aov_event_query query;
+        ASSERT_EQ(dequeue(query), 0);
 
         const uint32_t header[6] = {1, 3, 100, 7, 0, 1};
         EXPECT_EQ(0, std::memcmp(query.header, header, sizeof(header)));
@@ -216,74 +210,6 @@ TEST_F(SimDriverTest, DequeueWritesWordsAndAreasWithinTheirBounds) {
             EXPECT_TRUE(untouched(slot.first, slot.second));
         }
     }
-}
-
-TEST_F(SimDriverTest, FullQueueOverwritesTheOldestEvent) {
-    params_.queue_depth = 2;
-    makeDriver();
-    ASSERT_EQ(start(), 0);
-    for (int i = 0; i < 3; ++i) {
-        driver_->produceEvent();
-    }
-    aov_event_query query = buffer_.query();
-    ASSERT_EQ(dequeue(&query), 0);
-    EXPECT_EQ(query.header[0], 2u);
-    EXPECT_EQ(query.header[4], 1u);  // overruns so far
-    EXPECT_EQ(driver_->stats().overruns, 1u);
-}
-
-TEST_F(SimDriverTest, InjectedFailuresHitTheChosenRequests) {
-    faults_.dequeue_calls = {2};
-    faults_.sensor_list_calls = {2};
-    makeDriver();
-    ASSERT_EQ(start(), 0);
-    driver_->produceEvent();
-    driver_->produceEvent();
-    uint32_t seq = 0;
-    EXPECT_EQ(dequeueOnce(&seq), 0);
-    EXPECT_EQ(dequeueOnce(), faults_.dequeue_error);
-    // The failed dequeue lost its event.
-    EXPECT_FALSE(readable());
-    EXPECT_EQ(driver_->stats().lost_on_failure, 1u);
-    EXPECT_EQ(sensorList(AOV_IOC_SENSOR_ON, 1), 0);
-    EXPECT_EQ(sensorList(AOV_IOC_SENSOR_ON, 1), faults_.sensor_list_error);
-    EXPECT_EQ(sensorList(AOV_IOC_SENSOR_OFF, 1), 0);
-
-    faults_ = FaultConfig();
-    faults_.start_error = -EBUSY;
-    makeDriver();
-    EXPECT_EQ(start(), -EBUSY);
-    EXPECT_FALSE(driver_->started());
-    EXPECT_EQ(dequeueOnce(), -EINVAL);
-}
-
-TEST_F(SimDriverTest, StopAndCloseEndTheSessionAndDiscardPendingEvents) {
-    ASSERT_EQ(start(), 0);
-    driver_->produceEvent();
-    driver_->produceEvent();
-    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
-    EXPECT_FALSE(readable());
-    EXPECT_EQ(driver_->stats().discarded_at_stop, 2u);
-    EXPECT_EQ(dequeueOnce(), -EINVAL);
-
-    ASSERT_EQ(start(), 0);  // a new session after a stop
-    driver_->produceEvent();
-    EXPECT_EQ(driver_->close(fd_), 0);
-    EXPECT_FALSE(driver_->started());
-    EXPECT_EQ(driver_->close(fd_), -EBADF);
-    EXPECT_GE(driver_->open(O_RDWR), 0);  // exclusive again free
-}
-
-TEST_F(SimDriverTest, FrameTimerQueuesEventsAtTheSessionRate) {
-    params_.timer = true;
-    makeDriver();
-    ASSERT_EQ(start(30), 0);
-    pollfd p{fd_, POLLIN, 0};
-    ASSERT_EQ(::poll(&p, 1, 10000), 1) << "no event from the frame timer";
-    uint32_t seq = 0;
-    EXPECT_EQ(dequeueOnce(&seq), 0);
-    EXPECT_EQ(seq, 1u);
-    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
 }
 
 }  // namespace

@@ -14,8 +14,6 @@
 namespace aovtest {
 namespace {
 
-using ::testing::InSequence;
-
 constexpr char kFlowNode[] = "/dev/kelo_aov_flow_test";
 
 // Driver of the flow test: keeps the request codes and the start record, and
@@ -70,32 +68,14 @@ TEST_F(SensorServiceTest, SystemLayerRunsSensorAndDeviceTogether) {
     // 3. The sensor start completes the record.
     user_param param = request(kSensorId, 640, 480, 5);
     param.aov_mode = 2;
-    const std::vector<uint8_t> requested = bytesOf(param);
-    {
-        InSequence seq;
-        expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(PipeFail::None, main_);
-        expectPipelineStop(main_);
-        expectDeviceStop(main_);
-    }
+    const user_param requested = param;
+    expectRun(param, main_);
     ASSERT_EQ(sensor_->startSensor(param), 0);
 
     // 4. The device hands the driver the first 200 bytes of that record.
     ASSERT_EQ(device.startDevice(param), 0);
-    std::vector<uint8_t> expected(requested.begin(), requested.begin() + 200);
-    put32(expected, 0x08, 7);
-    put32(expected, 0x0C, kOrientation);
-    put32(expected, 0x10, 1);
-    put32(expected, 0x14, 0x31);
-    put32(expected, 0x18, 0x32);
-    put32(expected, 0x1C, 3);
-    put32(expected, 0x20, 0x33);
-    put32(expected, 0x24, kFrameInfo[0]);
-    put32(expected, 0x28, kFrameInfo[1]);
-    put32(expected, 0x30, kFrameInfo[2]);
-    put32(expected, 0x34, kFrameInfo[3]);
-    put32(expected, 0xC0, kCameraId);
+    std::vector<uint8_t> expected = startedRecord(requested, kCameraId, /*moded=*/true);
+    expected.resize(200);
     EXPECT_EQ(driver->start, expected);
 
     // 5. The monitor's notification delivers one event to the callback. The
@@ -104,29 +84,17 @@ TEST_F(SensorServiceTest, SystemLayerRunsSensorAndDeviceTogether) {
     StrictMock<MockEventMonitor> monitor;
     EXPECT_CALL(monitor, addObserver(static_cast<EventObserver*>(&device), -1)).WillOnce(Return(0));
     ASSERT_EQ(device.setMonitor(&monitor), 0);
-    struct {
-        uint32_t header[6];
-        uint32_t s1Info;
-        uint8_t s1Data;
-        uint32_t s6Info4;
-    } seen{};
-    int deliveries = 0;
-    device.callback_ = [&](aov_event* event) {
-        ++deliveries;
-        std::memcpy(seen.header, event->header, sizeof(seen.header));
-        seen.s1Info = event->s1_info;
-        seen.s1Data = event->s1_data[0];
-        seen.s6Info4 = event->s6_info[4];
+    std::vector<uint32_t> seen;
+    device.callback_ = [&seen](aov_event* event) {
+        seen = {event->header[0], event->header[5], event->s1_info, event->s1_data[0],
+                event->s6_info[4]};
     };
-    while (deliveries == 0) {
+    while (seen.empty()) {
         device.notifyEvent(0, 0);
         std::this_thread::yield();
     }
-    EXPECT_EQ(seen.header[0], 0x100u);
-    EXPECT_EQ(seen.header[5], 0x105u);
-    EXPECT_EQ(seen.s1Info, 0x201u);
-    EXPECT_EQ(seen.s1Data, 0x5A);
-    EXPECT_EQ(seen.s6Info4, 0x605u);  // aov_mode 2 passes the full content
+    // Header, first section and, as aov_mode 2 passes the full content, the sixth.
+    EXPECT_EQ(seen, (std::vector<uint32_t>{0x100, 0x105, 0x201, 0x5A, 0x605}));
 
     // 6. Clock and sensor notifications.
     EXPECT_EQ(device.notifyUlposc3(true), 0);

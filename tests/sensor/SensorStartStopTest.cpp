@@ -3,17 +3,39 @@
 
 #include <cstdio>
 #include <ostream>
+#include <tuple>
 
 #include "SensorFixture.h"
 
 namespace aovtest {
 namespace {
 
-using ::testing::InSequence;
-using ::testing::Values;
+using ::testing::ElementsAre;
+using ::testing::Pair;
+using ::testing::ValuesIn;
 using ::testing::WithParamInterface;
 
-constexpr uint32_t kFillWord = 0xA5A5A5A5;
+// Table rows print and name their tests by `name`, so listings stay readable and stable.
+template <class Row>
+auto operator<<(std::ostream& os, const Row& row) -> decltype(os << row.name) {
+    return os << row.name;
+}
+const auto kRowName = [](const auto& info) { return std::string(info.param.name); };
+
+// What the unified logger reports when the step that logs `line` fails: that
+// line, then the start's own for a device or pipeline step.
+std::vector<std::string> stepErrors(DeviceFail device, PipeFail pipe, int line,
+                                    const char* message) {
+    if (device != DeviceFail::None) {
+        return {errorLine("startDevice", line, message),
+                errorLine("startSensor", 381, "failed to start sensor(3) device: -1")};
+    }
+    if (pipe != PipeFail::None) {
+        return {errorLine("startPipeline", line, message),
+                errorLine("startSensor", 390, "failed to start sensor(3) pipeline: -1")};
+    }
+    return {errorLine("startSensor", line, message)};
+}
 
 std::string startTrace(const user_param& param, int line, char sign) {
     char text[160];
@@ -27,47 +49,20 @@ TEST_F(SensorServiceTest, StartAndStopRunThePlatformInOrder) {
     log_.enableTraces();
     createSensor();
     user_param param = request(kSensorId, 640, 480, 5);
-    const std::vector<uint8_t> before = bytesOf(param);
-    {
-        InSequence seq;
-        expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(PipeFail::None, main_);
-        expectPipelineStop(main_);
-        expectDeviceStop(main_);
-    }
+    const user_param requested = param;
+    expectRun(param, main_);
 
     ASSERT_EQ(sensor_->startSensor(param), 0);
-
-    // 5 fps is offered by scenarios 2 and 7 of 640x480: the later one wins.
-    std::vector<uint8_t> expected = before;
-    put32(expected, 0x08, 7);
-    put32(expected, 0x0C, kOrientation);
-    put32(expected, 0x10, 1);
-    put32(expected, 0x14, 0x31);
-    put32(expected, 0x18, 0x32);
-    put32(expected, 0x1C, 3);
-    put32(expected, 0x20, 0x33);
-    put32(expected, 0x24, kFrameInfo[0]);
-    put32(expected, 0x28, kFrameInfo[1]);
-    put32(expected, 0x30, kFrameInfo[2]);
-    put32(expected, 0x34, kFrameInfo[3]);
-    put32(expected, 0xC0, kCameraId);
-    EXPECT_EQ(bytesOf(param), expected);
-
-    const auto& p1Configs = agent_params_.p1Configs;
-    ASSERT_EQ(p1Configs.size(), 1u);
-    ASSERT_EQ(p1Configs.count(kSensorId), 1u);
-    ASSERT_EQ(p1Configs.at(kSensorId).size(), 1u);
-    ASSERT_EQ(p1Configs.at(kSensorId).count(7), 1u);
-    const auto& p1 = p1Configs.at(kSensorId).at(7);
+    // 5 fps is offered by scenarios 1 and 3 of 640x480: the later one wins.
+    EXPECT_EQ(bytesOf(param), startedRecord(requested, kCameraId, /*moded=*/true));
+    // The agent is configured for the chosen scenario only.
+    ASSERT_THAT(agent_params_.p1Configs, ElementsAre(Pair(kSensorId, ElementsAre(Pair(3, _)))));
+    const auto& p1 = agent_params_.p1Configs.at(kSensorId).at(3);
     ASSERT_TRUE(p1 && p1->sensorInfo);
-    EXPECT_EQ(p1->sensorInfo->sensorId, kSensorId);
-    EXPECT_EQ(p1->sensorInfo->scenarioId, 7);
-    EXPECT_EQ(p1->sensorInfo->fps, 5);
-    EXPECT_EQ(p1->sensorInfo->width, 640);
-    EXPECT_EQ(p1->sensorInfo->height, 480);
-    EXPECT_EQ(agent_params_.sensorScenarios, (std::map<uint32_t, uint32_t>{{kSensorId, 7}}));
+    const auto& info = *p1->sensorInfo;
+    EXPECT_EQ(std::make_tuple(info.sensorId, info.scenarioId, info.fps, info.width, info.height),
+              std::make_tuple(kSensorId, 3, 5, 640, 480));
+    EXPECT_EQ(agent_params_.sensorScenarios, (std::map<uint32_t, uint32_t>{{kSensorId, 3}}));
     EXPECT_TRUE(agent_params_.isConfigComplete);
     EXPECT_TRUE(agent_params_.allowSensorSwitch);
     EXPECT_TRUE(agent_params_.sensorData.empty() && agent_params_.modeData.empty() &&
@@ -77,6 +72,13 @@ TEST_F(SensorServiceTest, StartAndStopRunThePlatformInOrder) {
     EXPECT_EQ(log_.debugContaining("AOV sensor start("),
               (std::vector<std::string>{startTrace(param, 304, '+'), startTrace(param, 397, '-')}));
     EXPECT_TRUE(unifiedErrors().empty());
+    // A second stop finds nothing to take down and only traces.
+    log_.clear();
+    EXPECT_EQ(sensor_->stopSensor(), 0);
+    EXPECT_EQ(log_.debugContaining("AOV sensor"),
+              (std::vector<std::string>{
+                  "[D][AOV] AOVSensor:411 stopSensor() [stopSensor] AOV sensor stop+",
+                  "[D][AOV] AOVSensor:415 stopSensor() [stopSensor] AOV sensor stop-"}));
 }
 
 TEST_F(SensorServiceTest, FrameInfoFailureIsNeverWaived) {
@@ -86,304 +88,189 @@ TEST_F(SensorServiceTest, FrameInfoFailureIsNeverWaived) {
     expectFrameInfo(param, -7);
 
     EXPECT_EQ(sensor_->startSensor(param), -7);
-    EXPECT_EQ(unifiedErrors(), std::vector<std::string>{
-                                   "[hw/aov/src/plat/isp8/AOVSensor, startSensor, line0318] ERROR: "
-                                   "failed to query frame info for sensor(640, 480)"});
-    const std::vector<std::string> debug = log_.debugContaining("ERROR");
-    EXPECT_EQ(debug, std::vector<std::string>{
-                         "[E][AOV] AOVSensor:318 startSensor() [hw/aov/src/plat/isp8/AOVSensor, "
-                         "startSensor, line0318] ERROR: failed to query frame info for sensor(640, "
-                         "480) (startSensor){#318:hw/aov/src/plat/isp8/AOVSensor}"});
+    EXPECT_EQ(unifiedErrors(),
+              std::vector<std::string>{errorLine(
+                  "startSensor", 318, "failed to query frame info for sensor(640, 480)")});
+    EXPECT_EQ(log_.debugContaining("ERROR"),
+              std::vector<std::string>{
+                  "[E][AOV] AOVSensor:318 startSensor() [hw/aov/src/plat/isp8/AOVSensor, "
+                  "startSensor, line0318] ERROR: failed to query frame info for sensor(640, "
+                  "480) (startSensor){#318:hw/aov/src/plat/isp8/AOVSensor}"});
     EXPECT_EQ(param.frame_info0, static_cast<int32_t>(kFillWord));
 }
 
-struct RejectedRequest {
+struct FailedStart {
     const char* name;
     const char* testModel;
     int32_t width;
     int32_t height;
     int32_t fps;
-    int line;
+    DeviceFail device;
+    PipeFail pipe;
+    int line;  // of the error that fails the start
     const char* message;
 };
 
-// Rows print by name, so test listings stay readable and stable.
-void PrintTo(const RejectedRequest& row, std::ostream* os) { *os << row.name; }
+// Rows where neither the device nor the pipeline fails are requests rejected
+// before the device is touched.
+const FailedStart kFailedStarts[] = {
+    {"RateNotOffered", "0", 640, 480, 3, DeviceFail::None, PipeFail::None, 354,
+     "failed to find scenario for the frame rate(3)"},
+    {"RateNotOfferedUnderTestModel", "2", 640, 480, 3, DeviceFail::None, PipeFail::None, 354,
+     "failed to find scenario for the frame rate(3)"},
+    {"ZeroRateOfMatchedSize", "0", 640, 480, 0, DeviceFail::None, PipeFail::None, 354,
+     "failed to find scenario for the frame rate(0)"},
+    {"ZeroRateOfUnknownSize", "0", 800, 600, 0, DeviceFail::None, PipeFail::None, 374,
+     "invalid sensor(3) width(800), height(600) or frame rate(0)"},
+    {"ZeroWidth", "0", 0, 480, 5, DeviceFail::None, PipeFail::None, 374,
+     "invalid sensor(3) width(0), height(480) or frame rate(5)"},
+    {"ZeroHeight", "0", 640, 0, 5, DeviceFail::None, PipeFail::None, 374,
+     "invalid sensor(3) width(640), height(0) or frame rate(5)"},
+    {"NoDevice", "0", 640, 480, 5, DeviceFail::NullDevice, PipeFail::None, 141,
+     "invalid null sensor device for id(3)"},
+    {"ClockSwitch", "0", 640, 480, 5, DeviceFail::Mclk, PipeFail::None, 151,
+     "failed to switch aov sensor(3) mclk to ulposc"},
+    // Released without restoring the clock.
+    {"PowerOn", "0", 640, 480, 5, DeviceFail::PowerOn, PipeFail::None, 161,
+     "failed to power on sensor device(3)"},
+    {"NoCoordinator", "0", 640, 480, 5, DeviceFail::None, PipeFail::NoCoordinator, 217,
+     "failed to get ICamCoordinator instance"},
+    {"NotAnImplementation", "0", 640, 480, 5, DeviceFail::None, PipeFail::NotImp, 225,
+     "failed to get CamCoordinatorImp"},
+    {"NoAgent", "0", 640, 480, 5, DeviceFail::None, PipeFail::NoAgent, 231, "failed to getAgent"},
+    {"ConfigSensor", "0", 640, 480, 5, DeviceFail::None, PipeFail::ConfigSensor, 239,
+     "failed to get configSensor, cam_id(3)"},
+    {"ConfigP1", "0", 640, 480, 5, DeviceFail::None, PipeFail::ConfigP1, 245,
+     "failed to get configNonLaggingP1Drv"},
+    {"NoPipe", "0", 640, 480, 5, DeviceFail::None, PipeFail::NoPipe, 253,
+     "failed to create sensor pipe"},
+    {"StartPipe", "0", 640, 480, 5, DeviceFail::None, PipeFail::StartPipe, 278,
+     "failed to start sensor pipe(-5)"},
+};
 
-class SensorRejectTest : public SensorServiceTest, public WithParamInterface<RejectedRequest> {};
+class SensorFailedStartTest : public SensorServiceTest, public WithParamInterface<FailedStart> {};
 
-TEST_P(SensorRejectTest, FailsBeforeTouchingTheDevice) {
-    const RejectedRequest& row = GetParam();
+TEST_P(SensorFailedStartTest, UnwindsWhatStartedAndStaysStopped) {
+    const FailedStart& row = GetParam();
+    const bool rejected = row.device == DeviceFail::None && row.pipe == PipeFail::None;
     setTestModel(row.testModel);
     createSensor();
     user_param param = request(kSensorId, row.width, row.height, row.fps);
-    expectFrameInfo(param);
+    {
+        InSequence seq;
+        expectFrameInfo(param);
+        if (!rejected) {
+            expectDeviceStart(row.device, main_);
+        }
+        // A failed device skips the pipeline; a failed pipeline also powers the sensor down.
+        if (!rejected && row.device == DeviceFail::None) {
+            expectPipelineStart(row.pipe, main_);
+            expectDeviceStop(main_);
+        }
+    }
 
     EXPECT_EQ(sensor_->startSensor(param), -1);
-    EXPECT_EQ(unifiedErrors(),
-              std::vector<std::string>{errorLine("startSensor", row.line, row.message)});
-    // The frame information stays written; no scenario was.
+    EXPECT_EQ(unifiedErrors(), stepErrors(row.device, row.pipe, row.line, row.message));
+    // The frame information stays written; a rejected request gets no scenario.
     EXPECT_EQ(param.frame_info3, static_cast<int32_t>(kFrameInfo[3]));
-    EXPECT_EQ(param.scenario, static_cast<int32_t>(kFillWord));
-    // Not started: stopping calls nothing.
-    EXPECT_EQ(sensor_->stopSensor(), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Requests, SensorRejectTest,
-    Values(RejectedRequest{"RateNotOffered", "0", 640, 480, 3, 354,
-                           "failed to find scenario for the frame rate(3)"},
-           RejectedRequest{"RateNotOfferedUnderTestModel", "2", 640, 480, 3, 354,
-                           "failed to find scenario for the frame rate(3)"},
-           RejectedRequest{"ZeroRateOfMatchedSize", "0", 640, 480, 0, 354,
-                           "failed to find scenario for the frame rate(0)"},
-           RejectedRequest{"ZeroRateOfUnknownSize", "0", 800, 600, 0, 374,
-                           "invalid sensor(3) width(800), height(600) or frame rate(0)"},
-           RejectedRequest{"ZeroWidth", "0", 0, 480, 5, 374,
-                           "invalid sensor(3) width(0), height(480) or frame rate(5)"},
-           RejectedRequest{"ZeroHeight", "0", 640, 0, 5, 374,
-                           "invalid sensor(3) width(640), height(0) or frame rate(5)"}),
-    [](const ::testing::TestParamInfo<RejectedRequest>& info) { return info.param.name; });
-
-struct DeviceFailure {
-    const char* name;
-    DeviceFail fail;
-    int line;
-    const char* message;
-};
-
-// Rows print by name, so test listings stay readable and stable.
-void PrintTo(const DeviceFailure& row, std::ostream* os) { *os << row.name; }
-
-class SensorDeviceFailureTest : public SensorServiceTest,
-                                public WithParamInterface<DeviceFailure> {};
-
-TEST_P(SensorDeviceFailureTest, UnwindsAndSkipsThePipeline) {
-    const DeviceFailure& row = GetParam();
-    createSensor();
-    user_param param = request(kSensorId, 640, 480, 5);
-    {
-        InSequence seq;
-        expectFrameInfo(param);
-        expectDeviceStart(row.fail, main_);
-    }
-
-    EXPECT_EQ(sensor_->startSensor(param), -1);
-    EXPECT_EQ(unifiedErrors(),
-              (std::vector<std::string>{
-                  errorLine("startDevice", row.line, row.message),
-                  errorLine("startSensor", 381, "failed to start sensor(3) device: -1")}));
-    EXPECT_EQ(sensor_->stopSensor(), 0);
-}
-
-INSTANTIATE_TEST_SUITE_P(Steps, SensorDeviceFailureTest,
-                         Values(DeviceFailure{"NoDevice", DeviceFail::NullDevice, 141,
-                                              "invalid null sensor device for id(3)"},
-                                DeviceFailure{"ClockSwitch", DeviceFail::Mclk, 151,
-                                              "failed to switch aov sensor(3) mclk to ulposc"},
-                                // Released without restoring the clock.
-                                DeviceFailure{"PowerOn", DeviceFail::PowerOn, 161,
-                                              "failed to power on sensor device(3)"}),
-                         [](const ::testing::TestParamInfo<DeviceFailure>& info) {
-                             return info.param.name;
-                         });
-
-struct PipelineFailure {
-    const char* name;
-    PipeFail fail;
-    int line;
-    const char* message;
-};
-
-// Rows print by name, so test listings stay readable and stable.
-void PrintTo(const PipelineFailure& row, std::ostream* os) { *os << row.name; }
-
-class SensorPipelineFailureTest : public SensorServiceTest,
-                                  public WithParamInterface<PipelineFailure> {};
-
-TEST_P(SensorPipelineFailureTest, ReleasesTheAgentAndPowersDown) {
-    const PipelineFailure& row = GetParam();
-    createSensor();
-    user_param param = request(kSensorId, 640, 480, 5);
-    {
-        InSequence seq;
-        expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(row.fail, main_);
-        expectDeviceStop(main_);
-    }
-
-    EXPECT_EQ(sensor_->startSensor(param), -1);
-    EXPECT_EQ(unifiedErrors(),
-              (std::vector<std::string>{
-                  errorLine("startPipeline", row.line, row.message),
-                  errorLine("startSensor", 390, "failed to start sensor(3) pipeline: -1")}));
-    // The service holds neither agent nor pipe any more, and is not started.
+    EXPECT_EQ(param.scenario, static_cast<int32_t>(rejected ? kFillWord : 3));
+    // The service holds neither agent nor pipe and is not started: stopping calls nothing.
     EXPECT_EQ(main_.agent.use_count(), 1);
     EXPECT_EQ(main_.pipe.use_count(), 1);
     EXPECT_EQ(sensor_->stopSensor(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Steps, SensorPipelineFailureTest,
-    Values(
-        PipelineFailure{"NoCoordinator", PipeFail::NoCoordinator, 217,
-                        "failed to get ICamCoordinator instance"},
-        PipelineFailure{"NotAnImplementation", PipeFail::NotImp, 225,
-                        "failed to get CamCoordinatorImp"},
-        PipelineFailure{"NoAgent", PipeFail::NoAgent, 231, "failed to getAgent"},
-        PipelineFailure{"ConfigSensor", PipeFail::ConfigSensor, 239,
-                        "failed to get configSensor, cam_id(3)"},
-        PipelineFailure{"ConfigP1", PipeFail::ConfigP1, 245, "failed to get configNonLaggingP1Drv"},
-        PipelineFailure{"NoPipe", PipeFail::NoPipe, 253, "failed to create sensor pipe"},
-        PipelineFailure{"StartPipe", PipeFail::StartPipe, 278, "failed to start sensor pipe(-5)"}),
-    [](const ::testing::TestParamInfo<PipelineFailure>& info) { return info.param.name; });
+INSTANTIATE_TEST_SUITE_P(Steps, SensorFailedStartTest, ValuesIn(kFailedStarts), kRowName);
 
-struct UncataloguedRequest {
-    const char* name;
-    int32_t sensorId;
-    int32_t width;
-    int32_t height;
-    uint32_t cameraId;
-};
-
-// Rows print by name, so test listings stay readable and stable.
-void PrintTo(const UncataloguedRequest& row, std::ostream* os) { *os << row.name; }
-
-class SensorUncataloguedTest : public SensorServiceTest,
-                               public WithParamInterface<UncataloguedRequest> {};
-
-// Not finding a mode is not an error: the start goes on with the caller's fields.
-TEST_P(SensorUncataloguedTest, StartsWithModeFieldsUntouched) {
-    const UncataloguedRequest& row = GetParam();
+// Not finding a mode is not an error: the start goes on with the caller's mode fields.
+TEST_F(SensorServiceTest, UncataloguedRequestsStartWithModeFieldsUntouched) {
     createSensor();
-    user_param param = request(row.sensorId, row.width, row.height, 5);
-    const std::vector<uint8_t> before = bytesOf(param);
-    PipeScript script;
-    script.sensorId = row.sensorId;
-    script.poweredId = row.sensorId;
-    script.cameraId = row.cameraId;
+    // A size that the sensor does not offer, then a sensor that is not catalogued.
+    user_param unlistedSize = request(kSensorId, 800, 600, 5);
+    user_param unlistedSensor = request(9, 640, 480, 5);
+    const user_param requestedSize = unlistedSize;
+    const user_param requestedSensor = unlistedSensor;
+    PipeScript other;
+    other.sensorId = other.poweredId = 9;
+    other.cameraId = 0;
     {
         InSequence seq;
-        expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, main_, row.sensorId);
-        expectPipelineStart(PipeFail::None, main_, script);
-        expectPipelineStop(main_, script);
-        expectDeviceStop(main_, row.sensorId);
+        expectRun(unlistedSize, main_);
+        expectRun(unlistedSensor, main_, other);
     }
 
-    ASSERT_EQ(sensor_->startSensor(param), 0);
-    std::vector<uint8_t> expected = before;
-    put32(expected, 0x24, kFrameInfo[0]);
-    put32(expected, 0x28, kFrameInfo[1]);
-    put32(expected, 0x30, kFrameInfo[2]);
-    put32(expected, 0x34, kFrameInfo[3]);
-    put32(expected, 0xC0, row.cameraId);
-    EXPECT_EQ(bytesOf(param), expected);
+    ASSERT_EQ(sensor_->startSensor(unlistedSize), 0);
+    EXPECT_EQ(bytesOf(unlistedSize), startedRecord(requestedSize, kCameraId, /*moded=*/false));
+    EXPECT_EQ(sensor_->stopSensor(), 0);
+    ASSERT_EQ(sensor_->startSensor(unlistedSensor), 0);
+    EXPECT_EQ(bytesOf(unlistedSensor), startedRecord(requestedSensor, 0, /*moded=*/false));
     EXPECT_EQ(sensor_->stopSensor(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Requests, SensorUncataloguedTest,
-                         Values(UncataloguedRequest{"SizeNotListed", 3, 800, 600, 2},
-                                UncataloguedRequest{"SensorNotListed", 9, 640, 480, 0}),
-                         [](const ::testing::TestParamInfo<UncataloguedRequest>& info) {
-                             return info.param.name;
-                         });
+struct TestModelStart {
+    const char* name;
+    const char* testModel;
+    int32_t width;
+    DeviceFail device;
+    PipeFail pipe;
+    int line;  // of the error that the start carries on past
+    const char* message;
+};
 
-TEST_F(SensorServiceTest, TestModelWaivesZeroSizeAndStreamsTestGeometry) {
-    setTestModel("2");
+const TestModelStart kTestModelStarts[] = {
+    {"ZeroWidth", "2", 0, DeviceFail::None, PipeFail::None, 374,
+     "invalid sensor(3) width(0), height(480) or frame rate(5)"},
+    {"NoDevice", "1", 640, DeviceFail::NullDevice, PipeFail::None, 141,
+     "invalid null sensor device for id(3)"},
+    {"PipeFails", "2", 640, DeviceFail::None, PipeFail::StartPipe, 278,
+     "failed to start sensor pipe(-5)"},
+};
+
+class SensorTestModelTest : public SensorServiceTest, public WithParamInterface<TestModelStart> {};
+
+// Under the test model a start carries on past what would fail it, and the
+// record leaves with the test geometry.
+TEST_P(SensorTestModelTest, CarriesOnAndStreamsTheTestGeometry) {
+    const TestModelStart& row = GetParam();
+    setTestModel(row.testModel);
     createSensor();
-    user_param param = request(kSensorId, 0, 480, 5);
+    user_param powered = request(kSensorId, 640, 480, 5);
+    user_param param = request(kSensorId, row.width, 480, 5);
     PipeScript script;
     script.pipeMode = 2;
     {
         InSequence seq;
+        // A powered run first, so that a stale sensor id would show in a later detach.
+        expectRun(powered, main_, script);
         expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(PipeFail::None, main_, script);
-        expectPipelineStop(main_, script);
-        expectDeviceStop(main_);
-    }
-
-    ASSERT_EQ(sensor_->startSensor(param), 0);
-    EXPECT_EQ(unifiedErrors(),
-              std::vector<std::string>{errorLine(
-                  "startSensor", 374, "invalid sensor(3) width(0), height(480) or frame rate(5)")});
-    // The coordinator saw the request; the record leaves with the test geometry.
-    const auto& byScenario = agent_params_.p1Configs[kSensorId];
-    ASSERT_EQ(byScenario.size(), 1u);
-    EXPECT_EQ(byScenario.begin()->second->sensorInfo->width, 0);
-    EXPECT_EQ(param.width, 1920);
-    EXPECT_EQ(param.height, 1080);
-    EXPECT_EQ(param.frame_rate, 10);
-    EXPECT_EQ(param.frame_info0, 1920);
-    EXPECT_EQ(param.frame_info1, 1080);
-    EXPECT_EQ(param.frame_info2, 1920);
-    EXPECT_EQ(param.frame_info3, 1080);
-    EXPECT_EQ(sensor_->stopSensor(), 0);
-}
-
-TEST_F(SensorServiceTest, TestModelCarriesOnWithoutADevice) {
-    setTestModel("1");
-    createSensor();
-    user_param powered = request(kSensorId, 640, 480, 5);
-    user_param param = request(kSensorId, 640, 480, 5);
-    PipeScript poweredScript;
-    poweredScript.pipeMode = 2;
-    PipeScript script = poweredScript;
-    script.poweredId = -1;
-    {
-        InSequence seq;
-        // A powered run first, so that a stale sensor id would show in the detach below.
-        expectFrameInfo(powered);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(PipeFail::None, main_, poweredScript);
-        expectPipelineStop(main_, poweredScript);
-        expectDeviceStop(main_);
-        expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::NullDevice, main_);
-        expectPipelineStart(PipeFail::None, main_, script);
-        // Started all the same: the stop takes the pipeline down, there is no power to cut.
-        expectPipelineStop(main_, script);
+        expectDeviceStart(row.device, main_);
+        script.poweredId = row.device == DeviceFail::None ? kSensorId : -1;
+        expectPipelineStart(row.pipe, main_, script);
+        // The stop takes down what is left.
+        if (row.pipe == PipeFail::None) {
+            expectPipelineStop(main_, script);
+        }
+        if (row.device == DeviceFail::None) {
+            expectDeviceStop(main_);
+        }
     }
     ASSERT_EQ(sensor_->startSensor(powered), 0);
     ASSERT_EQ(sensor_->stopSensor(), 0);
 
     EXPECT_EQ(sensor_->startSensor(param), 0);
-    EXPECT_EQ(unifiedErrors(),
-              (std::vector<std::string>{
-                  errorLine("startDevice", 141, "invalid null sensor device for id(3)"),
-                  errorLine("startSensor", 381, "failed to start sensor(3) device: -1")}));
+    EXPECT_EQ(unifiedErrors(), stepErrors(row.device, row.pipe, row.line, row.message));
+    // The coordinator saw the request.
+    ASSERT_EQ(agent_params_.p1Configs[kSensorId].size(), 1u);
+    EXPECT_EQ(agent_params_.p1Configs[kSensorId].begin()->second->sensorInfo->width, row.width);
+    EXPECT_EQ((std::vector<int32_t>{param.width, param.height, param.frame_rate, param.frame_info0,
+                                    param.frame_info1, param.frame_info2, param.frame_info3}),
+              (std::vector<int32_t>{1920, 1080, 10, 1920, 1080, 1920, 1080}));
     EXPECT_EQ(sensor_->stopSensor(), 0);
 }
 
-TEST_F(SensorServiceTest, TestModelCarriesOnWhenThePipeFails) {
-    setTestModel("2");
-    createSensor();
-    user_param param = request(kSensorId, 640, 480, 5);
-    PipeScript script;
-    script.pipeMode = 2;
-    {
-        InSequence seq;
-        expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(PipeFail::StartPipe, main_, script);
-        expectDeviceStop(main_);
-    }
+INSTANTIATE_TEST_SUITE_P(Starts, SensorTestModelTest, ValuesIn(kTestModelStarts), kRowName);
 
-    EXPECT_EQ(sensor_->startSensor(param), 0);
-    EXPECT_EQ(unifiedErrors(),
-              (std::vector<std::string>{
-                  errorLine("startPipeline", 278, "failed to start sensor pipe(-5)"),
-                  errorLine("startSensor", 390, "failed to start sensor(3) pipeline: -1")}));
-    EXPECT_EQ(param.width, 1920);
-    EXPECT_EQ(param.height, 1080);
-    EXPECT_EQ(param.frame_rate, 10);
-    // Nothing is left to tear down.
-    EXPECT_EQ(sensor_->stopSensor(), 0);
-}
-
-TEST_F(SensorServiceTest, SecondStartReusesTheAgentAndDropsTheFirstPipe) {
+TEST_F(SensorServiceTest, SecondStartReusesTheAgentAndDestructionStopsIt) {
     createSensor();
     Doubles second;
     user_param first = request(kSensorId, 640, 480, 5);
@@ -399,54 +286,16 @@ TEST_F(SensorServiceTest, SecondStartReusesTheAgentAndDropsTheFirstPipe) {
         expectFrameInfo(again);
         expectDeviceStart(DeviceFail::None, second);
         expectPipelineStart(PipeFail::None, second, reuse);
-        // Only the second pipe, agent and device are taken down.
+        // Only the second pipe, agent and device are taken down, the pipeline first.
         expectPipelineStop(second, reuse);
         expectDeviceStop(second);
     }
 
     ASSERT_EQ(sensor_->startSensor(first), 0);
     ASSERT_EQ(sensor_->startSensor(again), 0);
-    EXPECT_EQ(again.scenario, 9);
+    EXPECT_EQ(again.scenario, 4);
     EXPECT_EQ(main_.pipe.use_count(), 1);
     EXPECT_EQ(main_.agent.use_count(), 1);
-    EXPECT_EQ(sensor_->stopSensor(), 0);
-}
-
-TEST_F(SensorServiceTest, SecondStopOnlyTraces) {
-    createSensor();
-    user_param param = request(kSensorId, 640, 480, 5);
-    {
-        InSequence seq;
-        expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(PipeFail::None, main_);
-        expectPipelineStop(main_);
-        expectDeviceStop(main_);
-    }
-    ASSERT_EQ(sensor_->startSensor(param), 0);
-    ASSERT_EQ(sensor_->stopSensor(), 0);
-
-    log_.enableTraces();
-    log_.clear();
-    EXPECT_EQ(sensor_->stopSensor(), 0);
-    EXPECT_EQ(log_.debugContaining("AOV sensor"),
-              (std::vector<std::string>{
-                  "[D][AOV] AOVSensor:411 stopSensor() [stopSensor] AOV sensor stop+",
-                  "[D][AOV] AOVSensor:415 stopSensor() [stopSensor] AOV sensor stop-"}));
-}
-
-TEST_F(SensorServiceTest, DestroyingAStartedServiceStopsThePipelineBeforeTheDevice) {
-    createSensor();
-    user_param param = request(kSensorId, 640, 480, 5);
-    {
-        InSequence seq;
-        expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(PipeFail::None, main_);
-        expectPipelineStop(main_);
-        expectDeviceStop(main_);
-    }
-    ASSERT_EQ(sensor_->startSensor(param), 0);
     sensor_.reset();
 }
 
