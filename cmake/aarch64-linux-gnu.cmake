@@ -5,3 +5,9 @@ set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
 set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
 set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
 set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
+
+# Test programs run under user-mode emulation when qemu is installed.
+find_program(AOV_QEMU_AARCH64 qemu-aarch64-static qemu-aarch64)
+if(AOV_QEMU_AARCH64)
+  set(CMAKE_CROSSCOMPILING_EMULATOR ${AOV_QEMU_AARCH64} -L /usr/aarch64-linux-gnu)
+endif()
