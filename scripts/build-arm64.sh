@@ -4,7 +4,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh g++-aarch64-linux-gnu binutils-aarch64-linux-gnu qemu-user-static
+bash scripts/install-deps.sh g++-aarch64-linux-gnu binutils-aarch64-linux-gnu libc6-dev-arm64-cross qemu-user-static
 cmake --preset arm64
 cmake --build --preset arm64 -j "$(nproc)" --target kelocam_aov_plat
 lib=build/arm64/hw/aov/libkelocam_aov_plat.so
