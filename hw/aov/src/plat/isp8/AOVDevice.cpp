@@ -77,7 +77,7 @@ bool AOVDevice::isSupport() {
 }
 
 int AOVDevice::startDevice(user_param& param) {
-    aov_mode_ = param.aov_mode;
+    aov_mode_.store(param.aov_mode, std::memory_order_relaxed);
     // The start command carries the first kUserParamKernelSize bytes of the caller's record.
     const int result = DevControl::ioctl(static_cast<int>(AOV_IOC_START), &param, false, nullptr);
     if (result < 0) {

@@ -47,7 +47,9 @@ class AOVDevice : public IAOVDevice, public DevControl, public EventObserver {
 
     int32_t debug_device_;
     int32_t image_callback_;
-    int32_t aov_mode_;
+    // Written by startDevice, read by the event path; a second start may land
+    // while events are delivered, and either mode is then a valid answer.
+    std::atomic<int32_t> aov_mode_;
     EventMonitor* monitor_;
     // Written by the allocation task, read by the event path.
     std::atomic<aov_event*> event_;
@@ -126,18 +128,19 @@ inline int AOVDevice::queryEvent() {
 
     // Words that are not copied keep what an earlier event left in the buffer.
     std::memcpy(event->header, query.header, sizeof(event->header));
-    if (event->header[kEventContentFlagIndex] == 0 && aov_mode_ == 0) {
+    const int32_t mode = aov_mode_.load(std::memory_order_relaxed);
+    if (event->header[kEventContentFlagIndex] == 0 && mode == 0) {
         return result;
     }
     std::memcpy(event->s4_info, query.s4_info, 3 * sizeof(uint32_t));
     std::memcpy(event->s5_info, query.s5_info, 3 * sizeof(uint32_t));
-    const bool passImageWord = aov_mode_ == kFullContentMode || image_callback_ != 0;
+    const bool passImageWord = mode == kFullContentMode || image_callback_ != 0;
     event->s4_info[3] = passImageWord ? query.s4_info[3] : 0;
     event->s5_info[3] = passImageWord ? query.s5_info[3] : 0;
     event->s1_info = query.s1_info;
     event->s2_info = query.s2_info;
     event->s3_info = query.s3_info;
-    if (aov_mode_ == kFullContentMode) {
+    if (mode == kFullContentMode) {
         std::memcpy(event->s6_info, query.s6_info, sizeof(event->s6_info));
         event->s7_info = query.s7_info;
         event->s8_info = query.s8_info;
