@@ -24,6 +24,8 @@ static_assert(sizeof(int) == sizeof(int32_t), "sensor ids are copied as 32-bit w
 aov_event* allocateEventBuffer() {
     void* block = ::operator new(kEventBufferSize, std::nothrow);
     if (block == nullptr) {
+        AOV_LOG_ERROR_AT(kSourcePath, __LINE__, "failed to allocate the event buffer (%zu bytes)",
+                         kEventBufferSize);
         std::abort();
     }
     std::memset(block, 0, kEventBufferSize);
@@ -84,15 +86,24 @@ int AOVDevice::startDevice(user_param& param) {
         DEVICE_ERROR(__LINE__, "failed to set sensor info: %d", result);
         return result;
     }
-    // The 2.3 MB buffer is prepared off the caller's thread. A previous buffer
-    // that was never stopped is overwritten, not freed. Replacing future_ waits
-    // for an earlier task that is still running.
-    future_ = std::async(std::launch::async, [this] {
-        // Release: the zero fill is visible to whoever acquires the pointer.
-        event_.store(allocateEventBuffer(), std::memory_order_release);
-    });
+    // The 2.3 MB buffer is prepared off the caller's thread. Replacing future_
+    // waits for an earlier task that is still running. A thread that cannot be
+    // created cannot be reported through the result: it is fatal.
+    const int launched = DetachedTask::launch(&AOVDevice::prepareEventBuffer, this, &future_);
+    if (launched != 0) {
+        DEVICE_ERROR(__LINE__, "thread constructor failed: %s", std::strerror(launched));
+        std::abort();
+    }
     started_.store(true, std::memory_order_release);
     return 0;
+}
+
+void AOVDevice::prepareEventBuffer(void* device) {
+    // A buffer of an earlier start that was never stopped is overwritten, not
+    // freed: the leak is deliberate, the system layer relies on start being
+    // repeatable without a stop. Release: the zero fill is visible to whoever
+    // acquires the pointer.
+    static_cast<AOVDevice*>(device)->event_.store(allocateEventBuffer(), std::memory_order_release);
 }
 
 int AOVDevice::stopDevice() {

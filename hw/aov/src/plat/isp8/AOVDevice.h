@@ -3,11 +3,11 @@
 #include <atomic>
 #include <cstdint>
 #include <cstring>
-#include <future>
 #include <string>
 #include <vector>
 
 #include "AOVLog.h"
+#include "DetachedTask.h"
 #include "DevControl.h"
 #include "EventMonitor.h"
 #include "EventObserver.h"
@@ -42,6 +42,9 @@ class AOVDevice : public IAOVDevice, public DevControl, public EventObserver {
     int queryEvent();
 
   private:
+    // Body of the task that prepares the event buffer off the caller's thread.
+    static void prepareEventBuffer(void* device);
+
     // The event path below is written in this header; its log lines carry this path.
     static constexpr char kHeaderSourcePath[] = "hw/aov/src/plat/isp8/AOVDevice.h";
 
@@ -54,7 +57,8 @@ class AOVDevice : public IAOVDevice, public DevControl, public EventObserver {
     // Written by the allocation task, read by the event path.
     std::atomic<aov_event*> event_;
     std::atomic<bool> started_;
-    std::future<void> future_;
+    // Completion of the task that allocates event_.
+    DetachedTask future_;
 };
 
 #define AOV_DEVICE_H_TRACE(line, fmt, ...) \
