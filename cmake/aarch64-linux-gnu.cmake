@@ -1,13 +1,4 @@
-set(CMAKE_SYSTEM_NAME Linux)
-set(CMAKE_SYSTEM_PROCESSOR aarch64)
+# Cross build for Arm64 with the GNU toolchain and libstdc++.
+include(${CMAKE_CURRENT_LIST_DIR}/aarch64-emulator.cmake)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)
 set(CMAKE_CXX_COMPILER aarch64-linux-gnu-g++)
-set(CMAKE_FIND_ROOT_PATH_MODE_PROGRAM NEVER)
-set(CMAKE_FIND_ROOT_PATH_MODE_LIBRARY ONLY)
-set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
-
-# Test programs run under user-mode emulation when qemu is installed.
-find_program(AOV_QEMU_AARCH64 qemu-aarch64-static qemu-aarch64)
-if(AOV_QEMU_AARCH64)
-  set(CMAKE_CROSSCOMPILING_EMULATOR ${AOV_QEMU_AARCH64} -L /usr/aarch64-linux-gnu)
-endif()
