@@ -92,12 +92,25 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 expected[{info.scenarios[s].width, info.scenarios[s].height}].push_back(s);
             }
         }
+        // Entries come in the scratch table's iteration order for the keys in
+        // the order their first scenario inserted them.
+        AOVSensor::ScratchTable scratch;
+        for (int s = 0; s < NSCam::kSensorScenarioCount; ++s) {
+            if (accepted(info.scenarios[s], testModel, viewMode)) {
+                scratch[AOVSensor::SensorKey(id, static_cast<int>(info.scenarios[s].width),
+                                             static_cast<int>(info.scenarios[s].height))];
+            }
+        }
+        auto order = scratch.begin();
         const std::vector<sensor_info> entries = sensor.getSensorInfo(id);
         check(entries.size() == expected.size());
         check(std::count(ids.begin(), ids.end(), id) == (expected.empty() ? 0 : 1));
         for (const sensor_info& entry : entries) {
             const auto it = expected.find({entry.width, entry.height});
             check(it != expected.end());
+            check(std::get<1>(order->first) == entry.width &&
+                  std::get<2>(order->first) == entry.height);
+            ++order;
             check(entry.fps.size() == it->second.size() && entry.mode.size() == it->second.size());
             check(entry.orientation == info.orientation);
             check(entry.face == (info.facingDirection != 0 ? 1 : 0));

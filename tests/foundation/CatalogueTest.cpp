@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -92,6 +93,41 @@ TEST_F(Catalogue, EqualResolutionsMergeInScenarioOrder) {
                 ElementsAre("[setupSensors] Add sensor(2) width(640), height(480), fps(3), "
                             "sensor_ae(0), orient(90), face(0), type(0), bit(0)"));
     EXPECT_EQ(log.unifiedContaining("width(320), height(240), size(3)").size(), 1u);
+}
+
+TEST_F(Catalogue, EntriesFollowTheScratchTableOrderAndTheFirstDecidesTheMode) {
+    // Six sizes in scenario order. The catalogue lists a sensor's sizes in the
+    // scratch table's iteration order for the keys inserted in that order, so
+    // the expectation is that order under the standard library in use.
+    const std::vector<std::pair<int32_t, int32_t>> sizes = {
+        {640, 480}, {320, 240}, {1280, 720}, {1920, 1080}, {160, 120}, {800, 600}};
+    AOVSensor::ScratchTable reference;
+    std::vector<NSCam::SensorScenarioInfo> scenarios;
+    for (const auto& [width, height] : sizes) {
+        reference[AOVSensor::SensorKey(4, width, height)];
+        scenarios.push_back({static_cast<uint16_t>(width), static_cast<uint16_t>(height), 50});
+    }
+    std::vector<std::pair<int32_t, int32_t>> expected;
+    for (const auto& entry : reference) {
+        expected.emplace_back(std::get<1>(entry.first), std::get<2>(entry.first));
+    }
+
+    FakeSensor six = sensorWith(4, 1, {});
+    std::copy(scenarios.begin(), scenarios.end(), six.info.scenarios);
+    bind({six});
+    auto custom = std::make_shared<StrictMock<MockCustom>>();
+    aovhost::ScopedBinding<IAOVCustom> bindCustom(custom);
+    AOVSensor sensor;
+    std::vector<std::pair<int32_t, int32_t>> listed;
+    for (const sensor_info& info : sensor.getSensorInfo(4)) {
+        listed.emplace_back(info.width, info.height);
+    }
+    EXPECT_EQ(listed, expected);
+
+    unsigned int mode = 0;
+    EXPECT_CALL(*custom, queryDetectMode(expected[0].first, expected[0].second, _))
+        .WillOnce(Return(0));
+    EXPECT_EQ(sensor.getSensorMode(4, mode), 0);
 }
 
 TEST_F(Catalogue, ViewModeSelectsViewingScenarios) {

@@ -155,7 +155,7 @@ void AOVSensor::setupSensors() {
                      __func__, idx, total, staticInfo.orientation, facing, sensorId, sensorDevIdx,
                      idxMap);
 
-        std::unordered_map<SensorKey, sensor_info, SensorHash> scratch;
+        ScratchTable scratch;
         const int32_t face = facing != 0 ? 1 : 0;
         for (int s = 0; s < kScenarioCount; ++s) {
             SENSOR_TRACE(__LINE__, "[%s] setup aov sensor scenario(%d)", __func__, s);

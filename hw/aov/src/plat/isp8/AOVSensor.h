@@ -31,6 +31,10 @@ class AOVSensor : public IAOVSensor {
             return static_cast<size_t>(static_cast<int64_t>(mixed));
         }
     };
+    // One sensor's resolutions while its scenarios are examined. Its iteration
+    // order, which depends on the standard library, is the order of the
+    // sensor's catalogue entries.
+    using ScratchTable = std::unordered_map<SensorKey, sensor_info, SensorHash>;
 
     static constexpr int kScenarioCount = NSCam::kSensorScenarioCount;
     static constexpr int kUnknownSensorIdx = 13;
