@@ -23,7 +23,9 @@ class FuzzSensorList : public NSCam::IHalSensorList {
     std::vector<int32_t> devIdx;
 
     int32_t queryNumberOfSensors() const override { return static_cast<int32_t>(infos.size()); }
-    int32_t queryFacingDirection(int32_t id) const override { return infos[id].facingDirection; }
+    int32_t queryFacingDirection(int32_t id) const override {
+        return static_cast<int32_t>(infos[id].facingDirection);
+    }
     int32_t querySensorDevIdx(int32_t id) const override { return devIdx[id]; }
     void querySensorStaticInfo(uint32_t dev, NSCam::SensorStaticInfo* info) const override {
         for (size_t i = 0; i < infos.size(); ++i) {

@@ -123,8 +123,11 @@ void EpollEventMonitor::run() {
                     return;
                 }
                 // An observer removed since epoll_wait returned is skipped.
-                auto it = watches_.find(events[i].data.u64);
-                if (events[i].data.u64 == kWakeKey || it == watches_.end()) {
+                // epoll_event is packed: copy the key out rather than bind a
+                // reference to a misaligned member.
+                const uint64_t key = events[i].data.u64;
+                auto it = watches_.find(key);
+                if (key == kWakeKey || it == watches_.end()) {
                     continue;
                 }
                 observer = it->second.observer;

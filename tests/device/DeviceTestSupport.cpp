@@ -3,7 +3,14 @@
 #include <cstring>
 #include <thread>
 
-#if defined(__SANITIZE_ADDRESS__) && __has_include(<sanitizer/lsan_interface.h>)
+// GCC says AddressSanitizer with a macro, clang with a feature test.
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define AOV_TEST_ASAN 1
+#endif
+#endif
+#if (defined(__SANITIZE_ADDRESS__) || defined(AOV_TEST_ASAN)) && \
+    __has_include(<sanitizer/lsan_interface.h>)
 #include <sanitizer/lsan_interface.h>
 #define AOV_TEST_HAS_LSAN 1
 #endif

@@ -79,6 +79,8 @@ std::shared_ptr<camcoordinator::ICamCoordinator> camcoordinator::ICamCoordinator
     return bound ? bound : empty;
 }
 
+camcoordinator::CamCoordinatorImp::~CamCoordinatorImp() = default;
+
 std::shared_ptr<camcoordinator::CamCoordinatorImp> camcoordinator::CamCoordinatorImp::castFrom(
     std::shared_ptr<ICamCoordinator> coordinator) {
     return std::dynamic_pointer_cast<CamCoordinatorImp>(std::move(coordinator));

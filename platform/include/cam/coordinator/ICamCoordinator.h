@@ -101,6 +101,10 @@ class CamCoordinatorImp : public ICamCoordinator {
     static std::shared_ptr<CamCoordinatorImp> castFrom(
         std::shared_ptr<ICamCoordinator> coordinator);
 
+    // Defined in the platform library, so that the class's type information
+    // has one home there and castFrom recognises subclasses defined elsewhere.
+    ~CamCoordinatorImp() override;
+
     // The agent with this id; empty when there is none.
     std::shared_ptr<ICamAgent> getAgent(unsigned long agentId) { return lookupAgent(agentId); }
 
