@@ -69,8 +69,12 @@ double processCpuSeconds() {
 }
 
 void printMonitor(const aovsim::EpollEventMonitor& monitor) {
-    std::printf("monitor: notifications %llu\n",
-                static_cast<unsigned long long>(monitor.notifications()));
+    const aovsim::MonitorStats stats = monitor.stats();
+    std::printf("monitor: wake-ups %llu, notifications %llu, back-offs %llu (longest %lld ms)\n",
+                static_cast<unsigned long long>(stats.wakeups),
+                static_cast<unsigned long long>(stats.notifications),
+                static_cast<unsigned long long>(stats.stalls),
+                static_cast<long long>(stats.longest_backoff.count()));
 }
 
 int cycles(int count, bool pendingAtStart) {
@@ -95,7 +99,11 @@ int cycles(int count, bool pendingAtStart) {
         cv.notify_all();
     };
 
-    aovsim::EpollEventMonitor monitor;
+    // Progress, as aov-sim counts it: events that reached the callback.
+    aovsim::EpollEventMonitor monitor(0, aovsim::BackoffPolicy(), [&] {
+        std::lock_guard<std::mutex> guard(mutex);
+        return delivered;
+    });
     std::vector<uint64_t> perStart;
     perStart.reserve(static_cast<size_t>(count));
     const auto began = Clock::now();
