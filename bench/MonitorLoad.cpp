@@ -130,8 +130,7 @@ int cycles(int count, bool pendingAtStart) {
         device->setMonitor(&monitor);
         {
             std::unique_lock<std::mutex> lock(mutex);
-            if (!cv.wait_for(lock, std::chrono::seconds(10),
-                             [&] { return delivered >= target; })) {
+            if (!cv.wait_for(lock, std::chrono::seconds(10), [&] { return delivered >= target; })) {
                 std::fprintf(stderr, "cycle %d: no event within 10 s\n", i);
                 return 1;
             }
@@ -156,13 +155,13 @@ int cycles(int count, bool pendingAtStart) {
         const size_t rank = static_cast<size_t>(p / 100.0 * static_cast<double>(sorted.size()));
         return static_cast<unsigned long long>(sorted[std::min(rank, sorted.size() - 1)]);
     };
-    std::printf("%d starts (%s) in %.2f s\n", count, pendingAtStart ? "event pending at start"
-                                                                  : "frame timer", wall);
-    std::printf("library error lines: total %llu, starts with any %zu, per start mean %.2f, "
-                "p50 %llu, p99 %llu, max %llu\n",
-                static_cast<unsigned long long>(total), withErrors,
-                static_cast<double>(total) / count, at(50), at(99),
-                static_cast<unsigned long long>(sorted.back()));
+    std::printf("%d starts (%s) in %.2f s\n", count,
+                pendingAtStart ? "event pending at start" : "frame timer", wall);
+    std::printf(
+        "library error lines: total %llu, starts with any %zu, per start mean %.2f, "
+        "p50 %llu, p99 %llu, max %llu\n",
+        static_cast<unsigned long long>(total), withErrors, static_cast<double>(total) / count,
+        at(50), at(99), static_cast<unsigned long long>(sorted.back()));
     printMonitor(monitor);
     return 0;
 }
@@ -188,8 +187,8 @@ class StuckObserver : public EventObserver {
 };
 
 int idle(double seconds) {
-    const auto period = std::chrono::duration_cast<Clock::duration>(
-        std::chrono::duration<double>(seconds));
+    const auto period =
+        std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(seconds));
     for (bool readable : {false, true}) {
         aovsim::EpollEventMonitor monitor;
         StuckObserver observer;

@@ -78,8 +78,8 @@ class EpollEventMonitor final : public EventMonitor {
     struct Watch {
         EventObserver* observer;
         int fd;
-        uint64_t stalls = 0;     // notifications in a row that got nowhere
-        bool armed = true;       // false: waiting for rearm_at
+        uint64_t stalls = 0;  // notifications in a row that got nowhere
+        bool armed = true;    // false: waiting for rearm_at
         Clock::time_point rearm_at{};
     };
 
