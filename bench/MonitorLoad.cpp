@@ -12,7 +12,7 @@
 //       quiet descriptor and (b) a descriptor left readable by an observer
 //       that never consumes it.
 //
-// Run it on the release preset, with and without other load on the machine.
+// Run it with and without other load on the machine (two busy loops, say).
 
 #include <sys/eventfd.h>
 #include <sys/resource.h>
