@@ -210,7 +210,12 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const Choice& 
 
     say("step 5: attaching the event monitor");
     device->callback_ = [this](aov_event* event) { onEvent(event); };
-    aovsim::EpollEventMonitor monitor(options_.verbosity);
+    // A notification got somewhere when an event reached the callback; one
+    // that leaves the descriptor readable without that makes the monitor back off.
+    aovsim::EpollEventMonitor monitor(options_.verbosity, aovsim::BackoffPolicy(), [this] {
+        std::lock_guard<std::mutex> guard(mutex_);
+        return delivered_;
+    });
     say("setMonitor(monitor) -> %d, watching fd %d", device->setMonitor(&monitor),
         device->getEventFD());
 
@@ -233,7 +238,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const Choice& 
     device->callback_ = nullptr;
     say("stopSensor() -> %d", sensors->stopSensor());
     say("stopDevice() -> %d", device->stopDevice());
-    printSummary();
+    printSummary(&monitor);
     if (timedOut) {
         std::lock_guard<std::mutex> guard(mutex_);
         return failure(format("timed out with %llu of %d events delivered",
@@ -325,7 +330,7 @@ void SystemLayer::printUserParam(const user_param& p) {
         p.aov_mode, p.sensor_idx, p.width, p.height);
 }
 
-void SystemLayer::printSummary() {
+void SystemLayer::printSummary(const aovsim::EpollEventMonitor* monitor) {
     const aovsim::DriverStats stats = sim_.driver().stats();
     const aovsim::PlatformSnapshot platform = sim_.platform().snapshot();
     uint64_t delivered;
@@ -356,6 +361,13 @@ void SystemLayer::printSummary() {
         "lines %llu, content mismatches %llu",
         u(stats.requests), u(stats.failed_requests), u(sim_.trace().refusals()),
         u(sim_.logSink().errorLines()), u(mismatches));
+    if (monitor != nullptr) {
+        const aovsim::MonitorStats m = monitor->stats();
+        say("summary: event monitor: wake-ups %llu, notifications %llu, back-offs %llu "
+            "(longest %lld ms)",
+            u(m.wakeups), u(m.notifications), u(m.stalls),
+            static_cast<long long>(m.longest_backoff.count()));
+    }
     say("summary: platform after stop: %d sensors powered, %d on ULPOSC, %d devices open, %d "
         "agents, %d pipes (%d streaming)",
         platform.powered, platform.on_ulposc, platform.open_devices, platform.agents,

@@ -14,6 +14,7 @@
 #include "IAOVDevice.h"
 #include "IAOVSensor.h"
 #include "Options.h"
+#include "aovsim/EpollEventMonitor.h"
 #include "aovsim/Simulation.h"
 
 namespace aovsimtool {
@@ -43,7 +44,8 @@ class SystemLayer {
     void waitForEvents(const Choice& choice, bool* timedOut);
     void onEvent(const aov_event* event);
     void printUserParam(const user_param& param);
-    void printSummary();
+    // With the session's monitor, once it no longer watches the device.
+    void printSummary(const aovsim::EpollEventMonitor* monitor = nullptr);
 
     void say(const char* format, ...) __attribute__((format(printf, 2, 3)));
     int badInput(const std::string& message);

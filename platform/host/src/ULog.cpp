@@ -39,14 +39,35 @@ ULogger* ULogger::sULogger = &gStderrLogger;
 
 LogLevelInfo g_logInfoLv[2] = {{true, "[D]"}, {true, "[E]"}};
 
+namespace {
+
+// A cut line's text ends before `end`, moved back off UTF-8 continuation bytes
+// so that no character is split.
+size_t cutAt(const char* text, size_t end) {
+    while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xC0) == 0x80) {
+        --end;
+    }
+    return end;
+}
+
+}  // namespace
+
 void log_dbg_print(int level, const char* format, ...) {
-    char line[1024];
+    using aovhost::kDebugPrintCutMarker;
+    using aovhost::kDebugPrintLineBytes;
+    // One byte more than a line keeps, to tell a full line from a cut one;
+    // room for the marker behind it.
+    char line[kDebugPrintLineBytes + 1 + sizeof(kDebugPrintCutMarker)];
     va_list args;
     va_start(args, format);
-    const int written = std::vsnprintf(line, sizeof(line), format, args);
+    const int written = std::vsnprintf(line, kDebugPrintLineBytes + 2, format, args);
     va_end(args);
     if (written < 0) {
         return;
+    }
+    if (static_cast<size_t>(written) > kDebugPrintLineBytes) {
+        std::memcpy(line + cutAt(line, kDebugPrintLineBytes), kDebugPrintCutMarker,
+                    sizeof(kDebugPrintCutMarker));
     }
     if (auto sink = aovhost::boundObject<aovhost::DebugPrintSink>()) {
         sink->write(level, line);

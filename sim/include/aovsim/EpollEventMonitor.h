@@ -5,9 +5,22 @@
 // removeObserver returns only once no notification of that observer is
 // running (unless called from inside one), so a caller may stop the device
 // right after detaching it.
+//
+// A notification need not consume what made the descriptor readable: the
+// device returns without dequeuing while its event buffer is still being
+// prepared, and after a failed dequeue. Each descriptor is therefore armed
+// for one notification at a time. After a notification the monitor looks at
+// the descriptor again: quiet, or still signalled while the owner's progress
+// counter moved (a backlog being worked off), and it is re-armed at once;
+// still signalled with no progress, and it is re-armed only after a back-off
+// that doubles with each such notification in a row, up to a bound. The
+// monitor thread thus sleeps instead of spinning on a descriptor nobody
+// drains, and picks the work up again within the bound once it can be done.
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <thread>
@@ -16,10 +29,35 @@
 
 namespace aovsim {
 
+struct BackoffPolicy {
+    // Wait after the first notification that got nowhere (at least 1 ms).
+    std::chrono::milliseconds first{1};
+    // Longest wait; also how late work that became possible may be picked up.
+    std::chrono::milliseconds longest{32};
+};
+
+// The wait before re-arming after the `stalls`-th notification in a row that
+// left the descriptor signalled with no progress (stalls >= 1).
+std::chrono::milliseconds backoffDelay(const BackoffPolicy& policy, uint64_t stalls);
+
+struct MonitorStats {
+    uint64_t wakeups = 0;        // returns from epoll_wait: a descriptor, a due re-arm, the stop
+    uint64_t notifications = 0;  // notifyEvent calls
+    uint64_t stalls = 0;         // notifications followed by a back-off
+    std::chrono::milliseconds longest_backoff{0};
+};
+
 class EpollEventMonitor final : public EventMonitor {
   public:
-    // `verbosity` is passed to every notifyEvent.
-    explicit EpollEventMonitor(int verbosity = 0);
+    // A counter that moves whenever a notification got somewhere (say, the
+    // number of events that reached their consumer). It is read on the
+    // monitor thread before and after each notification.
+    using ProgressProbe = std::function<uint64_t()>;
+
+    // `verbosity` is passed to every notifyEvent. Without a probe, every
+    // notification that leaves its descriptor signalled counts as no progress.
+    explicit EpollEventMonitor(int verbosity = 0, BackoffPolicy backoff = BackoffPolicy(),
+                               ProgressProbe progress = ProgressProbe());
     // Stops the thread; observers still attached are dropped without notice.
     ~EpollEventMonitor() override;
     EpollEventMonitor(const EpollEventMonitor&) = delete;
@@ -32,16 +70,29 @@ class EpollEventMonitor final : public EventMonitor {
     int removeObserver(EventObserver* observer, int fd) override;
 
     uint64_t notifications() const;
+    MonitorStats stats() const;
 
   private:
+    using Clock = std::chrono::steady_clock;
+
     struct Watch {
         EventObserver* observer;
         int fd;
+        uint64_t stalls = 0;  // notifications in a row that got nowhere
+        bool armed = true;    // false: waiting for rearm_at
+        Clock::time_point rearm_at{};
     };
 
     void run();
+    void arm(uint64_t key, const Watch& watch);
+    // Re-arms the watches whose back-off is over; returns the epoll_wait
+    // timeout until the next one is due, or -1 when none waits.
+    int rearmDueLocked(Clock::time_point now);
+    void afterNotification(uint64_t key, bool signalled, bool progressed);
 
     const int verbosity_;
+    const BackoffPolicy backoff_;
+    const ProgressProbe progress_;
     int epoll_fd_ = -1;
     int wake_fd_ = -1;
 
@@ -50,7 +101,7 @@ class EpollEventMonitor final : public EventMonitor {
     std::map<uint64_t, Watch> watches_;  // by epoll key; key 0 is the wake descriptor
     uint64_t next_key_ = 1;
     EventObserver* busy_ = nullptr;  // observer whose notification is running
-    uint64_t notifications_ = 0;
+    MonitorStats stats_;
     bool stopping_ = false;
     std::thread thread_;
 };

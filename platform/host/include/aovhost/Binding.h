@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -20,6 +21,12 @@
 namespace aovhost {
 
 // Receives the debug-print channel's lines, formatted, without a newline.
+// A line keeps up to kDebugPrintLineBytes bytes of its text, as much as the
+// device's log does; a longer one is cut there, back to the start of a UTF-8
+// character, and ends in kDebugPrintCutMarker.
+constexpr size_t kDebugPrintLineBytes = 4096;
+constexpr char kDebugPrintCutMarker[] = "\u2026[cut]";
+
 class DebugPrintSink {
   public:
     virtual ~DebugPrintSink() = default;
