@@ -16,9 +16,12 @@ if(NOT EXISTS "${AOV_ARM64_LIBCXX_ROOT}/usr/lib/aarch64-linux-gnu/libc++.so.1")
                       "run scripts/fetch-arm64-libcxx.sh first")
 endif()
 set(aov_libcxx_lib "${AOV_ARM64_LIBCXX_ROOT}/usr/lib/aarch64-linux-gnu")
-set(CMAKE_CXX_FLAGS_INIT
-    "-stdlib=libc++ -nostdinc++ -isystem ${AOV_ARM64_LIBCXX_ROOT}/usr/lib/llvm-14/include/c++/v1")
+# The Arm64 package's headers replace the compiler's own search for them, so
+# -stdlib=libc++ is a link option here only.
+set(CMAKE_CXX_FLAGS_INIT "-nostdinc++ -isystem ${AOV_ARM64_LIBCXX_ROOT}/usr/lib/llvm-14/include/c++/v1")
 set(aov_libcxx_link "-stdlib=libc++ -L${aov_libcxx_lib} -Wl,-rpath,${aov_libcxx_lib}")
+# -nostdinc++ reaches the link line too, where it means nothing.
+string(APPEND aov_libcxx_link " -Wno-unused-command-line-argument")
 set(CMAKE_EXE_LINKER_FLAGS_INIT "${aov_libcxx_link}")
 set(CMAKE_SHARED_LINKER_FLAGS_INIT "${aov_libcxx_link}")
 set(CMAKE_MODULE_LINKER_FLAGS_INIT "${aov_libcxx_link}")

@@ -1,12 +1,20 @@
 #!/usr/bin/env bash
 # Installs what is missing, then configures, builds and runs every test of one
-# preset: debug (default), asan (AddressSanitizer + UndefinedBehaviorSanitizer)
-# or tsan (ThreadSanitizer).
+# preset: debug (default), asan (AddressSanitizer + UndefinedBehaviorSanitizer),
+# tsan (ThreadSanitizer), libcxx (clang and libc++, as the device builds) or
+# libcxx-asan (the same with AddressSanitizer, UndefinedBehaviorSanitizer and
+# clang's integer conversion checks).
 set -euo pipefail
 preset=${1:-debug}
 cd "$(dirname "$0")/.."
 
-bash scripts/install-deps.sh
+case $preset in
+  libcxx*) bash scripts/install-deps.sh clang libc++-14-dev libc++abi-14-dev libclang-rt-14-dev ;;
+  *) bash scripts/install-deps.sh ;;
+esac
 cmake --preset "$preset"
 cmake --build --preset "$preset" -j "$(nproc)"
+case $preset in
+  libcxx*) bash scripts/check-stdlib.sh "build/$preset/hw/aov/libkelocam_aov_plat.so" libc++ ;;
+esac
 ctest --preset "$preset" -j "$(nproc)"
