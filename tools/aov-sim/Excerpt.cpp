@@ -41,20 +41,22 @@ std::string excerpt(std::string_view text, size_t limit) {
 
 std::string oneLine(std::string_view text, size_t limit) {
     std::string line;
-    for (char ch : text) {
-        const auto c = static_cast<unsigned char>(ch);
-        line += printable(c) ? std::string(1, ch) : hexEscape(c);
+    for (size_t i = 0; i < text.size() && line.size() <= limit; ++i) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        line += printable(c) ? std::string(1, text[i]) : hexEscape(c);
     }
     if (line.size() <= limit) {
         return line;
     }
-    if (limit < 8) {
-        return line.substr(0, limit);
+    return line.substr(0, limit < 3 ? limit : limit - 3) + (limit < 3 ? "" : "...");
+}
+
+std::string pathExcerpt(std::string_view path) {
+    constexpr size_t kPathChars = 2 * kExcerptChars;
+    if (path.size() <= kPathChars) {
+        return excerpt(path, kPathChars);
     }
-    // Keep the start (what is wrong, where) and the end (the offending value).
-    const size_t head = (limit - 3) * 2 / 3;
-    const size_t tail = limit - 3 - head;
-    return line.substr(0, head) + "..." + line.substr(line.size() - tail);
+    return "\"..." + excerpt(path.substr(path.size() - kPathChars), kPathChars).substr(1);
 }
 
 }  // namespace aovsimtool

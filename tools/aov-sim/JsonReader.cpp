@@ -14,7 +14,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr size_t kPathChars = 120;  // a longer path keeps its start and end
+constexpr size_t kPathChars = 120;  // a longer key path is cut
 
 // Builds the document from the parser's events, like the library's own DOM
 // builder, with the limits checked on the way.
@@ -47,9 +47,9 @@ class LimitedBuilder : public nlohmann::json_sax<json> {
     bool key(string_t& name) override {
         Level& level = levels_.back();
         if (name.size() > limits_.max_string) {
-            return fail(path(levels_.size() - 1),
-                        "a key of " + std::to_string(name.size()) + " bytes, more than " +
-                            std::to_string(limits_.max_string));
+            return fail(path(levels_.size() - 1), "a key of " + std::to_string(name.size()) +
+                                                      " bytes, more than " +
+                                                      std::to_string(limits_.max_string));
         }
         if (level.value->contains(name)) {
             return fail(path(levels_.size() - 1), "key " + excerpt(name) + " appears twice");
@@ -117,8 +117,8 @@ class LimitedBuilder : public nlohmann::json_sax<json> {
         json& container = *levels_.back().value;
         if (container.size() >= limits_.max_elements) {
             fail(path(levels_.size() - 1),
-                 std::string(container.is_array() ? "an array" : "an object") +
-                     " of more than " + std::to_string(limits_.max_elements) + " entries");
+                 std::string(container.is_array() ? "an array" : "an object") + " of more than " +
+                     std::to_string(limits_.max_elements) + " entries");
             return nullptr;
         }
         if (container.is_array()) {
@@ -134,8 +134,8 @@ class LimitedBuilder : public nlohmann::json_sax<json> {
 
     bool open(json&& container) {
         if (levels_.size() >= limits_.max_depth) {
-            return fail(path(), "nested deeper than " + std::to_string(limits_.max_depth) +
-                                    " levels");
+            return fail(path(),
+                        "nested deeper than " + std::to_string(limits_.max_depth) + " levels");
         }
         json* placed = place(std::move(container));
         if (placed == nullptr) {

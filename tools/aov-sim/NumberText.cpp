@@ -42,8 +42,8 @@ NumberStatus parseInteger(std::string_view text, int64_t min, int64_t max, int64
     if (overflow || magnitude > kInt64Magnitude + (negative ? 1 : 0)) {
         return NumberStatus::kOutOfRange;
     }
-    const int64_t value = negative ? static_cast<int64_t>(0 - magnitude)
-                                   : static_cast<int64_t>(magnitude);
+    const int64_t value =
+        negative ? static_cast<int64_t>(0 - magnitude) : static_cast<int64_t>(magnitude);
     if (value < min || value > max) {
         return NumberStatus::kOutOfRange;
     }

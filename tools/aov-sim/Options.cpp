@@ -81,7 +81,8 @@ bool readIds(const std::string& text, std::vector<int>* ids, std::string* error)
             return false;
         }
         const auto comma = text.find(',', start);
-        const std::string id = text.substr(start, comma == std::string::npos ? comma : comma - start);
+        const std::string id =
+            text.substr(start, comma == std::string::npos ? comma : comma - start);
         int value = 0;
         if (!readInteger("--notify-ids: id " + std::to_string(ids->size() + 1), id, kIntMin,
                          kIntMax, &value, error)) {
@@ -122,8 +123,8 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
          kIntMax},
         {"--fps", "Frame rate, whole frames per second (default: the highest of the size)", &o.fps,
          &o.fps_given, kIntMin, kIntMax},
-        {"--aov-mode", "user_param aov_mode (2: full event content)", &o.aov_mode, nullptr,
-         kIntMin, kIntMax},
+        {"--aov-mode", "user_param aov_mode (2: full event content)", &o.aov_mode, nullptr, kIntMin,
+         kIntMax},
         {"--frame-info-sel", "user_param frame_info_sel", &o.frame_info_sel, nullptr, kIntMin,
          kIntMax},
         {"-n,--events", "Events to receive (default 5, at most 1000000)", &o.events,
@@ -156,9 +157,10 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
                  "Pass a sensor, size or rate the catalogue lacks to the library anyway");
     auto* durationOption = app.add_option(
         "--duration", duration, "Run for this many seconds (at most 86400) instead of a count");
-    auto* timeoutOption = app.add_option(
-        "--timeout", timeout, "Give up waiting for the events after this many seconds (at most "
-                              "86400)");
+    auto* timeoutOption =
+        app.add_option("--timeout", timeout,
+                       "Give up waiting for the events after this many seconds (at most "
+                       "86400)");
     auto* notify = app.add_option("--notify-ids", notifyIds,
                                   "Sensor ids relayed with notifySensor, comma-separated, at most "
                                   "1024 (default: the chosen sensor)");
@@ -186,8 +188,8 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
         if (number.option->count() == 0) {
             continue;
         }
-        if (!readInteger(number.option->get_name(), number.text, number.min, number.max,
-                         number.out, &error)) {
+        if (!readInteger(number.option->get_name(), number.text, number.min, number.max, number.out,
+                         &error)) {
             return fail();
         }
         if (number.given != nullptr) {
@@ -201,7 +203,8 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
         }
         o.size_given = true;
     }
-    if ((durationOption->count() > 0 && !readSeconds("--duration", duration, &o.duration, &error)) ||
+    if ((durationOption->count() > 0 &&
+         !readSeconds("--duration", duration, &o.duration, &error)) ||
         (timeoutOption->count() > 0 && !readSeconds("--timeout", timeout, &o.timeout, &error))) {
         return fail();
     }

@@ -324,9 +324,9 @@ std::string loadScenarioFile(const std::string& path, aovsim::SimConfig* config)
     std::string text;
     const std::string problem = readRegularFile(path, kMaxScenarioBytes, &text);
     if (!problem.empty()) {
-        return "cannot read scenario file " + excerpt(path) + ": " + problem;
+        return "cannot read scenario file " + pathExcerpt(path) + ": " + problem;
     }
-    return parseScenario(text, "file " + excerpt(path), config);
+    return parseScenario(text, "file " + pathExcerpt(path), config);
 }
 
 }  // namespace aovsimtool
