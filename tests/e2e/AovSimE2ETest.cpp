@@ -190,8 +190,12 @@ TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
                                      {"id": 3, "device": 2, "scenarios": []}]})");
     const std::string mistyped = scenarioFile("mistyped", R"({"sensors": [{"id": 0, "device": 1,
                                      "scenarios": [{"width": "wide", "height": 1, "rate": 10}]}]})");
+    const std::string noSensor = scenarioFile("no_sensor", R"({"sensors": []})");
     const Case cases[] = {
         {"malformed file", {"--scenario", malformed}, "is not valid JSON: parse error at line 1"},
+        {"forced run without a sensor to default to",
+         {"--scenario", noSensor, "--force"},
+         "no AOV-capable sensor to default to: give --sensor with --force"},
         {"missing file",
          {"--scenario", ::testing::TempDir() + "aovsim_absent.json"},
          "cannot read scenario file"},
