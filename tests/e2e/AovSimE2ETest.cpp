@@ -3,12 +3,13 @@
 // is a real process; its output is read until it exits.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <cstdio>
+#include <cstdint>
 #include <fstream>
 #include <string>
 #include <vector>
+
+#include "ProcessRun.h"
 
 namespace {
 
@@ -29,25 +30,10 @@ struct RunResult {
 };
 
 RunResult runAovSim(const std::vector<std::string>& args) {
-    // Quoted for the shell; no argument contains a single quote.
-    std::string command = AOV_SIM_PATH;
-    for (const std::string& arg : args) {
-        command += " '" + arg + "'";
-    }
-    command += " 2>&1";
+    const ProcessResult process = runProcess(AOV_SIM_PATH, args, {}, SIZE_MAX);
     RunResult run;
-    FILE* out = ::popen(command.c_str(), "r");
-    if (out == nullptr) {
-        ADD_FAILURE() << "cannot run " << command;
-        return run;
-    }
-    char buffer[4096];
-    size_t got;
-    while ((got = std::fread(buffer, 1, sizeof(buffer), out)) > 0) {
-        run.output.append(buffer, got);
-    }
-    const int status = ::pclose(out);
-    run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    run.exit_code = process.exit_code;
+    run.output = process.output;
     return run;
 }
 
