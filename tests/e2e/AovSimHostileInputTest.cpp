@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -293,7 +294,7 @@ TEST(AovSimEnvironmentTest, PropertyVariablesWithAnyValueStillGiveANormalRun) {
         "AOV_PROP_vendor_aovstream_debug_device=-",
         "AOV_PROP_vendor_aovstream_image_callback=\x1b[31m",
     };
-    const ProcessResult run = runProcess(AOV_SIM_PATH, {"--events", "1"}, environment);
+    const ProcessResult run = runProcess(AOV_SIM_PATH, {"--events", "1"}, environment, SIZE_MAX);
     EXPECT_EQ(run.exit_code, 0) << run.output;
     EXPECT_NE(run.output.find("summary: events delivered"), std::string::npos) << run.output;
 }
