@@ -3,16 +3,16 @@
 // is a real process; its output is read until it exits.
 
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <vector>
+
+#include "ProcessRun.h"
 
 namespace {
 
@@ -113,25 +113,10 @@ bool contains(const std::string& line, const std::string& text) {
 }
 
 RunResult runAovSim(const std::vector<std::string>& args) {
-    // Quoted for the shell; no argument contains a single quote.
-    std::string command = AOV_SIM_PATH;
-    for (const std::string& arg : args) {
-        command += " '" + arg + "'";
-    }
-    command += " 2>&1";
+    const ProcessResult process = runProcess(AOV_SIM_PATH, args, {}, SIZE_MAX);
     RunResult run;
-    FILE* out = ::popen(command.c_str(), "r");
-    if (out == nullptr) {
-        ADD_FAILURE() << "cannot run " << command;
-        return run;
-    }
-    char buffer[4096];
-    size_t got;
-    while ((got = std::fread(buffer, 1, sizeof(buffer), out)) > 0) {
-        run.output.append(buffer, got);
-    }
-    const int status = ::pclose(out);
-    run.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    run.exit_code = process.exit_code;
+    run.output = process.output;
     return run;
 }
 
@@ -314,8 +299,12 @@ TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
                                      {"id": 3, "device": 2, "scenarios": []}]})");
     const std::string mistyped = scenarioFile("mistyped", R"({"sensors": [{"id": 0, "device": 1,
                                      "scenarios": [{"width": "wide", "height": 1, "rate": 10}]}]})");
+    const std::string noSensor = scenarioFile("no_sensor", R"({"sensors": []})");
     const Case cases[] = {
         {"malformed file", {"--scenario", malformed}, "is not valid JSON: parse error at line 1"},
+        {"forced run without a sensor to default to",
+         {"--scenario", noSensor, "--force"},
+         "no AOV-capable sensor to default to: give --sensor with --force"},
         {"missing file",
          {"--scenario", ::testing::TempDir() + "aovsim_absent.json"},
          "cannot read scenario file"},

@@ -1,97 +1,218 @@
 // Command-line parsing. CLI11 reports through exceptions, so this file is
-// built with them; nothing thrown leaves parseOptions.
+// built with them; nothing thrown leaves parseOptions. Numbers are taken as
+// text and read here, so that every one is range-checked with a clear message.
 
 #include "Options.h"
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
+#include <cstdint>
+#include <limits>
+
+#include "Excerpt.h"
+#include "NumberText.h"
 
 namespace aovsimtool {
 
 namespace {
 
-bool parseSize(const std::string& text, int* width, int* height) {
-    int w = 0;
-    int h = 0;
-    char tail = 0;
-    if (std::sscanf(text.c_str(), "%dx%d%c", &w, &h, &tail) != 2 || w < 1 || h < 1) {
+constexpr int64_t kIntMin = std::numeric_limits<int>::min();
+constexpr int64_t kIntMax = std::numeric_limits<int>::max();
+
+std::string rangeText(int64_t min, int64_t max) {
+    return std::to_string(min) + ".." + std::to_string(max);
+}
+
+// Reads a whole number given to `what` (e.g. "--fps") into `out`.
+bool readInteger(const std::string& what, const std::string& text, int64_t min, int64_t max,
+                 int* out, std::string* error) {
+    int64_t value = 0;
+    switch (parseInteger(text, min, max, &value)) {
+        case NumberStatus::kOk:
+            *out = static_cast<int>(value);
+            return true;
+        case NumberStatus::kMalformed:
+            *error = what + ": expected a whole number, got " + excerpt(text);
+            return false;
+        case NumberStatus::kOutOfRange:
+            *error = what + ": " + excerpt(text) + " is out of range " + rangeText(min, max);
+            return false;
+    }
+    return false;
+}
+
+bool readSeconds(const std::string& what, const std::string& text, double* out,
+                 std::string* error) {
+    switch (parseSeconds(text, kMaxSeconds, out)) {
+        case NumberStatus::kOk:
+            return true;
+        case NumberStatus::kMalformed:
+            *error = what + ": expected a number of seconds, got " + excerpt(text);
+            return false;
+        case NumberStatus::kOutOfRange:
+            *error = what + ": " + excerpt(text) + " is out of range: more than 0, at most " +
+                     std::to_string(static_cast<int>(kMaxSeconds)) + " seconds";
+            return false;
+    }
+    return false;
+}
+
+// WIDTHxHEIGHT, each a whole number in 1..kMaxSize.
+bool readSize(const std::string& text, int* width, int* height, std::string* error) {
+    const auto x = text.find('x');
+    if (x == std::string::npos || text.find('x', x + 1) != std::string::npos) {
+        *error = "--size: expected WIDTHxHEIGHT with positive numbers, got " + excerpt(text);
         return false;
     }
-    *width = w;
-    *height = h;
+    std::string problem;
+    if (!readInteger("--size: width", text.substr(0, x), 1, kMaxSize, width, &problem) ||
+        !readInteger("--size: height", text.substr(x + 1), 1, kMaxSize, height, &problem)) {
+        *error = problem;
+        return false;
+    }
     return true;
+}
+
+// Comma-separated sensor ids.
+bool readIds(const std::string& text, std::vector<int>* ids, std::string* error) {
+    size_t start = 0;
+    for (;;) {
+        if (ids->size() == kMaxNotifyIds) {
+            *error = "--notify-ids: more than " + std::to_string(kMaxNotifyIds) + " ids";
+            return false;
+        }
+        const auto comma = text.find(',', start);
+        const std::string id =
+            text.substr(start, comma == std::string::npos ? comma : comma - start);
+        int value = 0;
+        if (!readInteger("--notify-ids: id " + std::to_string(ids->size() + 1), id, kIntMin,
+                         kIntMax, &value, error)) {
+            return false;
+        }
+        ids->push_back(value);
+        if (comma == std::string::npos) {
+            return true;
+        }
+        start = comma + 1;
+    }
 }
 
 }  // namespace
 
-ParseOutcome parseOptions(int argc, char** argv, Options* options, std::string* error) {
+ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
+                          std::string* message) {
     CLI::App app{
         "Runs the AOV platform layer on a simulated platform and driver: discovers the sensors,\n"
         "starts one in always-on mode, receives its events and stops it, printing a trace.",
         "aov-sim"};
     app.get_formatter()->column_width(30);
     Options& o = *options;
-    std::string size;
 
-    app.add_option("-s,--scenario", o.scenario_path,
-                   "Scenario file (JSON) describing sensors, customisation and failures; "
-                   "default: the embedded scenario");
+    // Whole-number options: their text, where the number goes, its range.
+    struct Number {
+        const char* flags;
+        const char* help;
+        int* out;
+        bool* given;  // nullptr: the option has no "given" flag
+        int64_t min;
+        int64_t max;
+        std::string text{};
+        CLI::Option* option = nullptr;
+    };
+    Number numbers[] = {
+        {"--sensor", "Sensor id (default: the first one)", &o.sensor, &o.sensor_given, kIntMin,
+         kIntMax},
+        {"--fps", "Frame rate, whole frames per second (default: the highest of the size)", &o.fps,
+         &o.fps_given, kIntMin, kIntMax},
+        {"--aov-mode", "user_param aov_mode (2: full event content)", &o.aov_mode, nullptr, kIntMin,
+         kIntMax},
+        {"--frame-info-sel", "user_param frame_info_sel", &o.frame_info_sel, nullptr, kIntMin,
+         kIntMax},
+        {"-n,--events", "Events to receive (default 5, at most 1000000)", &o.events,
+         &o.events_given, 1, kMaxEvents},
+        {"--verbosity", "Verbosity the monitor passes to notifyEvent", &o.verbosity, nullptr,
+         kIntMin, kIntMax},
+        {"--test-model", "Sets \"vendor.aovstream.test_model\"", &o.test_model.value,
+         &o.test_model.given, kIntMin, kIntMax},
+        {"--view-mode", "Sets \"vendor.aovstream.view_mode\"", &o.view_mode.value,
+         &o.view_mode.given, kIntMin, kIntMax},
+        {"--debug-device", "Sets \"vendor.aovstream.debug_device\"", &o.debug_device.value,
+         &o.debug_device.given, kIntMin, kIntMax},
+        {"--image-callback", "Sets \"vendor.aovstream.image_callback\"", &o.image_callback.value,
+         &o.image_callback.given, kIntMin, kIntMax},
+    };
+    std::string size;
+    std::string duration;
+    std::string timeout;
+    std::string notifyIds;
+
+    auto* scenario = app.add_option("-s,--scenario", o.scenario_path,
+                                    "Scenario file (JSON, at most 1 MiB) describing sensors, "
+                                    "customisation and failures; default: the embedded scenario");
     app.add_flag("--print-scenario", o.print_scenario,
                  "Print the embedded default scenario (a template for files) and exit");
-    auto* sensor = app.add_option("--sensor", o.sensor, "Sensor id (default: the first one)");
-    auto* sizeOpt =
-        app.add_option("--size", size, "Requested size WIDTHxHEIGHT (default: the smallest)");
-    auto* fps = app.add_option("--fps", o.fps,
-                               "Frame rate, whole frames per second "
-                               "(default: the highest of the size)");
+    auto* sizeOption = app.add_option("--size", size,
+                                      "Requested size WIDTHxHEIGHT, each 1..65535 "
+                                      "(default: the smallest)");
     app.add_flag("--force", o.force,
                  "Pass a sensor, size or rate the catalogue lacks to the library anyway");
-    app.add_option("--aov-mode", o.aov_mode, "user_param aov_mode (2: full event content)");
-    app.add_option("--frame-info-sel", o.frame_info_sel, "user_param frame_info_sel");
-    auto* events = app.add_option("-n,--events", o.events, "Events to receive (default 5)")
-                       ->check(CLI::Range(1, 1000000));
-    app.add_option("--duration", o.duration, "Run for this many seconds instead of an event count")
-        ->check(CLI::PositiveNumber);
-    app.add_option("--timeout", o.timeout, "Give up waiting for the events after this many seconds")
-        ->check(CLI::PositiveNumber);
-    auto* notify = app.add_option("--notify-ids", o.notify_ids,
-                                  "Sensor ids relayed with notifySensor, comma-separated "
-                                  "(default: the chosen sensor)")
-                       ->delimiter(',');
+    auto* durationOption = app.add_option(
+        "--duration", duration, "Run for this many seconds (at most 86400) instead of a count");
+    auto* timeoutOption =
+        app.add_option("--timeout", timeout,
+                       "Give up waiting for the events after this many seconds (at most "
+                       "86400)");
+    auto* notify = app.add_option("--notify-ids", notifyIds,
+                                  "Sensor ids relayed with notifySensor, comma-separated, at most "
+                                  "1024 (default: the chosen sensor)");
     app.add_flag("--trace", o.trace, "Show the library's trace lines (errors are always shown)");
-    app.add_option("--verbosity", o.verbosity, "Verbosity the monitor passes to notifyEvent");
-    Options::Property* properties[] = {&o.test_model, &o.view_mode, &o.debug_device,
-                                       &o.image_callback};
-    const char* flags[] = {"--test-model", "--view-mode", "--debug-device", "--image-callback"};
-    CLI::Option* propertyOptions[4];
-    for (int i = 0; i < 4; ++i) {
-        propertyOptions[i] = app.add_option(flags[i], properties[i]->value,
-                                            std::string("Sets \"") + properties[i]->name + "\"");
+    for (Number& number : numbers) {
+        number.option = app.add_option(number.flags, number.text, number.help)->type_name("INT");
     }
 
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
-        std::fputs(app.help().c_str(), stdout);
-        return ParseOutcome::kHelpShown;
+        *message = app.help();
+        return ParseOutcome::kHelp;
     } catch (const CLI::ParseError& e) {
-        *error = e.what();
+        *message = oneLine(e.what());
         return ParseOutcome::kError;
     }
 
-    o.sensor_given = sensor->count() > 0;
-    o.fps_given = fps->count() > 0;
-    o.events_given = events->count() > 0;
-    o.notify_ids_given = notify->count() > 0;
-    for (int i = 0; i < 4; ++i) {
-        properties[i]->given = propertyOptions[i]->count() > 0;
+    std::string error;
+    const auto fail = [&error, message] {
+        *message = oneLine(error);
+        return ParseOutcome::kError;
+    };
+    for (const Number& number : numbers) {
+        if (number.option->count() == 0) {
+            continue;
+        }
+        if (!readInteger(number.option->get_name(), number.text, number.min, number.max, number.out,
+                         &error)) {
+            return fail();
+        }
+        if (number.given != nullptr) {
+            *number.given = true;
+        }
     }
-    if (sizeOpt->count() > 0) {
-        if (!parseSize(size, &o.width, &o.height)) {
-            *error = "--size: expected WIDTHxHEIGHT with positive numbers, got \"" + size + "\"";
-            return ParseOutcome::kError;
+    o.scenario_given = scenario->count() > 0;
+    if (sizeOption->count() > 0) {
+        if (!readSize(size, &o.width, &o.height, &error)) {
+            return fail();
         }
         o.size_given = true;
+    }
+    if ((durationOption->count() > 0 &&
+         !readSeconds("--duration", duration, &o.duration, &error)) ||
+        (timeoutOption->count() > 0 && !readSeconds("--timeout", timeout, &o.timeout, &error))) {
+        return fail();
+    }
+    if (notify->count() > 0) {
+        if (!readIds(notifyIds, &o.notify_ids, &error)) {
+            return fail();
+        }
+        o.notify_ids_given = true;
     }
     return ParseOutcome::kRun;
 }

@@ -1,13 +1,21 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
 namespace aovsimtool {
 
+// Limits of the numbers the command line takes.
+constexpr int kMaxEvents = 1000000;
+constexpr double kMaxSeconds = 86400;  // --duration and --timeout: one day
+constexpr int kMaxSize = 0xFFFF;       // sizes are 16-bit in the sensor's static info
+constexpr size_t kMaxNotifyIds = 1024;
+
 // What the command line asks for. Optional numbers are "given" when set.
 struct Options {
-    std::string scenario_path;  // empty: the embedded default scenario
+    bool scenario_given = false;  // false: the embedded default scenario
+    std::string scenario_path;
     bool print_scenario = false;
 
     bool sensor_given = false;
@@ -24,8 +32,8 @@ struct Options {
 
     bool events_given = false;
     int events = 5;
-    double duration = 0;  // seconds; 0: run until `events` are delivered
-    double timeout = 0;   // seconds; 0: derived from the event count and rate
+    double duration = 0;  // seconds, 0 < d <= kMaxSeconds; 0: run until `events` are delivered
+    double timeout = 0;   // seconds, 0 < t <= kMaxSeconds; 0: derived from the count and rate
 
     bool notify_ids_given = false;
     std::vector<int> notify_ids;
@@ -45,9 +53,11 @@ struct Options {
     Property image_callback{"vendor.aovstream.image_callback", false, 1};
 };
 
-enum class ParseOutcome { kRun, kHelpShown, kError };
+enum class ParseOutcome { kRun, kHelp, kError };
 
-// Parses the command line. On kError, `error` says what is wrong.
-ParseOutcome parseOptions(int argc, char** argv, Options* options, std::string* error);
+// Parses the command line. On kHelp, `message` is the help text; on kError,
+// one line saying what is wrong and with which option.
+ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
+                          std::string* message);
 
 }  // namespace aovsimtool

@@ -3,16 +3,15 @@
 
 #include "ScenarioFile.h"
 
-#include <sys/stat.h>
-
-#include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <initializer_list>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
+
+#include "BoundedFile.h"
+#include "Excerpt.h"
+#include "JsonReader.h"
 
 namespace aovsimtool {
 
@@ -64,6 +63,21 @@ class ScenarioError : public std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// A value as an error line shows it: numbers, booleans and null as written,
+// strings as a short excerpt, arrays and objects by their size.
+std::string describe(const json& value) {
+    if (value.is_string()) {
+        return excerpt(value.get_ref<const std::string&>());
+    }
+    if (value.is_array()) {
+        return "an array of " + std::to_string(value.size()) + " entries";
+    }
+    if (value.is_object()) {
+        return "an object of " + std::to_string(value.size()) + " keys";
+    }
+    return value.dump();
+}
+
 const char* typeOf(const json& value) {
     if (value.is_number_integer()) {
         return "an integer";
@@ -82,13 +96,15 @@ void checkObject(const json& value, const std::string& where,
             known = known || item.key() == key;
         }
         if (!known) {
-            throw ScenarioError(where + ": unknown key \"" + item.key() + "\"");
+            throw ScenarioError(where + ": unknown key " + excerpt(item.key()));
         }
     }
 }
 
+constexpr char kTopLevel[] = "top level";
+
 std::string at(const std::string& where, const char* key) {
-    return where.empty() ? std::string(key) : where + "." + key;
+    return memberPath(where == kTopLevel ? std::string() : where, key);
 }
 
 int64_t integerValue(const json& value, const std::string& where, int64_t min, int64_t max) {
@@ -98,7 +114,7 @@ int64_t integerValue(const json& value, const std::string& where, int64_t min, i
          (value.get<int64_t>() < min || value.get<int64_t>() > max))) {
         std::ostringstream what;
         what << where << ": expected an integer in " << min << ".." << max << ", got "
-             << value.dump();
+             << describe(value);
         throw ScenarioError(what.str());
     }
     return value.get<int64_t>();
@@ -123,7 +139,7 @@ void readBool(const json& object, const char* key, const std::string& where, boo
         return;
     }
     if (!it->is_boolean()) {
-        throw ScenarioError(at(where, key) + ": expected true or false, got " + it->dump());
+        throw ScenarioError(at(where, key) + ": expected true or false, got " + describe(*it));
     }
     *out = it->get<bool>();
 }
@@ -139,7 +155,7 @@ void readSet(const json& object, const char* key, const std::string& where, std:
         throw ScenarioError(here + ": expected an array of integers, got " + typeOf(*it));
     }
     for (size_t i = 0; i < it->size(); ++i) {
-        out->insert(static_cast<T>(integerValue((*it)[i], here + "[" + std::to_string(i) + "]",
+        out->insert(static_cast<T>(integerValue((*it)[i], elementPath(here, i),
                                                 std::numeric_limits<T>::min(),
                                                 std::numeric_limits<T>::max())));
     }
@@ -183,7 +199,7 @@ aovsim::SensorConfig readSensor(const json& value, const std::string& where) {
     const json& scenarios = arrayAt(value, "scenarios", where);
     for (size_t i = 0; i < scenarios.size(); ++i) {
         sensor.scenarios.push_back(
-            readScenario(scenarios[i], i, where + ".scenarios[" + std::to_string(i) + "]"));
+            readScenario(scenarios[i], i, elementPath(at(where, "scenarios"), i)));
     }
     return sensor;
 }
@@ -200,7 +216,7 @@ PipelineFault pipelineFaultOf(const json& value, const std::string& where) {
         names += names.empty() ? "" : ", ";
         names += aovsim::pipelineFaultName(fault);
     }
-    throw ScenarioError(where + ": expected one of " + names + ", got " + value.dump());
+    throw ScenarioError(where + ": expected one of " + names + ", got " + describe(value));
 }
 
 void readFailures(const json& value, const std::string& where, aovsim::FaultConfig* faults) {
@@ -225,16 +241,24 @@ void readFailures(const json& value, const std::string& where, aovsim::FaultConf
 }
 
 void readScenarioDocument(const json& root, aovsim::SimConfig* config) {
-    checkObject(root, "top level", {"name", "sensors", "custom", "driver", "failures"});
+    checkObject(root, kTopLevel, {"name", "sensors", "custom", "driver", "failures"});
     if (root.contains("name")) {
-        if (!root["name"].is_string()) {
-            throw ScenarioError("name: expected a string, got " + root["name"].dump());
+        const json& name = root["name"];
+        if (!name.is_string()) {
+            throw ScenarioError("name: expected a string, got " + describe(name));
         }
-        config->name = root["name"].get<std::string>();
+        // The name is printed in the trace: one plain line.
+        for (const char c : name.get_ref<const std::string&>()) {
+            if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) {
+                throw ScenarioError("name: control characters are not allowed, got " +
+                                    describe(name));
+            }
+        }
+        config->name = name.get<std::string>();
     }
-    const json& sensors = arrayAt(root, "sensors", "top level");
+    const json& sensors = arrayAt(root, "sensors", kTopLevel);
     for (size_t i = 0; i < sensors.size(); ++i) {
-        config->sensors.push_back(readSensor(sensors[i], "sensors[" + std::to_string(i) + "]"));
+        config->sensors.push_back(readSensor(sensors[i], elementPath("sensors", i)));
     }
     if (root.contains("custom")) {
         const json& custom = root["custom"];
@@ -244,11 +268,11 @@ void readScenarioDocument(const json& root, aovsim::SimConfig* config) {
             const json& words = custom["frame_info"];
             if (!words.is_array() || words.size() != 4) {
                 throw ScenarioError("custom.frame_info: expected an array of four integers, got " +
-                                    words.dump());
+                                    describe(words));
             }
             for (size_t i = 0; i < 4; ++i) {
                 config->custom.frame_info[i] = static_cast<uint32_t>(
-                    integerValue(words[i], "custom.frame_info[" + std::to_string(i) + "]", 0,
+                    integerValue(words[i], elementPath("custom.frame_info", i), 0,
                                  std::numeric_limits<uint32_t>::max()));
             }
             config->custom.frame_info_given = true;
@@ -271,18 +295,17 @@ const char* defaultScenarioText() {
     return kDefaultScenario;
 }
 
-std::string parseScenario(const std::string& text, const std::string& origin,
+std::string parseScenario(std::string_view text, const std::string& origin,
                           aovsim::SimConfig* config) {
     aovsim::SimConfig parsed;
     try {
-        const json root = json::parse(text);
+        json root;
+        const std::string problem = readJson(text, JsonLimits(), &root);
+        if (!problem.empty()) {
+            const bool syntax = problem.rfind("not valid JSON", 0) == 0;
+            return "scenario " + origin + (syntax ? " is " : ": ") + problem;
+        }
         readScenarioDocument(root, &parsed);
-    } catch (const json::parse_error& e) {
-        // The library's text names the byte and what it expected there.
-        std::string what = e.what();
-        const auto colon = what.find("parse error");
-        return "scenario " + origin +
-               " is not valid JSON: " + (colon == std::string::npos ? what : what.substr(colon));
     } catch (const std::exception& e) {
         return "scenario " + origin + ": " + e.what();
     }
@@ -295,20 +318,15 @@ std::string parseScenario(const std::string& text, const std::string& origin,
 }
 
 std::string loadScenarioFile(const std::string& path, aovsim::SimConfig* config) {
-    struct stat info;
-    if (::stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
-        return "cannot read scenario file \"" + path + "\": it is a directory";
+    if (path.empty()) {
+        return "the scenario file path is empty";
     }
-    std::ifstream in(path, std::ios::binary);
-    if (!in) {
-        return "cannot read scenario file \"" + path + "\": " + std::strerror(errno);
+    std::string text;
+    const std::string problem = readRegularFile(path, kMaxScenarioBytes, &text);
+    if (!problem.empty()) {
+        return "cannot read scenario file " + pathExcerpt(path) + ": " + problem;
     }
-    std::ostringstream text;
-    text << in.rdbuf();
-    if (in.bad()) {
-        return "cannot read scenario file \"" + path + "\": " + std::strerror(errno);
-    }
-    return parseScenario(text.str(), "file \"" + path + "\"", config);
+    return parseScenario(text, "file " + pathExcerpt(path), config);
 }
 
 }  // namespace aovsimtool

@@ -1,17 +1,22 @@
 #pragma once
 
+#include <cstddef>
 #include <string>
+#include <string_view>
 
 #include "aovsim/SimConfig.h"
 
 namespace aovsimtool {
+
+// The largest scenario file read.
+constexpr size_t kMaxScenarioBytes = 1024 * 1024;
 
 // The embedded default scenario, in the scenario-file format.
 const char* defaultScenarioText();
 
 // Reads a scenario (JSON) into `config`. Returns an empty string on success,
 // else one message naming the problem and where it is.
-std::string parseScenario(const std::string& text, const std::string& origin,
+std::string parseScenario(std::string_view text, const std::string& origin,
                           aovsim::SimConfig* config);
 std::string loadScenarioFile(const std::string& path, aovsim::SimConfig* config);
 

@@ -113,6 +113,9 @@ int SystemLayer::discover(IAOVSensor* sensors, Choice* choice) {
     if (ids.empty() && !options_.force) {
         return failure("the platform offers no AOV-capable sensor in this mode");
     }
+    if (ids.empty() && !options_.sensor_given) {
+        return badInput("no AOV-capable sensor to default to: give --sensor with --force");
+    }
     choice->sensor = options_.sensor_given ? options_.sensor : ids.front();
     if (std::find(ids.begin(), ids.end(), choice->sensor) == ids.end() && !options_.force) {
         return badInput(format("unknown sensor %d; AOV-capable sensors: %s", choice->sensor,

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "Excerpt.h"
 #include "Options.h"
 #include "ScenarioFile.h"
 #include "SystemLayer.h"
@@ -26,6 +27,12 @@ aovsim::Simulation& installSimulation(const aovsim::SimConfig& config,
     return simulation;
 }
 
+// Bad input ends the run with one short line and exit 2.
+int badInput(const std::string& problem) {
+    std::fprintf(stderr, "aov-sim: error: %s\n", aovsimtool::oneLine(problem).c_str());
+    return kExitBadInput;
+}
+
 void printLine(aovsim::TraceSource source, const std::string& line) {
     std::printf("[%s] %s\n", aovsim::traceSourceTag(source), line.c_str());
 }
@@ -37,14 +44,13 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
 
     aovsimtool::Options options;
-    std::string error;
-    switch (aovsimtool::parseOptions(argc, argv, &options, &error)) {
-        case aovsimtool::ParseOutcome::kHelpShown:
+    std::string message;
+    switch (aovsimtool::parseOptions(argc, argv, &options, &message)) {
+        case aovsimtool::ParseOutcome::kHelp:
+            std::fputs(message.c_str(), stdout);
             return 0;
         case aovsimtool::ParseOutcome::kError:
-            std::fprintf(stderr, "aov-sim: error: %s\nRun with --help for more information.\n",
-                         error.c_str());
-            return kExitBadInput;
+            return badInput(message + " (see --help)");
         case aovsimtool::ParseOutcome::kRun:
             break;
     }
@@ -54,13 +60,12 @@ int main(int argc, char** argv) {
     }
 
     aovsim::SimConfig config;
-    const std::string problem = options.scenario_path.empty()
-                                    ? aovsimtool::parseScenario(aovsimtool::defaultScenarioText(),
-                                                                "(embedded default)", &config)
-                                    : aovsimtool::loadScenarioFile(options.scenario_path, &config);
+    const std::string problem = options.scenario_given
+                                    ? aovsimtool::loadScenarioFile(options.scenario_path, &config)
+                                    : aovsimtool::parseScenario(aovsimtool::defaultScenarioText(),
+                                                                "(embedded default)", &config);
     if (!problem.empty()) {
-        std::fprintf(stderr, "aov-sim: error: %s\n", problem.c_str());
-        return kExitBadInput;
+        return badInput(problem);
     }
 
     // Properties and log switches first: the services read them when created.

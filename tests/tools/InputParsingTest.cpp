@@ -1,0 +1,255 @@
+// The number, excerpt, file and option parsing under aov-sim: boundaries of
+// every range, and what each kind of text is taken as.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "BoundedFile.h"
+#include "Excerpt.h"
+#include "NumberText.h"
+#include "Options.h"
+#include "ScenarioFile.h"
+
+namespace aovsimtool {
+namespace {
+
+struct IntegerCase {
+    const char* name;
+    const char* text;
+    int64_t min;
+    int64_t max;
+    NumberStatus status;
+    int64_t value;
+};
+
+class ParseIntegerTest : public ::testing::TestWithParam<IntegerCase> {};
+
+TEST_P(ParseIntegerTest, ReadsWithinRangeAndNothingElse) {
+    const IntegerCase& c = GetParam();
+    int64_t value = -7;
+    EXPECT_EQ(parseInteger(c.text, c.min, c.max, &value), c.status);
+    EXPECT_EQ(value, c.status == NumberStatus::kOk ? c.value : -7);
+}
+
+constexpr int64_t kMin64 = INT64_MIN;
+constexpr int64_t kMax64 = INT64_MAX;
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, ParseIntegerTest,
+    ::testing::Values(
+        IntegerCase{"Zero", "0", 0, 10, NumberStatus::kOk, 0},
+        IntegerCase{"PlusSign", "+5", 0, 10, NumberStatus::kOk, 5},
+        IntegerCase{"NegativeAtMin", "-10", -10, 10, NumberStatus::kOk, -10},
+        IntegerCase{"BelowMin", "-11", -10, 10, NumberStatus::kOutOfRange, 0},
+        IntegerCase{"AtMax", "65535", 1, 65535, NumberStatus::kOk, 65535},
+        IntegerCase{"AboveMax", "65536", 1, 65535, NumberStatus::kOutOfRange, 0},
+        IntegerCase{"Int64Max", "9223372036854775807", kMin64, kMax64, NumberStatus::kOk, kMax64},
+        IntegerCase{"Int64MaxPlusOne", "9223372036854775808", kMin64, kMax64,
+                    NumberStatus::kOutOfRange, 0},
+        IntegerCase{"Int64Min", "-9223372036854775808", kMin64, kMax64, NumberStatus::kOk, kMin64},
+        IntegerCase{"Int64MinMinusOne", "-9223372036854775809", kMin64, kMax64,
+                    NumberStatus::kOutOfRange, 0},
+        IntegerCase{"Uint64MaxPlusOne", "18446744073709551616", kMin64, kMax64,
+                    NumberStatus::kOutOfRange, 0},
+        IntegerCase{"HundredDigits", "1000000000000000000000000000000000000000000000000000", 0, 10,
+                    NumberStatus::kOutOfRange, 0},
+        IntegerCase{"LeadingZeros", "000000000000000000000000000042", 0, 100, NumberStatus::kOk,
+                    42},
+        IntegerCase{"Empty", "", 0, 10, NumberStatus::kMalformed, 0},
+        IntegerCase{"SignOnly", "-", 0, 10, NumberStatus::kMalformed, 0},
+        IntegerCase{"LeadingSpace", " 1", 0, 10, NumberStatus::kMalformed, 0},
+        IntegerCase{"TrailingSpace", "1 ", 0, 10, NumberStatus::kMalformed, 0},
+        IntegerCase{"Hexadecimal", "0x10", 0, 100, NumberStatus::kMalformed, 0},
+        IntegerCase{"Exponent", "1e3", 0, 10000, NumberStatus::kMalformed, 0},
+        IntegerCase{"Fraction", "1.0", 0, 10, NumberStatus::kMalformed, 0},
+        IntegerCase{"OverflowThenLetter", "99999999999999999999999a", 0, 10,
+                    NumberStatus::kMalformed, 0}),
+    [](const ::testing::TestParamInfo<IntegerCase>& info) { return info.param.name; });
+
+struct SecondsCase {
+    const char* name;
+    const char* text;
+    NumberStatus status;
+    double value;
+};
+
+class ParseSecondsTest : public ::testing::TestWithParam<SecondsCase> {};
+
+TEST_P(ParseSecondsTest, ReadsPositiveFiniteSecondsUpToTheMaximum) {
+    const SecondsCase& c = GetParam();
+    double value = -7;
+    EXPECT_EQ(parseSeconds(c.text, 86400, &value), c.status);
+    EXPECT_EQ(value, c.status == NumberStatus::kOk ? c.value : -7);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Texts, ParseSecondsTest,
+    ::testing::Values(SecondsCase{"Whole", "3", NumberStatus::kOk, 3},
+                      SecondsCase{"Fraction", "0.25", NumberStatus::kOk, 0.25},
+                      SecondsCase{"NoIntegerPart", ".5", NumberStatus::kOk, 0.5},
+                      SecondsCase{"Exponent", "1e2", NumberStatus::kOk, 100},
+                      SecondsCase{"NegativeExponent", "25E-2", NumberStatus::kOk, 0.25},
+                      SecondsCase{"OneDay", "86400", NumberStatus::kOk, 86400},
+                      SecondsCase{"JustOverADay", "86400.001", NumberStatus::kOutOfRange, 0},
+                      SecondsCase{"Zero", "0", NumberStatus::kOutOfRange, 0},
+                      SecondsCase{"UnderflowsToZero", "1e-999", NumberStatus::kOutOfRange, 0},
+                      SecondsCase{"Negative", "-1", NumberStatus::kOutOfRange, 0},
+                      SecondsCase{"Huge", "1e300", NumberStatus::kOutOfRange, 0},
+                      SecondsCase{"OverflowsToInfinity", "1e999", NumberStatus::kOutOfRange, 0},
+                      SecondsCase{"Nan", "nan", NumberStatus::kMalformed, 0},
+                      SecondsCase{"Infinity", "inf", NumberStatus::kMalformed, 0},
+                      SecondsCase{"HexadecimalFloat", "0x1p3", NumberStatus::kMalformed, 0},
+                      SecondsCase{"PlusSign", "+1", NumberStatus::kMalformed, 0},
+                      SecondsCase{"BareExponent", "1e", NumberStatus::kMalformed, 0},
+                      SecondsCase{"ExponentSignOnly", "1e+", NumberStatus::kMalformed, 0},
+                      SecondsCase{"Empty", "", NumberStatus::kMalformed, 0},
+                      SecondsCase{"Dot", ".", NumberStatus::kMalformed, 0},
+                      SecondsCase{"Comma", "1,5", NumberStatus::kMalformed, 0}),
+    [](const ::testing::TestParamInfo<SecondsCase>& info) { return info.param.name; });
+
+TEST(ExcerptTest, QuotesShortTextEscapedAndCutsLongText) {
+    EXPECT_EQ(excerpt("abc"), "\"abc\"");
+    EXPECT_EQ(excerpt("a\"b\\c\n\x1b"), "\"a\\\"b\\\\c\\x0a\\x1b\"");
+    EXPECT_EQ(excerpt(std::string(41, 'z')), "\"" + std::string(40, 'z') + "\"... (41 bytes)");
+    EXPECT_EQ(excerpt(std::string(40, 'z')), "\"" + std::string(40, 'z') + "\"");
+}
+
+TEST(ExcerptTest, PathsKeepTheirEnd) {
+    EXPECT_EQ(pathExcerpt("/tmp/a.json"), "\"/tmp/a.json\"");
+    const std::string longPath = "/" + std::string(200, 'd') + "/scenario.json";
+    const std::string shown = pathExcerpt(longPath);
+    EXPECT_EQ(shown.rfind("\"...", 0), 0u) << shown;
+    EXPECT_EQ(shown.substr(shown.size() - 15), "/scenario.json\"") << shown;
+    EXPECT_EQ(shown.size(), 2 * kExcerptChars + 5) << shown;
+}
+
+TEST(ExcerptTest, OneLineIsPrintableAndAtMostTheLimit) {
+    EXPECT_EQ(oneLine("two\nlines", 100), "two\\x0alines");
+    EXPECT_EQ(oneLine(std::string(20, 'a'), 20), std::string(20, 'a'));
+    EXPECT_EQ(oneLine(std::string(21, 'a'), 20), std::string(17, 'a') + "...");
+    EXPECT_EQ(oneLine(std::string(1000000, '\x01')).size(), kMessageChars);
+}
+
+class BoundedFileTest : public ::testing::Test {
+  protected:
+    std::string path_ = ::testing::TempDir() + "aovsim_bounded_" + std::to_string(::getpid());
+    void TearDown() override { ::unlink(path_.c_str()); }
+};
+
+TEST_F(BoundedFileTest, ReadsAFileOfExactlyTheLimitAndRefusesOneByteMore) {
+    std::ofstream(path_) << std::string(100, 'x');
+    std::string text;
+    EXPECT_EQ(readRegularFile(path_, 100, &text), "");
+    EXPECT_EQ(text, std::string(100, 'x'));
+    EXPECT_EQ(readRegularFile(path_, 99, &text), "it is larger than the limit of 99 bytes");
+}
+
+TEST_F(BoundedFileTest, ReadsAnEmptyFile) {
+    std::ofstream{path_};
+    std::string text = "stale";
+    EXPECT_EQ(readRegularFile(path_, 100, &text), "");
+    EXPECT_EQ(text, "");
+}
+
+TEST(BoundedFileKernelTest, ReadsFilesWhoseReportedSizeIsZero) {
+    // Kernel files report size 0 but have content: the read is bounded by
+    // the limit, not by the reported size.
+    std::string text;
+    ASSERT_EQ(readRegularFile("/proc/self/status", 1 << 20, &text), "");
+    EXPECT_NE(text.find("Name:"), std::string::npos);
+    EXPECT_EQ(readRegularFile("/proc/self/status", 8, &text),
+              "it is larger than the limit of 8 bytes");
+}
+
+// parseOptions with the given arguments (after the program name).
+ParseOutcome parse(std::vector<std::string> args, Options* options, std::string* message) {
+    args.insert(args.begin(), "aov-sim");
+    std::vector<const char*> argv;
+    for (const std::string& arg : args) {
+        argv.push_back(arg.c_str());
+    }
+    return parseOptions(static_cast<int>(argv.size()), argv.data(), options, message);
+}
+
+TEST(OptionsTest, NothingGivenLeavesTheDefaults) {
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({}, &o, &message), ParseOutcome::kRun) << message;
+    EXPECT_FALSE(o.scenario_given || o.sensor_given || o.size_given || o.fps_given ||
+                 o.events_given || o.notify_ids_given || o.test_model.given);
+    EXPECT_EQ(o.events, 5);
+    EXPECT_EQ(o.duration, 0);
+    EXPECT_EQ(o.timeout, 0);
+}
+
+TEST(OptionsTest, ValuesAtTheEdgesOfTheirRangesAreTaken) {
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({"--size", "65535x1", "--sensor=-2147483648", "--fps", "2147483647", "--events",
+                     "1000000", "--duration", "86400", "--timeout", "0.001", "--view-mode", "-1",
+                     "--notify-ids", "3,-4,5", "-s", ""},
+                    &o, &message),
+              ParseOutcome::kRun)
+        << message;
+    EXPECT_TRUE(o.size_given && o.sensor_given && o.fps_given && o.events_given &&
+                o.notify_ids_given && o.view_mode.given && o.scenario_given);
+    EXPECT_FALSE(o.test_model.given);
+    EXPECT_EQ(o.width, 65535);
+    EXPECT_EQ(o.height, 1);
+    EXPECT_EQ(o.sensor, INT32_MIN);
+    EXPECT_EQ(o.fps, INT32_MAX);
+    EXPECT_EQ(o.events, 1000000);
+    EXPECT_EQ(o.duration, 86400);
+    EXPECT_EQ(o.timeout, 0.001);
+    EXPECT_EQ(o.view_mode.value, -1);
+    EXPECT_EQ(o.notify_ids, (std::vector<int>{3, -4, 5}));
+    EXPECT_EQ(o.scenario_path, "");
+}
+
+TEST(OptionsTest, NotifyIdsTakeUpTo1024) {
+    std::string ids = "0";
+    for (int i = 1; i < 1024; ++i) {
+        ids += "," + std::to_string(i);
+    }
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({"--notify-ids", ids}, &o, &message), ParseOutcome::kRun) << message;
+    EXPECT_EQ(o.notify_ids.size(), 1024u);
+    EXPECT_EQ(o.notify_ids.back(), 1023);
+    Options more;
+    EXPECT_EQ(parse({"--notify-ids", ids + ",1024"}, &more, &message), ParseOutcome::kError);
+    EXPECT_EQ(message, "--notify-ids: more than 1024 ids");
+}
+
+TEST(OptionsTest, HelpIsReturnedNotPrinted) {
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({"--help"}, &o, &message), ParseOutcome::kHelp);
+    EXPECT_NE(message.find("--scenario"), std::string::npos) << message;
+    EXPECT_NE(message.find("--notify-ids"), std::string::npos) << message;
+}
+
+TEST(ScenarioTextTest, TheEmbeddedDefaultParses) {
+    aovsim::SimConfig config;
+    ASSERT_EQ(parseScenario(defaultScenarioText(), "default", &config), "");
+    EXPECT_EQ(config.name, "default");
+    ASSERT_EQ(config.sensors.size(), 3u);
+    EXPECT_EQ(config.sensors[0].scenarios.size(), 7u);
+}
+
+TEST(ScenarioTextTest, AFailedParseLeavesTheConfigurationAlone) {
+    aovsim::SimConfig config;
+    config.name = "kept";
+    EXPECT_NE(parseScenario(R"({"name": "x", "sensors": [], "driver": {"queue_depth": 0}})", "t",
+                            &config),
+              "");
+    EXPECT_EQ(config.name, "kept");
+}
+
+}  // namespace
+}  // namespace aovsimtool

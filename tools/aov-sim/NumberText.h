@@ -1,0 +1,27 @@
+#pragma once
+
+// Strict parsing of the numbers a user types: whole numbers within a range,
+// and seconds. Nothing is wrapped or clamped: a number outside the range is
+// reported as such.
+
+#include <cstdint>
+#include <string_view>
+
+namespace aovsimtool {
+
+enum class NumberStatus {
+    kOk,
+    kMalformed,   // not a number of the expected form
+    kOutOfRange,  // a number, outside the range (including any beyond 64 bits)
+};
+
+// A decimal whole number: an optional '-' or '+', then digits, nothing else
+// (no spaces, no fraction, no exponent).
+NumberStatus parseInteger(std::string_view text, int64_t min, int64_t max, int64_t* out);
+
+// A decimal number of seconds, e.g. "3", "0.25", "1e2": more than 0 and at
+// most `max`. "nan", "inf", hexadecimal and signs other than an exponent's
+// are malformed; negative numbers and zero are out of range.
+NumberStatus parseSeconds(std::string_view text, double max, double* out);
+
+}  // namespace aovsimtool
