@@ -11,9 +11,12 @@
 #include <vector>
 
 #include "AOVSensor.h"
+#include "FuzzCheck.h"
 #include "aovhost/Binding.h"
 
 namespace {
+
+using aovfuzz::check;
 
 constexpr size_t kMaxSensors = 3;
 
@@ -39,12 +42,6 @@ class FuzzSensorList : public NSCam::IHalSensorList {
     NSCam::IHalSensor* openSensorDevice(const char*, uint32_t) override { return nullptr; }
     int32_t querySensorId(uint32_t index) const override { return static_cast<int32_t>(index); }
 };
-
-void check(bool condition) {
-    if (!condition) {
-        __builtin_trap();
-    }
-}
 
 bool accepted(const NSCam::SensorScenarioInfo& s, bool testModel, bool viewMode) {
     if (viewMode != (s.aeKind == 1)) {

@@ -13,9 +13,12 @@
 #include <string>
 
 #include "AOVDevice.h"
+#include "FuzzCheck.h"
 #include "aovhost/Binding.h"
 
 namespace {
+
+using aovfuzz::check;
 
 constexpr size_t kWordCount = 6 + 1 + 1 + 1 + 4 + 4 + 5 + 1 + 1 + 1 + 1;  // 26 words
 
@@ -50,12 +53,6 @@ class FuzzDriver : public aovhost::EmulatedNode {
         return 0;
     }
 };
-
-void check(bool condition) {
-    if (!condition) {
-        __builtin_trap();
-    }
-}
 
 // A started device in one configuration, with the model of its buffer.
 struct Rig {

@@ -8,26 +8,15 @@
 #include <vector>
 
 #include "Excerpt.h"
+#include "FuzzCheck.h"
 #include "Options.h"
 
 namespace {
 
+using aovfuzz::check;
+using aovfuzz::printableLine;
+
 constexpr size_t kMaxArguments = 64;
-
-void check(bool condition) {
-    if (!condition) {
-        __builtin_trap();
-    }
-}
-
-bool printableLine(const std::string& text) {
-    for (const char c : text) {
-        if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) >= 0x7f) {
-            return false;
-        }
-    }
-    return true;
-}
 
 bool secondsInRange(double seconds) {
     return seconds == 0 || (seconds > 0 && seconds <= aovsimtool::kMaxSeconds);

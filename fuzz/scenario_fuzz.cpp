@@ -7,29 +7,18 @@
 #include <string>
 #include <string_view>
 
+#include "FuzzCheck.h"
 #include "ScenarioFile.h"
 #include "aovsim/SimConfig.h"
 
 namespace {
 
+using aovfuzz::check;
+using aovfuzz::printableLine;
+
 // Without the origin, which the caller chooses: a key path (at most 120
 // characters), the problem and a short excerpt of the value.
 constexpr size_t kMaxMessage = 400;
-
-void check(bool condition) {
-    if (!condition) {
-        __builtin_trap();
-    }
-}
-
-bool printableLine(const std::string& text) {
-    for (const char c : text) {
-        if (static_cast<unsigned char>(c) < 0x20 || static_cast<unsigned char>(c) >= 0x7f) {
-            return false;
-        }
-    }
-    return true;
-}
 
 }  // namespace
 
