@@ -99,8 +99,8 @@ TEST_F(Catalogue, EntriesFollowTheScratchTableOrderAndTheFirstDecidesTheMode) {
     // Six sizes in scenario order. The catalogue lists a sensor's sizes in the
     // scratch table's iteration order for the keys inserted in that order, so
     // the expectation is that order under the standard library in use.
-    const std::vector<std::pair<int32_t, int32_t>> sizes = {
-        {640, 480}, {320, 240}, {1280, 720}, {1920, 1080}, {160, 120}, {800, 600}};
+    const std::vector<std::pair<int32_t, int32_t>> sizes = {{640, 480},   {320, 240}, {1280, 720},
+                                                            {1920, 1080}, {160, 120}, {800, 600}};
     AOVSensor::ScratchTable reference;
     std::vector<NSCam::SensorScenarioInfo> scenarios;
     for (const auto& [width, height] : sizes) {
