@@ -12,7 +12,7 @@ struct UserCookie;
 // Something that owns a file descriptor and wants to be told when it signals.
 class AOV_EXPORT EventObserver {
   public:
-    virtual ~EventObserver() = default;
+    virtual ~EventObserver();
 
     virtual int setCookie(UserCookie* cookie) {
         cookie_ = cookie;

@@ -22,7 +22,7 @@ class AOV_EXPORT IAOVDevice {
     virtual int notifyUlposc3(bool enable) = 0;
     virtual int notifySensor(const std::vector<int>& sensors, bool enable) = 0;
     virtual int stopDevice() = 0;
-    virtual ~IAOVDevice() = default;
+    virtual ~IAOVDevice();
 
     // Receives each dequeued event, synchronously on the monitor's thread. The
     // buffer is valid until the next event and never after stopDevice. Assign it

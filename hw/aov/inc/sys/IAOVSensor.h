@@ -46,5 +46,5 @@ class AOV_EXPORT IAOVSensor {
     virtual int startSensor(user_param& param) = 0;
     // Stops the pipeline, then the sensor; always 0.
     virtual int stopSensor() = 0;
-    virtual ~IAOVSensor() = default;
+    virtual ~IAOVSensor();
 };
