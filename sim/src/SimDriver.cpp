@@ -12,13 +12,11 @@
 #include <cstring>
 
 #include "aovsim/EventContent.h"
-#include "aovsim/KernelAbi.h"
+#include "kelo_aov.h"
 
 namespace aovsim {
 
 namespace {
-
-using namespace kabi;
 
 constexpr TraceSource kKern = TraceSource::kKernel;
 constexpr int32_t kMinFrameRate = 1;
@@ -58,18 +56,16 @@ std::string headerOf(const char* name, unsigned int request) {
                   _IOC_SIZE(request));
 }
 
-// Area addresses of the dequeue record, in section order.
-void areaSlotsOf(aov_event_query& query, void** (&slots)[kSectionCount]) {
-    slots[0] = &query.s1_addr;
-    slots[1] = &query.s2_addr;
-    slots[2] = &query.s3_addr;
-    slots[3] = &query.s4_addr;
-    slots[4] = &query.s5_addr;
-    slots[5] = &query.s6_addr;
-    slots[6] = &query.s7_addr;
-    slots[7] = &query.s8_addr;
-    slots[8] = &query.s9_addr;
-    slots[9] = &query.s10_addr;
+// Where the dequeue record holds the data-area address of `section`.
+void*& areaAddressOf(aov_event_query& query, const aov_section_desc& section) {
+    return *reinterpret_cast<void**>(reinterpret_cast<uint8_t*>(&query) +
+                                     section.query_addr_offset);
+}
+
+// Where the dequeue record holds info word `word` of `section`.
+uint32_t& infoWordOf(aov_event_query& query, const aov_section_desc& section, uint32_t word) {
+    return *reinterpret_cast<uint32_t*>(reinterpret_cast<uint8_t*>(&query) +
+                                        section.query_info_offset + word * sizeof(uint32_t));
 }
 
 }  // namespace
@@ -238,20 +234,22 @@ int AovDriver::ioctl(int fd, unsigned int request, void* arg) {
 
 int AovDriver::start(const uint8_t* record) {
     Session session;
-    session.sensor_id = wordAt(record, kStartSensorIdOffset);
-    session.scenario = wordAt(record, kStartScenarioOffset);
-    session.frame_rate = wordAt(record, kStartFrameRateOffset);
-    session.aov_mode = wordAt(record, kStartAovModeOffset);
-    std::memcpy(session.frame_info, record + 0x24, 8);
-    std::memcpy(session.frame_info + 2, record + 0x30, 8);
+    session.sensor_id = wordAt(record, AOV_START_SENSOR_ID);
+    session.scenario = wordAt(record, AOV_START_SCENARIO);
+    session.frame_rate = wordAt(record, AOV_START_FRAME_RATE);
+    session.aov_mode = wordAt(record, AOV_START_AOV_MODE);
+    std::memcpy(session.frame_info, record + AOV_START_FRAME_INFO_LO, 8);
+    std::memcpy(session.frame_info + 2, record + AOV_START_FRAME_INFO_HI, 8);
     const std::string decoded = format(
         "%s sensor_id=%d scenario=%d orientation=%d face=%d mode_head=[%u, %u, %u, %u] "
         "frame_info=[%u, %u, %u, %u] frame_rate=%d frame_info_sel=%d aov_mode=%d sensor_idx=%d",
         headerOf("START", AOV_IOC_START).c_str(), session.sensor_id, session.scenario,
-        wordAt(record, 0x0C), wordAt(record, 0x10), wordAt(record, 0x14), wordAt(record, 0x18),
-        wordAt(record, 0x1C), wordAt(record, 0x20), session.frame_info[0], session.frame_info[1],
-        session.frame_info[2], session.frame_info[3], session.frame_rate, wordAt(record, 0x40),
-        session.aov_mode, wordAt(record, kStartSensorIdxOffset));
+        wordAt(record, AOV_START_ORIENTATION), wordAt(record, AOV_START_FACE),
+        wordAt(record, AOV_START_MODE_HEAD), wordAt(record, AOV_START_MODE_HEAD + 4),
+        wordAt(record, AOV_START_MODE_HEAD + 8), wordAt(record, AOV_START_MODE_HEAD + 12),
+        session.frame_info[0], session.frame_info[1], session.frame_info[2], session.frame_info[3],
+        session.frame_rate, wordAt(record, AOV_START_FRAME_INFO_SEL), session.aov_mode,
+        wordAt(record, AOV_START_SENSOR_IDX));
 
     {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -318,9 +316,9 @@ int AovDriver::sensorList(unsigned int request, const uint8_t* record) {
         std::lock_guard<std::mutex> guard(mutex_);
         call = ++sensor_list_calls_;
     }
-    if (list.count < 1 || list.count > static_cast<uint32_t>(kMaxSensorsPerRequest)) {
+    if (list.count < 1 || list.count > static_cast<uint32_t>(AOV_MAX_SENSORS_PER_REQUEST)) {
         return fail(-EINVAL, "%s count=%u: count outside 1..%d", headerOf(name, request).c_str(),
-                    list.count, kMaxSensorsPerRequest);
+                    list.count, AOV_MAX_SENSORS_PER_REQUEST);
     }
     std::string ids;
     for (uint32_t i = 0; i < list.count; ++i) {
@@ -384,12 +382,10 @@ int AovDriver::dequeue(uint8_t* record) {
 
     const Pending event = pending_.front();
     const bool content = event.sequence % params_.content_every == 0;
-    const bool full = content && session_.aov_mode == kFullContentMode;
-    const int sections = full ? kSectionCount : content ? kBasicSectionCount : 0;
-    void** slots[kSectionCount];
-    areaSlotsOf(query, slots);
+    const bool full = content && session_.aov_mode == AOV_MODE_FULL_CONTENT;
+    const int sections = full ? AOV_SECTION_COUNT : content ? AOV_BASIC_SECTION_COUNT : 0;
     for (int s = 0; s < sections; ++s) {
-        if (*slots[s] == nullptr) {
+        if (areaAddressOf(query, aov_event_sections[s]) == nullptr) {
             ++stats_.failed_requests;
             trace_->refusal(kKern, "%s: no address for section %d -> %d", head.c_str(), s + 1,
                             -EFAULT);
@@ -409,28 +405,26 @@ int AovDriver::dequeue(uint8_t* record) {
     query.header[3] = static_cast<uint32_t>(session_.scenario);
     query.header[4] = static_cast<uint32_t>(stats_.overruns);
     query.header[5] = content ? 1u : 0u;
+    // Each section written gets its content and, as its first info word, its size.
     for (int s = 0; s < sections; ++s) {
-        writeSectionContent(*slots[s], kSectionSize[s], seq, static_cast<uint32_t>(s + 1));
+        const aov_section_desc& section = aov_event_sections[s];
+        writeSectionContent(areaAddressOf(query, section), section.data_size, seq,
+                            static_cast<uint32_t>(s + 1));
+        infoWordOf(query, section, 0) = section.data_size;
     }
     if (content) {
-        query.s1_info = kSectionSize[0];
-        query.s2_info = kSectionSize[1];
-        query.s3_info = kSectionSize[2];
-        const uint32_t s4[4] = {kSectionSize[3], session_.frame_info[0], session_.frame_info[1],
-                                seq};
-        const uint32_t s5[4] = {kSectionSize[4], session_.frame_info[2], session_.frame_info[3],
-                                seq};
-        std::memcpy(query.s4_info, s4, sizeof(s4));
-        std::memcpy(query.s5_info, s5, sizeof(s5));
+        query.s4_info[1] = session_.frame_info[0];
+        query.s4_info[2] = session_.frame_info[1];
+        query.s4_info[3] = seq;
+        query.s5_info[1] = session_.frame_info[2];
+        query.s5_info[2] = session_.frame_info[3];
+        query.s5_info[3] = seq;
     }
     if (full) {
-        const uint32_t s6[5] = {kSectionSize[5], seq, static_cast<uint32_t>(session_.sensor_id),
-                                static_cast<uint32_t>(session_.scenario), rate};
-        std::memcpy(query.s6_info, s6, sizeof(s6));
-        query.s7_info = kSectionSize[6];
-        query.s8_info = kSectionSize[7];
-        query.s9_info = kSectionSize[8];
-        query.s10_info = kSectionSize[9];
+        query.s6_info[1] = seq;
+        query.s6_info[2] = static_cast<uint32_t>(session_.sensor_id);
+        query.s6_info[3] = static_cast<uint32_t>(session_.scenario);
+        query.s6_info[4] = rate;
     }
     std::memcpy(record, &query, sizeof(query));
 

@@ -8,7 +8,7 @@
 
 #include "aovsim/EpollEventMonitor.h"
 #include "aovsim/EventContent.h"
-#include "aovsim/KernelAbi.h"
+#include "kelo_aov.h"
 
 namespace aovsimtool {
 
@@ -16,11 +16,6 @@ namespace {
 
 using aovsim::format;
 using aovsim::TraceSource;
-
-static_assert(sizeof(aov_event::s1_data) == aovsim::kabi::kSectionSize[0], "section 1");
-static_assert(sizeof(aov_event::s4_data) == aovsim::kabi::kSectionSize[3], "section 4");
-static_assert(sizeof(aov_event::s6_data) == aovsim::kabi::kSectionSize[5], "section 6");
-static_assert(sizeof(aov_event::s10_data) == aovsim::kabi::kSectionSize[9], "section 10");
 
 template <class T>
 std::string listOf(const std::vector<T>& values) {
@@ -275,22 +270,20 @@ void SystemLayer::onEvent(const aov_event* event) {
     std::string line = format("header=[%u, %u, %u, %u, %u, %u] s1_info=%u s4_info=[%u, %u, %u, %u]",
                               h[0], h[1], h[2], h[3], h[4], h[5], event->s1_info, event->s4_info[0],
                               event->s4_info[1], event->s4_info[2], event->s4_info[3]);
-    if (aov_mode_ == aovsim::kabi::kFullContentMode) {
+    if (aov_mode_ == AOV_MODE_FULL_CONTENT) {
         line += format(" s6_info=[%u, %u, %u, %u, %u]", event->s6_info[0], event->s6_info[1],
                        event->s6_info[2], event->s6_info[3], event->s6_info[4]);
     }
     bool mismatch = false;
     if (h[5] != 0) {
-        const uint8_t* areas[aovsim::kabi::kSectionCount] = {
-            event->s1_data, event->s2_data, event->s3_data, event->s4_data, event->s5_data,
-            event->s6_data, event->s7_data, event->s8_data, event->s9_data, event->s10_data};
-        const int sections = aov_mode_ == aovsim::kabi::kFullContentMode
-                                 ? aovsim::kabi::kSectionCount
-                                 : aovsim::kabi::kBasicSectionCount;
+        const int sections =
+            aov_mode_ == AOV_MODE_FULL_CONTENT ? AOV_SECTION_COUNT : AOV_BASIC_SECTION_COUNT;
+        const auto* buffer = reinterpret_cast<const uint8_t*>(event);
         std::string bad;
         for (int s = 0; s < sections; ++s) {
-            if (!aovsim::sectionContentMatches(areas[s], aovsim::kabi::kSectionSize[s], h[0],
-                                               static_cast<uint32_t>(s + 1))) {
+            const aov_section_desc& section = aov_event_sections[s];
+            if (!aovsim::sectionContentMatches(buffer + section.data_offset, section.data_size,
+                                               h[0], static_cast<uint32_t>(s + 1))) {
                 bad += format("%s%d", bad.empty() ? "" : ",", s + 1);
             }
         }
