@@ -1,9 +1,7 @@
 #include "aovsim/SimDriver.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -70,29 +68,25 @@ uint32_t& infoWordOf(aov_event_query& query, const aov_section_desc& section, ui
 
 }  // namespace
 
-AovDriver::AovDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
+SimDriver::SimDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
                      std::shared_ptr<Trace> trace)
-    : path_(std::move(path)), params_(params), faults_(faults), trace_(std::move(trace)) {
-    timer_fd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    timer_stop_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (timer_fd_ < 0 || timer_stop_fd_ < 0) {
-        fatal("cannot create the frame timer");
-    }
-}
+    : path_(std::move(path)),
+      params_(params),
+      faults_(faults),
+      trace_(std::move(trace)),
+      timer_([this] { produceEvent(); }) {}
 
-AovDriver::~AovDriver() {
+SimDriver::~SimDriver() {
     {
         std::lock_guard<std::mutex> control(control_mutex_);
-        stopTimer();
+        timer_.stop();
     }
     if (event_fd_ >= 0) {
         ::close(event_fd_);
     }
-    ::close(timer_fd_);
-    ::close(timer_stop_fd_);
 }
 
-const char* AovDriver::requestName(unsigned int request) {
+const char* SimDriver::requestName(unsigned int request) {
     switch (request) {
         case AOV_IOC_START:
             return "START";
@@ -113,7 +107,7 @@ const char* AovDriver::requestName(unsigned int request) {
     }
 }
 
-int AovDriver::fail(int result, const char* fmt, ...) {
+int SimDriver::fail(int result, const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
     const std::string what = vformat(fmt, args);
@@ -126,7 +120,7 @@ int AovDriver::fail(int result, const char* fmt, ...) {
     return result;
 }
 
-int AovDriver::open(int flags) {
+int SimDriver::open(int flags) {
     std::lock_guard<std::mutex> control(control_mutex_);
     const char* access = (flags & O_ACCMODE) == O_RDWR     ? "O_RDWR"
                          : (flags & O_ACCMODE) == O_WRONLY ? "O_WRONLY"
@@ -152,7 +146,7 @@ int AovDriver::open(int flags) {
     return event_fd_;
 }
 
-int AovDriver::close(int fd) {
+int SimDriver::close(int fd) {
     std::lock_guard<std::mutex> control(control_mutex_);
     {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -171,7 +165,7 @@ int AovDriver::close(int fd) {
     return 0;
 }
 
-int AovDriver::ioctl(int fd, unsigned int request, void* arg) {
+int SimDriver::ioctl(int fd, unsigned int request, void* arg) {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         ++stats_.requests;
@@ -232,7 +226,7 @@ int AovDriver::ioctl(int fd, unsigned int request, void* arg) {
     return result;
 }
 
-int AovDriver::start(const uint8_t* record) {
+int SimDriver::start(const uint8_t* record) {
     Session session;
     session.sensor_id = wordAt(record, AOV_START_SENSOR_ID);
     session.scenario = wordAt(record, AOV_START_SCENARIO);
@@ -279,12 +273,12 @@ int AovDriver::start(const uint8_t* record) {
         trace_->recordf(kKern, "%s -> 0", decoded.c_str());
     }
     if (params_.timer) {
-        startTimer(session.frame_rate);
+        timer_.start(session.frame_rate);
     }
     return 0;
 }
 
-int AovDriver::stop(bool byRequest) {
+int SimDriver::stop(bool byRequest) {
     uint64_t discarded = 0;
     bool wasStarted = false;
     {
@@ -296,7 +290,7 @@ int AovDriver::stop(bool byRequest) {
         pending_.clear();
         unsignalLocked();
     }
-    stopTimer();
+    timer_.stop();
     const std::string what = byRequest ? headerOf("STOP", AOV_IOC_STOP) : "release";
     if (wasStarted) {
         trace_->recordf(kKern, "%s -> 0 (session ended, %llu pending events discarded)",
@@ -307,7 +301,7 @@ int AovDriver::stop(bool byRequest) {
     return 0;
 }
 
-int AovDriver::sensorList(unsigned int request, const uint8_t* record) {
+int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
     aov_sensor_list list;
     std::memcpy(&list, record, sizeof(list));
     const char* name = requestName(request);
@@ -344,7 +338,7 @@ int AovDriver::sensorList(unsigned int request, const uint8_t* record) {
     return 0;
 }
 
-int AovDriver::dequeue(uint8_t* record) {
+int SimDriver::dequeue(uint8_t* record) {
     aov_event_query query;
     std::memcpy(&query, record, sizeof(query));
     const std::string head = headerOf("DEQUEUE_EVENT", AOV_IOC_DEQUEUE_EVENT);
@@ -437,7 +431,7 @@ int AovDriver::dequeue(uint8_t* record) {
     return 0;
 }
 
-void AovDriver::produceEvent() {
+void SimDriver::produceEvent() {
     std::lock_guard<std::mutex> guard(mutex_);
     if (!started_) {
         return;
@@ -455,7 +449,7 @@ void AovDriver::produceEvent() {
     signalLocked();
 }
 
-void AovDriver::signalLocked() {
+void SimDriver::signalLocked() {
     // The counter only ever moves between 0 and 1: readable iff something is pending.
     if (pending_.size() == 1 && event_fd_ >= 0) {
         const uint64_t one = 1;
@@ -465,7 +459,7 @@ void AovDriver::signalLocked() {
     }
 }
 
-void AovDriver::unsignalLocked() {
+void SimDriver::unsignalLocked() {
     if (event_fd_ >= 0) {
         uint64_t value;
         // EAGAIN when it was not signalled: nothing to clear.
@@ -473,67 +467,17 @@ void AovDriver::unsignalLocked() {
     }
 }
 
-void AovDriver::startTimer(int32_t frameRate) {
-    const long periodNs = 1000000000L / frameRate;
-    itimerspec period{};
-    period.it_interval.tv_sec = periodNs / 1000000000L;
-    period.it_interval.tv_nsec = periodNs % 1000000000L;
-    period.it_value = period.it_interval;
-    if (::timerfd_settime(timer_fd_, 0, &period, nullptr) != 0) {
-        fatal("cannot arm the frame timer");
-    }
-    timer_thread_ = std::thread(&AovDriver::timerLoop, this);
-}
-
-void AovDriver::stopTimer() {
-    if (!timer_thread_.joinable()) {
-        return;
-    }
-    const uint64_t one = 1;
-    if (::write(timer_stop_fd_, &one, sizeof(one)) != sizeof(one)) {
-        fatal("cannot stop the frame timer");
-    }
-    timer_thread_.join();
-    uint64_t value;
-    (void)!::read(timer_stop_fd_, &value, sizeof(value));
-    const itimerspec disarm{};
-    ::timerfd_settime(timer_fd_, 0, &disarm, nullptr);
-    (void)!::read(timer_fd_, &value, sizeof(value));
-}
-
-void AovDriver::timerLoop() {
-    for (;;) {
-        pollfd fds[2] = {{timer_fd_, POLLIN, 0}, {timer_stop_fd_, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            fatal("frame timer poll failed");
-        }
-        if (fds[1].revents != 0) {
-            return;
-        }
-        uint64_t ticks = 0;
-        if ((fds[0].revents & POLLIN) != 0 &&
-            ::read(timer_fd_, &ticks, sizeof(ticks)) == sizeof(ticks)) {
-            for (uint64_t i = 0; i < ticks; ++i) {
-                produceEvent();
-            }
-        }
-    }
-}
-
-DriverStats AovDriver::stats() const {
+DriverStats SimDriver::stats() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return stats_;
 }
 
-DequeueMark AovDriver::lastDequeue() const {
+DequeueMark SimDriver::lastDequeue() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return last_;
 }
 
-bool AovDriver::started() const {
+bool SimDriver::started() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return started_;
 }

@@ -69,7 +69,7 @@ class SimDriverTest : public ::testing::Test {
 
     void makeDriver() {
         driver_.reset();
-        driver_ = std::make_unique<AovDriver>("/dev/kelo_aov", params_, FaultConfig(),
+        driver_ = std::make_unique<SimDriver>("/dev/kelo_aov", params_, FaultConfig(),
                                               std::make_shared<Trace>());
         fd_ = driver_->open(O_RDWR);
         ASSERT_GE(fd_, 0);
@@ -90,7 +90,7 @@ class SimDriverTest : public ::testing::Test {
     }
 
     DriverConfig params_;
-    std::unique_ptr<AovDriver> driver_;
+    std::unique_ptr<SimDriver> driver_;
     EventBuffer buffer_;
     int fd_ = -1;
 };
