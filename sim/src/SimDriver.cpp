@@ -1,9 +1,7 @@
 #include "aovsim/SimDriver.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/eventfd.h>
-#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -12,13 +10,11 @@
 #include <cstring>
 
 #include "aovsim/EventContent.h"
-#include "aovsim/KernelAbi.h"
+#include "kelo_aov.h"
 
 namespace aovsim {
 
 namespace {
-
-using namespace kabi;
 
 constexpr TraceSource kKern = TraceSource::kKernel;
 constexpr int32_t kMinFrameRate = 1;
@@ -58,45 +54,39 @@ std::string headerOf(const char* name, unsigned int request) {
                   _IOC_SIZE(request));
 }
 
-// Area addresses of the dequeue record, in section order.
-void areaSlotsOf(aov_event_query& query, void** (&slots)[kSectionCount]) {
-    slots[0] = &query.s1_addr;
-    slots[1] = &query.s2_addr;
-    slots[2] = &query.s3_addr;
-    slots[3] = &query.s4_addr;
-    slots[4] = &query.s5_addr;
-    slots[5] = &query.s6_addr;
-    slots[6] = &query.s7_addr;
-    slots[7] = &query.s8_addr;
-    slots[8] = &query.s9_addr;
-    slots[9] = &query.s10_addr;
+// Where the dequeue record holds the data-area address of `section`.
+void*& areaAddressOf(aov_event_query& query, const aov_section_desc& section) {
+    return *reinterpret_cast<void**>(reinterpret_cast<uint8_t*>(&query) +
+                                     section.query_addr_offset);
+}
+
+// Where the dequeue record holds info word `word` of `section`.
+uint32_t& infoWordOf(aov_event_query& query, const aov_section_desc& section, uint32_t word) {
+    return *reinterpret_cast<uint32_t*>(reinterpret_cast<uint8_t*>(&query) +
+                                        section.query_info_offset + word * sizeof(uint32_t));
 }
 
 }  // namespace
 
-AovDriver::AovDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
+SimDriver::SimDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
                      std::shared_ptr<Trace> trace)
-    : path_(std::move(path)), params_(params), faults_(faults), trace_(std::move(trace)) {
-    timer_fd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    timer_stop_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (timer_fd_ < 0 || timer_stop_fd_ < 0) {
-        fatal("cannot create the frame timer");
-    }
-}
+    : path_(std::move(path)),
+      params_(params),
+      faults_(faults),
+      trace_(std::move(trace)),
+      timer_([this] { produceEvent(); }) {}
 
-AovDriver::~AovDriver() {
+SimDriver::~SimDriver() {
     {
         std::lock_guard<std::mutex> control(control_mutex_);
-        stopTimer();
+        timer_.stop();
     }
     if (event_fd_ >= 0) {
         ::close(event_fd_);
     }
-    ::close(timer_fd_);
-    ::close(timer_stop_fd_);
 }
 
-const char* AovDriver::requestName(unsigned int request) {
+const char* SimDriver::requestName(unsigned int request) {
     switch (request) {
         case AOV_IOC_START:
             return "START";
@@ -117,7 +107,7 @@ const char* AovDriver::requestName(unsigned int request) {
     }
 }
 
-int AovDriver::fail(int result, const char* fmt, ...) {
+int SimDriver::fail(int result, const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
     const std::string what = vformat(fmt, args);
@@ -130,7 +120,7 @@ int AovDriver::fail(int result, const char* fmt, ...) {
     return result;
 }
 
-int AovDriver::open(int flags) {
+int SimDriver::open(int flags) {
     std::lock_guard<std::mutex> control(control_mutex_);
     const char* access = (flags & O_ACCMODE) == O_RDWR     ? "O_RDWR"
                          : (flags & O_ACCMODE) == O_WRONLY ? "O_WRONLY"
@@ -156,7 +146,7 @@ int AovDriver::open(int flags) {
     return event_fd_;
 }
 
-int AovDriver::close(int fd) {
+int SimDriver::close(int fd) {
     std::lock_guard<std::mutex> control(control_mutex_);
     {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -175,7 +165,7 @@ int AovDriver::close(int fd) {
     return 0;
 }
 
-int AovDriver::ioctl(int fd, unsigned int request, void* arg) {
+int SimDriver::ioctl(int fd, unsigned int request, void* arg) {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         ++stats_.requests;
@@ -236,22 +226,24 @@ int AovDriver::ioctl(int fd, unsigned int request, void* arg) {
     return result;
 }
 
-int AovDriver::start(const uint8_t* record) {
+int SimDriver::start(const uint8_t* record) {
     Session session;
-    session.sensor_id = wordAt(record, kStartSensorIdOffset);
-    session.scenario = wordAt(record, kStartScenarioOffset);
-    session.frame_rate = wordAt(record, kStartFrameRateOffset);
-    session.aov_mode = wordAt(record, kStartAovModeOffset);
-    std::memcpy(session.frame_info, record + 0x24, 8);
-    std::memcpy(session.frame_info + 2, record + 0x30, 8);
+    session.sensor_id = wordAt(record, AOV_START_SENSOR_ID);
+    session.scenario = wordAt(record, AOV_START_SCENARIO);
+    session.frame_rate = wordAt(record, AOV_START_FRAME_RATE);
+    session.aov_mode = wordAt(record, AOV_START_AOV_MODE);
+    std::memcpy(session.frame_info, record + AOV_START_FRAME_INFO_LO, 8);
+    std::memcpy(session.frame_info + 2, record + AOV_START_FRAME_INFO_HI, 8);
     const std::string decoded = format(
         "%s sensor_id=%d scenario=%d orientation=%d face=%d mode_head=[%u, %u, %u, %u] "
         "frame_info=[%u, %u, %u, %u] frame_rate=%d frame_info_sel=%d aov_mode=%d sensor_idx=%d",
         headerOf("START", AOV_IOC_START).c_str(), session.sensor_id, session.scenario,
-        wordAt(record, 0x0C), wordAt(record, 0x10), wordAt(record, 0x14), wordAt(record, 0x18),
-        wordAt(record, 0x1C), wordAt(record, 0x20), session.frame_info[0], session.frame_info[1],
-        session.frame_info[2], session.frame_info[3], session.frame_rate, wordAt(record, 0x40),
-        session.aov_mode, wordAt(record, kStartSensorIdxOffset));
+        wordAt(record, AOV_START_ORIENTATION), wordAt(record, AOV_START_FACE),
+        wordAt(record, AOV_START_MODE_HEAD), wordAt(record, AOV_START_MODE_HEAD + 4),
+        wordAt(record, AOV_START_MODE_HEAD + 8), wordAt(record, AOV_START_MODE_HEAD + 12),
+        session.frame_info[0], session.frame_info[1], session.frame_info[2], session.frame_info[3],
+        session.frame_rate, wordAt(record, AOV_START_FRAME_INFO_SEL), session.aov_mode,
+        wordAt(record, AOV_START_SENSOR_IDX));
 
     {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -281,12 +273,12 @@ int AovDriver::start(const uint8_t* record) {
         trace_->recordf(kKern, "%s -> 0", decoded.c_str());
     }
     if (params_.timer) {
-        startTimer(session.frame_rate);
+        timer_.start(session.frame_rate);
     }
     return 0;
 }
 
-int AovDriver::stop(bool byRequest) {
+int SimDriver::stop(bool byRequest) {
     uint64_t discarded = 0;
     bool wasStarted = false;
     {
@@ -298,7 +290,7 @@ int AovDriver::stop(bool byRequest) {
         pending_.clear();
         unsignalLocked();
     }
-    stopTimer();
+    timer_.stop();
     const std::string what = byRequest ? headerOf("STOP", AOV_IOC_STOP) : "release";
     if (wasStarted) {
         trace_->recordf(kKern, "%s -> 0 (session ended, %llu pending events discarded)",
@@ -309,7 +301,7 @@ int AovDriver::stop(bool byRequest) {
     return 0;
 }
 
-int AovDriver::sensorList(unsigned int request, const uint8_t* record) {
+int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
     aov_sensor_list list;
     std::memcpy(&list, record, sizeof(list));
     const char* name = requestName(request);
@@ -318,9 +310,9 @@ int AovDriver::sensorList(unsigned int request, const uint8_t* record) {
         std::lock_guard<std::mutex> guard(mutex_);
         call = ++sensor_list_calls_;
     }
-    if (list.count < 1 || list.count > static_cast<uint32_t>(kMaxSensorsPerRequest)) {
+    if (list.count < 1 || list.count > static_cast<uint32_t>(AOV_MAX_SENSORS_PER_REQUEST)) {
         return fail(-EINVAL, "%s count=%u: count outside 1..%d", headerOf(name, request).c_str(),
-                    list.count, kMaxSensorsPerRequest);
+                    list.count, AOV_MAX_SENSORS_PER_REQUEST);
     }
     std::string ids;
     for (uint32_t i = 0; i < list.count; ++i) {
@@ -346,7 +338,7 @@ int AovDriver::sensorList(unsigned int request, const uint8_t* record) {
     return 0;
 }
 
-int AovDriver::dequeue(uint8_t* record) {
+int SimDriver::dequeue(uint8_t* record) {
     aov_event_query query;
     std::memcpy(&query, record, sizeof(query));
     const std::string head = headerOf("DEQUEUE_EVENT", AOV_IOC_DEQUEUE_EVENT);
@@ -384,12 +376,10 @@ int AovDriver::dequeue(uint8_t* record) {
 
     const Pending event = pending_.front();
     const bool content = event.sequence % params_.content_every == 0;
-    const bool full = content && session_.aov_mode == kFullContentMode;
-    const int sections = full ? kSectionCount : content ? kBasicSectionCount : 0;
-    void** slots[kSectionCount];
-    areaSlotsOf(query, slots);
+    const bool full = content && session_.aov_mode == AOV_MODE_FULL_CONTENT;
+    const int sections = full ? AOV_SECTION_COUNT : content ? AOV_BASIC_SECTION_COUNT : 0;
     for (int s = 0; s < sections; ++s) {
-        if (*slots[s] == nullptr) {
+        if (areaAddressOf(query, aov_event_sections[s]) == nullptr) {
             ++stats_.failed_requests;
             trace_->refusal(kKern, "%s: no address for section %d -> %d", head.c_str(), s + 1,
                             -EFAULT);
@@ -409,28 +399,26 @@ int AovDriver::dequeue(uint8_t* record) {
     query.header[3] = static_cast<uint32_t>(session_.scenario);
     query.header[4] = static_cast<uint32_t>(stats_.overruns);
     query.header[5] = content ? 1u : 0u;
+    // Each section written gets its content and, as its first info word, its size.
     for (int s = 0; s < sections; ++s) {
-        writeSectionContent(*slots[s], kSectionSize[s], seq, static_cast<uint32_t>(s + 1));
+        const aov_section_desc& section = aov_event_sections[s];
+        writeSectionContent(areaAddressOf(query, section), section.data_size, seq,
+                            static_cast<uint32_t>(s + 1));
+        infoWordOf(query, section, 0) = section.data_size;
     }
     if (content) {
-        query.s1_info = kSectionSize[0];
-        query.s2_info = kSectionSize[1];
-        query.s3_info = kSectionSize[2];
-        const uint32_t s4[4] = {kSectionSize[3], session_.frame_info[0], session_.frame_info[1],
-                                seq};
-        const uint32_t s5[4] = {kSectionSize[4], session_.frame_info[2], session_.frame_info[3],
-                                seq};
-        std::memcpy(query.s4_info, s4, sizeof(s4));
-        std::memcpy(query.s5_info, s5, sizeof(s5));
+        query.s4_info[1] = session_.frame_info[0];
+        query.s4_info[2] = session_.frame_info[1];
+        query.s4_info[3] = seq;
+        query.s5_info[1] = session_.frame_info[2];
+        query.s5_info[2] = session_.frame_info[3];
+        query.s5_info[3] = seq;
     }
     if (full) {
-        const uint32_t s6[5] = {kSectionSize[5], seq, static_cast<uint32_t>(session_.sensor_id),
-                                static_cast<uint32_t>(session_.scenario), rate};
-        std::memcpy(query.s6_info, s6, sizeof(s6));
-        query.s7_info = kSectionSize[6];
-        query.s8_info = kSectionSize[7];
-        query.s9_info = kSectionSize[8];
-        query.s10_info = kSectionSize[9];
+        query.s6_info[1] = seq;
+        query.s6_info[2] = static_cast<uint32_t>(session_.sensor_id);
+        query.s6_info[3] = static_cast<uint32_t>(session_.scenario);
+        query.s6_info[4] = rate;
     }
     std::memcpy(record, &query, sizeof(query));
 
@@ -443,7 +431,7 @@ int AovDriver::dequeue(uint8_t* record) {
     return 0;
 }
 
-void AovDriver::produceEvent() {
+void SimDriver::produceEvent() {
     std::lock_guard<std::mutex> guard(mutex_);
     if (!started_) {
         return;
@@ -461,7 +449,7 @@ void AovDriver::produceEvent() {
     signalLocked();
 }
 
-void AovDriver::signalLocked() {
+void SimDriver::signalLocked() {
     // The counter only ever moves between 0 and 1: readable iff something is pending.
     if (pending_.size() == 1 && event_fd_ >= 0) {
         const uint64_t one = 1;
@@ -471,7 +459,7 @@ void AovDriver::signalLocked() {
     }
 }
 
-void AovDriver::unsignalLocked() {
+void SimDriver::unsignalLocked() {
     if (event_fd_ >= 0) {
         uint64_t value;
         // EAGAIN when it was not signalled: nothing to clear.
@@ -479,67 +467,17 @@ void AovDriver::unsignalLocked() {
     }
 }
 
-void AovDriver::startTimer(int32_t frameRate) {
-    const long periodNs = 1000000000L / frameRate;
-    itimerspec period{};
-    period.it_interval.tv_sec = periodNs / 1000000000L;
-    period.it_interval.tv_nsec = periodNs % 1000000000L;
-    period.it_value = period.it_interval;
-    if (::timerfd_settime(timer_fd_, 0, &period, nullptr) != 0) {
-        fatal("cannot arm the frame timer");
-    }
-    timer_thread_ = std::thread(&AovDriver::timerLoop, this);
-}
-
-void AovDriver::stopTimer() {
-    if (!timer_thread_.joinable()) {
-        return;
-    }
-    const uint64_t one = 1;
-    if (::write(timer_stop_fd_, &one, sizeof(one)) != sizeof(one)) {
-        fatal("cannot stop the frame timer");
-    }
-    timer_thread_.join();
-    uint64_t value;
-    (void)!::read(timer_stop_fd_, &value, sizeof(value));
-    const itimerspec disarm{};
-    ::timerfd_settime(timer_fd_, 0, &disarm, nullptr);
-    (void)!::read(timer_fd_, &value, sizeof(value));
-}
-
-void AovDriver::timerLoop() {
-    for (;;) {
-        pollfd fds[2] = {{timer_fd_, POLLIN, 0}, {timer_stop_fd_, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
-            if (errno == EINTR) {
-                continue;
-            }
-            fatal("frame timer poll failed");
-        }
-        if (fds[1].revents != 0) {
-            return;
-        }
-        uint64_t ticks = 0;
-        if ((fds[0].revents & POLLIN) != 0 &&
-            ::read(timer_fd_, &ticks, sizeof(ticks)) == sizeof(ticks)) {
-            for (uint64_t i = 0; i < ticks; ++i) {
-                produceEvent();
-            }
-        }
-    }
-}
-
-DriverStats AovDriver::stats() const {
+DriverStats SimDriver::stats() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return stats_;
 }
 
-DequeueMark AovDriver::lastDequeue() const {
+DequeueMark SimDriver::lastDequeue() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return last_;
 }
 
-bool AovDriver::started() const {
+bool SimDriver::started() const {
     std::lock_guard<std::mutex> guard(mutex_);
     return started_;
 }

@@ -13,7 +13,7 @@ Simulation::Simulation(const SimConfig& config, std::shared_ptr<Trace> trace)
     : config_(config),
       trace_(std::move(trace)),
       platform_(std::make_shared<SimPlatform>(config_, trace_)),
-      driver_(std::make_shared<AovDriver>(kAovNodePath, config_.driver, config_.faults, trace_)),
+      driver_(std::make_shared<SimDriver>(kAovNodePath, config_.driver, config_.faults, trace_)),
       log_sink_(std::make_shared<TraceLogSink>(trace_)),
       sensor_list_(std::make_shared<SimSensorList>(platform_)),
       custom_(std::make_shared<SimCustom>(platform_)),

@@ -98,16 +98,14 @@ aov_event_query makeEventWords(uint32_t seed, bool content) {
     uint32_t next = seed * 0x100u;
     for (uint32_t& word : words.header) word = ++next;
     words.header[5] = content ? 1u : 0u;
-    words.s1_info = ++next;
-    words.s2_info = ++next;
-    words.s3_info = ++next;
-    for (uint32_t& word : words.s4_info) word = ++next;
-    for (uint32_t& word : words.s5_info) word = ++next;
-    for (uint32_t& word : words.s6_info) word = ++next;
-    words.s7_info = ++next;
-    words.s8_info = ++next;
-    words.s9_info = ++next;
-    words.s10_info = ++next;
+    for (const aov_section_desc& section : aov_event_sections) {
+        for (uint32_t i = 0; i < section.info_words; ++i) {
+            ++next;
+            std::memcpy(reinterpret_cast<uint8_t*>(&words) + section.query_info_offset +
+                            i * sizeof(uint32_t),
+                        &next, sizeof(next));
+        }
+    }
     return words;
 }
 

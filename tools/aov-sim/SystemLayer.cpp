@@ -8,7 +8,7 @@
 
 #include "aovsim/EpollEventMonitor.h"
 #include "aovsim/EventContent.h"
-#include "aovsim/KernelAbi.h"
+#include "kelo_aov.h"
 
 namespace aovsimtool {
 
@@ -17,24 +17,11 @@ namespace {
 using aovsim::format;
 using aovsim::TraceSource;
 
-static_assert(sizeof(aov_event::s1_data) == aovsim::kabi::kSectionSize[0], "section 1");
-static_assert(sizeof(aov_event::s4_data) == aovsim::kabi::kSectionSize[3], "section 4");
-static_assert(sizeof(aov_event::s6_data) == aovsim::kabi::kSectionSize[5], "section 6");
-static_assert(sizeof(aov_event::s10_data) == aovsim::kabi::kSectionSize[9], "section 10");
-
 template <class T>
 std::string listOf(const std::vector<T>& values) {
     std::string text;
     for (const T& value : values) {
         text += (text.empty() ? "" : ", ") + std::to_string(value);
-    }
-    return text;
-}
-
-std::string sizesOf(const std::vector<sensor_info>& infos) {
-    std::string text;
-    for (const sensor_info& info : infos) {
-        text += format("%s%dx%d", text.empty() ? "" : ", ", info.width, info.height);
     }
     return text;
 }
@@ -78,7 +65,7 @@ int SystemLayer::run() {
     say("isSupport() -> %s", device->isSupport() ? "true" : "false");
 
     say("step 2: discovery");
-    Choice choice;
+    ModeChoice choice;
     const int found = discover(sensors, &choice);
     if (found != kExitOk) {
         return found;
@@ -86,10 +73,10 @@ int SystemLayer::run() {
     return session(sensors, device, choice);
 }
 
-int SystemLayer::discover(IAOVSensor* sensors, Choice* choice) {
+int SystemLayer::discover(IAOVSensor* sensors, ModeChoice* choice) {
     const std::vector<int> ids = sensors->querySensors();
     say("querySensors() -> [%s]", listOf(ids).c_str());
-    std::vector<sensor_info> chosenInfos;
+    std::vector<CataloguedSensor> catalogue;
     for (int id : ids) {
         const int dev = sensors->getSensorDev(id);
         const std::vector<sensor_info> infos = sensors->getSensorInfo(id);
@@ -104,69 +91,26 @@ int SystemLayer::discover(IAOVSensor* sensors, Choice* choice) {
             say("  %dx%d orientation %d face %d fps [%s] %s", info.width, info.height,
                 info.orientation, info.face, listOf(info.fps).c_str(), modes.c_str());
         }
-        if ((options_.sensor_given && id == options_.sensor) ||
-            (!options_.sensor_given && id == ids.front())) {
-            chosenInfos = infos;
-        }
+        catalogue.push_back(CataloguedSensor{id, infos});
     }
 
-    if (ids.empty() && !options_.force) {
-        return failure("the platform offers no AOV-capable sensor in this mode");
-    }
-    if (ids.empty() && !options_.sensor_given) {
-        return badInput("no AOV-capable sensor to default to: give --sensor with --force");
-    }
-    choice->sensor = options_.sensor_given ? options_.sensor : ids.front();
-    if (std::find(ids.begin(), ids.end(), choice->sensor) == ids.end() && !options_.force) {
-        return badInput(format("unknown sensor %d; AOV-capable sensors: %s", choice->sensor,
-                               listOf(ids).c_str()));
-    }
-
-    const sensor_info* entry = nullptr;
-    if (options_.size_given) {
-        choice->width = options_.width;
-        choice->height = options_.height;
-        for (const sensor_info& info : chosenInfos) {
-            if (info.width == choice->width && info.height == choice->height) {
-                entry = &info;
-                break;
-            }
-        }
-        if (entry == nullptr && !options_.force) {
-            return badInput(format("sensor %d has no %dx%d mode; its sizes: %s", choice->sensor,
-                                   choice->width, choice->height, sizesOf(chosenInfos).c_str()));
-        }
-    } else {
-        // Always-on sensing wants the smallest frame.
-        for (const sensor_info& info : chosenInfos) {
-            const long long area = 1LL * info.width * info.height;
-            if (entry == nullptr || area < 1LL * entry->width * entry->height) {
-                entry = &info;
-            }
-        }
-        if (entry == nullptr) {
-            return badInput(
-                format("sensor %d has no catalogued size: give --size", choice->sensor));
-        }
-        choice->width = entry->width;
-        choice->height = entry->height;
-    }
-
-    if (options_.fps_given) {
-        choice->fps = options_.fps;
-        const bool listed =
-            entry != nullptr && std::find(entry->fps.begin(), entry->fps.end(),
-                                          static_cast<uint32_t>(choice->fps)) != entry->fps.end();
-        if (!listed && !options_.force) {
-            return badInput(format("sensor %d at %dx%d has no %d fps mode; its rates: %s",
-                                   choice->sensor, choice->width, choice->height, choice->fps,
-                                   entry ? listOf(entry->fps).c_str() : "none"));
-        }
-    } else {
-        if (entry == nullptr || entry->fps.empty()) {
-            return badInput("no catalogued frame rate for this size: give --fps");
-        }
-        choice->fps = static_cast<int>(*std::max_element(entry->fps.begin(), entry->fps.end()));
+    ModeRequest request;
+    request.sensor_given = options_.sensor_given;
+    request.sensor = options_.sensor;
+    request.size_given = options_.size_given;
+    request.width = options_.width;
+    request.height = options_.height;
+    request.fps_given = options_.fps_given;
+    request.fps = options_.fps;
+    request.force = options_.force;
+    *choice = chooseMode(catalogue, request);
+    switch (choice->outcome) {
+        case ModeChoice::Outcome::kChosen:
+            break;
+        case ModeChoice::Outcome::kBadInput:
+            return badInput(choice->problem);
+        case ModeChoice::Outcome::kNoSensor:
+            return failure(choice->problem);
     }
     say("chosen: sensor %d, %dx%d at %d fps%s", choice->sensor, choice->width, choice->height,
         choice->fps, options_.force ? " (--force)" : "");
@@ -180,7 +124,7 @@ int SystemLayer::discover(IAOVSensor* sensors, Choice* choice) {
     return kExitOk;
 }
 
-int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const Choice& choice) {
+int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoice& choice) {
     say("step 3: starting the sensor");
     user_param param;
     std::memset(&param, 0, sizeof(param));
@@ -195,9 +139,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const Choice& 
     say("startSensor() -> %d", result);
     printUserParam(param);
     if (result < 0) {
-        say("step 7: stopping");
-        say("stopSensor() -> %d", sensors->stopSensor());
-        printSummary();
+        stop(sensors, device, nullptr, false);
         return failure(format("startSensor failed: %d", result));
     }
 
@@ -205,9 +147,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const Choice& 
     result = device->startDevice(param);
     say("startDevice() -> %d", result);
     if (result < 0) {
-        say("step 7: stopping");
-        say("stopSensor() -> %d", sensors->stopSensor());
-        printSummary();
+        stop(sensors, device, nullptr, false);
         return failure(format("startDevice failed: %d", result));
     }
 
@@ -234,14 +174,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const Choice& 
         device->notifySensor(notifyIds, false));
     say("notifyUlposc3(false) -> %d", device->notifyUlposc3(false));
 
-    say("step 7: stopping");
-    // Detaching waits for a notification in progress, so stopDevice never
-    // frees the event buffer under one.
-    say("setMonitor(nullptr) -> %d", device->setMonitor(nullptr));
-    device->callback_ = nullptr;
-    say("stopSensor() -> %d", sensors->stopSensor());
-    say("stopDevice() -> %d", device->stopDevice());
-    printSummary(&monitor);
+    stop(sensors, device, &monitor, true);
     if (timedOut) {
         std::lock_guard<std::mutex> guard(mutex_);
         return failure(format("timed out with %llu of %d events delivered",
@@ -250,7 +183,23 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const Choice& 
     return kExitOk;
 }
 
-void SystemLayer::waitForEvents(const Choice& choice, bool* timedOut) {
+void SystemLayer::stop(IAOVSensor* sensors, IAOVDevice* device,
+                       const aovsim::EpollEventMonitor* monitor, bool deviceStarted) {
+    say("step 7: stopping");
+    if (monitor != nullptr) {
+        // Detaching waits for a notification in progress, so stopDevice never
+        // frees the event buffer under one.
+        say("setMonitor(nullptr) -> %d", device->setMonitor(nullptr));
+        device->callback_ = nullptr;
+    }
+    say("stopSensor() -> %d", sensors->stopSensor());
+    if (deviceStarted) {
+        say("stopDevice() -> %d", device->stopDevice());
+    }
+    printSummary(monitor);
+}
+
+void SystemLayer::waitForEvents(const ModeChoice& choice, bool* timedOut) {
     const bool byCount = options_.duration <= 0 || options_.events_given;
     double seconds = options_.duration;
     if (seconds <= 0) {
@@ -278,22 +227,20 @@ void SystemLayer::onEvent(const aov_event* event) {
     std::string line = format("header=[%u, %u, %u, %u, %u, %u] s1_info=%u s4_info=[%u, %u, %u, %u]",
                               h[0], h[1], h[2], h[3], h[4], h[5], event->s1_info, event->s4_info[0],
                               event->s4_info[1], event->s4_info[2], event->s4_info[3]);
-    if (aov_mode_ == aovsim::kabi::kFullContentMode) {
+    if (aov_mode_ == AOV_MODE_FULL_CONTENT) {
         line += format(" s6_info=[%u, %u, %u, %u, %u]", event->s6_info[0], event->s6_info[1],
                        event->s6_info[2], event->s6_info[3], event->s6_info[4]);
     }
     bool mismatch = false;
     if (h[5] != 0) {
-        const uint8_t* areas[aovsim::kabi::kSectionCount] = {
-            event->s1_data, event->s2_data, event->s3_data, event->s4_data, event->s5_data,
-            event->s6_data, event->s7_data, event->s8_data, event->s9_data, event->s10_data};
-        const int sections = aov_mode_ == aovsim::kabi::kFullContentMode
-                                 ? aovsim::kabi::kSectionCount
-                                 : aovsim::kabi::kBasicSectionCount;
+        const int sections =
+            aov_mode_ == AOV_MODE_FULL_CONTENT ? AOV_SECTION_COUNT : AOV_BASIC_SECTION_COUNT;
+        const auto* buffer = reinterpret_cast<const uint8_t*>(event);
         std::string bad;
         for (int s = 0; s < sections; ++s) {
-            if (!aovsim::sectionContentMatches(areas[s], aovsim::kabi::kSectionSize[s], h[0],
-                                               static_cast<uint32_t>(s + 1))) {
+            const aov_section_desc& section = aov_event_sections[s];
+            if (!aovsim::sectionContentMatches(buffer + section.data_offset, section.data_size,
+                                               h[0], static_cast<uint32_t>(s + 1))) {
                 bad += format("%s%d", bad.empty() ? "" : ",", s + 1);
             }
         }

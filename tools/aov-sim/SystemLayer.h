@@ -13,6 +13,7 @@
 
 #include "IAOVDevice.h"
 #include "IAOVSensor.h"
+#include "ModeChoice.h"
 #include "Options.h"
 #include "aovsim/EpollEventMonitor.h"
 #include "aovsim/Simulation.h"
@@ -32,16 +33,13 @@ class SystemLayer {
     int run();
 
   private:
-    struct Choice {
-        int sensor = 0;
-        int width = 0;
-        int height = 0;
-        int fps = 0;
-    };
-
-    int discover(IAOVSensor* sensors, Choice* choice);
-    int session(IAOVSensor* sensors, IAOVDevice* device, const Choice& choice);
-    void waitForEvents(const Choice& choice, bool* timedOut);
+    int discover(IAOVSensor* sensors, ModeChoice* choice);
+    int session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoice& choice);
+    // Step 7, the one way a session ends: detaches `monitor` when it was
+    // attached, stops the sensor, and the device when it was started.
+    void stop(IAOVSensor* sensors, IAOVDevice* device, const aovsim::EpollEventMonitor* monitor,
+              bool deviceStarted);
+    void waitForEvents(const ModeChoice& choice, bool* timedOut);
     void onEvent(const aov_event* event);
     void printUserParam(const user_param& param);
     // With the session's monitor, once it no longer watches the device.

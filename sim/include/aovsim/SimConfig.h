@@ -69,7 +69,7 @@ struct FaultConfig {
 struct DriverConfig {
     uint32_t queue_depth = 4;    // events held before the oldest is overwritten
     uint32_t content_every = 1;  // every n-th event carries section content
-    bool timer = true;           // false: events only through AovDriver::produceEvent
+    bool timer = true;           // false: events only through SimDriver::produceEvent
 };
 
 struct SimConfig {

@@ -28,9 +28,9 @@
 #include <mutex>
 #include <set>
 #include <string>
-#include <thread>
 
 #include "aovhost/Binding.h"
+#include "aovsim/FrameTimer.h"
 #include "aovsim/SimConfig.h"
 #include "aovsim/Trace.h"
 
@@ -52,13 +52,13 @@ struct DequeueMark {
     std::chrono::steady_clock::time_point produced_at;
 };
 
-class AovDriver final : public aovhost::EmulatedNode {
+class SimDriver final : public aovhost::EmulatedNode {
   public:
-    AovDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
+    SimDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
               std::shared_ptr<Trace> trace);
-    ~AovDriver() override;
-    AovDriver(const AovDriver&) = delete;
-    AovDriver& operator=(const AovDriver&) = delete;
+    ~SimDriver() override;
+    SimDriver(const SimDriver&) = delete;
+    SimDriver& operator=(const SimDriver&) = delete;
 
     int open(int flags) override;
     int close(int fd) override;
@@ -96,10 +96,6 @@ class AovDriver final : public aovhost::EmulatedNode {
     // With mutex_ held: keep the descriptor readable exactly while events are pending.
     void signalLocked();
     void unsignalLocked();
-    // Frame timer thread; controlled with control_mutex_ held.
-    void startTimer(int32_t frameRate);
-    void stopTimer();
-    void timerLoop();
 
     const std::string path_;
     const DriverConfig params_;
@@ -107,11 +103,9 @@ class AovDriver final : public aovhost::EmulatedNode {
     std::shared_ptr<Trace> trace_;
 
     // Serialises the control path (open, close, START, STOP) so the timer
-    // thread is started and joined by one caller at a time.
+    // is started and stopped by one caller at a time.
     std::mutex control_mutex_;
-    std::thread timer_thread_;
-    int timer_fd_ = -1;
-    int timer_stop_fd_ = -1;
+    FrameTimer timer_;
 
     // Event state, shared with the timer thread and the dequeuing thread.
     mutable std::mutex mutex_;

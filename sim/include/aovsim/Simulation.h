@@ -14,6 +14,7 @@
 #include "aovhost/Binding.h"
 #include "aovsim/SimConfig.h"
 #include "aovsim/SimDriver.h"
+#include "aovsim/SimForwarders.h"
 #include "aovsim/SimPlatform.h"
 #include "aovsim/Trace.h"
 
@@ -41,7 +42,7 @@ class Simulation {
 
     const SimConfig& config() const { return config_; }
     SimPlatform& platform() { return *platform_; }
-    AovDriver& driver() { return *driver_; }
+    SimDriver& driver() { return *driver_; }
     Trace& trace() { return *trace_; }
     const TraceLogSink& logSink() const { return *log_sink_; }
 
@@ -49,7 +50,7 @@ class Simulation {
     const SimConfig config_;
     std::shared_ptr<Trace> trace_;
     std::shared_ptr<SimPlatform> platform_;
-    std::shared_ptr<AovDriver> driver_;
+    std::shared_ptr<SimDriver> driver_;
     std::shared_ptr<TraceLogSink> log_sink_;
     aovhost::ScopedBinding<NSCam::IHalSensorList> sensor_list_;
     aovhost::ScopedBinding<IAOVCustom> custom_;

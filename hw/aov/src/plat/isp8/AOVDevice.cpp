@@ -1,5 +1,8 @@
 #include "AOVDevice.h"
 
+#include <fcntl.h>
+
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <new>
@@ -13,7 +16,22 @@ constexpr char kSourcePath[] = "hw/aov/src/plat/isp8/AOVDevice";
 constexpr char kPropDebugDevice[] = "vendor.aovstream.debug_device";
 constexpr char kPropImageCallback[] = "vendor.aovstream.image_callback";
 
-constexpr int kOpenReadWrite = 2;  // O_RDWR
+constexpr int kOpenReadWrite = O_RDWR;
+static_assert(kOpenReadWrite == 2, "the node is opened with flags 2");
+
+// The start command sends the caller's user_param as the driver's start record.
+static_assert(kUserParamKernelSize == AOV_START_RECORD_SIZE, "start record size");
+static_assert(offsetof(user_param, sensor_id) == AOV_START_SENSOR_ID, "start record");
+static_assert(offsetof(user_param, scenario) == AOV_START_SCENARIO, "start record");
+static_assert(offsetof(user_param, orientation) == AOV_START_ORIENTATION, "start record");
+static_assert(offsetof(user_param, face) == AOV_START_FACE, "start record");
+static_assert(offsetof(user_param, mode_head) == AOV_START_MODE_HEAD, "start record");
+static_assert(offsetof(user_param, frame_info0) == AOV_START_FRAME_INFO_LO, "start record");
+static_assert(offsetof(user_param, frame_info2) == AOV_START_FRAME_INFO_HI, "start record");
+static_assert(offsetof(user_param, frame_rate) == AOV_START_FRAME_RATE, "start record");
+static_assert(offsetof(user_param, frame_info_sel) == AOV_START_FRAME_INFO_SEL, "start record");
+static_assert(offsetof(user_param, aov_mode) == AOV_START_AOV_MODE, "start record");
+static_assert(offsetof(user_param, sensor_idx) == AOV_START_SENSOR_IDX, "start record");
 
 static_assert(sizeof(int) == sizeof(int32_t), "sensor ids are copied as 32-bit words");
 
@@ -176,7 +194,7 @@ int AOVDevice::notifySensor(const std::vector<int>& sensors, bool enable) {
     int32_t first = 0;
     for (;;) {
         const int32_t chunk =
-            remaining <= kMaxSensorsPerRequest ? remaining : kMaxSensorsPerRequest;
+            remaining <= AOV_MAX_SENSORS_PER_REQUEST ? remaining : AOV_MAX_SENSORS_PER_REQUEST;
         record.count = static_cast<uint32_t>(chunk);
         std::memcpy(record.sensor_ids, sensors.data() + first,
                     static_cast<size_t>(chunk) * sizeof(int32_t));
@@ -186,11 +204,11 @@ int AOVDevice::notifySensor(const std::vector<int>& sensors, bool enable) {
             DEVICE_ERROR(__LINE__, "failed to notify sensor: %d", result);
             return result;
         }
-        if (remaining <= kMaxSensorsPerRequest) {
+        if (remaining <= AOV_MAX_SENSORS_PER_REQUEST) {
             break;
         }
-        remaining -= kMaxSensorsPerRequest;
-        first += kMaxSensorsPerRequest;
+        remaining -= AOV_MAX_SENSORS_PER_REQUEST;
+        first += AOV_MAX_SENSORS_PER_REQUEST;
     }
     return 0;
 }

@@ -12,8 +12,8 @@
 #include "EventMonitor.h"
 #include "EventObserver.h"
 #include "IAOVDevice.h"
-#include "aov_ioctl.h"
 #include "cam/utils/ULog.h"
+#include "kelo_aov.h"
 
 // The AOV device service: drives "/dev/kelo_aov" and delivers its events.
 class AOVDevice : public IAOVDevice, public DevControl, public EventObserver {
@@ -21,7 +21,7 @@ class AOVDevice : public IAOVDevice, public DevControl, public EventObserver {
     static constexpr const char* kDevicePath = "/dev/kelo_aov";
     static constexpr int kEventType = 2;
     // aov_mode that selects the full event content.
-    static constexpr int32_t kFullContentMode = 2;
+    static constexpr int32_t kFullContentMode = AOV_MODE_FULL_CONTENT;
 
     explicit AOVDevice(const std::string& name);
     ~AOVDevice() override;
@@ -106,16 +106,11 @@ inline int AOVDevice::queryEvent() {
     // The driver writes each data area in place through these addresses.
     aov_event_query query;
     std::memset(&query, 0, sizeof(query));
-    query.s1_addr = event->s1_data;
-    query.s2_addr = event->s2_data;
-    query.s3_addr = event->s3_data;
-    query.s4_addr = event->s4_data;
-    query.s5_addr = event->s5_data;
-    query.s6_addr = event->s6_data;
-    query.s7_addr = event->s7_data;
-    query.s8_addr = event->s8_data;
-    query.s9_addr = event->s9_data;
-    query.s10_addr = event->s10_data;
+    for (const aov_section_desc& section : aov_event_sections) {
+        void* const area = reinterpret_cast<uint8_t*>(event) + section.data_offset;
+        std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
+                    sizeof(area));
+    }
 
     if (debug_device_ != 0) {
         AOV_DEVICE_H_TRACE(__LINE__, "[%s] Dequeue event+", __func__);

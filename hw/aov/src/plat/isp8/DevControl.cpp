@@ -1,5 +1,7 @@
 #include "DevControl.h"
 
+#include <cerrno>
+
 #include "AOVLog.h"
 #include "cam/system/SystemCall.h"
 
@@ -8,8 +10,9 @@ namespace {
 constexpr char kSourcePath[] = "hw/aov/src/plat/isp8/DevControl";
 
 constexpr int kClosedFd = -1;
-// -EINVAL: the node is not open.
-constexpr int kNotOpen = -22;
+// The node is not open.
+constexpr int kNotOpen = -EINVAL;
+static_assert(kNotOpen == -22, "a closed node answers -22");
 
 }  // namespace
 

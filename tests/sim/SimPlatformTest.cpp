@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "aovsim/SimForwarders.h"
 #include "aovsim/SimPlatform.h"
 
 namespace {

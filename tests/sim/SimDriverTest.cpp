@@ -17,21 +17,20 @@
 
 #include "aov_event.h"
 #include "aovsim/EventContent.h"
-#include "aovsim/KernelAbi.h"
 #include "aovsim/SimDriver.h"
+#include "kelo_aov.h"
 
 namespace {
 
 using namespace aovsim;
-using namespace aovsim::kabi;
 
 struct StartRecord {
-    uint8_t bytes[kStartRecordSize] = {};
+    uint8_t bytes[AOV_START_RECORD_SIZE] = {};
     StartRecord(int32_t sensorId, int32_t frameRate, int32_t aovMode = 0) {
-        put(kStartSensorIdOffset, sensorId);
-        put(kStartScenarioOffset, 7);
-        put(kStartFrameRateOffset, frameRate);
-        put(kStartAovModeOffset, aovMode);
+        put(AOV_START_SENSOR_ID, sensorId);
+        put(AOV_START_SCENARIO, 7);
+        put(AOV_START_FRAME_RATE, frameRate);
+        put(AOV_START_AOV_MODE, aovMode);
         put(0x24, 320);
         put(0x28, 240);
         put(0x30, 160);
@@ -47,17 +46,11 @@ struct EventBuffer {
     aov_event_query query() {
         aov_event_query q;
         std::memset(&q, 0, sizeof(q));
-        aov_event* e = event();
-        q.s1_addr = e->s1_data;
-        q.s2_addr = e->s2_data;
-        q.s3_addr = e->s3_data;
-        q.s4_addr = e->s4_data;
-        q.s5_addr = e->s5_data;
-        q.s6_addr = e->s6_data;
-        q.s7_addr = e->s7_data;
-        q.s8_addr = e->s8_data;
-        q.s9_addr = e->s9_data;
-        q.s10_addr = e->s10_data;
+        for (const aov_section_desc& section : aov_event_sections) {
+            void* const area = bytes.data() + section.data_offset;
+            std::memcpy(reinterpret_cast<uint8_t*>(&q) + section.query_addr_offset, &area,
+                        sizeof(area));
+        }
         return q;
     }
 };
@@ -76,7 +69,7 @@ class SimDriverTest : public ::testing::Test {
 
     void makeDriver() {
         driver_.reset();
-        driver_ = std::make_unique<AovDriver>("/dev/kelo_aov", params_, FaultConfig(),
+        driver_ = std::make_unique<SimDriver>("/dev/kelo_aov", params_, FaultConfig(),
                                               std::make_shared<Trace>());
         fd_ = driver_->open(O_RDWR);
         ASSERT_GE(fd_, 0);
@@ -97,7 +90,7 @@ class SimDriverTest : public ::testing::Test {
     }
 
     DriverConfig params_;
-    std::unique_ptr<AovDriver> driver_;
+    std::unique_ptr<SimDriver> driver_;
     EventBuffer buffer_;
     int fd_ = -1;
 };
@@ -171,7 +164,7 @@ TEST_F(SimDriverTest, DescriptorIsReadableExactlyWhileEventsArePending) {
 }
 
 TEST_F(SimDriverTest, DequeueWritesWordsAndAreasWithinTheirBounds) {
-    for (int32_t mode : {0, kFullContentMode}) {
+    for (int32_t mode : {0, AOV_MODE_FULL_CONTENT}) {
         SCOPED_TRACE(mode);
         makeDriver();
         buffer_ = EventBuffer();
@@ -182,22 +175,21 @@ TEST_F(SimDriverTest, DequeueWritesWordsAndAreasWithinTheirBounds) {
 
         const uint32_t header[6] = {1, 3, 100, 7, 0, 1};
         EXPECT_EQ(0, std::memcmp(query.header, header, sizeof(header)));
-        const uint32_t s4[4] = {kSectionSize[3], 320, 240, 1};
+        const uint32_t s4[4] = {aov_event_sections[3].data_size, 320, 240, 1};
         EXPECT_EQ(0, std::memcmp(query.s4_info, s4, sizeof(s4)));
-        EXPECT_EQ(query.s6_info[0], mode == kFullContentMode ? kSectionSize[5] : 0u);
+        EXPECT_EQ(query.s6_info[0],
+                  mode == AOV_MODE_FULL_CONTENT ? aov_event_sections[5].data_size : 0u);
         EXPECT_EQ(query.s1_addr, buffer_.event()->s1_data);  // addresses come back unchanged
 
-        const uint8_t* areas[kSectionCount] = {buffer_.event()->s1_data, buffer_.event()->s2_data,
-                                               buffer_.event()->s3_data, buffer_.event()->s4_data,
-                                               buffer_.event()->s5_data, buffer_.event()->s6_data,
-                                               buffer_.event()->s7_data, buffer_.event()->s8_data,
-                                               buffer_.event()->s9_data, buffer_.event()->s10_data};
-        const int written = mode == kFullContentMode ? kSectionCount : kBasicSectionCount;
-        for (int s = 0; s < kSectionCount; ++s) {
-            EXPECT_EQ(sectionContentMatches(areas[s], kSectionSize[s], 1, s + 1), s < written)
+        const int written =
+            mode == AOV_MODE_FULL_CONTENT ? AOV_SECTION_COUNT : AOV_BASIC_SECTION_COUNT;
+        for (int s = 0; s < AOV_SECTION_COUNT; ++s) {
+            const uint8_t* area = buffer_.bytes.data() + aov_event_sections[s].data_offset;
+            const uint32_t size = aov_event_sections[s].data_size;
+            EXPECT_EQ(sectionContentMatches(area, size, 1, s + 1), s < written)
                 << "section " << s + 1;
             if (s >= written) {
-                EXPECT_TRUE(untouched(areas[s], kSectionSize[s])) << "section " << s + 1;
+                EXPECT_TRUE(untouched(area, size)) << "section " << s + 1;
             }
         }
         // The word slots sit right behind each area: writing past an area would hit them.

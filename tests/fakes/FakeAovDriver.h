@@ -7,8 +7,8 @@
 #include <mutex>
 #include <vector>
 
-#include "aov_ioctl.h"
 #include "aovhost/Binding.h"
+#include "kelo_aov.h"
 
 namespace aovtest {
 

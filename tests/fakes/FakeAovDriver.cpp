@@ -14,24 +14,6 @@ namespace {
 // The largest record of the interface, aov_sensor_list.
 constexpr size_t kMaxRecordSize = sizeof(aov_sensor_list);
 
-struct DataArea {
-    size_t addressOffset;  // of the pointer in aov_event_query
-    size_t size;           // room in the event buffer
-};
-
-constexpr DataArea kAreas[] = {
-    {offsetof(aov_event_query, s1_addr), sizeof(aov_event::s1_data)},
-    {offsetof(aov_event_query, s2_addr), sizeof(aov_event::s2_data)},
-    {offsetof(aov_event_query, s3_addr), sizeof(aov_event::s3_data)},
-    {offsetof(aov_event_query, s4_addr), sizeof(aov_event::s4_data)},
-    {offsetof(aov_event_query, s5_addr), sizeof(aov_event::s5_data)},
-    {offsetof(aov_event_query, s6_addr), sizeof(aov_event::s6_data)},
-    {offsetof(aov_event_query, s7_addr), sizeof(aov_event::s7_data)},
-    {offsetof(aov_event_query, s8_addr), sizeof(aov_event::s8_data)},
-    {offsetof(aov_event_query, s9_addr), sizeof(aov_event::s9_data)},
-    {offsetof(aov_event_query, s10_addr), sizeof(aov_event::s10_data)},
-};
-
 }  // namespace
 
 int FakeAovDriver::open(int flags) {
@@ -87,14 +69,14 @@ int FakeAovDriver::ioctl(int, unsigned int request, void* arg) {
 
     if (request == AOV_IOC_DEQUEUE_EVENT) {
         aov_event_query query = event_;
-        for (const DataArea& area : kAreas) {
+        for (const aov_section_desc& section : aov_event_sections) {
             uint8_t* data;
-            std::memcpy(&data, record + area.addressOffset, sizeof(data));
+            std::memcpy(&data, record + section.query_addr_offset, sizeof(data));
             // The record goes back with the caller's addresses.
-            std::memcpy(reinterpret_cast<uint8_t*>(&query) + area.addressOffset, &data,
+            std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &data,
                         sizeof(data));
             data[0] = marker_;
-            data[area.size - 1] = marker_;
+            data[section.data_size - 1] = marker_;
         }
         std::memcpy(record, &query, sizeof(query));
     }
