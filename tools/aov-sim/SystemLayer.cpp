@@ -1,21 +1,35 @@
 #include "SystemLayer.h"
 
-#include <algorithm>
-#include <cmath>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-
-#include "aovsim/EpollEventMonitor.h"
-#include "aovsim/EventContent.h"
-#include "kelo_aov.h"
 
 namespace aovsimtool {
 
 namespace {
 
-using aovsim::format;
-using aovsim::TraceSource;
+std::string vformat(const char* fmt, va_list args) {
+    va_list measure;
+    va_copy(measure, args);
+    const int length = std::vsnprintf(nullptr, 0, fmt, measure);
+    va_end(measure);
+    if (length <= 0) {
+        return std::string();
+    }
+    std::string text(static_cast<size_t>(length) + 1, '\0');
+    std::vsnprintf(&text[0], text.size(), fmt, args);
+    text.resize(static_cast<size_t>(length));
+    return text;
+}
+
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+std::string format(const char* fmt, ...) {
+    va_list args;
+    va_start(args, fmt);
+    std::string text = vformat(fmt, args);
+    va_end(args);
+    return text;
+}
 
 template <class T>
 std::string listOf(const std::vector<T>& values) {
@@ -26,24 +40,17 @@ std::string listOf(const std::vector<T>& values) {
     return text;
 }
 
-// Nearest-rank percentile of sorted samples.
-double percentile(const std::vector<double>& sorted, double p) {
-    const auto rank =
-        static_cast<size_t>(std::ceil(p / 100.0 * static_cast<double>(sorted.size())));
-    return sorted[rank == 0 ? 0 : rank - 1];
-}
-
 }  // namespace
 
-SystemLayer::SystemLayer(const Options& options, aovsim::Simulation& sim)
-    : options_(options), sim_(sim) {}
+SystemLayer::SystemLayer(const Options& options, SessionReport& report)
+    : options_(options), report_(report) {}
 
 void SystemLayer::say(const char* fmt, ...) {
     va_list args;
     va_start(args, fmt);
-    const std::string line = aovsim::vformat(fmt, args);
+    const std::string line = vformat(fmt, args);
     va_end(args);
-    sim_.trace().record(TraceSource::kSystem, line);
+    report_.say(line);
 }
 
 int SystemLayer::badInput(const std::string& message) {
@@ -57,8 +64,7 @@ int SystemLayer::failure(const std::string& message) {
 }
 
 int SystemLayer::run() {
-    say("scenario \"%s\": %zu sensors on the platform", sim_.config().name.c_str(),
-        sim_.config().sensors.size());
+    report_.begin();
     say("step 1: obtaining the services");
     IAOVSensor* sensors = IAOVSensor::getInstance();
     IAOVDevice* device = IAOVDevice::getInstance();
@@ -139,7 +145,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
     say("startSensor() -> %d", result);
     printUserParam(param);
     if (result < 0) {
-        stop(sensors, device, nullptr, false);
+        stop(sensors, device, false, false);
         return failure(format("startSensor failed: %d", result));
     }
 
@@ -147,19 +153,17 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
     result = device->startDevice(param);
     say("startDevice() -> %d", result);
     if (result < 0) {
-        stop(sensors, device, nullptr, false);
+        stop(sensors, device, false, false);
         return failure(format("startDevice failed: %d", result));
     }
 
     say("step 5: attaching the event monitor");
     device->callback_ = [this](aov_event* event) { onEvent(event); };
-    // A notification got somewhere when an event reached the callback; one
-    // that leaves the descriptor readable without that makes the monitor back off.
-    aovsim::EpollEventMonitor monitor(options_.verbosity, aovsim::BackoffPolicy(), [this] {
+    std::unique_ptr<EventMonitor> monitor = report_.makeMonitor(options_.verbosity, [this] {
         std::lock_guard<std::mutex> guard(mutex_);
         return delivered_;
     });
-    say("setMonitor(monitor) -> %d, watching fd %d", device->setMonitor(&monitor),
+    say("setMonitor(monitor) -> %d, watching fd %d", device->setMonitor(monitor.get()),
         device->getEventFD());
 
     say("step 6: relaying clock and sensor notifications, receiving events");
@@ -174,7 +178,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
         device->notifySensor(notifyIds, false));
     say("notifyUlposc3(false) -> %d", device->notifyUlposc3(false));
 
-    stop(sensors, device, &monitor, true);
+    stop(sensors, device, true, true);
     if (timedOut) {
         std::lock_guard<std::mutex> guard(mutex_);
         return failure(format("timed out with %llu of %d events delivered",
@@ -183,10 +187,10 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
     return kExitOk;
 }
 
-void SystemLayer::stop(IAOVSensor* sensors, IAOVDevice* device,
-                       const aovsim::EpollEventMonitor* monitor, bool deviceStarted) {
+void SystemLayer::stop(IAOVSensor* sensors, IAOVDevice* device, bool monitorAttached,
+                       bool deviceStarted) {
     say("step 7: stopping");
-    if (monitor != nullptr) {
+    if (monitorAttached) {
         // Detaching waits for a notification in progress, so stopDevice never
         // frees the event buffer under one.
         say("setMonitor(nullptr) -> %d", device->setMonitor(nullptr));
@@ -196,7 +200,12 @@ void SystemLayer::stop(IAOVSensor* sensors, IAOVDevice* device,
     if (deviceStarted) {
         say("stopDevice() -> %d", device->stopDevice());
     }
-    printSummary(monitor);
+    uint64_t delivered;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        delivered = delivered_;
+    }
+    report_.summary(delivered);
 }
 
 void SystemLayer::waitForEvents(const ModeChoice& choice, bool* timedOut) {
@@ -222,50 +231,15 @@ void SystemLayer::waitForEvents(const ModeChoice& choice, bool* timedOut) {
 }
 
 void SystemLayer::onEvent(const aov_event* event) {
-    const aovsim::DequeueMark mark = sim_.driver().lastDequeue();
-    const uint32_t* h = event->header;
-    std::string line = format("header=[%u, %u, %u, %u, %u, %u] s1_info=%u s4_info=[%u, %u, %u, %u]",
-                              h[0], h[1], h[2], h[3], h[4], h[5], event->s1_info, event->s4_info[0],
-                              event->s4_info[1], event->s4_info[2], event->s4_info[3]);
-    if (aov_mode_ == AOV_MODE_FULL_CONTENT) {
-        line += format(" s6_info=[%u, %u, %u, %u, %u]", event->s6_info[0], event->s6_info[1],
-                       event->s6_info[2], event->s6_info[3], event->s6_info[4]);
-    }
-    bool mismatch = false;
-    if (h[5] != 0) {
-        const int sections =
-            aov_mode_ == AOV_MODE_FULL_CONTENT ? AOV_SECTION_COUNT : AOV_BASIC_SECTION_COUNT;
-        const auto* buffer = reinterpret_cast<const uint8_t*>(event);
-        std::string bad;
-        for (int s = 0; s < sections; ++s) {
-            const aov_section_desc& section = aov_event_sections[s];
-            if (!aovsim::sectionContentMatches(buffer + section.data_offset, section.data_size,
-                                               h[0], static_cast<uint32_t>(s + 1))) {
-                bad += format("%s%d", bad.empty() ? "" : ",", s + 1);
-            }
-        }
-        mismatch = !bad.empty();
-        line += mismatch ? " content MISMATCH in sections " + bad
-                         : format(" content ok (%d sections)", sections);
-    } else {
-        line += " no content";
-    }
     uint64_t number;
     {
         std::lock_guard<std::mutex> guard(mutex_);
-        number = ++delivered_;
+        number = delivered_ + 1;
     }
-    sim_.trace().record(TraceSource::kEvent,
-                        format("#%llu ", static_cast<unsigned long long>(number)) + line);
-    // The callback is done once its line is out.
-    const auto now = std::chrono::steady_clock::now();
+    report_.event(number, *event, aov_mode_);
     {
         std::lock_guard<std::mutex> guard(mutex_);
-        content_mismatches_ += mismatch ? 1 : 0;
-        if (mark.sequence == h[0]) {
-            latencies_us_.push_back(
-                std::chrono::duration<double, std::micro>(now - mark.produced_at).count());
-        }
+        delivered_ = number;
     }
     delivered_cv_.notify_all();
 }
@@ -278,50 +252,6 @@ void SystemLayer::printUserParam(const user_param& p) {
         "sensor_idx %d width %d height %d",
         p.frame_info0, p.frame_info1, p.frame_info2, p.frame_info3, p.frame_rate, p.frame_info_sel,
         p.aov_mode, p.sensor_idx, p.width, p.height);
-}
-
-void SystemLayer::printSummary(const aovsim::EpollEventMonitor* monitor) {
-    const aovsim::DriverStats stats = sim_.driver().stats();
-    const aovsim::PlatformSnapshot platform = sim_.platform().snapshot();
-    uint64_t delivered;
-    uint64_t mismatches;
-    std::vector<double> latencies;
-    {
-        std::lock_guard<std::mutex> guard(mutex_);
-        delivered = delivered_;
-        mismatches = content_mismatches_;
-        latencies = latencies_us_;
-    }
-    const auto u = [](uint64_t value) { return static_cast<unsigned long long>(value); };
-    const uint64_t dropped = stats.produced > delivered ? stats.produced - delivered : 0;
-    say("summary: events delivered %llu, dropped %llu of %llu produced (overwritten in the "
-        "driver queue %llu, lost to failed dequeues %llu, discarded at stop %llu)",
-        u(delivered), u(dropped), u(stats.produced), u(stats.overruns), u(stats.lost_on_failure),
-        u(stats.discarded_at_stop));
-    if (latencies.empty()) {
-        say("summary: latency from descriptor signal to callback return: no samples");
-    } else {
-        std::sort(latencies.begin(), latencies.end());
-        say("summary: latency from descriptor signal to callback return: p50 %.3f ms, p99 %.3f "
-            "ms (%zu events)",
-            percentile(latencies, 50) / 1000.0, percentile(latencies, 99) / 1000.0,
-            latencies.size());
-    }
-    say("summary: kernel requests %llu (%llu failed), refused calls %llu, library error "
-        "lines %llu, content mismatches %llu",
-        u(stats.requests), u(stats.failed_requests), u(sim_.trace().refusals()),
-        u(sim_.logSink().errorLines()), u(mismatches));
-    if (monitor != nullptr) {
-        const aovsim::MonitorStats m = monitor->stats();
-        say("summary: event monitor: wake-ups %llu, notifications %llu, back-offs %llu "
-            "(longest %lld ms)",
-            u(m.wakeups), u(m.notifications), u(m.stalls),
-            static_cast<long long>(m.longest_backoff.count()));
-    }
-    say("summary: platform after stop: %d sensors powered, %d on ULPOSC, %d devices open, %d "
-        "agents, %d pipes (%d streaming)",
-        platform.powered, platform.on_ulposc, platform.open_devices, platform.agents,
-        platform.pipes, platform.started_pipes);
 }
 
 }  // namespace aovsimtool

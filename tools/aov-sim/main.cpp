@@ -8,6 +8,7 @@
 #include "Excerpt.h"
 #include "Options.h"
 #include "ScenarioFile.h"
+#include "SimReport.h"
 #include "SystemLayer.h"
 #include "aovhost/Binding.h"
 #include "aovsim/Simulation.h"
@@ -83,7 +84,8 @@ int main(int argc, char** argv) {
     auto trace = std::make_shared<aovsim::Trace>();
     trace->setSink(printLine);
     aovsim::Simulation& sim = installSimulation(config, trace);
-    aovsimtool::SystemLayer layer(options, sim);
+    aovsimtool::SimReport report(sim);
+    aovsimtool::SystemLayer layer(options, report);
     const int status = layer.run();
     std::printf("aov-sim: exit %d\n", status);
     return status;

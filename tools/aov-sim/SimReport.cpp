@@ -1,0 +1,134 @@
+#include "SimReport.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+
+#include "aovsim/EventContent.h"
+#include "aovsim/Trace.h"
+#include "kelo_aov.h"
+
+namespace aovsimtool {
+
+namespace {
+
+using aovsim::format;
+using aovsim::TraceSource;
+
+// Nearest-rank percentile of sorted samples.
+double percentile(const std::vector<double>& sorted, double p) {
+    const auto rank =
+        static_cast<size_t>(std::ceil(p / 100.0 * static_cast<double>(sorted.size())));
+    return sorted[rank == 0 ? 0 : rank - 1];
+}
+
+}  // namespace
+
+SimReport::SimReport(aovsim::Simulation& sim) : sim_(sim) {}
+
+void SimReport::begin() {
+    say(format("scenario \"%s\": %zu sensors on the platform", sim_.config().name.c_str(),
+               sim_.config().sensors.size()));
+}
+
+void SimReport::say(const std::string& line) {
+    sim_.trace().record(TraceSource::kSystem, line);
+}
+
+std::unique_ptr<EventMonitor> SimReport::makeMonitor(int verbosity,
+                                                     std::function<uint64_t()> delivered) {
+    auto monitor = std::make_unique<aovsim::EpollEventMonitor>(verbosity, aovsim::BackoffPolicy(),
+                                                               std::move(delivered));
+    monitor_ = monitor.get();
+    return monitor;
+}
+
+void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) {
+    const aovsim::DequeueMark mark = sim_.driver().lastDequeue();
+    const uint32_t* h = event.header;
+    std::string line = format("header=[%u, %u, %u, %u, %u, %u] s1_info=%u s4_info=[%u, %u, %u, %u]",
+                              h[0], h[1], h[2], h[3], h[4], h[5], event.s1_info, event.s4_info[0],
+                              event.s4_info[1], event.s4_info[2], event.s4_info[3]);
+    if (aovMode == AOV_MODE_FULL_CONTENT) {
+        line += format(" s6_info=[%u, %u, %u, %u, %u]", event.s6_info[0], event.s6_info[1],
+                       event.s6_info[2], event.s6_info[3], event.s6_info[4]);
+    }
+    bool mismatch = false;
+    if (h[5] != 0) {
+        const int sections =
+            aovMode == AOV_MODE_FULL_CONTENT ? AOV_SECTION_COUNT : AOV_BASIC_SECTION_COUNT;
+        const auto* buffer = reinterpret_cast<const uint8_t*>(&event);
+        std::string bad;
+        for (int s = 0; s < sections; ++s) {
+            const aov_section_desc& section = aov_event_sections[s];
+            if (!aovsim::sectionContentMatches(buffer + section.data_offset, section.data_size,
+                                               h[0], static_cast<uint32_t>(s + 1))) {
+                bad += format("%s%d", bad.empty() ? "" : ",", s + 1);
+            }
+        }
+        mismatch = !bad.empty();
+        line += mismatch ? " content MISMATCH in sections " + bad
+                         : format(" content ok (%d sections)", sections);
+    } else {
+        line += " no content";
+    }
+    sim_.trace().record(TraceSource::kEvent,
+                        format("#%llu ", static_cast<unsigned long long>(number)) + line);
+    // The callback is done once its line is out.
+    const auto now = std::chrono::steady_clock::now();
+    std::lock_guard<std::mutex> guard(mutex_);
+    content_mismatches_ += mismatch ? 1 : 0;
+    if (mark.sequence == h[0]) {
+        latencies_us_.push_back(
+            std::chrono::duration<double, std::micro>(now - mark.produced_at).count());
+    }
+}
+
+void SimReport::summary(uint64_t delivered) {
+    const aovsim::DriverStats stats = sim_.driver().stats();
+    const aovsim::PlatformSnapshot platform = sim_.platform().snapshot();
+    uint64_t mismatches;
+    std::vector<double> latencies;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        mismatches = content_mismatches_;
+        latencies = latencies_us_;
+    }
+    const auto u = [](uint64_t value) { return static_cast<unsigned long long>(value); };
+    const uint64_t dropped = stats.produced > delivered ? stats.produced - delivered : 0;
+    say(
+        format("summary: events delivered %llu, dropped %llu of %llu produced (overwritten in the "
+               "driver queue %llu, lost to failed dequeues %llu, discarded at stop %llu)",
+               u(delivered), u(dropped), u(stats.produced), u(stats.overruns),
+               u(stats.lost_on_failure), u(stats.discarded_at_stop)));
+    if (latencies.empty()) {
+        say("summary: latency from descriptor signal to callback return: no samples");
+    } else {
+        std::sort(latencies.begin(), latencies.end());
+        say(
+            format("summary: latency from descriptor signal to callback return: p50 %.3f ms, p99 "
+                   "%.3f ms (%zu events)",
+                   percentile(latencies, 50) / 1000.0, percentile(latencies, 99) / 1000.0,
+                   latencies.size()));
+    }
+    say(
+        format("summary: kernel requests %llu (%llu failed), refused calls %llu, library error "
+               "lines %llu, content mismatches %llu",
+               u(stats.requests), u(stats.failed_requests), u(sim_.trace().refusals()),
+               u(sim_.logSink().errorLines()), u(mismatches)));
+    if (monitor_ != nullptr) {
+        const aovsim::MonitorStats m = monitor_->stats();
+        say(
+            format("summary: event monitor: wake-ups %llu, notifications %llu, back-offs %llu "
+                   "(longest %lld ms)",
+                   u(m.wakeups), u(m.notifications), u(m.stalls),
+                   static_cast<long long>(m.longest_backoff.count())));
+    }
+    say(
+        format("summary: platform after stop: %d sensors powered, %d on ULPOSC, %d devices open, "
+               "%d agents, %d pipes (%d streaming)",
+               platform.powered, platform.on_ulposc, platform.open_devices, platform.agents,
+               platform.pipes, platform.started_pipes));
+}
+
+}  // namespace aovsimtool

@@ -1,0 +1,38 @@
+#pragma once
+
+#include <mutex>
+#include <vector>
+
+#include "SessionReport.h"
+#include "aovsim/EpollEventMonitor.h"
+#include "aovsim/Simulation.h"
+
+namespace aovsimtool {
+
+// aov-sim's report of a session: the system layer's lines go to the
+// simulation's trace; each delivered event is checked against the content the
+// simulated driver wrote and timed from the driver's signal to the callback;
+// the summary adds the driver's, the platform's and the monitor's counts.
+class SimReport final : public SessionReport {
+  public:
+    explicit SimReport(aovsim::Simulation& sim);
+
+    void begin() override;
+    void say(const std::string& line) override;
+    std::unique_ptr<EventMonitor> makeMonitor(int verbosity,
+                                              std::function<uint64_t()> delivered) override;
+    void event(uint64_t number, const aov_event& event, int32_t aovMode) override;
+    void summary(uint64_t delivered) override;
+
+  private:
+    aovsim::Simulation& sim_;
+    // The monitor made for the session; the system layer owns it and keeps it
+    // until after the summary.
+    const aovsim::EpollEventMonitor* monitor_ = nullptr;
+
+    std::mutex mutex_;
+    uint64_t content_mismatches_ = 0;
+    std::vector<double> latencies_us_;
+};
+
+}  // namespace aovsimtool
