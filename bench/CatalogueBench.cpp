@@ -7,33 +7,28 @@
 
 #include "AOVLog.h"
 #include "AOVSensor.h"
+#include "FakeSensorList.h"
 #include "aovhost/Binding.h"
 
 namespace {
 
 using NSCam::Utils::ULog::ULogger;
 
-class GridSensorList : public NSCam::IHalSensorList {
-  public:
-    explicit GridSensorList(int sensors) : sensors_(sensors) {}
-    int32_t queryNumberOfSensors() const override { return sensors_; }
-    int32_t queryFacingDirection(int32_t id) const override { return id & 1; }
-    int32_t querySensorDevIdx(int32_t id) const override { return 1 << id; }
-    void querySensorStaticInfo(uint32_t, NSCam::SensorStaticInfo* info) const override {
+// Sensors 0 .. n-1 with eight resolutions and several rates each, a few of
+// them outside the always-on limits.
+std::shared_ptr<aovtest::FakeSensorList> gridSensors(int count) {
+    auto list = std::make_shared<aovtest::FakeSensorList>();
+    for (int id = 0; id < count; ++id) {
+        aovtest::FakeSensor sensor{id, 1 << id, id & 1, {}};
         for (int s = 0; s < NSCam::kSensorScenarioCount; ++s) {
-            // Eight resolutions, several rates each; a few out of range.
-            info->scenarios[s].width = static_cast<uint16_t>(320 * (1 + s % 8));
-            info->scenarios[s].height = static_cast<uint16_t>(240 * (1 + s % 8));
-            info->scenarios[s].frameRate = static_cast<uint32_t>(10 + 10 * (s / 8));
+            sensor.info.scenarios[s].width = static_cast<uint16_t>(320 * (1 + s % 8));
+            sensor.info.scenarios[s].height = static_cast<uint16_t>(240 * (1 + s % 8));
+            sensor.info.scenarios[s].frameRate = static_cast<uint32_t>(10 + 10 * (s / 8));
         }
+        list->sensors.push_back(sensor);
     }
-    uint32_t searchSensors() override { return static_cast<uint32_t>(sensors_); }
-    NSCam::IHalSensor* openSensorDevice(const char*, uint32_t) override { return nullptr; }
-    int32_t querySensorId(uint32_t index) const override { return static_cast<int32_t>(index); }
-
-  private:
-    int sensors_;
-};
+    return list;
+}
 
 class DropSink : public aovhost::DebugPrintSink {
   public:
@@ -42,7 +37,7 @@ class DropSink : public aovhost::DebugPrintSink {
 
 void BM_CatalogueBuild(benchmark::State& state) {
     aovhost::ScopedBinding<NSCam::IHalSensorList> list(
-        std::make_shared<GridSensorList>(static_cast<int>(state.range(0))));
+        gridSensors(static_cast<int>(state.range(0))));
     aovhost::ScopedBinding<aovhost::DebugPrintSink> sink(std::make_shared<DropSink>());
     const bool traces = state.range(1) != 0;
     const uint32_t savedMode = ULogger::sMode;

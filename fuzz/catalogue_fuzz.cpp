@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "AOVSensor.h"
+#include "FakeSensorList.h"
 #include "FuzzCheck.h"
 #include "aovhost/Binding.h"
 
@@ -19,29 +20,6 @@ namespace {
 using aovfuzz::check;
 
 constexpr size_t kMaxSensors = 3;
-
-class FuzzSensorList : public NSCam::IHalSensorList {
-  public:
-    std::vector<NSCam::SensorStaticInfo> infos;
-    std::vector<int32_t> devIdx;
-
-    int32_t queryNumberOfSensors() const override { return static_cast<int32_t>(infos.size()); }
-    int32_t queryFacingDirection(int32_t id) const override {
-        return static_cast<int32_t>(infos[id].facingDirection);
-    }
-    int32_t querySensorDevIdx(int32_t id) const override { return devIdx[id]; }
-    void querySensorStaticInfo(uint32_t dev, NSCam::SensorStaticInfo* info) const override {
-        for (size_t i = 0; i < infos.size(); ++i) {
-            if (static_cast<uint32_t>(devIdx[i]) == dev) {
-                *info = infos[i];
-                return;
-            }
-        }
-    }
-    uint32_t searchSensors() override { return static_cast<uint32_t>(infos.size()); }
-    NSCam::IHalSensor* openSensorDevice(const char*, uint32_t) override { return nullptr; }
-    int32_t querySensorId(uint32_t index) const override { return static_cast<int32_t>(index); }
-};
 
 bool accepted(const NSCam::SensorScenarioInfo& s, bool testModel, bool viewMode) {
     if (viewMode != (s.aeKind == 1)) {
@@ -62,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     ++data;
     --size;
 
-    auto list = std::make_shared<FuzzSensorList>();
+    auto list = std::make_shared<aovtest::FakeSensorList>();
     for (size_t i = 0; i < kMaxSensors && size > 0; ++i) {
         // Unique one-hot device bits keep the static-info lookup unambiguous.
         NSCam::SensorStaticInfo info;
@@ -70,8 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::memcpy(static_cast<void*>(&info), data, n);
         data += n;
         size -= n;
-        list->infos.push_back(info);
-        list->devIdx.push_back(1 << i);
+        const auto id = static_cast<int32_t>(i);
+        list->sensors.push_back({id, 1 << i, static_cast<int32_t>(info.facingDirection), info});
     }
 
     aovhost::ScopedProperty testModelProperty("vendor.aovstream.test_model", testModel ? "1" : "0");
@@ -82,8 +60,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     check(std::set<int>(ids.begin(), ids.end()).size() == ids.size());
     check(std::is_sorted(ids.begin(), ids.end()));
 
-    for (int32_t id = 0; id < static_cast<int32_t>(list->infos.size()); ++id) {
-        const NSCam::SensorStaticInfo& info = list->infos[id];
+    for (const aovtest::FakeSensor& listed : list->sensors) {
+        const int32_t id = listed.id;
+        const NSCam::SensorStaticInfo& info = listed.info;
         // Expected scenarios per resolution, in scenario order.
         std::map<std::pair<int, int>, std::vector<int>> expected;
         for (int s = 0; s < NSCam::kSensorScenarioCount; ++s) {

@@ -3,9 +3,6 @@
 // model of the copying rules after each event (words an event does not write
 // keep what an earlier event left).
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -13,6 +10,7 @@
 #include <string>
 
 #include "AOVDevice.h"
+#include "FakeAovDriver.h"
 #include "FuzzCheck.h"
 #include "aovhost/Binding.h"
 
@@ -38,22 +36,6 @@ constexpr std::array<WordPlace, kWordCount> kPlaces = {{
     {0x98, 0x20A8D4}, {0xA8, 0x2320D8}, {0xB8, 0x2324DC}, {0xC8, 0x233CE0},  // s6..s10
 }};
 
-class FuzzDriver : public aovhost::EmulatedNode {
-  public:
-    std::array<uint32_t, kWordCount> words{};
-    int open(int) override { return ::eventfd(0, EFD_CLOEXEC); }
-    int close(int fd) override { return ::close(fd) == 0 ? 0 : -1; }
-    int ioctl(int, unsigned int request, void* arg) override {
-        if (request == AOV_IOC_DEQUEUE_EVENT) {
-            auto* record = static_cast<uint8_t*>(arg);
-            for (size_t i = 0; i < kWordCount; ++i) {
-                std::memcpy(record + kPlaces[i].recordOffset, &words[i], sizeof(uint32_t));
-            }
-        }
-        return 0;
-    }
-};
-
 // A started device in one configuration, with the model of its buffer.
 struct Rig {
     Rig(int32_t mode, int32_t imageCallbackValue, std::string nodePath)
@@ -67,7 +49,7 @@ struct Rig {
     int32_t aovMode;
     int32_t imageCallback;
     std::string path;
-    std::shared_ptr<FuzzDriver> driver = std::make_shared<FuzzDriver>();
+    std::shared_ptr<aovtest::FakeAovDriver> driver = makeDriver();
     std::unique_ptr<aovhost::ScopedNode> node;
     std::unique_ptr<AOVDevice> device;
     aov_event* buffer = nullptr;
@@ -92,8 +74,19 @@ struct Rig {
         }
     }
 
+    static std::shared_ptr<aovtest::FakeAovDriver> makeDriver() {
+        auto driver = std::make_shared<aovtest::FakeAovDriver>();
+        driver->setRecording(false);
+        return driver;
+    }
+
     void deliver(const std::array<uint32_t, kWordCount>& words) {
-        driver->words = words;
+        aov_event_query record{};
+        for (size_t i = 0; i < kWordCount; ++i) {
+            std::memcpy(reinterpret_cast<uint8_t*>(&record) + kPlaces[i].recordOffset, &words[i],
+                        sizeof(uint32_t));
+        }
+        driver->setEvent(record, 0);
         device->notifyEvent(0, 0);
         for (size_t i = 0; i < 6; ++i) {
             model[i] = words[i];

@@ -4,21 +4,11 @@
 #include <initializer_list>
 #include <vector>
 
+#include "FakeSensorList.h"
 #include "PlatformMocks.h"
 #include "cam/sensor/IHalSensor.h"
 
 namespace aovtest {
-
-// A sensor as the platform lists it.
-struct FakeSensor {
-    int32_t id;
-    int32_t devIdx;
-    int32_t facing;
-    NSCam::SensorStaticInfo info;
-};
-
-// Device index that the platform reports for an id it does not list.
-constexpr int32_t kUnlistedDevIdx = 0x4000;
 
 // A sensor whose scenarios 0, 1, ... are `scenarios`; the remaining ones stay unset.
 FakeSensor sensorWith(int32_t id, int32_t devIdx,
