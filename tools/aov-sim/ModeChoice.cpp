@@ -7,15 +7,6 @@ namespace aovsimtool {
 
 namespace {
 
-template <class T>
-std::string listOf(const std::vector<T>& values) {
-    std::string text;
-    for (const T& value : values) {
-        text += (text.empty() ? "" : ", ") + std::to_string(value);
-    }
-    return text;
-}
-
 std::string sizeOf(int width, int height) {
     return std::to_string(width) + "x" + std::to_string(height);
 }

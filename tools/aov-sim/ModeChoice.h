@@ -7,25 +7,24 @@
 #include <vector>
 
 #include "IAOVSensor.h"
+#include "ModeRequest.h"
 
 namespace aovsimtool {
+
+// "1, 2, 3": numbers as the tool's messages list them.
+template <class T>
+std::string listOf(const std::vector<T>& values) {
+    std::string text;
+    for (const T& value : values) {
+        text += (text.empty() ? "" : ", ") + std::to_string(value);
+    }
+    return text;
+}
 
 // A sensor as the library catalogues it.
 struct CataloguedSensor {
     int id = 0;
     std::vector<sensor_info> sizes;
-};
-
-// What the command line asks for; a value counts only when it is given.
-struct ModeRequest {
-    bool sensor_given = false;
-    int sensor = 0;
-    bool size_given = false;
-    int width = 0;
-    int height = 0;
-    bool fps_given = false;
-    int fps = 0;
-    bool force = false;  // take a request the catalogue lacks anyway
 };
 
 struct ModeChoice {

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "ModeRequest.h"
+
 namespace aovsimtool {
 
 // Limits of the numbers the command line takes.
@@ -13,19 +15,10 @@ constexpr int kMaxSize = 0xFFFF;       // sizes are 16-bit in the sensor's stati
 constexpr size_t kMaxNotifyIds = 1024;
 
 // What the command line asks for. Optional numbers are "given" when set.
-struct Options {
+struct Options : ModeRequest {
     bool scenario_given = false;  // false: the embedded default scenario
     std::string scenario_path;
     bool print_scenario = false;
-
-    bool sensor_given = false;
-    int sensor = 0;
-    bool size_given = false;
-    int width = 0;
-    int height = 0;
-    bool fps_given = false;
-    int fps = 0;
-    bool force = false;  // hand an uncatalogued request to the library anyway
 
     int aov_mode = 0;
     int frame_info_sel = 0;

@@ -31,15 +31,6 @@ std::string format(const char* fmt, ...) {
     return text;
 }
 
-template <class T>
-std::string listOf(const std::vector<T>& values) {
-    std::string text;
-    for (const T& value : values) {
-        text += (text.empty() ? "" : ", ") + std::to_string(value);
-    }
-    return text;
-}
-
 }  // namespace
 
 SystemLayer::SystemLayer(const Options& options, SessionReport& report)
@@ -100,16 +91,7 @@ int SystemLayer::discover(IAOVSensor* sensors, ModeChoice* choice) {
         catalogue.push_back(CataloguedSensor{id, infos});
     }
 
-    ModeRequest request;
-    request.sensor_given = options_.sensor_given;
-    request.sensor = options_.sensor;
-    request.size_given = options_.size_given;
-    request.width = options_.width;
-    request.height = options_.height;
-    request.fps_given = options_.fps_given;
-    request.fps = options_.fps;
-    request.force = options_.force;
-    *choice = chooseMode(catalogue, request);
+    *choice = chooseMode(catalogue, options_);
     switch (choice->outcome) {
         case ModeChoice::Outcome::kChosen:
             break;
