@@ -15,8 +15,10 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using nlohmann::json;
 
-// The kernel line the current thread recorded during its request in progress.
-thread_local std::string tl_kernel_line;
+// The kernel line the current thread recorded during its request in progress,
+// cut short if need be. Plain storage: requests made while the process exits
+// still find it.
+thread_local char tl_kernel_line[512];
 
 double micros(int64_t ns) {
     return static_cast<double>(ns) / 1000.0;
@@ -166,7 +168,7 @@ void Timeline::libraryCall(const char* name, Clock::time_point begin, long long 
 
 void Timeline::traceLine(aovsim::TraceSource source, const std::string& line) {
     if (source == aovsim::TraceSource::kKernel) {
-        tl_kernel_line = line;
+        std::snprintf(tl_kernel_line, sizeof(tl_kernel_line), "%s", line.c_str());
     }
     if (line.find("injected failure") == std::string::npos && line.compare(0, 8, "REFUSED ") != 0) {
         return;
@@ -190,7 +192,7 @@ void Timeline::step(const std::string& line) {
 }
 
 void Timeline::beginRequest() {
-    tl_kernel_line.clear();
+    tl_kernel_line[0] = '\0';
 }
 
 void Timeline::kernelRequest(unsigned int request, Clock::time_point begin, int result) {
@@ -200,7 +202,7 @@ void Timeline::kernelRequest(unsigned int request, Clock::time_point begin, int 
     std::lock_guard<std::mutex> guard(mutex_);
     const Role role = roleLocked();
     addLocked('X', kKernel + role, begin, now, std::move(name),
-              json{{"result", result}, {"decoded", tl_kernel_line}});
+              json{{"result", result}, {"decoded", std::string(tl_kernel_line)}});
     if (request != AOV_IOC_DEQUEUE_EVENT) {
         return;
     }

@@ -114,6 +114,7 @@ int main(int argc, char** argv) {
     int status = layer.run();
     if (timeline) {
         trace->setTimeline(nullptr);
+        trace->setSink(printLine);
         std::string why;
         if (!timeline->finish(&why)) {
             std::fprintf(stderr, "aov-sim: error: %s\n", why.c_str());
