@@ -49,8 +49,12 @@ std::chrono::milliseconds backoffDelay(const BackoffPolicy& policy, uint64_t sta
     return std::min(delay, longest);
 }
 
-EpollEventMonitor::EpollEventMonitor(int verbosity, BackoffPolicy backoff, ProgressProbe progress)
-    : verbosity_(verbosity), backoff_(backoff), progress_(std::move(progress)) {
+EpollEventMonitor::EpollEventMonitor(int verbosity, BackoffPolicy backoff, ProgressProbe progress,
+                                     TimelineHooks* timeline)
+    : verbosity_(verbosity),
+      backoff_(backoff),
+      progress_(std::move(progress)),
+      timeline_(timeline) {
     epoll_fd_ = ::epoll_create1(EPOLL_CLOEXEC);
     wake_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (epoll_fd_ < 0 || wake_fd_ < 0) {
@@ -194,6 +198,9 @@ void EpollEventMonitor::run() {
         const int count = ::epoll_wait(epoll_fd_, events, kMaxEvents, timeout);
         if (count < 0 && errno != EINTR) {
             fatal("epoll_wait failed");
+        }
+        if (timeline_ != nullptr && count > 0) {
+            timeline_->monitorWoke();
         }
         {
             std::lock_guard<std::mutex> guard(mutex_);

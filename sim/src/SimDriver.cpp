@@ -289,6 +289,9 @@ int SimDriver::stop(bool byRequest) {
         stats_.discarded_at_stop += discarded;
         pending_.clear();
         unsignalLocked();
+        if (discarded > 0) {
+            depthChangedLocked(discarded);
+        }
     }
     timer_.stop();
     const std::string what = byRequest ? headerOf("STOP", AOV_IOC_STOP) : "release";
@@ -357,6 +360,7 @@ int SimDriver::dequeue(uint8_t* record) {
             const uint32_t lost = pending_.front().sequence;
             pending_.pop_front();
             ++stats_.lost_on_failure;
+            depthChangedLocked(1);
             if (pending_.empty()) {
                 unsignalLocked();
             }
@@ -390,6 +394,7 @@ int SimDriver::dequeue(uint8_t* record) {
     if (pending_.empty()) {
         unsignalLocked();
     }
+    depthChangedLocked(0);
 
     const uint32_t seq = event.sequence;
     const auto rate = static_cast<uint32_t>(session_.frame_rate);
@@ -437,7 +442,8 @@ void SimDriver::produceEvent() {
         return;
     }
     const uint32_t seq = ++sequence_;
-    if (pending_.size() >= params_.queue_depth) {
+    const bool overwrote = pending_.size() >= params_.queue_depth;
+    if (overwrote) {
         const uint32_t lost = pending_.front().sequence;
         pending_.pop_front();
         ++stats_.overruns;
@@ -447,6 +453,9 @@ void SimDriver::produceEvent() {
     pending_.push_back(Pending{seq, std::chrono::steady_clock::now()});
     ++stats_.produced;
     signalLocked();
+    if (TimelineHooks* timeline = trace_->timeline()) {
+        timeline->eventQueued(seq, pending_.size(), overwrote);
+    }
 }
 
 void SimDriver::signalLocked() {
@@ -456,6 +465,12 @@ void SimDriver::signalLocked() {
         if (::write(event_fd_, &one, sizeof(one)) != sizeof(one)) {
             fatal("cannot signal the event descriptor");
         }
+    }
+}
+
+void SimDriver::depthChangedLocked(uint64_t dropped) {
+    if (TimelineHooks* timeline = trace_->timeline()) {
+        timeline->queueDepth(pending_.size(), dropped);
     }
 }
 

@@ -5,6 +5,9 @@ namespace aovsim {
 void TraceLogSink::write(int level, const char* text) {
     if (level >= 1) {
         ++errors_;
+        if (TimelineHooks* timeline = trace_->timeline()) {
+            timeline->libraryError(text ? text : "");
+        }
     }
     trace_->record(TraceSource::kLibrary, text ? text : "");
 }

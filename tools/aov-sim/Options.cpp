@@ -165,6 +165,10 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
                                   "Sensor ids relayed with notifySensor, comma-separated, at most "
                                   "1024 (default: the chosen sensor)");
     app.add_flag("--trace", o.trace, "Show the library's trace lines (errors are always shown)");
+    auto* timeline = app.add_option("--timeline", o.timeline_path,
+                                    "Write the session as a trace-event JSON timeline to FILE "
+                                    "(opens in Perfetto's UI or chrome://tracing)")
+                         ->type_name("FILE");
     for (Number& number : numbers) {
         number.option = app.add_option(number.flags, number.text, number.help)->type_name("INT");
     }
@@ -197,6 +201,11 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
         }
     }
     o.scenario_given = scenario->count() > 0;
+    o.timeline_given = timeline->count() > 0;
+    if (o.timeline_given && o.timeline_path.empty()) {
+        *message = "--timeline: an empty file name";
+        return ParseOutcome::kError;
+    }
     if (sizeOption->count() > 0) {
         if (!readSize(size, &o.width, &o.height, &error)) {
             return fail();

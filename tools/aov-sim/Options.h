@@ -34,6 +34,9 @@ struct Options : ModeRequest {
     bool trace = false;  // the library's trace lines
     int verbosity = 0;   // passed by the monitor to notifyEvent
 
+    bool timeline_given = false;  // write the session's timeline to timeline_path
+    std::string timeline_path;
+
     // Properties, set only when given.
     struct Property {
         const char* name;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -9,6 +10,16 @@
 #include "aov_event.h"
 
 namespace aovsimtool {
+
+// Where the system layer times its calls into the library, when anything does.
+class LibraryCallLog {
+  public:
+    virtual ~LibraryCallLog() = default;
+    // The call `name` ran from `begin` until now and returned `result` (for a
+    // list, its length; for a pointer, 1 when not null).
+    virtual void libraryCall(const char* name, std::chrono::steady_clock::time_point begin,
+                             long long result) = 0;
+};
 
 // Where the stand-in system layer reports a session, and the one component it
 // borrows from the desk around it: the watcher of the device's descriptor. A
@@ -30,6 +41,8 @@ class SessionReport {
                                                       std::function<uint64_t()> delivered) = 0;
     // The callback received its `number`th event, from a device started in `aovMode`.
     virtual void event(uint64_t number, const aov_event& event, int32_t aovMode) = 0;
+    // Where to time the library calls; null when nobody records them.
+    virtual LibraryCallLog* libraryCalls() { return nullptr; }
     // The session has ended and `delivered` events reached the callback.
     virtual void summary(uint64_t delivered) = 0;
 };

@@ -22,9 +22,17 @@ double percentile(const std::vector<double>& sorted, double p) {
     return sorted[rank == 0 ? 0 : rank - 1];
 }
 
+// "p50 0.212 ms, p99 0.234 ms" of microsecond samples, sorted here.
+std::string percentiles(std::vector<double> samples) {
+    std::sort(samples.begin(), samples.end());
+    return format("p50 %.3f ms, p99 %.3f ms", percentile(samples, 50) / 1000.0,
+                  percentile(samples, 99) / 1000.0);
+}
+
 }  // namespace
 
-SimReport::SimReport(aovsim::Simulation& sim) : sim_(sim) {}
+SimReport::SimReport(aovsim::Simulation& sim, Timeline* timeline)
+    : sim_(sim), timeline_(timeline) {}
 
 void SimReport::begin() {
     say(format("scenario \"%s\": %zu sensors on the platform", sim_.config().name.c_str(),
@@ -32,20 +40,29 @@ void SimReport::begin() {
 }
 
 void SimReport::say(const std::string& line) {
+    if (timeline_ != nullptr && line.compare(0, 5, "step ") == 0) {
+        timeline_->step(line);
+    }
     sim_.trace().record(TraceSource::kSystem, line);
 }
 
 std::unique_ptr<EventMonitor> SimReport::makeMonitor(int verbosity,
                                                      std::function<uint64_t()> delivered) {
     auto monitor = std::make_unique<aovsim::EpollEventMonitor>(verbosity, aovsim::BackoffPolicy(),
-                                                               std::move(delivered));
+                                                               std::move(delivered), timeline_);
     monitor_ = monitor.get();
+    if (timeline_ != nullptr) {
+        return timedMonitor(std::move(monitor), *timeline_);
+    }
     return monitor;
 }
 
 void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) {
     const aovsim::DequeueMark mark = sim_.driver().lastDequeue();
     const uint32_t* h = event.header;
+    if (timeline_ != nullptr) {
+        timeline_->callbackEntry(h[0], mark.sequence == h[0], mark.produced_at);
+    }
     std::string line = format("header=[%u, %u, %u, %u, %u, %u] s1_info=%u s4_info=[%u, %u, %u, %u]",
                               h[0], h[1], h[2], h[3], h[4], h[5], event.s1_info, event.s4_info[0],
                               event.s4_info[1], event.s4_info[2], event.s4_info[3]);
@@ -76,11 +93,16 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
                         format("#%llu ", static_cast<unsigned long long>(number)) + line);
     // The callback is done once its line is out.
     const auto now = std::chrono::steady_clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
-    content_mismatches_ += mismatch ? 1 : 0;
-    if (mark.sequence == h[0]) {
-        latencies_us_.push_back(
-            std::chrono::duration<double, std::micro>(now - mark.produced_at).count());
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        content_mismatches_ += mismatch ? 1 : 0;
+        if (mark.sequence == h[0]) {
+            latencies_us_.push_back(
+                std::chrono::duration<double, std::micro>(now - mark.produced_at).count());
+        }
+    }
+    if (timeline_ != nullptr) {
+        timeline_->callbackReturn(number);
     }
 }
 
@@ -110,6 +132,22 @@ void SimReport::summary(uint64_t delivered) {
                    "%.3f ms (%zu events)",
                    percentile(latencies, 50) / 1000.0, percentile(latencies, 99) / 1000.0,
                    latencies.size()));
+    }
+    if (timeline_ != nullptr) {
+        const Timeline::Breakdown b = timeline_->breakdown();
+        if (b.wake.empty()) {
+            say("summary: latency breakdown: no samples");
+        } else {
+            say("summary: latency breakdown: wake " + percentiles(b.wake) +
+                "; dequeue in the driver " + percentiles(b.dequeue) + "; library " +
+                percentiles(b.library) + "; callback " + percentiles(b.callback) +
+                format(" (%zu events)", b.wake.size()));
+        }
+        timeline_->setCounts(nlohmann::json{{"events_delivered", delivered},
+                                            {"events_produced", stats.produced},
+                                            {"events_dropped", dropped},
+                                            {"kernel_requests", stats.requests},
+                                            {"library_error_lines", sim_.logSink().errorLines()}});
     }
     say(
         format("summary: kernel requests %llu (%llu failed), refused calls %llu, library error "

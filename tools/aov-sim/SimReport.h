@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "SessionReport.h"
+#include "Timeline.h"
 #include "aovsim/EpollEventMonitor.h"
 #include "aovsim/Simulation.h"
 
@@ -15,17 +16,20 @@ namespace aovsimtool {
 // the summary adds the driver's, the platform's and the monitor's counts.
 class SimReport final : public SessionReport {
   public:
-    explicit SimReport(aovsim::Simulation& sim);
+    // `timeline`, when given, records the session as well.
+    explicit SimReport(aovsim::Simulation& sim, Timeline* timeline = nullptr);
 
     void begin() override;
     void say(const std::string& line) override;
     std::unique_ptr<EventMonitor> makeMonitor(int verbosity,
                                               std::function<uint64_t()> delivered) override;
     void event(uint64_t number, const aov_event& event, int32_t aovMode) override;
+    LibraryCallLog* libraryCalls() override { return timeline_; }
     void summary(uint64_t delivered) override;
 
   private:
     aovsim::Simulation& sim_;
+    Timeline* const timeline_;
     // The monitor made for the session; the system layer owns it and keeps it
     // until after the summary.
     const aovsim::EpollEventMonitor* monitor_ = nullptr;

@@ -31,10 +31,36 @@ std::string format(const char* fmt, ...) {
     return text;
 }
 
+long long resultValue(int value) {
+    return value;
+}
+long long resultValue(bool value) {
+    return value ? 1 : 0;
+}
+template <class T>
+long long resultValue(const std::vector<T>& values) {
+    return static_cast<long long>(values.size());
+}
+template <class T>
+long long resultValue(T* pointer) {
+    return pointer != nullptr ? 1 : 0;
+}
+
 }  // namespace
 
 SystemLayer::SystemLayer(const Options& options, SessionReport& report)
-    : options_(options), report_(report) {}
+    : options_(options), report_(report), calls_(report.libraryCalls()) {}
+
+template <class Call>
+auto SystemLayer::timed(const char* name, Call call) -> decltype(call()) {
+    if (calls_ == nullptr) {
+        return call();
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    auto result = call();
+    calls_->libraryCall(name, begin, resultValue(result));
+    return result;
+}
 
 void SystemLayer::say(const char* fmt, ...) {
     va_list args;
@@ -57,9 +83,11 @@ int SystemLayer::failure(const std::string& message) {
 int SystemLayer::run() {
     report_.begin();
     say("step 1: obtaining the services");
-    IAOVSensor* sensors = IAOVSensor::getInstance();
-    IAOVDevice* device = IAOVDevice::getInstance();
-    say("isSupport() -> %s", device->isSupport() ? "true" : "false");
+    IAOVSensor* sensors =
+        timed("IAOVSensor::getInstance", [] { return IAOVSensor::getInstance(); });
+    IAOVDevice* device = timed("IAOVDevice::getInstance", [] { return IAOVDevice::getInstance(); });
+    say("isSupport() -> %s",
+        timed("isSupport", [device] { return device->isSupport(); }) ? "true" : "false");
 
     say("step 2: discovery");
     ModeChoice choice;
@@ -71,12 +99,14 @@ int SystemLayer::run() {
 }
 
 int SystemLayer::discover(IAOVSensor* sensors, ModeChoice* choice) {
-    const std::vector<int> ids = sensors->querySensors();
+    const std::vector<int> ids =
+        timed("querySensors", [sensors] { return sensors->querySensors(); });
     say("querySensors() -> [%s]", listOf(ids).c_str());
     std::vector<CataloguedSensor> catalogue;
     for (int id : ids) {
-        const int dev = sensors->getSensorDev(id);
-        const std::vector<sensor_info> infos = sensors->getSensorInfo(id);
+        const int dev = timed("getSensorDev", [sensors, id] { return sensors->getSensorDev(id); });
+        const std::vector<sensor_info> infos =
+            timed("getSensorInfo", [sensors, id] { return sensors->getSensorInfo(id); });
         say("sensor %d: device 0x%x, %zu sizes", id, dev, infos.size());
         for (const sensor_info& info : infos) {
             std::string modes;
@@ -104,7 +134,9 @@ int SystemLayer::discover(IAOVSensor* sensors, ModeChoice* choice) {
         choice->fps, options_.force ? " (--force)" : "");
 
     unsigned int mode = 0;
-    const int result = sensors->getSensorMode(choice->sensor, mode);
+    const int result = timed("getSensorMode", [sensors, choice, &mode] {
+        return sensors->getSensorMode(choice->sensor, mode);
+    });
     say("getSensorMode(%d) -> %d, detection mode %u", choice->sensor, result, mode);
     if (result < 0 && !options_.force) {
         return failure(format("getSensorMode(%d) failed: %d", choice->sensor, result));
@@ -123,7 +155,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
     param.frame_info_sel = options_.frame_info_sel;
     param.aov_mode = options_.aov_mode;
     aov_mode_ = options_.aov_mode;
-    int result = sensors->startSensor(param);
+    int result = timed("startSensor", [sensors, &param] { return sensors->startSensor(param); });
     say("startSensor() -> %d", result);
     printUserParam(param);
     if (result < 0) {
@@ -132,7 +164,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
     }
 
     say("step 4: starting the device");
-    result = device->startDevice(param);
+    result = timed("startDevice", [device, &param] { return device->startDevice(param); });
     say("startDevice() -> %d", result);
     if (result < 0) {
         stop(sensors, device, false, false);
@@ -145,20 +177,25 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
         std::lock_guard<std::mutex> guard(mutex_);
         return delivered_;
     });
-    say("setMonitor(monitor) -> %d, watching fd %d", device->setMonitor(monitor.get()),
-        device->getEventFD());
+    say("setMonitor(monitor) -> %d, watching fd %d",
+        timed("setMonitor", [device, &monitor] { return device->setMonitor(monitor.get()); }),
+        timed("getEventFD", [device] { return device->getEventFD(); }));
 
     say("step 6: relaying clock and sensor notifications, receiving events");
     const std::vector<int> notifyIds =
         options_.notify_ids_given ? options_.notify_ids : std::vector<int>{choice.sensor};
-    say("notifyUlposc3(true) -> %d", device->notifyUlposc3(true));
+    say("notifyUlposc3(true) -> %d",
+        timed("notifyUlposc3", [device] { return device->notifyUlposc3(true); }));
     say("notifySensor(%zu ids, true) -> %d", notifyIds.size(),
-        device->notifySensor(notifyIds, true));
+        timed("notifySensor",
+              [device, &notifyIds] { return device->notifySensor(notifyIds, true); }));
     bool timedOut = false;
     waitForEvents(choice, &timedOut);
     say("notifySensor(%zu ids, false) -> %d", notifyIds.size(),
-        device->notifySensor(notifyIds, false));
-    say("notifyUlposc3(false) -> %d", device->notifyUlposc3(false));
+        timed("notifySensor",
+              [device, &notifyIds] { return device->notifySensor(notifyIds, false); }));
+    say("notifyUlposc3(false) -> %d",
+        timed("notifyUlposc3", [device] { return device->notifyUlposc3(false); }));
 
     stop(sensors, device, true, true);
     if (timedOut) {
@@ -175,12 +212,13 @@ void SystemLayer::stop(IAOVSensor* sensors, IAOVDevice* device, bool monitorAtta
     if (monitorAttached) {
         // Detaching waits for a notification in progress, so stopDevice never
         // frees the event buffer under one.
-        say("setMonitor(nullptr) -> %d", device->setMonitor(nullptr));
+        say("setMonitor(nullptr) -> %d",
+            timed("setMonitor", [device] { return device->setMonitor(nullptr); }));
         device->callback_ = nullptr;
     }
-    say("stopSensor() -> %d", sensors->stopSensor());
+    say("stopSensor() -> %d", timed("stopSensor", [sensors] { return sensors->stopSensor(); }));
     if (deviceStarted) {
-        say("stopDevice() -> %d", device->stopDevice());
+        say("stopDevice() -> %d", timed("stopDevice", [device] { return device->stopDevice(); }));
     }
     uint64_t delivered;
     {

@@ -43,12 +43,17 @@ class SystemLayer {
     void onEvent(const aov_event* event);
     void printUserParam(const user_param& param);
 
+    // Runs `call`, the library call `name`, timing it when the report asks for that.
+    template <class Call>
+    auto timed(const char* name, Call call) -> decltype(call());
+
     void say(const char* format, ...) __attribute__((format(printf, 2, 3)));
     int badInput(const std::string& message);
     int failure(const std::string& message);
 
     const Options& options_;
     SessionReport& report_;
+    LibraryCallLog* const calls_;
     int32_t aov_mode_ = 0;
 
     std::mutex mutex_;

@@ -10,6 +10,7 @@
 #include "ScenarioFile.h"
 #include "SimReport.h"
 #include "SystemLayer.h"
+#include "Timeline.h"
 #include "aovhost/Binding.h"
 #include "aovsim/Simulation.h"
 #include "cam/utils/ULog.h"
@@ -81,12 +82,45 @@ int main(int argc, char** argv) {
         NSCam::Utils::ULog::ULogger::sNormalDetailsMask = 0x101000;
     }
 
+    std::shared_ptr<aovsimtool::Timeline> timeline;
+    if (options.timeline_given) {
+        std::string why;
+        timeline = aovsimtool::Timeline::open(options.timeline_path, &why);
+        if (!timeline) {
+            return badInput(why);
+        }
+    }
+
     auto trace = std::make_shared<aovsim::Trace>();
-    trace->setSink(printLine);
+    if (timeline) {
+        trace->setSink([timeline](aovsim::TraceSource source, const std::string& line) {
+            timeline->traceLine(source, line);
+            printLine(source, line);
+        });
+    } else {
+        trace->setSink(printLine);
+    }
     aovsim::Simulation& sim = installSimulation(config, trace);
-    aovsimtool::SimReport report(sim);
+    // With a timeline the driver's requests go through a timing node, bound
+    // over the driver's own for the session.
+    std::unique_ptr<aovhost::ScopedNode> timedNode;
+    if (timeline) {
+        trace->setTimeline(timeline.get());
+        timedNode = std::make_unique<aovhost::ScopedNode>(
+            aovsim::kAovNodePath, std::make_shared<aovsimtool::TimedNode>(sim.driver(), timeline));
+    }
+    aovsimtool::SimReport report(sim, timeline.get());
     aovsimtool::SystemLayer layer(options, report);
-    const int status = layer.run();
+    int status = layer.run();
+    if (timeline) {
+        trace->setTimeline(nullptr);
+        trace->setSink(printLine);
+        std::string why;
+        if (!timeline->finish(&why)) {
+            std::fprintf(stderr, "aov-sim: error: %s\n", why.c_str());
+            status = kExitBadInput;
+        }
+    }
     std::printf("aov-sim: exit %d\n", status);
     return status;
 }

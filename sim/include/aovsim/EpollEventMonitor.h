@@ -26,6 +26,7 @@
 #include <thread>
 
 #include "EventMonitor.h"
+#include "aovsim/TimelineHooks.h"
 
 namespace aovsim {
 
@@ -56,8 +57,10 @@ class EpollEventMonitor final : public EventMonitor {
 
     // `verbosity` is passed to every notifyEvent. Without a probe, every
     // notification that leaves its descriptor signalled counts as no progress.
+    // `timeline`, when given, hears of every return from the wait.
     explicit EpollEventMonitor(int verbosity = 0, BackoffPolicy backoff = BackoffPolicy(),
-                               ProgressProbe progress = ProgressProbe());
+                               ProgressProbe progress = ProgressProbe(),
+                               TimelineHooks* timeline = nullptr);
     // Stops the thread; observers still attached are dropped without notice.
     ~EpollEventMonitor() override;
     EpollEventMonitor(const EpollEventMonitor&) = delete;
@@ -93,6 +96,7 @@ class EpollEventMonitor final : public EventMonitor {
     const int verbosity_;
     const BackoffPolicy backoff_;
     const ProgressProbe progress_;
+    TimelineHooks* const timeline_;
     int epoll_fd_ = -1;
     int wake_fd_ = -1;
 

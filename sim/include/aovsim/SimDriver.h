@@ -96,6 +96,9 @@ class SimDriver final : public aovhost::EmulatedNode {
     // With mutex_ held: keep the descriptor readable exactly while events are pending.
     void signalLocked();
     void unsignalLocked();
+    // With mutex_ held: tells the timeline, if any, how many events are
+    // pending, `dropped` of those just taken out lost.
+    void depthChangedLocked(uint64_t dropped);
 
     const std::string path_;
     const DriverConfig params_;

@@ -3,11 +3,14 @@
 // The simulation's trace: one line per platform call, kernel request and
 // library log line, in the order they happen, from any thread.
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
+
+#include "aovsim/TimelineHooks.h"
 
 namespace aovsim {
 
@@ -36,12 +39,40 @@ class Trace {
 
     uint64_t refusals() const;
 
+    // The timeline the components report their timing to; null (the default)
+    // when none is recorded.
+    void setTimeline(TimelineHooks* timeline) { timeline_.store(timeline); }
+    TimelineHooks* timeline() const { return timeline_.load(std::memory_order_acquire); }
+
   private:
     void emit(TraceSource source, const std::string& line);
 
     mutable std::mutex mutex_;
     Sink sink_;
     uint64_t refusals_ = 0;
+    std::atomic<TimelineHooks*> timeline_{nullptr};
+};
+
+// Times one platform call for the trace's timeline, when there is one.
+class PlatformCallSpan {
+  public:
+    PlatformCallSpan(Trace& trace, const char* name)
+        : hooks_(trace.timeline()),
+          name_(name),
+          begin_(hooks_ != nullptr ? TimelineHooks::Clock::now()
+                                   : TimelineHooks::Clock::time_point()) {}
+    ~PlatformCallSpan() {
+        if (hooks_ != nullptr) {
+            hooks_->platformCall(name_, begin_);
+        }
+    }
+    PlatformCallSpan(const PlatformCallSpan&) = delete;
+    PlatformCallSpan& operator=(const PlatformCallSpan&) = delete;
+
+  private:
+    TimelineHooks* hooks_;
+    const char* name_;
+    TimelineHooks::Clock::time_point begin_;
 };
 
 // printf into a std::string.

@@ -1,0 +1,162 @@
+#pragma once
+
+// The session as a timeline in the trace-event JSON format, the object form
+// that Perfetto's UI and chrome://tracing open: one track per thread (system
+// layer, event monitor, the driver's timer, the library's buffer task as
+// inferred from outside), tracks for the kernel requests and the platform
+// calls of each calling thread, a slice for every call, each event's stages,
+// counters of the driver's queue and of the events, and markers for the
+// library's error lines and the injected failures. Times are steady_clock,
+// relative to the timeline's creation.
+//
+// Records are kept in memory, at most kMaxRecords of them, and written out by
+// finish(). Nothing here runs unless a timeline was asked for.
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "EventMonitor.h"
+#include "SessionReport.h"
+#include "aovhost/Binding.h"
+#include "aovsim/TimelineHooks.h"
+#include "aovsim/Trace.h"
+
+namespace aovsimtool {
+
+class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
+  public:
+    static constexpr size_t kMaxRecords = 2000000;
+
+    // Opens `path` for writing; null with `problem` set when it cannot. The
+    // calling thread is the system layer's.
+    static std::shared_ptr<Timeline> open(const std::string& path, std::string* problem);
+    ~Timeline() override;
+    Timeline(const Timeline&) = delete;
+    Timeline& operator=(const Timeline&) = delete;
+
+    void eventQueued(uint32_t sequence, size_t depth, bool overwrote) override;
+    void queueDepth(size_t depth, uint64_t dropped) override;
+    void monitorWoke() override;
+    void platformCall(const char* name, Clock::time_point begin) override;
+    void libraryError(const char* text) override;
+    void libraryCall(const char* name, Clock::time_point begin, long long result) override;
+
+    // Every line of the simulation's trace, on the thread that recorded it.
+    void traceLine(aovsim::TraceSource source, const std::string& line);
+    // The system layer says it begins a step: the previous step's slice ends.
+    void step(const std::string& line);
+    // A kernel request returned `result`; its decoded line is the last kernel
+    // line this thread recorded since beginRequest().
+    static void beginRequest();
+    void kernelRequest(unsigned int request, Clock::time_point begin, int result);
+    void notifyEntry();
+    void notifyExit(Clock::time_point begin);
+    // The callback received event `sequence`, signalled at `signal` (known
+    // when `matched`), and returns.
+    void callbackEntry(uint32_t sequence, bool matched, Clock::time_point signal);
+    void callbackReturn(uint64_t number);
+
+    // Per delivered event, in microseconds: driver signal to monitor wake; the
+    // driver's dequeue; notifyEvent entry to callback entry less the dequeue;
+    // the callback.
+    struct Breakdown {
+        std::vector<double> wake, dequeue, library, callback;
+    };
+    Breakdown breakdown() const;
+
+    // The session's counts as its summary gives them, kept in the file.
+    void setCounts(nlohmann::json counts);
+    // Writes and closes the file; false with `problem` set when writing failed.
+    bool finish(std::string* problem);
+
+  private:
+    enum Track : int {
+        kSystem = 1,
+        kMonitor = 2,
+        kBufferTask = 3,
+        kTimer = 4,
+        kKernel = 10,    // + the calling thread's role
+        kPlatform = 20,  // + the calling thread's role
+    };
+    enum Role : int { kRoleSystem = 0, kRoleMonitor = 1, kRoleTimer = 2, kRoleOther = 3 };
+
+    struct Record {
+        char phase;
+        int tid;
+        int64_t ts_ns;
+        int64_t dur_ns;
+        std::string name;
+        nlohmann::json args;
+    };
+
+    Timeline(std::FILE* file, std::string path);
+    int64_t sinceStart(Clock::time_point t) const;
+    Role roleLocked() const;
+    void addLocked(char phase, int tid, Clock::time_point begin, Clock::time_point end,
+                   std::string name, nlohmann::json args = nlohmann::json());
+    void eventCountersLocked(Clock::time_point now);
+
+    std::FILE* file_;
+    const std::string path_;
+    const Clock::time_point start_;
+    const std::thread::id system_thread_;
+
+    mutable std::mutex mutex_;
+    std::thread::id monitor_thread_;
+    std::thread::id timer_thread_;
+    std::vector<Record> records_;
+    uint64_t records_dropped_ = 0;
+    std::vector<bool> tracks_used_ = std::vector<bool>(32, false);
+    bool finished_ = false;
+    nlohmann::json counts_ = nlohmann::json::object();
+
+    // The step in progress.
+    bool in_step_ = false;
+    std::string step_name_;
+    Clock::time_point step_begin_;
+
+    // The buffer task, as seen from outside.
+    bool device_starting_ = false;
+    Clock::time_point start_device_begin_;
+
+    // Event counts for the counters.
+    uint64_t delivered_ = 0;
+    uint64_t dropped_ = 0;
+
+    // The notification in progress on the monitor thread.
+    Clock::time_point wake_{};
+    Clock::time_point notify_{};
+    bool dequeued_ = false;
+    Clock::time_point dequeue_begin_{}, dequeue_end_{};
+    uint32_t sequence_ = 0;
+    bool matched_ = false;
+    Clock::time_point signal_{}, callback_{};
+    Breakdown breakdown_;
+};
+
+// The driver's node with each request timed for the timeline.
+class TimedNode final : public aovhost::EmulatedNode {
+  public:
+    TimedNode(aovhost::EmulatedNode& node, std::shared_ptr<Timeline> timeline)
+        : node_(node), timeline_(std::move(timeline)) {}
+    int open(int flags) override { return node_.open(flags); }
+    int close(int fd) override { return node_.close(fd); }
+    int ioctl(int fd, unsigned int request, void* arg) override;
+
+  private:
+    aovhost::EmulatedNode& node_;
+    std::shared_ptr<Timeline> timeline_;
+};
+
+// `monitor`, with each notification it delivers timed for the timeline.
+std::unique_ptr<EventMonitor> timedMonitor(std::unique_ptr<EventMonitor> monitor,
+                                           Timeline& timeline);
+
+}  // namespace aovsimtool
