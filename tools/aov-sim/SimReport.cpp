@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 
+#include "aovhost/Binding.h"
 #include "aovsim/EventContent.h"
 #include "aovsim/Trace.h"
 #include "kelo_aov.h"
@@ -27,6 +29,16 @@ double percentile(const std::vector<double>& sorted, double p) {
 SimReport::SimReport(aovsim::Simulation& sim) : sim_(sim) {}
 
 void SimReport::begin() {
+    if (!sim_.config().driver.script.empty()) {
+        expected_ = std::make_unique<aovsim::ExpectedBuffer>();
+        // The library reads the same property, with the same default.
+        std::string value;
+        if (aovhost::findProperty("vendor.aovstream.image_callback", &value)) {
+            char* end = nullptr;
+            const long number = std::strtol(value.c_str(), &end, 10);
+            image_callback_ = end == value.c_str() || *end != '\0' || number != 0;
+        }
+    }
     say(format("scenario \"%s\": %zu sensors on the platform", sim_.config().name.c_str(),
                sim_.config().sensors.size()));
 }
@@ -54,7 +66,18 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
                        event.s6_info[2], event.s6_info[3], event.s6_info[4]);
     }
     bool mismatch = false;
-    if (h[5] != 0) {
+    if (expected_ != nullptr) {
+        // The script has no event without a pending mark; a generated one is not expected.
+        std::string bad = "not a scripted event";
+        if (mark.scripted >= 0) {
+            expected_->deliver(sim_.config().driver.script[static_cast<size_t>(mark.scripted)],
+                               aovMode, image_callback_);
+            bad = expected_->differences(event);
+        }
+        mismatch = !bad.empty();
+        line += format(" scripted event %d", mark.scripted + 1);
+        line += mismatch ? " content MISMATCH in " + bad : " content ok";
+    } else if (h[5] != 0) {
         const int sections =
             aovMode == AOV_MODE_FULL_CONTENT ? AOV_SECTION_COUNT : AOV_BASIC_SECTION_COUNT;
         const auto* buffer = reinterpret_cast<const uint8_t*>(&event);
@@ -78,7 +101,7 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
     const auto now = std::chrono::steady_clock::now();
     std::lock_guard<std::mutex> guard(mutex_);
     content_mismatches_ += mismatch ? 1 : 0;
-    if (mark.sequence == h[0]) {
+    if (mark.sequence == h[0] || mark.scripted >= 0) {
         latencies_us_.push_back(
             std::chrono::duration<double, std::micro>(now - mark.produced_at).count());
     }
