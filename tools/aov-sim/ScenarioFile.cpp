@@ -111,7 +111,9 @@ std::string at(const std::string& where, const char* key) {
 
 int64_t integerValue(const json& value, const std::string& where, int64_t min, int64_t max) {
     if (!value.is_number_integer() ||
-        (value.is_number_unsigned() && value.get<uint64_t>() > static_cast<uint64_t>(max)) ||
+        (value.is_number_unsigned() &&
+         (value.get<uint64_t>() > static_cast<uint64_t>(max) ||
+          (min > 0 && value.get<uint64_t>() < static_cast<uint64_t>(min)))) ||
         (!value.is_number_unsigned() &&
          (value.get<int64_t>() < min || value.get<int64_t>() > max))) {
         std::ostringstream what;
