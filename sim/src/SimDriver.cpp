@@ -66,6 +66,19 @@ uint32_t& infoWordOf(aov_event_query& query, const aov_section_desc& section, ui
                                         section.query_info_offset + word * sizeof(uint32_t));
 }
 
+// Fills the record and the data areas behind it from a scripted event.
+void writeScripted(aov_event_query& query, const ScriptedEvent& event) {
+    std::memcpy(query.header, event.header.data(), sizeof(query.header));
+    for (int s = 0; s < AOV_SECTION_COUNT; ++s) {
+        const aov_section_desc& section = aov_event_sections[s];
+        for (uint32_t w = 0; w < section.info_words; ++w) {
+            infoWordOf(query, section, w) = event.info[s][w];
+        }
+        writeArea(event.areas[s], static_cast<uint8_t*>(areaAddressOf(query, section)),
+                  section.data_size);
+    }
+}
+
 }  // namespace
 
 SimDriver::SimDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
@@ -269,6 +282,7 @@ int SimDriver::start(const uint8_t* record) {
         started_ = true;
         session_ = session;
         sequence_ = 0;
+        next_scripted_ = 0;
         pending_.clear();
         trace_->recordf(kKern, "%s -> 0", decoded.c_str());
     }
@@ -379,6 +393,9 @@ int SimDriver::dequeue(uint8_t* record) {
     }
 
     const Pending event = pending_.front();
+    if (event.scripted >= 0) {
+        return dequeueScripted(record, query, head);
+    }
     const bool content = event.sequence % params_.content_every == 0;
     const bool full = content && session_.aov_mode == AOV_MODE_FULL_CONTENT;
     const int sections = full ? AOV_SECTION_COUNT : content ? AOV_BASIC_SECTION_COUNT : 0;
@@ -430,9 +447,39 @@ int SimDriver::dequeue(uint8_t* record) {
     ++stats_.dequeued;
     last_.sequence = seq;
     last_.produced_at = event.produced_at;
+    last_.scripted = -1;
     trace_->recordf(kKern, "%s -> 0 header=[%u, %u, %u, %u, %u, %u] sections written %d",
                     head.c_str(), query.header[0], query.header[1], query.header[2],
                     query.header[3], query.header[4], query.header[5], sections);
+    return 0;
+}
+
+int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head) {
+    const Pending event = pending_.front();
+    const ScriptedEvent& scripted = params_.script[static_cast<size_t>(event.scripted)];
+    for (int s = 0; s < AOV_SECTION_COUNT; ++s) {
+        if (!scripted.areas[s].bytes.empty() &&
+            areaAddressOf(query, aov_event_sections[s]) == nullptr) {
+            ++stats_.failed_requests;
+            trace_->refusal(kKern, "%s: no address for section %d -> %d", head.c_str(), s + 1,
+                            -EFAULT);
+            return -EFAULT;
+        }
+    }
+    pending_.pop_front();
+    if (pending_.empty()) {
+        unsignalLocked();
+    }
+    writeScripted(query, scripted);
+    std::memcpy(record, &query, sizeof(query));
+
+    ++stats_.dequeued;
+    last_.sequence = query.header[0];
+    last_.produced_at = event.produced_at;
+    last_.scripted = event.scripted;
+    trace_->recordf(kKern, "%s -> 0 header=[%u, %u, %u, %u, %u, %u] scripted event %d",
+                    head.c_str(), query.header[0], query.header[1], query.header[2],
+                    query.header[3], query.header[4], query.header[5], event.scripted + 1);
     return 0;
 }
 
@@ -442,6 +489,15 @@ void SimDriver::produceEvent() {
         return;
     }
     const uint32_t seq = ++sequence_;
+    int scripted = -1;
+    if (!params_.script.empty()) {
+        // Only the ticks the script names queue an event.
+        if (next_scripted_ >= params_.script.size() ||
+            params_.script[next_scripted_].at_frame != seq) {
+            return;
+        }
+        scripted = static_cast<int>(next_scripted_++);
+    }
     const bool overwrote = pending_.size() >= params_.queue_depth;
     if (overwrote) {
         const uint32_t lost = pending_.front().sequence;
@@ -450,7 +506,7 @@ void SimDriver::produceEvent() {
         trace_->recordf(kKern, "event %u overwrites event %u (queue of %u full)", seq, lost,
                         params_.queue_depth);
     }
-    pending_.push_back(Pending{seq, std::chrono::steady_clock::now()});
+    pending_.push_back(Pending{seq, std::chrono::steady_clock::now(), scripted});
     ++stats_.produced;
     signalLocked();
     if (TimelineHooks* timeline = trace_->timeline()) {

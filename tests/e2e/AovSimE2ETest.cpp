@@ -287,6 +287,56 @@ INSTANTIATE_TEST_SUITE_P(
         return std::string(info.param.name);
     });
 
+// The scripted example under each branch of the library's copy rules. Its
+// second event has no content flag and new info words; what the callback
+// sees of them depends on the mode and the image-callback property.
+struct ScriptedCase {
+    const char* name;
+    const char* aov_mode;
+    const char* image_callback;
+    const char* second_event;  // the callback's view of the second event
+};
+
+void PrintTo(const ScriptedCase& c, std::ostream* out) {
+    *out << c.name;
+}
+
+class ScriptedEvents : public ::testing::TestWithParam<ScriptedCase> {};
+
+TEST_P(ScriptedEvents, ReachTheCallbackAsTheCopyRulesSay) {
+    const ScriptedCase& c = GetParam();
+    const RunResult run = runAovSim(
+        {"--scenario", std::string(AOV_SIM_EXAMPLES) + "/scripted-events.json", "--events", "3",
+         "--aov-mode", c.aov_mode, "--image-callback", c.image_callback});
+    ASSERT_EQ(run.exit_code, 0) << run.output;
+    EXPECT_EQ(run.count("[evt ] #"), 3u) << run.output;
+    EXPECT_EQ(run.count(" content ok"), 3u) << run.output;
+    EXPECT_TRUE(run.has("content mismatches 0")) << run.output;
+    EXPECT_TRUE(inOrder(run, {"#1 header=[101, 0, 100, 2, 0, 1]",
+                              std::string("#2 header=[102, 0, 200, 2, 0, 0] ") + c.second_event,
+                              "#3 header=[105, 0, 500, 2, 1, 7]"}))
+        << run.output;
+    // Event 3 is queued at frame 5: frames 3 and 4 queue nothing.
+    EXPECT_TRUE(run.has("events delivered 3, dropped 0 of 3 produced")) << run.output;
+    uint64_t pairs = 0;
+    EXPECT_TRUE(onlyWindowPairsAnd(run, {}, &pairs)) << run.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    AovSimE2ETest, ScriptedEvents,
+    ::testing::Values(
+        ScriptedCase{"NoContentInMode0KeepsTheInfoWords", "0", "0",
+                     "s1_info=32768 s4_info=[720896, 320, 240, 0] scripted"},
+        ScriptedCase{"Mode1WithoutImageCallback", "1", "0",
+                     "s1_info=11 s4_info=[12, 13, 14, 0] scripted"},
+        ScriptedCase{"Mode1WithImageCallback", "1", "1",
+                     "s1_info=11 s4_info=[12, 13, 14, 15] scripted"},
+        ScriptedCase{"FullContentModePassesEverything", "2", "0",
+                     "s1_info=11 s4_info=[12, 13, 14, 15] s6_info=[20, 21, 22, 23, 24] scripted"}),
+    [](const ::testing::TestParamInfo<ScriptedCase>& info) {
+        return std::string(info.param.name);
+    });
+
 TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
     struct Case {
         const char* what;

@@ -33,6 +33,11 @@ std::string repeated(const std::string& text, size_t times, const std::string& s
     return all;
 }
 
+// A scenario whose one scripted event has six zero header words and `more`.
+std::string scripted(const std::string& more) {
+    return R"({"sensors": [], "events": [{"header": [0, 0, 0, 0, 0, 0], )" + more + "}]}";
+}
+
 // Scenario files the cases refer to as "{dir}<name>".
 struct File {
     const char* name;
@@ -75,6 +80,18 @@ std::vector<File> scenarioFiles() {
          "{\"sensors\": [" + valid + "], \"driver\": {\"queue_depth\": 0}}"},
         {"pipeline_long.json",
          R"({"sensors": [], "failures": {"pipeline": ")" + std::string(250, 'p') + "\"}}"},
+        // Scripted events; section 2's area holds 2048 bytes.
+        {"three_kib.bin", std::string(3072, 'x')},
+        {"event_bad_hex.json", scripted(R"("data": {"s1": {"hex": "0g"}})")},
+        {"event_odd_hex.json", scripted(R"("data": {"s1": {"hex": "abc"}})")},
+        {"event_file_over_area.json", scripted(R"("data": {"s2": {"file": "three_kib.bin"}})")},
+        {"event_file_is_fifo.json", scripted(R"("data": {"s3": {"file": "fifo"}})")},
+        {"event_unknown_key.json", scripted(R"("when": 3)")},
+        {"event_unknown_section.json", scripted(R"("info": {"s11": [1]})")},
+        {"event_short_info.json", scripted(R"("info": {"s6": [1, 2, 3, 4]})")},
+        {"event_frame_backwards.json",
+         R"({"sensors": [], "events": [{"at_frame": 4, "header": [0, 0, 0, 0, 0, 0]},
+                                       {"at_frame": 4, "header": [0, 0, 0, 0, 0, 0]}]})"},
     };
 }
 
@@ -139,6 +156,28 @@ const HostileCase kCases[] = {
     {"LongPipelineFaultName",
      {"-s", "{dir}pipeline_long.json"},
      "failures.pipeline: expected one of none,"},
+    // Scripted events.
+    {"EventHexNotHex",
+     {"-s", "{dir}event_bad_hex.json"},
+     "events[0].data.s1.hex: expected a non-empty string of hex digit pairs, got \"0g\""},
+    {"EventHexOddLength", {"-s", "{dir}event_odd_hex.json"}, "events[0].data.s1.hex: expected"},
+    {"EventFileLargerThanItsArea",
+     {"-s", "{dir}event_file_over_area.json"},
+     "events[0].data.s2.file: cannot read \"{dir}three_kib.bin\": it is larger than the limit "
+     "of 2048 bytes"},
+    {"EventFileIsAFifo",
+     {"-s", "{dir}event_file_is_fifo.json"},
+     "events[0].data.s3.file: cannot read \"{dir}fifo\": it is a FIFO"},
+    {"EventUnknownKey", {"-s", "{dir}event_unknown_key.json"}, "events[0]: unknown key \"when\""},
+    {"EventUnknownSection",
+     {"-s", "{dir}event_unknown_section.json"},
+     "events[0].info: unknown key \"s11\" (sections are s1 to s10)"},
+    {"EventInfoWordsShort",
+     {"-s", "{dir}event_short_info.json"},
+     "events[0].info.s6: expected an array of 5 integers, got an array of 4 entries"},
+    {"EventFrameNotAfterThePrevious",
+     {"-s", "{dir}event_frame_backwards.json"},
+     "events[1].at_frame: expected an integer in 5..4294967295, got 4"},
     // Numbers outside a field's range.
     {"WidthOf17Bits",
      {"-s", "{dir}width_17_bits.json"},

@@ -3,6 +3,7 @@
 
 #include "ScenarioFile.h"
 
+#include <algorithm>
 #include <initializer_list>
 #include <limits>
 #include <nlohmann/json.hpp>
@@ -12,6 +13,7 @@
 #include "BoundedFile.h"
 #include "Excerpt.h"
 #include "JsonReader.h"
+#include "kelo_aov.h"
 
 namespace aovsimtool {
 
@@ -109,7 +111,9 @@ std::string at(const std::string& where, const char* key) {
 
 int64_t integerValue(const json& value, const std::string& where, int64_t min, int64_t max) {
     if (!value.is_number_integer() ||
-        (value.is_number_unsigned() && value.get<uint64_t>() > static_cast<uint64_t>(max)) ||
+        (value.is_number_unsigned() &&
+         (value.get<uint64_t>() > static_cast<uint64_t>(max) ||
+          (min > 0 && value.get<uint64_t>() < static_cast<uint64_t>(min)))) ||
         (!value.is_number_unsigned() &&
          (value.get<int64_t>() < min || value.get<int64_t>() > max))) {
         std::ostringstream what;
@@ -240,8 +244,160 @@ void readFailures(const json& value, const std::string& where, aovsim::FaultConf
     readInteger(value, "sensor_list_error", where, &faults->sensor_list_error);
 }
 
-void readScenarioDocument(const json& root, aovsim::SimConfig* config) {
-    checkObject(root, kTopLevel, {"name", "sensors", "custom", "driver", "failures"});
+// Reads a list of exactly `count` uint32 words.
+void readWords(const json& value, const std::string& where, size_t count, uint32_t* out) {
+    if (!value.is_array() || value.size() != count) {
+        throw ScenarioError(where + ": expected an array of " + std::to_string(count) +
+                            " integers, got " + describe(value));
+    }
+    for (size_t i = 0; i < count; ++i) {
+        out[i] = static_cast<uint32_t>(
+            integerValue(value[i], elementPath(where, i), 0, std::numeric_limits<uint32_t>::max()));
+    }
+}
+
+int hexDigit(char c) {
+    if (c >= '0' && c <= '9') {
+        return c - '0';
+    }
+    if (c >= 'a' && c <= 'f') {
+        return c - 'a' + 10;
+    }
+    if (c >= 'A' && c <= 'F') {
+        return c - 'A' + 10;
+    }
+    return -1;
+}
+
+// Where the scripted events' files are looked for, and how much of them is kept.
+struct ScriptFiles {
+    std::string base_dir;  // empty: the working directory
+    size_t total = 0;      // bytes read so far
+};
+
+// One data area's content: {"fill": byte}, {"hex": "0a0b..."} or {"file": "path"}.
+aovsim::AreaContent readArea(const json& value, const std::string& where, uint32_t areaSize,
+                             ScriptFiles* files) {
+    checkObject(value, where, {"fill", "hex", "file"});
+    if (value.size() != 1) {
+        throw ScenarioError(where + ": expected one of \"fill\", \"hex\" or \"file\", got " +
+                            describe(value));
+    }
+    aovsim::AreaContent content;
+    if (value.contains("fill")) {
+        content.bytes.push_back(
+            static_cast<uint8_t>(integerValue(value["fill"], at(where, "fill"), 0, 0xFF)));
+        content.repeat = true;
+        return content;
+    }
+    if (value.contains("hex")) {
+        const std::string here = at(where, "hex");
+        const json& hex = value["hex"];
+        const bool isString = hex.is_string();
+        const std::string text = isString ? hex.get<std::string>() : std::string();
+        bool valid = isString && !text.empty() && text.size() % 2 == 0;
+        for (size_t i = 0; valid && i < text.size(); i += 2) {
+            const int high = hexDigit(text[i]);
+            const int low = hexDigit(text[i + 1]);
+            valid = high >= 0 && low >= 0;
+            content.bytes.push_back(static_cast<uint8_t>(high * 16 + low));
+        }
+        if (!valid) {
+            throw ScenarioError(here + ": expected a non-empty string of hex digit pairs, got " +
+                                describe(hex));
+        }
+        if (content.bytes.size() > areaSize) {
+            throw ScenarioError(here + ": " + std::to_string(content.bytes.size()) +
+                                " bytes, more than the area's " + std::to_string(areaSize));
+        }
+        content.repeat = true;
+        return content;
+    }
+    const std::string here = at(where, "file");
+    const json& file = value["file"];
+    if (!file.is_string() || file.get_ref<const std::string&>().empty()) {
+        throw ScenarioError(here + ": expected a file path, got " + describe(file));
+    }
+    std::string path = file.get<std::string>();
+    if (path[0] != '/' && !files->base_dir.empty()) {
+        path = files->base_dir + "/" + path;
+    }
+    std::string bytes;
+    const std::string problem = readRegularFile(path, areaSize, &bytes);
+    if (!problem.empty()) {
+        throw ScenarioError(here + ": cannot read " + pathExcerpt(path) + ": " + problem);
+    }
+    files->total += bytes.size();
+    if (files->total > kMaxScriptFileBytes) {
+        throw ScenarioError(here + ": the script's files exceed " +
+                            std::to_string(kMaxScriptFileBytes) + " bytes in all");
+    }
+    content.bytes.assign(bytes.begin(), bytes.end());
+    return content;
+}
+
+aovsim::ScriptedEvent readScriptedEvent(const json& value, const std::string& where,
+                                        uint32_t previousFrame, ScriptFiles* files) {
+    checkObject(value, where, {"at_frame", "header", "info", "data"});
+    aovsim::ScriptedEvent event;
+    event.at_frame = previousFrame + 1;
+    if (value.contains("at_frame")) {
+        event.at_frame = static_cast<uint32_t>(
+            integerValue(value["at_frame"], at(where, "at_frame"), int64_t{previousFrame} + 1,
+                         std::numeric_limits<uint32_t>::max()));
+    }
+    if (!value.contains("header")) {
+        throw ScenarioError(where + ": missing \"header\"");
+    }
+    readWords(value["header"], at(where, "header"), event.header.size(), event.header.data());
+    std::vector<std::string> names;
+    for (int s = 1; s <= AOV_SECTION_COUNT; ++s) {
+        names.push_back("s" + std::to_string(s));
+    }
+    for (const char* group : {"info", "data"}) {
+        if (!value.contains(group)) {
+            continue;
+        }
+        const std::string here = at(where, group);
+        const json& sections = value[group];
+        if (!sections.is_object()) {
+            throw ScenarioError(here + ": expected an object, got " + typeOf(sections));
+        }
+        for (const auto& item : sections.items()) {
+            const auto found = std::find(names.begin(), names.end(), item.key());
+            if (found == names.end()) {
+                throw ScenarioError(here + ": unknown key " + excerpt(item.key()) +
+                                    " (sections are s1 to s10)");
+            }
+            const auto s = static_cast<size_t>(found - names.begin());
+            const aov_section_desc& section = aov_event_sections[s];
+            const std::string key = memberPath(here, item.key());
+            if (group[0] == 'i') {
+                readWords(item.value(), key, section.info_words, event.info[s].data());
+            } else {
+                event.areas[s] = readArea(item.value(), key, section.data_size, files);
+            }
+        }
+    }
+    return event;
+}
+
+void readScript(const json& events, const std::string& baseDir,
+                std::vector<aovsim::ScriptedEvent>* script) {
+    if (events.size() > kMaxScriptedEvents) {
+        throw ScenarioError("events: " + std::to_string(events.size()) + " entries, more than " +
+                            std::to_string(kMaxScriptedEvents));
+    }
+    ScriptFiles files{baseDir};
+    uint32_t frame = 0;
+    for (size_t i = 0; i < events.size(); ++i) {
+        script->push_back(readScriptedEvent(events[i], elementPath("events", i), frame, &files));
+        frame = script->back().at_frame;
+    }
+}
+
+void readScenarioDocument(const json& root, const std::string& baseDir, aovsim::SimConfig* config) {
+    checkObject(root, kTopLevel, {"name", "sensors", "custom", "driver", "failures", "events"});
     if (root.contains("name")) {
         const json& name = root["name"];
         if (!name.is_string()) {
@@ -287,6 +443,9 @@ void readScenarioDocument(const json& root, aovsim::SimConfig* config) {
     if (root.contains("failures")) {
         readFailures(root["failures"], "failures", &config->faults);
     }
+    if (root.contains("events")) {
+        readScript(arrayAt(root, "events", kTopLevel), baseDir, &config->driver.script);
+    }
 }
 
 }  // namespace
@@ -296,7 +455,7 @@ const char* defaultScenarioText() {
 }
 
 std::string parseScenario(std::string_view text, const std::string& origin,
-                          aovsim::SimConfig* config) {
+                          aovsim::SimConfig* config, const std::string& baseDir) {
     aovsim::SimConfig parsed;
     try {
         json root;
@@ -305,7 +464,7 @@ std::string parseScenario(std::string_view text, const std::string& origin,
             const bool syntax = problem.rfind("not valid JSON", 0) == 0;
             return "scenario " + origin + (syntax ? " is " : ": ") + problem;
         }
-        readScenarioDocument(root, &parsed);
+        readScenarioDocument(root, baseDir, &parsed);
     } catch (const std::exception& e) {
         return "scenario " + origin + ": " + e.what();
     }
@@ -326,7 +485,11 @@ std::string loadScenarioFile(const std::string& path, aovsim::SimConfig* config)
     if (!problem.empty()) {
         return "cannot read scenario file " + pathExcerpt(path) + ": " + problem;
     }
-    return parseScenario(text, "file " + pathExcerpt(path), config);
+    const size_t slash = path.rfind('/');
+    const std::string dir = slash == std::string::npos ? std::string(".")
+                            : slash == 0               ? std::string("/")
+                                                       : path.substr(0, slash);
+    return parseScenario(text, "file " + pathExcerpt(path), config, dir);
 }
 
 }  // namespace aovsimtool

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <cstdlib>
 
+#include "aovhost/Binding.h"
 #include "aovsim/EventContent.h"
 #include "aovsim/Trace.h"
 #include "kelo_aov.h"
@@ -35,6 +37,16 @@ SimReport::SimReport(aovsim::Simulation& sim, Timeline* timeline)
     : sim_(sim), timeline_(timeline) {}
 
 void SimReport::begin() {
+    if (!sim_.config().driver.script.empty()) {
+        expected_ = std::make_unique<aovsim::ExpectedBuffer>();
+        // The library reads the same property, with the same default.
+        std::string value;
+        if (aovhost::findProperty("vendor.aovstream.image_callback", &value)) {
+            char* end = nullptr;
+            const long number = std::strtol(value.c_str(), &end, 10);
+            image_callback_ = end == value.c_str() || *end != '\0' || number != 0;
+        }
+    }
     say(format("scenario \"%s\": %zu sensors on the platform", sim_.config().name.c_str(),
                sim_.config().sensors.size()));
 }
@@ -60,8 +72,11 @@ std::unique_ptr<EventMonitor> SimReport::makeMonitor(int verbosity,
 void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) {
     const aovsim::DequeueMark mark = sim_.driver().lastDequeue();
     const uint32_t* h = event.header;
+    // Whether the buffer holds what the driver's latest dequeue wrote: a
+    // generated event carries its sequence number in the first header word.
+    const bool latest = mark.sequence == h[0] || mark.scripted >= 0;
     if (timeline_ != nullptr) {
-        timeline_->callbackEntry(h[0], mark.sequence == h[0], mark.produced_at);
+        timeline_->callbackEntry(h[0], latest, mark.produced_at);
     }
     std::string line = format("header=[%u, %u, %u, %u, %u, %u] s1_info=%u s4_info=[%u, %u, %u, %u]",
                               h[0], h[1], h[2], h[3], h[4], h[5], event.s1_info, event.s4_info[0],
@@ -71,7 +86,18 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
                        event.s6_info[2], event.s6_info[3], event.s6_info[4]);
     }
     bool mismatch = false;
-    if (h[5] != 0) {
+    if (expected_ != nullptr) {
+        // The script has no event without a pending mark; a generated one is not expected.
+        std::string bad = "not a scripted event";
+        if (mark.scripted >= 0) {
+            expected_->deliver(sim_.config().driver.script[static_cast<size_t>(mark.scripted)],
+                               aovMode, image_callback_);
+            bad = expected_->differences(event);
+        }
+        mismatch = !bad.empty();
+        line += format(" scripted event %d", mark.scripted + 1);
+        line += mismatch ? " content MISMATCH in " + bad : " content ok";
+    } else if (h[5] != 0) {
         const int sections =
             aovMode == AOV_MODE_FULL_CONTENT ? AOV_SECTION_COUNT : AOV_BASIC_SECTION_COUNT;
         const auto* buffer = reinterpret_cast<const uint8_t*>(&event);
@@ -96,7 +122,7 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
     {
         std::lock_guard<std::mutex> guard(mutex_);
         content_mismatches_ += mismatch ? 1 : 0;
-        if (mark.sequence == h[0]) {
+        if (latest) {
             latencies_us_.push_back(
                 std::chrono::duration<double, std::micro>(now - mark.produced_at).count());
         }

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "aovsim/ScriptedEvent.h"
+
 namespace aovsim {
 
 // One slot of a sensor's 50-entry scenario table.
@@ -70,6 +72,9 @@ struct DriverConfig {
     uint32_t queue_depth = 4;    // events held before the oldest is overwritten
     uint32_t content_every = 1;  // every n-th event carries section content
     bool timer = true;           // false: events only through SimDriver::produceEvent
+    // Non-empty: the driver queues these events, each at its frame tick and
+    // nothing else, instead of generated ones. Ordered by at_frame.
+    std::vector<ScriptedEvent> script;
 };
 
 struct SimConfig {

@@ -15,7 +15,9 @@
 //   queue_depth events; when full, the oldest is overwritten (an overrun).
 // - DEQUEUE_EVENT before START is -EINVAL; with nothing pending -EAGAIN (the
 //   node never blocks). It fills the header and info words and writes each
-//   data area through the record's addresses, within the area's size.
+//   data area through the record's addresses, within the area's size. With a
+//   script, each frame tick queues the scripted event for that tick, if any,
+//   and dequeuing it writes exactly the scripted words and areas.
 // - STOP succeeds in every state and discards pending events. Closing the
 //   node stops a running session.
 // Injected failures: the node's open, START, the n-th DEQUEUE_EVENT (the
@@ -33,6 +35,7 @@
 #include "aovsim/FrameTimer.h"
 #include "aovsim/SimConfig.h"
 #include "aovsim/Trace.h"
+#include "kelo_aov.h"
 
 namespace aovsim {
 
@@ -50,6 +53,7 @@ struct DriverStats {
 struct DequeueMark {
     uint32_t sequence = 0;
     std::chrono::steady_clock::time_point produced_at;
+    int scripted = -1;  // index into the driver's script, -1 for a generated event
 };
 
 class SimDriver final : public aovhost::EmulatedNode {
@@ -77,6 +81,7 @@ class SimDriver final : public aovhost::EmulatedNode {
     struct Pending {
         uint32_t sequence;
         std::chrono::steady_clock::time_point produced_at;
+        int scripted;
     };
     struct Session {
         int32_t sensor_id = 0;
@@ -90,6 +95,8 @@ class SimDriver final : public aovhost::EmulatedNode {
     // Ends the session: by the STOP request, or implicitly when the node is released.
     int stop(bool byRequest);
     int dequeue(uint8_t* record);
+    // With mutex_ held: dequeues the pending event, which is a scripted one.
+    int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head);
     int sensorList(unsigned int request, const uint8_t* record);
     int fail(int result, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
@@ -117,6 +124,7 @@ class SimDriver final : public aovhost::EmulatedNode {
     bool ulposc3_on_ = false;
     Session session_;
     uint32_t sequence_ = 0;
+    size_t next_scripted_ = 0;
     std::deque<Pending> pending_;
     std::set<int32_t> sensors_on_;
     uint32_t dequeue_calls_ = 0;
