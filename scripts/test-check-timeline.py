@@ -11,9 +11,10 @@ import sys
 import tempfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-spec = importlib.util.spec_from_file_location("checker", os.path.join(HERE, "check-timeline.py"))
-checker = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(checker)
+checker_source = importlib.util.spec_from_file_location(
+    "checker", os.path.join(HERE, "check-timeline.py"))
+checker = importlib.util.module_from_spec(checker_source)
+checker_source.loader.exec_module(checker)
 
 
 def first(doc, test):
