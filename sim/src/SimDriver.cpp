@@ -399,13 +399,8 @@ int SimDriver::dequeue(uint8_t* record) {
     const bool content = event.sequence % params_.content_every == 0;
     const bool full = content && session_.aov_mode == AOV_MODE_FULL_CONTENT;
     const int sections = full ? AOV_SECTION_COUNT : content ? AOV_BASIC_SECTION_COUNT : 0;
-    for (int s = 0; s < sections; ++s) {
-        if (areaAddressOf(query, aov_event_sections[s]) == nullptr) {
-            ++stats_.failed_requests;
-            trace_->refusal(kKern, "%s: no address for section %d -> %d", head.c_str(), s + 1,
-                            -EFAULT);
-            return -EFAULT;
-        }
+    if (missingArea(query, (1u << sections) - 1u, head)) {
+        return -EFAULT;
     }
     pending_.pop_front();
     if (pending_.empty()) {
@@ -454,17 +449,27 @@ int SimDriver::dequeue(uint8_t* record) {
     return 0;
 }
 
-int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head) {
-    const Pending event = pending_.front();
-    const ScriptedEvent& scripted = params_.script[static_cast<size_t>(event.scripted)];
+bool SimDriver::missingArea(aov_event_query& query, unsigned sections, const std::string& head) {
     for (int s = 0; s < AOV_SECTION_COUNT; ++s) {
-        if (!scripted.areas[s].bytes.empty() &&
-            areaAddressOf(query, aov_event_sections[s]) == nullptr) {
+        if ((sections & (1u << s)) != 0 && areaAddressOf(query, aov_event_sections[s]) == nullptr) {
             ++stats_.failed_requests;
             trace_->refusal(kKern, "%s: no address for section %d -> %d", head.c_str(), s + 1,
                             -EFAULT);
-            return -EFAULT;
+            return true;
         }
+    }
+    return false;
+}
+
+int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head) {
+    const Pending event = pending_.front();
+    const ScriptedEvent& scripted = params_.script[static_cast<size_t>(event.scripted)];
+    unsigned written = 0;
+    for (int s = 0; s < AOV_SECTION_COUNT; ++s) {
+        written |= scripted.areas[s].bytes.empty() ? 0u : 1u << s;
+    }
+    if (missingArea(query, written, head)) {
+        return -EFAULT;
     }
     pending_.pop_front();
     if (pending_.empty()) {

@@ -132,6 +132,15 @@ TEST_F(SimDriverTest, RefusesRequestsThatDoNotFitTheSessionState) {
     makeDriver();
     EXPECT_EQ(start(0), -EINVAL);
     EXPECT_FALSE(driver_->started());
+
+    // A content event dequeued into a record without data-area addresses is
+    // refused, and stays queued.
+    makeDriver();
+    ASSERT_EQ(start(), 0);
+    driver_->produceEvent();
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, big), -EFAULT);
+    EXPECT_EQ(driver_->stats().failed_requests, 1u);
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, big), -EFAULT);
 }
 
 TEST_F(SimDriverTest, DescriptorIsReadableExactlyWhileEventsArePending) {

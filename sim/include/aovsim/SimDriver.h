@@ -97,6 +97,9 @@ class SimDriver final : public aovhost::EmulatedNode {
     int dequeue(uint8_t* record);
     // With mutex_ held: dequeues the pending event, which is a scripted one.
     int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head);
+    // A request without an address for one of `sections` (bit s: section s + 1)
+    // is refused and counted; true when it was.
+    bool missingArea(aov_event_query& query, unsigned sections, const std::string& head);
     int sensorList(unsigned int request, const uint8_t* record);
     int fail(int result, const char* format, ...) __attribute__((format(printf, 3, 4)));
 
