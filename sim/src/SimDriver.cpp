@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -19,7 +20,7 @@ namespace {
 constexpr TraceSource kKern = TraceSource::kKernel;
 constexpr int32_t kMinFrameRate = 1;
 constexpr int32_t kMaxFrameRate = 30;
-constexpr size_t kMaxRecordSize = sizeof(aov_sensor_list);
+constexpr size_t kMaxRecordSize = SimDriver::kMaxRecordSize;
 
 static_assert(_IOC_SIZE(AOV_IOC_START) <= kMaxRecordSize, "record buffer");
 static_assert(_IOC_SIZE(AOV_IOC_SENSOR_ON) <= kMaxRecordSize, "record buffer");
@@ -66,17 +67,32 @@ uint32_t& infoWordOf(aov_event_query& query, const aov_section_desc& section, ui
                                         section.query_info_offset + word * sizeof(uint32_t));
 }
 
-// Fills the record and the data areas behind it from a scripted event.
-void writeScripted(aov_event_query& query, const ScriptedEvent& event) {
+// How many bytes of an area of `size` the content writes.
+size_t writtenLength(const AreaContent& content, uint32_t size) {
+    if (content.bytes.empty()) {
+        return 0;
+    }
+    return content.repeat ? size : std::min<size_t>(content.bytes.size(), size);
+}
+
+// Fills the record and the data areas behind it from a scripted event; 0, or
+// the 1-based section whose area could not be written.
+int writeScripted(aov_event_query& query, const ScriptedEvent& event, UserMemory& user) {
     std::memcpy(query.header, event.header.data(), sizeof(query.header));
     for (int s = 0; s < AOV_SECTION_COUNT; ++s) {
         const aov_section_desc& section = aov_event_sections[s];
         for (uint32_t w = 0; w < section.info_words; ++w) {
             infoWordOf(query, section, w) = event.info[s][w];
         }
-        writeArea(event.areas[s], static_cast<uint8_t*>(areaAddressOf(query, section)),
-                  section.data_size);
+        const AreaContent& content = event.areas[s];
+        const size_t length = writtenLength(content, section.data_size);
+        if (length > 0 && user.write(areaAddressOf(query, section), length, [&](uint8_t* bytes) {
+                writeArea(content, bytes, static_cast<uint32_t>(length));
+            }) != 0) {
+            return s + 1;
+        }
     }
+    return 0;
 }
 
 }  // namespace
@@ -179,6 +195,22 @@ int SimDriver::close(int fd) {
 }
 
 int SimDriver::ioctl(int fd, unsigned int request, void* arg) {
+    // Copy the argument in, as many bytes as the code says.
+    const size_t size = _IOC_SIZE(request);
+    alignas(8) uint8_t record[kMaxRecordSize] = {};
+    if (size > 0 && arg != nullptr && size <= kMaxRecordSize) {
+        std::memcpy(record, arg, size);
+    }
+    LocalMemory local;
+    const int result = serve(fd, request, size > 0 && arg == nullptr ? nullptr : record, local);
+    // Copy the result out for requests that return data.
+    if (result >= 0 && (_IOC_DIR(request) & _IOC_READ) != 0) {
+        std::memcpy(arg, record, size);
+    }
+    return result;
+}
+
+int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& user) {
     {
         std::lock_guard<std::mutex> guard(mutex_);
         ++stats_.requests;
@@ -195,16 +227,9 @@ int SimDriver::ioctl(int fd, unsigned int request, void* arg) {
                     request, _IOC_TYPE(request), _IOC_NR(request), directionOf(request),
                     _IOC_SIZE(request));
     }
-    // Copy the argument in, as many bytes as the code says.
-    const size_t size = _IOC_SIZE(request);
-    alignas(8) uint8_t record[kMaxRecordSize] = {};
-    if (size > 0) {
-        if (arg == nullptr) {
-            return fail(-EFAULT, "%s: null argument", headerOf(name, request).c_str());
-        }
-        std::memcpy(record, arg, size);
+    if (record == nullptr) {
+        return fail(-EFAULT, "%s: null argument", headerOf(name, request).c_str());
     }
-
     int result = 0;
     switch (request) {
         case AOV_IOC_START: {
@@ -218,7 +243,7 @@ int SimDriver::ioctl(int fd, unsigned int request, void* arg) {
             break;
         }
         case AOV_IOC_DEQUEUE_EVENT:
-            result = dequeue(record);
+            result = dequeue(record, user);
             break;
         case AOV_IOC_SENSOR_ON:
         case AOV_IOC_SENSOR_OFF:
@@ -232,11 +257,12 @@ int SimDriver::ioctl(int fd, unsigned int request, void* arg) {
             break;
         }
     }
-    // Copy the result out for requests that return data.
-    if (result >= 0 && (_IOC_DIR(request) & _IOC_READ) != 0) {
-        std::memcpy(arg, record, size);
-    }
     return result;
+}
+
+void SimDriver::setReadyListener(std::function<void()> listener) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    ready_listener_ = std::move(listener);
 }
 
 int SimDriver::start(const uint8_t* record) {
@@ -355,7 +381,7 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
     return 0;
 }
 
-int SimDriver::dequeue(uint8_t* record) {
+int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     aov_event_query query;
     std::memcpy(&query, record, sizeof(query));
     const std::string head = headerOf("DEQUEUE_EVENT", AOV_IOC_DEQUEUE_EVENT);
@@ -394,7 +420,7 @@ int SimDriver::dequeue(uint8_t* record) {
 
     const Pending event = pending_.front();
     if (event.scripted >= 0) {
-        return dequeueScripted(record, query, head);
+        return dequeueScripted(record, query, head, user);
     }
     const bool content = event.sequence % params_.content_every == 0;
     const bool full = content && session_.aov_mode == AOV_MODE_FULL_CONTENT;
@@ -419,8 +445,12 @@ int SimDriver::dequeue(uint8_t* record) {
     // Each section written gets its content and, as its first info word, its size.
     for (int s = 0; s < sections; ++s) {
         const aov_section_desc& section = aov_event_sections[s];
-        writeSectionContent(areaAddressOf(query, section), section.data_size, seq,
-                            static_cast<uint32_t>(s + 1));
+        const auto number = static_cast<uint32_t>(s + 1);
+        if (user.write(areaAddressOf(query, section), section.data_size, [&](uint8_t* bytes) {
+                writeSectionContent(bytes, section.data_size, seq, number);
+            }) != 0) {
+            return areaFault(s + 1, head);
+        }
         infoWordOf(query, section, 0) = section.data_size;
     }
     if (content) {
@@ -461,7 +491,16 @@ bool SimDriver::missingArea(aov_event_query& query, unsigned sections, const std
     return false;
 }
 
-int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head) {
+int SimDriver::areaFault(int section, const std::string& head) {
+    ++stats_.failed_requests;
+    ++stats_.lost_on_failure;
+    trace_->refusal(kKern, "%s: the data area of section %d cannot be written -> %d (event lost)",
+                    head.c_str(), section, -EFAULT);
+    return -EFAULT;
+}
+
+int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
+                               UserMemory& user) {
     const Pending event = pending_.front();
     const ScriptedEvent& scripted = params_.script[static_cast<size_t>(event.scripted)];
     unsigned written = 0;
@@ -475,7 +514,10 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
     if (pending_.empty()) {
         unsignalLocked();
     }
-    writeScripted(query, scripted);
+    depthChangedLocked(0);
+    if (const int section = writeScripted(query, scripted, user)) {
+        return areaFault(section, head);
+    }
     std::memcpy(record, &query, sizeof(query));
 
     ++stats_.dequeued;
@@ -525,6 +567,9 @@ void SimDriver::signalLocked() {
         const uint64_t one = 1;
         if (::write(event_fd_, &one, sizeof(one)) != sizeof(one)) {
             fatal("cannot signal the event descriptor");
+        }
+        if (ready_listener_) {
+            ready_listener_();
         }
     }
 }

@@ -12,7 +12,7 @@ void TraceLogSink::write(int level, const char* text) {
     trace_->record(TraceSource::kLibrary, text ? text : "");
 }
 
-Simulation::Simulation(const SimConfig& config, std::shared_ptr<Trace> trace)
+Simulation::Simulation(const SimConfig& config, std::shared_ptr<Trace> trace, bool bindNode)
     : config_(config),
       trace_(std::move(trace)),
       platform_(std::make_shared<SimPlatform>(config_, trace_)),
@@ -23,6 +23,6 @@ Simulation::Simulation(const SimConfig& config, std::shared_ptr<Trace> trace)
       coordinator_(std::make_shared<SimCoordinator>(platform_)),
       pipe_mgr_(std::make_shared<SimPipeMgr>(platform_)),
       debug_print_(log_sink_),
-      node_(kAovNodePath, driver_) {}
+      node_(bindNode ? std::make_unique<aovhost::ScopedNode>(kAovNodePath, driver_) : nullptr) {}
 
 }  // namespace aovsim

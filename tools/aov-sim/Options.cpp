@@ -169,6 +169,15 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
                                     "Write the session as a trace-event JSON timeline to FILE "
                                     "(opens in Perfetto's UI or chrome://tracing)")
                          ->type_name("FILE");
+    std::string kernel = "inproc";
+    app.add_option("--kernel", kernel,
+                   "Where the driver runs: inproc (in this process) or fuse (in aov-kdev, "
+                   "reached through a FUSE node with real system calls)")
+        ->type_name("inproc|fuse");
+    auto* kdev = app.add_option("--kdev", o.kdev_dir,
+                                "With --kernel fuse: use the aov-kdev already serving on DIR "
+                                "instead of starting one")
+                     ->type_name("DIR");
     for (Number& number : numbers) {
         number.option = app.add_option(number.flags, number.text, number.help)->type_name("INT");
     }
@@ -199,6 +208,20 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
         if (number.given != nullptr) {
             *number.given = true;
         }
+    }
+    if (kernel != "inproc" && kernel != "fuse") {
+        *message = "--kernel: expected inproc or fuse, got " + excerpt(kernel);
+        return ParseOutcome::kError;
+    }
+    o.kernel_fuse = kernel == "fuse";
+    if (kdev->count() > 0 && (!o.kernel_fuse || o.kdev_dir.empty())) {
+        *message =
+            o.kdev_dir.empty() ? "--kdev: an empty directory name" : "--kdev: needs --kernel fuse";
+        return ParseOutcome::kError;
+    }
+    if (o.kernel_fuse && timeline->count() > 0) {
+        *message = "--timeline: needs the driver in this process (--kernel inproc)";
+        return ParseOutcome::kError;
     }
     o.scenario_given = scenario->count() > 0;
     o.timeline_given = timeline->count() > 0;

@@ -37,6 +37,11 @@ struct Options : ModeRequest {
     bool timeline_given = false;  // write the session's timeline to timeline_path
     std::string timeline_path;
 
+    // Where the driver runs: in this process, or in aov-kdev behind a FUSE
+    // node (started by aov-sim, or already serving at kdev_dir when given).
+    bool kernel_fuse = false;
+    std::string kdev_dir;
+
     // Properties, set only when given.
     struct Property {
         const char* name;

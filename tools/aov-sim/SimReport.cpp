@@ -33,8 +33,8 @@ std::string percentiles(std::vector<double> samples) {
 
 }  // namespace
 
-SimReport::SimReport(aovsim::Simulation& sim, Timeline* timeline)
-    : sim_(sim), timeline_(timeline) {}
+SimReport::SimReport(aovsim::Simulation& sim, DriverProbe& driver, Timeline* timeline)
+    : sim_(sim), driver_(driver), timeline_(timeline) {}
 
 void SimReport::begin() {
     if (!sim_.config().driver.script.empty()) {
@@ -49,6 +49,12 @@ void SimReport::begin() {
     }
     say(format("scenario \"%s\": %zu sensors on the platform", sim_.config().name.c_str(),
                sim_.config().sensors.size()));
+    aovsim::DriverStatus status;
+    if (!driver_.read(&status)) {
+        say("the driver does not answer: its counters are unavailable");
+    } else if (!status.scenario.empty() && status.scenario != sim_.config().name) {
+        say(format("warning: the driver serves scenario \"%s\"", status.scenario.c_str()));
+    }
 }
 
 void SimReport::say(const std::string& line) {
@@ -70,7 +76,8 @@ std::unique_ptr<EventMonitor> SimReport::makeMonitor(int verbosity,
 }
 
 void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) {
-    const aovsim::DequeueMark mark = sim_.driver().lastDequeue();
+    aovsim::DriverStatus status;
+    const aovsim::DequeueMark mark = driver_.read(&status) ? status.last : aovsim::DequeueMark();
     const uint32_t* h = event.header;
     // Whether the buffer holds what the driver's latest dequeue wrote: a
     // generated event carries its sequence number in the first header word.
@@ -133,7 +140,9 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
 }
 
 void SimReport::summary(uint64_t delivered) {
-    const aovsim::DriverStats stats = sim_.driver().stats();
+    aovsim::DriverStatus status;
+    const bool answered = driver_.read(&status);
+    const aovsim::DriverStats stats = status.stats;
     const aovsim::PlatformSnapshot platform = sim_.platform().snapshot();
     uint64_t mismatches;
     std::vector<double> latencies;
@@ -144,6 +153,9 @@ void SimReport::summary(uint64_t delivered) {
     }
     const auto u = [](uint64_t value) { return static_cast<unsigned long long>(value); };
     const uint64_t dropped = stats.produced > delivered ? stats.produced - delivered : 0;
+    if (!answered) {
+        say("summary: the driver did not answer: its counts below are zero");
+    }
     say(
         format("summary: events delivered %llu, dropped %llu of %llu produced (overwritten in the "
                "driver queue %llu, lost to failed dequeues %llu, discarded at stop %llu)",
@@ -175,11 +187,11 @@ void SimReport::summary(uint64_t delivered) {
                                             {"kernel_requests", stats.requests},
                                             {"library_error_lines", sim_.logSink().errorLines()}});
     }
-    say(
-        format("summary: kernel requests %llu (%llu failed), refused calls %llu, library error "
-               "lines %llu, content mismatches %llu",
-               u(stats.requests), u(stats.failed_requests), u(sim_.trace().refusals()),
-               u(sim_.logSink().errorLines()), u(mismatches)));
+    say(format(
+        "summary: kernel requests %llu (%llu failed), refused calls %llu, library error "
+        "lines %llu, content mismatches %llu",
+        u(stats.requests), u(stats.failed_requests), u(sim_.trace().refusals() + status.refusals),
+        u(sim_.logSink().errorLines()), u(mismatches)));
     if (monitor_ != nullptr) {
         const aovsim::MonitorStats m = monitor_->stats();
         say(

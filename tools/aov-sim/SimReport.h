@@ -3,6 +3,7 @@
 #include <mutex>
 #include <vector>
 
+#include "DriverProbe.h"
 #include "SessionReport.h"
 #include "Timeline.h"
 #include "aovsim/EpollEventMonitor.h"
@@ -18,8 +19,9 @@ namespace aovsimtool {
 // the summary adds the driver's, the platform's and the monitor's counts.
 class SimReport final : public SessionReport {
   public:
-    // `timeline`, when given, records the session as well.
-    explicit SimReport(aovsim::Simulation& sim, Timeline* timeline = nullptr);
+    // `driver` tells what the driver did; `timeline`, when given, records the
+    // session as well.
+    SimReport(aovsim::Simulation& sim, DriverProbe& driver, Timeline* timeline = nullptr);
 
     void begin() override;
     void say(const std::string& line) override;
@@ -31,6 +33,7 @@ class SimReport final : public SessionReport {
 
   private:
     aovsim::Simulation& sim_;
+    DriverProbe& driver_;
     Timeline* const timeline_;
     // The monitor made for the session; the system layer owns it and keeps it
     // until after the summary.

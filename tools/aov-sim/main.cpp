@@ -5,7 +5,9 @@
 #include <memory>
 #include <string>
 
+#include "DriverProbe.h"
 #include "Excerpt.h"
+#include "FuseKernel.h"
 #include "Options.h"
 #include "ScenarioFile.h"
 #include "SimReport.h"
@@ -24,9 +26,16 @@ using aovsimtool::kExitBadInput;
 // static storage too: constructed before the services, it is destroyed after
 // them, and the bindings stay in place while their destructors run.
 aovsim::Simulation& installSimulation(const aovsim::SimConfig& config,
-                                      std::shared_ptr<aovsim::Trace> trace) {
-    static aovsim::Simulation simulation(config, std::move(trace));
+                                      std::shared_ptr<aovsim::Trace> trace, bool bindNode) {
+    static aovsim::Simulation simulation(config, std::move(trace), bindNode);
     return simulation;
+}
+
+// The node's server, when the driver runs in aov-kdev. Static for the same
+// reason: the services close the node while the process exits.
+std::unique_ptr<aovsimtool::FuseKernel>& fuseKernel() {
+    static std::unique_ptr<aovsimtool::FuseKernel> kernel;
+    return kernel;
 }
 
 // Bad input ends the run with one short line and exit 2.
@@ -70,6 +79,17 @@ int main(int argc, char** argv) {
         return badInput(problem);
     }
 
+    // The node's server, before any thread starts (it may change the mount namespace).
+    std::unique_ptr<aovsimtool::FuseKernel>& fuse = fuseKernel();
+    if (options.kernel_fuse) {
+        std::string why;
+        fuse = aovsimtool::FuseKernel::attach(options.scenario_given ? options.scenario_path : "",
+                                              options.kdev_dir, &why);
+        if (!fuse) {
+            return badInput(why);
+        }
+    }
+
     // Properties and log switches first: the services read them when created.
     for (const auto* property : {&options.test_model, &options.view_mode, &options.debug_device,
                                  &options.image_callback}) {
@@ -100,7 +120,7 @@ int main(int argc, char** argv) {
     } else {
         trace->setSink(printLine);
     }
-    aovsim::Simulation& sim = installSimulation(config, trace);
+    aovsim::Simulation& sim = installSimulation(config, trace, fuse == nullptr);
     // With a timeline the driver's requests go through a timing node, bound
     // over the driver's own for the session.
     std::unique_ptr<aovhost::ScopedNode> timedNode;
@@ -109,9 +129,23 @@ int main(int argc, char** argv) {
         timedNode = std::make_unique<aovhost::ScopedNode>(
             aovsim::kAovNodePath, std::make_shared<aovsimtool::TimedNode>(sim.driver(), timeline));
     }
-    aovsimtool::SimReport report(sim, timeline.get());
+    std::unique_ptr<aovsimtool::DriverProbe> probe;
+    if (fuse) {
+        probe = std::make_unique<aovsimtool::StatusFileProbe>(fuse->statusPath());
+        trace->record(aovsim::TraceSource::kSystem, "driver: " + fuse->describe());
+    } else {
+        probe = std::make_unique<aovsimtool::InProcessProbe>(sim.driver());
+    }
+    aovsimtool::SimReport report(sim, *probe, timeline.get());
     aovsimtool::SystemLayer layer(options, report);
     int status = layer.run();
+    if (fuse) {
+        const std::string ending = fuse->checkServer();
+        if (!ending.empty()) {
+            std::fprintf(stderr, "aov-sim: error: %s\n", ending.c_str());
+            status = status == 0 ? 1 : status;
+        }
+    }
     if (timeline) {
         trace->setTimeline(nullptr);
         trace->setSink(printLine);

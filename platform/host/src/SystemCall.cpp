@@ -6,8 +6,11 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
 #include <map>
 #include <mutex>
+#include <string>
 
 #include "aovhost/Binding.h"
 
@@ -31,6 +34,17 @@ std::shared_ptr<aovhost::EmulatedNode> nodeOfFd(int fd) {
     std::lock_guard<std::mutex> guard(table.mutex);
     auto it = table.byFd.find(fd);
     return it == table.byFd.end() ? nullptr : it->second;
+}
+
+// Where the operating system is asked for a device path: the path itself, or
+// with AOV_DEV_DIR set, the same name under that directory instead of /dev.
+std::string hostPathOf(const char* path) {
+    constexpr char kDev[] = "/dev/";
+    const char* dir = std::getenv(aovhost::kDevDirEnv);
+    if (dir == nullptr || *dir == '\0' || std::strncmp(path, kDev, sizeof(kDev) - 1) != 0) {
+        return path;
+    }
+    return std::string(dir) + "/" + (path + sizeof(kDev) - 1);
 }
 
 }  // namespace
@@ -77,7 +91,7 @@ int SystemCall::open(const char* path, int flags) {
         }
         return fd;
     }
-    const int fd = ::open(path, flags | O_CLOEXEC);
+    const int fd = ::open(hostPathOf(path).c_str(), flags | O_CLOEXEC);
     return fd < 0 ? -errno : fd;
 }
 

@@ -26,6 +26,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <set>
@@ -35,6 +36,7 @@
 #include "aovsim/FrameTimer.h"
 #include "aovsim/SimConfig.h"
 #include "aovsim/Trace.h"
+#include "aovsim/UserMemory.h"
 #include "kelo_aov.h"
 
 namespace aovsim {
@@ -64,9 +66,23 @@ class SimDriver final : public aovhost::EmulatedNode {
     SimDriver(const SimDriver&) = delete;
     SimDriver& operator=(const SimDriver&) = delete;
 
+    // The largest record a request code of this driver carries.
+    static constexpr size_t kMaxRecordSize = sizeof(aov_sensor_list);
+
     int open(int flags) override;
     int close(int fd) override;
+    // A request from this process: the record is copied in and out through `arg`.
     int ioctl(int fd, unsigned int request, void* arg) override;
+    // A request whose record has already been copied into `record` (as many
+    // bytes as the code's size field says, within kMaxRecordSize); the data
+    // areas of a dequeue are written to `user`. On success, a request that
+    // returns data leaves it in `record` for the caller to copy out. A null
+    // `record` stands for an argument that could not be read.
+    int serve(int fd, unsigned int request, uint8_t* record, UserMemory& user);
+
+    // Called, with the driver's lock held, each time the node's descriptor
+    // becomes readable. Set it before the node is first opened.
+    void setReadyListener(std::function<void()> listener);
 
     // Queues one event, as a frame-timer tick does; ignored while not started.
     void produceEvent();
@@ -94,9 +110,13 @@ class SimDriver final : public aovhost::EmulatedNode {
     int start(const uint8_t* record);
     // Ends the session: by the STOP request, or implicitly when the node is released.
     int stop(bool byRequest);
-    int dequeue(uint8_t* record);
+    int dequeue(uint8_t* record, UserMemory& user);
     // With mutex_ held: dequeues the pending event, which is a scripted one.
-    int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head);
+    int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
+                        UserMemory& user);
+    // With mutex_ held: the event just taken out could not be written to the
+    // caller's memory at section `section` (1-based); it is lost.
+    int areaFault(int section, const std::string& head);
     // A request without an address for one of `sections` (bit s: section s + 1)
     // is refused and counted; true when it was.
     bool missingArea(aov_event_query& query, unsigned sections, const std::string& head);
@@ -114,6 +134,7 @@ class SimDriver final : public aovhost::EmulatedNode {
     const DriverConfig params_;
     const FaultConfig faults_;
     std::shared_ptr<Trace> trace_;
+    std::function<void()> ready_listener_;
 
     // Serialises the control path (open, close, START, STOP) so the timer
     // is started and stopped by one caller at a time.

@@ -36,7 +36,9 @@ class TraceLogSink final : public aovhost::DebugPrintSink {
 
 class Simulation {
   public:
-    Simulation(const SimConfig& config, std::shared_ptr<Trace> trace);
+    // With `bindNode` false the driver is left unbound: "/dev/kelo_aov" is
+    // then whatever the operating system serves there.
+    Simulation(const SimConfig& config, std::shared_ptr<Trace> trace, bool bindNode = true);
     Simulation(const Simulation&) = delete;
     Simulation& operator=(const Simulation&) = delete;
 
@@ -57,7 +59,7 @@ class Simulation {
     aovhost::ScopedBinding<coord::ICamCoordinator> coordinator_;
     aovhost::ScopedBinding<pipes::IPipeMgr> pipe_mgr_;
     aovhost::ScopedBinding<aovhost::DebugPrintSink> debug_print_;
-    aovhost::ScopedNode node_;
+    std::unique_ptr<aovhost::ScopedNode> node_;
 };
 
 }  // namespace aovsim

@@ -33,6 +33,13 @@ class DebugPrintSink {
     virtual void write(int level, const char* text) = 0;
 };
 
+// Device paths that no node is bound to are opened by the operating system.
+// When this environment variable names a directory, a path under /dev/ is
+// opened under that directory instead ("/dev/kelo_aov" -> "$AOV_DEV_DIR/kelo_aov"),
+// so that a node served elsewhere (a FUSE file, say) can stand in for the
+// device without root.
+constexpr char kDevDirEnv[] = "AOV_DEV_DIR";
+
 // A device node emulated in the process. SystemCall routes a bound path's
 // open to it and every later call on the descriptor it returned.
 class EmulatedNode {
