@@ -2,10 +2,21 @@
 // platform and driver, and the command's own handling of bad input. Each run
 // is a real process; its output is read until it exits.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sched.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <ostream>
 #include <sstream>
@@ -13,6 +24,8 @@
 #include <vector>
 
 #include "ProcessRun.h"
+
+extern char** environ;
 
 namespace {
 
@@ -147,8 +160,42 @@ void expectCleanShutdown(const RunResult& run) {
     EXPECT_TRUE(inOrder(run, {"aov-sim: exit", "[plat] uninit() -> 0"})) << run.output;
 }
 
-TEST(AovSimE2ETest, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
-    const RunResult run = runAovSim({"--events", "3", "--trace"});
+// Why the runs through a FUSE node cannot go ahead here; empty when they can.
+std::string fuseUnavailable() {
+    if (::geteuid() != 0) {
+        return "FUSE runs need root (for the mount namespace and the mount)";
+    }
+    if (::access("/dev/fuse", R_OK | W_OK) != 0) {
+        return std::string("FUSE runs need /dev/fuse: ") + std::strerror(errno);
+    }
+    return std::string();
+}
+
+// The same session with the driver in aov-sim ("inproc") and in aov-kdev
+// behind a FUSE node ("fuse"): the library's requests then cross the kernel.
+class Kernel : public ::testing::TestWithParam<const char*> {
+  protected:
+    void SetUp() override {
+        if (std::string(GetParam()) == "fuse") {
+            const std::string why = fuseUnavailable();
+            if (!why.empty()) {
+                GTEST_SKIP() << why;
+            }
+        }
+    }
+    RunResult run(std::vector<std::string> args) const {
+        args.insert(args.end(), {"--kernel", GetParam()});
+        return runAovSim(args);
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(AovSimE2ETest, Kernel, ::testing::Values("inproc", "fuse"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                             return std::string(info.param);
+                         });
+
+TEST_P(Kernel, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
+    const RunResult run = this->run({"--events", "3", "--trace"});
     ASSERT_EQ(run.exit_code, 0) << run.output;
 
     // The library completed the record from the catalogue and sent it unchanged.
@@ -191,14 +238,14 @@ TEST(AovSimE2ETest, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
     expectCleanShutdown(run);
 }
 
-TEST(AovSimE2ETest, InjectedDriverFailuresGiveTheLibraryErrorsAndTheSessionGoesOn) {
+TEST_P(Kernel, InjectedDriverFailuresGiveTheLibraryErrorsAndTheSessionGoesOn) {
     std::string ids;
     for (int i = 1; i <= 70; ++i) {
         ids += (i > 1 ? "," : "") + std::to_string(i);
     }
     const std::string path =
         scenarioFile("driver_failures", tenFpsScenario(R"("dequeue": [2], "sensor_list": [2])"));
-    const RunResult run = runAovSim({"--scenario", path, "--events", "3", "--notify-ids", ids});
+    const RunResult run = this->run({"--scenario", path, "--events", "3", "--notify-ids", ids});
     ASSERT_EQ(run.exit_code, 0) << run.output;
 
     EXPECT_TRUE(run.has("ERROR: failed to query evice event: -5")) << run.output;
@@ -295,6 +342,7 @@ struct ScriptedCase {
     const char* aov_mode;
     const char* image_callback;
     const char* second_event;  // the callback's view of the second event
+    const char* kernel = "inproc";
 };
 
 void PrintTo(const ScriptedCase& c, std::ostream* out) {
@@ -305,9 +353,12 @@ class ScriptedEvents : public ::testing::TestWithParam<ScriptedCase> {};
 
 TEST_P(ScriptedEvents, ReachTheCallbackAsTheCopyRulesSay) {
     const ScriptedCase& c = GetParam();
+    if (std::string(c.kernel) == "fuse" && !fuseUnavailable().empty()) {
+        GTEST_SKIP() << fuseUnavailable();
+    }
     const RunResult run = runAovSim(
         {"--scenario", std::string(AOV_SIM_EXAMPLES) + "/scripted-events.json", "--events", "3",
-         "--aov-mode", c.aov_mode, "--image-callback", c.image_callback});
+         "--aov-mode", c.aov_mode, "--image-callback", c.image_callback, "--kernel", c.kernel});
     ASSERT_EQ(run.exit_code, 0) << run.output;
     EXPECT_EQ(run.count("[evt ] #"), 3u) << run.output;
     EXPECT_EQ(run.count(" content ok"), 3u) << run.output;
@@ -332,10 +383,97 @@ INSTANTIATE_TEST_SUITE_P(
         ScriptedCase{"Mode1WithImageCallback", "1", "1",
                      "s1_info=11 s4_info=[12, 13, 14, 15] scripted"},
         ScriptedCase{"FullContentModePassesEverything", "2", "0",
-                     "s1_info=11 s4_info=[12, 13, 14, 15] s6_info=[20, 21, 22, 23, 24] scripted"}),
+                     "s1_info=11 s4_info=[12, 13, 14, 15] s6_info=[20, 21, 22, 23, 24] scripted"},
+        // Every area written by the server into aov-sim's memory.
+        ScriptedCase{"FullContentModeThroughTheFuseNode", "2", "0",
+                     "s1_info=11 s4_info=[12, 13, 14, 15] s6_info=[20, 21, 22, 23, 24] scripted",
+                     "fuse"}),
     [](const ::testing::TestParamInfo<ScriptedCase>& info) {
         return std::string(info.param.name);
     });
+
+// An aov-kdev started by the test, as a user would start one, in the test's
+// own mount namespace so that its mount goes away with the test.
+class UserStartedServer : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        const std::string why = fuseUnavailable();
+        if (!why.empty()) {
+            GTEST_SKIP() << why;
+        }
+        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
+        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+        char dir[] = "/tmp/aov-kdev-e2e.XXXXXX";
+        ASSERT_NE(::mkdtemp(dir), nullptr);
+        dir_ = dir;
+    }
+    void TearDown() override {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            ::waitpid(pid_, nullptr, 0);
+        }
+        if (!dir_.empty()) {
+            ::umount2(dir_.c_str(), MNT_DETACH);
+            ::rmdir(dir_.c_str());
+        }
+    }
+    // Starts aov-kdev with `extra` options and waits until it serves.
+    void start(std::vector<std::string> extra) {
+        int ready[2];
+        ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
+        std::vector<std::string> args = {AOV_KDEV_PATH, "--mount", dir_,
+                                         "--ready-fd",  "3",       "--quiet"};
+        args.insert(args.end(), extra.begin(), extra.end());
+        std::vector<char*> argv;
+        for (std::string& arg : args) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        posix_spawn_file_actions_adddup2(&actions, ready[1], 3);
+        ASSERT_EQ(::posix_spawn(&pid_, AOV_KDEV_PATH, &actions, nullptr, argv.data(), environ), 0);
+        posix_spawn_file_actions_destroy(&actions);
+        ::close(ready[1]);
+        char line[8] = {};
+        const ssize_t got = ::read(ready[0], line, sizeof(line) - 1);
+        ::close(ready[0]);
+        ASSERT_GT(got, 0) << "aov-kdev did not come up";
+    }
+    std::string dir_;
+    pid_t pid_ = -1;
+};
+
+TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWithoutAHang) {
+    start({"--die-at-dequeue", "2"});
+    const RunResult run =
+        runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3", "--timeout", "3"});
+    EXPECT_EQ(run.exit_code, 1) << run.output;
+    int status = 0;
+    ASSERT_EQ(::waitpid(pid_, &status, 0), pid_);
+    pid_ = -1;
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+
+    // One event got through; every request after the death fails with the
+    // connection's error, and the stop still runs to the end.
+    EXPECT_EQ(run.count("[evt ] #"), 1u) << run.output;
+    EXPECT_TRUE(run.has("ERROR: failed to query event: -107 (")) << run.output;
+    EXPECT_TRUE(inOrder(run, {"setMonitor(nullptr) -> 0", "[plat] powerOffSensor(AOV",
+                              "stopDevice() -> -107", "summary: the driver did not answer"}))
+        << run.output;
+    EXPECT_TRUE(
+        run.has("aov-sim: error: the aov-kdev on " + dir_ + " went away during the session"))
+        << run.output;
+}
+
+TEST(AovSimE2ETest, ANodeNobodyServesEndsInExitTwoWithOneLine) {
+    const std::string dir = ::testing::TempDir() + "aovsim_no_kdev";
+    ::mkdir(dir.c_str(), 0700);
+    const RunResult run = runAovSim({"--kernel", "fuse", "--kdev", dir});
+    EXPECT_EQ(run.exit_code, 2) << run.output;
+    EXPECT_EQ(run.output, "aov-sim: error: --kdev: no aov-kdev serving on " + dir + ": " + dir +
+                              "/kelo_aov: No such file or directory\n");
+}
 
 TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
     struct Case {

@@ -320,7 +320,9 @@ int KdevServer::serve() {
             result = -errno;
             break;
         }
-        if (fds[1].revents != 0) {
+        // Requests already queued (a release at the client's exit, say) are
+        // served before a stop.
+        if (fds[0].revents == 0 && fds[1].revents != 0) {
             break;
         }
         const int received = fuse_session_receive_buf(session_, &buffer);
