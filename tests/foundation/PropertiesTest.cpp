@@ -1,9 +1,14 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <string>
 
 #include "aovhost/Binding.h"
+#include "cam/system/SystemCall.h"
 #include "cam/utils/Properties.h"
 
 namespace {
@@ -60,6 +65,25 @@ TEST(Properties, EnvironmentPresetsAPropertyUntilItIsSet) {
     EXPECT_EQ(property_get_int32("test.env-preset", 0), 5);
     aovhost::clearProperty("test.env-preset");
     EXPECT_EQ(property_get_int32("test.env-preset", 0), 0);
+}
+
+// AOV_DEV_DIR moves the operating system's device paths, and only those.
+TEST(HostDevicePaths, DevDirServesDevicePathsFromItsDirectory) {
+    const std::string dir = ::testing::TempDir() + "aov_dev_dir";
+    ::mkdir(dir.c_str(), 0700);
+    const int made = ::open((dir + "/kelo_aov_node").c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+    ASSERT_GE(made, 0);
+    ::close(made);
+
+    ::setenv(aovhost::kDevDirEnv, dir.c_str(), 1);
+    const int fd = SystemCall::open("/dev/kelo_aov_node", O_RDONLY);
+    const int outside = SystemCall::open("/devkelo_aov_node", O_RDONLY);
+    ::unsetenv(aovhost::kDevDirEnv);
+    EXPECT_GE(fd, 0);
+    EXPECT_EQ(outside, -ENOENT);
+    EXPECT_EQ(SystemCall::close(fd), 0);
+    // Unset, the path is the system's own again.
+    EXPECT_EQ(SystemCall::open("/dev/kelo_aov_node", O_RDONLY), -ENOENT);
 }
 
 }  // namespace
