@@ -107,16 +107,25 @@ void notifyLoop(benchmark::State& state, AOVDevice& device, aovsim::SimDriver& d
     state.SetLabel(state.range(0) ? "content in 5 areas" : "header only");
 }
 
-void BM_Fuse_Baseline_InProcessIoctl(benchmark::State& state) {
-    auto driver = makeDriver(false);
-    aovhost::ScopedNode node(kInProcessPath, driver);
-    const int fd = SystemCall::open(kInProcessPath, O_RDWR);
+// The cheapest request, ULPOSC3_ON (no record), on the node at `path`.
+void ioctlLoop(benchmark::State& state, const char* path) {
+    const int fd = SystemCall::open(path, O_RDWR);
+    if (fd < 0) {
+        state.SkipWithError("cannot open the node");
+        return;
+    }
     for (auto _ : state) {
         benchmark::DoNotOptimize(
             SystemCall::ioctl(fd, static_cast<int>(AOV_IOC_ULPOSC3_ON), nullptr, false, nullptr));
     }
     SystemCall::close(fd);
     state.SetItemsProcessed(state.iterations());
+}
+
+void BM_Fuse_Baseline_InProcessIoctl(benchmark::State& state) {
+    auto driver = makeDriver(false);
+    aovhost::ScopedNode node(kInProcessPath, driver);
+    ioctlLoop(state, kInProcessPath);
 }
 BENCHMARK(BM_Fuse_Baseline_InProcessIoctl);
 
@@ -126,17 +135,7 @@ void BM_Fuse_NodeIoctl(benchmark::State& state) {
         state.SkipWithError(side.problem.c_str());
         return;
     }
-    const int fd = SystemCall::open(kFusePath, O_RDWR);
-    if (fd < 0) {
-        state.SkipWithError("cannot open the FUSE node");
-        return;
-    }
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(
-            SystemCall::ioctl(fd, static_cast<int>(AOV_IOC_ULPOSC3_ON), nullptr, false, nullptr));
-    }
-    SystemCall::close(fd);
-    state.SetItemsProcessed(state.iterations());
+    ioctlLoop(state, kFusePath);
 }
 BENCHMARK(BM_Fuse_NodeIoctl);
 
