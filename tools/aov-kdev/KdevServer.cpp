@@ -291,6 +291,7 @@ bool KdevServer::mount(const std::string& dir, std::string* problem) {
         return o;
     }();
     session_ = fuse_session_new(&args, &ops, sizeof(ops), this);
+    fuse_opt_free_args(&args);  // the session keeps what it parsed from them
     if (session_ == nullptr) {
         *problem = "cannot create a FUSE session";
         return false;
