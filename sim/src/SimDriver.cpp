@@ -356,6 +356,7 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
 }
 
 int SimDriver::dequeue(uint8_t* record) {
+    const auto began = std::chrono::steady_clock::now();
     aov_event_query query;
     std::memcpy(&query, record, sizeof(query));
     const std::string head = headerOf("DEQUEUE_EVENT", AOV_IOC_DEQUEUE_EVENT);
@@ -394,7 +395,7 @@ int SimDriver::dequeue(uint8_t* record) {
 
     const Pending event = pending_.front();
     if (event.scripted >= 0) {
-        return dequeueScripted(record, query, head);
+        return dequeueScripted(record, query, head, began);
     }
     const bool content = event.sequence % params_.content_every == 0;
     const bool full = content && session_.aov_mode == AOV_MODE_FULL_CONTENT;
@@ -446,6 +447,8 @@ int SimDriver::dequeue(uint8_t* record) {
     trace_->recordf(kKern, "%s -> 0 header=[%u, %u, %u, %u, %u, %u] sections written %d",
                     head.c_str(), query.header[0], query.header[1], query.header[2],
                     query.header[3], query.header[4], query.header[5], sections);
+    last_.dequeue_began = began;
+    last_.dequeue_ended = std::chrono::steady_clock::now();
     return 0;
 }
 
@@ -461,7 +464,8 @@ bool SimDriver::missingArea(aov_event_query& query, unsigned sections, const std
     return false;
 }
 
-int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head) {
+int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
+                               std::chrono::steady_clock::time_point began) {
     const Pending event = pending_.front();
     const ScriptedEvent& scripted = params_.script[static_cast<size_t>(event.scripted)];
     unsigned written = 0;
@@ -485,6 +489,8 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
     trace_->recordf(kKern, "%s -> 0 header=[%u, %u, %u, %u, %u, %u] scripted event %d",
                     head.c_str(), query.header[0], query.header[1], query.header[2],
                     query.header[3], query.header[4], query.header[5], event.scripted + 1);
+    last_.dequeue_began = began;
+    last_.dequeue_ended = std::chrono::steady_clock::now();
     return 0;
 }
 

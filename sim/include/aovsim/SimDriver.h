@@ -54,6 +54,9 @@ struct DequeueMark {
     uint32_t sequence = 0;
     std::chrono::steady_clock::time_point produced_at;
     int scripted = -1;  // index into the driver's script, -1 for a generated event
+    // When the driver began handling the DEQUEUE_EVENT that handed it out, and
+    // when it was done (event written, trace line out).
+    std::chrono::steady_clock::time_point dequeue_began, dequeue_ended;
 };
 
 class SimDriver final : public aovhost::EmulatedNode {
@@ -95,8 +98,10 @@ class SimDriver final : public aovhost::EmulatedNode {
     // Ends the session: by the STOP request, or implicitly when the node is released.
     int stop(bool byRequest);
     int dequeue(uint8_t* record);
-    // With mutex_ held: dequeues the pending event, which is a scripted one.
-    int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head);
+    // With mutex_ held: dequeues the pending event, which is a scripted one,
+    // for a request whose handling began at `began`.
+    int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
+                        std::chrono::steady_clock::time_point began);
     // A request without an address for one of `sections` (bit s: section s + 1)
     // is refused and counted; true when it was.
     bool missingArea(aov_event_query& query, unsigned sections, const std::string& head);
