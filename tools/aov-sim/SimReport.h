@@ -3,6 +3,7 @@
 #include <mutex>
 #include <vector>
 
+#include "LatencyBreakdown.h"
 #include "SessionReport.h"
 #include "Timeline.h"
 #include "aovsim/EpollEventMonitor.h"
@@ -14,8 +15,9 @@ namespace aovsimtool {
 // aov-sim's report of a session: the system layer's lines go to the
 // simulation's trace; each delivered event is checked against the content the
 // simulated driver wrote (for scripted events, against the library's copy
-// rules applied to the script) and timed from the driver's signal to the callback;
-// the summary adds the driver's, the platform's and the monitor's counts.
+// rules applied to the script) and timed from the driver's signal to the callback,
+// stage by stage; the summary adds the driver's, the platform's and the
+// monitor's counts.
 class SimReport final : public SessionReport {
   public:
     // `timeline`, when given, records the session as well.
@@ -39,6 +41,7 @@ class SimReport final : public SessionReport {
     std::mutex mutex_;
     uint64_t content_mismatches_ = 0;
     std::vector<double> latencies_us_;
+    LatencyBreakdown breakdown_;
     // With a script: what the callback's buffer should hold, event by event.
     std::unique_ptr<aovsim::ExpectedBuffer> expected_;
     bool image_callback_ = true;

@@ -256,22 +256,9 @@ void Timeline::callbackReturn(uint64_t number) {
                       {"dequeue_return", at(dequeue_end_)},
                       {"callback_entry", at(callback_)},
                       {"callback_return", at(now)}};
-        const auto us = [](Clock::duration d) {
-            return std::chrono::duration<double, std::micro>(d).count();
-        };
-        const Clock::duration dequeue = dequeue_end_ - dequeue_begin_;
-        breakdown_.wake.push_back(us(wake_ - signal_));
-        breakdown_.dequeue.push_back(us(dequeue));
-        breakdown_.library.push_back(us(callback_ - notify_ - dequeue));
-        breakdown_.callback.push_back(us(now - callback_));
     }
     addLocked('X', kMonitor, callback_, now, "callback #" + std::to_string(number),
               json{{"event", number}, {"sequence", sequence_}, {"stages", stages}});
-}
-
-Timeline::Breakdown Timeline::breakdown() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return breakdown_;
 }
 
 void Timeline::setCounts(json counts) {

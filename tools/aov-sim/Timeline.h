@@ -63,14 +63,6 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
     void callbackEntry(uint32_t sequence, bool matched, Clock::time_point signal);
     void callbackReturn(uint64_t number);
 
-    // Per delivered event, in microseconds: driver signal to monitor wake; the
-    // driver's dequeue; notifyEvent entry to callback entry less the dequeue;
-    // the callback.
-    struct Breakdown {
-        std::vector<double> wake, dequeue, library, callback;
-    };
-    Breakdown breakdown() const;
-
     // The session's counts as its summary gives them, kept in the file.
     void setCounts(nlohmann::json counts);
     // Writes and closes the file; false with `problem` set when writing failed.
@@ -138,7 +130,6 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
     uint32_t sequence_ = 0;
     bool matched_ = false;
     Clock::time_point signal_{}, callback_{};
-    Breakdown breakdown_;
 };
 
 // The driver's node with each request timed for the timeline.
