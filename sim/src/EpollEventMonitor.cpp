@@ -209,7 +209,7 @@ void EpollEventMonitor::run() {
         }
         current_.woke = Clock::now();
         if (timeline_ != nullptr && count > 0) {
-            timeline_->monitorWoke();
+            timeline_->monitorWoke(current_.woke);
         }
         {
             std::lock_guard<std::mutex> guard(mutex_);

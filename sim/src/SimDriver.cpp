@@ -521,7 +521,7 @@ void SimDriver::produceEvent() {
     ++stats_.produced;
     signalLocked();
     if (TimelineHooks* timeline = trace_->timeline()) {
-        timeline->eventQueued(seq, pending_.size(), overwrote);
+        timeline->eventQueued(seq, pending_.back().produced_at, pending_.size(), overwrote);
     }
 }
 
