@@ -7,7 +7,9 @@ Verifies the trace-event JSON object form and each phase's required fields;
 that every kernel request, every delivered event with all its stages (in
 order) and every library error line is there, against the counts the run kept
 in "otherData" and, when given, against the counts of its printed summary;
-and that the slices of each track nest. Prints one line; exit 0 when it holds,
+that each delivered event's flow starts once, at its signal, and finishes
+once, at its callback, through the monitor's wake and the notifyEvent slice in
+time order; and that the slices of each track nest. Prints one line; exit 0 when it holds,
 1 when it does not, 2 when the file cannot be read.
 """
 import json
@@ -22,6 +24,8 @@ REQUIRED = {
 STAGES = ("signal", "wake", "notify", "dequeue_call", "dequeue_return", "callback_entry",
           "callback_return")
 KERNEL_TRACKS = range(10, 20)
+# The records an event's flow passes through, in time order.
+FLOW_PATH = ("signal #", "wake", "notifyEvent", "callback #")
 SLACK = 0.002  # microseconds: times are whole nanoseconds written as microseconds
 
 
@@ -37,6 +41,7 @@ def check(doc, expected):
     if counts.get("records_dropped", 0) != 0:
         return f"{counts['records_dropped']} records were dropped"
     slices = {}
+    flows = {}
     requests = errors = 0
     callbacks = []
     for n, event in enumerate(doc["traceEvents"]):
@@ -64,6 +69,10 @@ def check(doc, expected):
                 callbacks.append(event)
         if phase == "i" and event["name"] == "library error":
             errors += 1
+        if "bind_id" in event:
+            if event.get("flow_in") is not True and event.get("flow_out") is not True:
+                return f"event {n}: bind_id without flow_in or flow_out"
+            flows.setdefault(event["bind_id"], []).append(event)
     if requests != counts.get("kernel_requests"):
         return f"{requests} kernel requests in the timeline, the run made {counts.get('kernel_requests')}"
     if errors != counts.get("library_error_lines"):
@@ -79,6 +88,18 @@ def check(doc, expected):
         for a, b, ta, tb in zip(STAGES, STAGES[1:], times, times[1:]):
             if tb + SLACK < ta:
                 return f"{event['name']}: {b} before {a}"
+    for bind_id, chain in flows.items():
+        starts = sum(1 for e in chain if not e.get("flow_in"))
+        finishes = sum(1 for e in chain if not e.get("flow_out"))
+        if starts != 1 or finishes != 1:
+            return f"flow {bind_id} starts {starts} times and finishes {finishes} times"
+        chain.sort(key=lambda e: e["ts"])
+        path = [next((p for p in FLOW_PATH if e["name"].startswith(p)), e["name"]) for e in chain]
+        if tuple(path) != FLOW_PATH or chain[0].get("flow_in") or chain[-1].get("flow_out"):
+            return f"flow {bind_id} runs through {', '.join(e['name'] for e in chain)}"
+    for event in callbacks:
+        if event.get("flow_in") is not True:
+            return f"{event['name']}: no flow arrives"
     for tid, track in slices.items():
         track.sort(key=lambda e: (e["ts"], -e["dur"]))
         open_ends = []

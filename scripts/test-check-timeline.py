@@ -34,6 +34,23 @@ def swap_stages(doc):
     stages["wake"], stages["callback_return"] = stages["callback_return"], stages["wake"]
 
 
+def flow_start(doc):
+    return first(doc, lambda e: e.get("flow_out") and not e.get("flow_in"))
+
+
+def second_finish(doc):
+    flow = flow_start(doc)["bind_id"]
+    first(doc, lambda e: e.get("bind_id") == flow and e["name"] == "notifyEvent").pop("flow_out")
+
+
+def no_flow(doc):
+    flow = flow_start(doc)["bind_id"]
+    for event in doc["traceEvents"]:
+        if event.get("bind_id") == flow:
+            for key in ("bind_id", "flow_in", "flow_out"):
+                event.pop(key, None)
+
+
 def overlap(doc):
     parent = first(doc, lambda e: e["ph"] == "X" and e["name"] == "notifyEvent")
     doc["traceEvents"].append(dict(parent, name="late", ts=parent["ts"] + parent["dur"] / 2))
@@ -48,6 +65,10 @@ BROKEN = {
     "stages out of order": swap_stages,
     "an error marker missing": lambda d: drop(d, lambda e: e["name"] == "library error"),
     "partial overlap": overlap,
+    "a flow without its start": lambda d: d["traceEvents"].remove(flow_start(d)),
+    "a flow that finishes twice": second_finish,
+    "a flow through another event's wake": lambda d: flow_start(d).update(bind_id="0x2"),
+    "an event without its flow": no_flow,
 }
 
 

@@ -20,17 +20,19 @@ std::string formatDriverStatus(const DriverStatus& s) {
     for (char c : s.scenario) {
         name += (c == '\n' || c == '\r') ? ' ' : c;
     }
-    char text[1024];
+    char text[1536];
     std::snprintf(text, sizeof(text),
                   "scenario %s\nstarted %d\nrefusals %" PRIu64 "\nrequests %" PRIu64
                   "\nproduced %" PRIu64 "\ndequeued %" PRIu64 "\noverruns %" PRIu64
                   "\nlost_on_failure %" PRIu64 "\ndiscarded_at_stop %" PRIu64
                   "\nfailed_requests %" PRIu64 "\nlast_sequence %" PRIu32
-                  "\nlast_produced_ns %" PRId64 "\nlast_scripted %d\n",
+                  "\nlast_produced_ns %" PRId64 "\nlast_scripted %d\nlast_dequeue_began_ns %" PRId64
+                  "\nlast_dequeue_ended_ns %" PRId64 "\n",
                   name.empty() ? "-" : name.c_str(), s.started ? 1 : 0, s.refusals,
                   s.stats.requests, s.stats.produced, s.stats.dequeued, s.stats.overruns,
                   s.stats.lost_on_failure, s.stats.discarded_at_stop, s.stats.failed_requests,
-                  s.last.sequence, nanosecondsOf(s.last.produced_at), s.last.scripted);
+                  s.last.sequence, nanosecondsOf(s.last.produced_at), s.last.scripted,
+                  nanosecondsOf(s.last.dequeue_began), nanosecondsOf(s.last.dequeue_ended));
     return text;
 }
 
@@ -78,6 +80,12 @@ bool parseDriverStatus(const std::string& text, DriverStatus* status) {
     s.last.produced_at =
         std::chrono::steady_clock::time_point(std::chrono::nanoseconds(number("last_produced_ns")));
     s.last.scripted = static_cast<int>(number("last_scripted"));
+    const auto moment = [&](const char* key) {
+        return std::chrono::steady_clock::time_point(std::chrono::nanoseconds(number(key)));
+    };
+    s.last.produced_at = moment("last_produced_ns");
+    s.last.dequeue_began = moment("last_dequeue_began_ns");
+    s.last.dequeue_ended = moment("last_dequeue_ended_ns");
     if (ok) {
         *status = s;
     }

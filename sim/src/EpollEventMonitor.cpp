@@ -140,6 +140,14 @@ MonitorStats EpollEventMonitor::stats() const {
     return stats_;
 }
 
+bool EpollEventMonitor::currentNotification(NotificationTimes* times) const {
+    if (std::this_thread::get_id() != thread_.get_id() || !notifying_) {
+        return false;
+    }
+    *times = current_;
+    return true;
+}
+
 void EpollEventMonitor::arm(uint64_t key, const Watch& watch) {
     epoll_event event{};
     event.events = kArmedEvents;
@@ -199,8 +207,9 @@ void EpollEventMonitor::run() {
         if (count < 0 && errno != EINTR) {
             fatal("epoll_wait failed");
         }
+        current_.woke = Clock::now();
         if (timeline_ != nullptr && count > 0) {
-            timeline_->monitorWoke();
+            timeline_->monitorWoke(current_.woke);
         }
         {
             std::lock_guard<std::mutex> guard(mutex_);
@@ -227,7 +236,10 @@ void EpollEventMonitor::run() {
                 busy_ = observer;
             }
             const uint64_t before = progress_ ? progress_() : 0;
+            current_.notified = Clock::now();
+            notifying_ = true;
             observer->notifyEvent(static_cast<int>(events[i].events), verbosity_);
+            notifying_ = false;
             const bool progressed = progress_ && progress_() != before;
             // The descriptor stays open while busy_ holds its observer.
             const bool stillSignalled = signalled(fd);

@@ -382,6 +382,7 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
 }
 
 int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
+    const auto began = std::chrono::steady_clock::now();
     aov_event_query query;
     std::memcpy(&query, record, sizeof(query));
     const std::string head = headerOf("DEQUEUE_EVENT", AOV_IOC_DEQUEUE_EVENT);
@@ -420,7 +421,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
 
     const Pending event = pending_.front();
     if (event.scripted >= 0) {
-        return dequeueScripted(record, query, head, user);
+        return dequeueScripted(record, query, head, user, began);
     }
     const bool content = event.sequence % params_.content_every == 0;
     const bool full = content && session_.aov_mode == AOV_MODE_FULL_CONTENT;
@@ -476,6 +477,8 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     trace_->recordf(kKern, "%s -> 0 header=[%u, %u, %u, %u, %u, %u] sections written %d",
                     head.c_str(), query.header[0], query.header[1], query.header[2],
                     query.header[3], query.header[4], query.header[5], sections);
+    last_.dequeue_began = began;
+    last_.dequeue_ended = std::chrono::steady_clock::now();
     return 0;
 }
 
@@ -500,7 +503,7 @@ int SimDriver::areaFault(int section, const std::string& head) {
 }
 
 int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
-                               UserMemory& user) {
+                               UserMemory& user, std::chrono::steady_clock::time_point began) {
     const Pending event = pending_.front();
     const ScriptedEvent& scripted = params_.script[static_cast<size_t>(event.scripted)];
     unsigned written = 0;
@@ -527,6 +530,8 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
     trace_->recordf(kKern, "%s -> 0 header=[%u, %u, %u, %u, %u, %u] scripted event %d",
                     head.c_str(), query.header[0], query.header[1], query.header[2],
                     query.header[3], query.header[4], query.header[5], event.scripted + 1);
+    last_.dequeue_began = began;
+    last_.dequeue_ended = std::chrono::steady_clock::now();
     return 0;
 }
 
@@ -557,7 +562,7 @@ void SimDriver::produceEvent() {
     ++stats_.produced;
     signalLocked();
     if (TimelineHooks* timeline = trace_->timeline()) {
-        timeline->eventQueued(seq, pending_.size(), overwrote);
+        timeline->eventQueued(seq, pending_.back().produced_at, pending_.size(), overwrote);
     }
 }
 

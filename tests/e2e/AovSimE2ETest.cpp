@@ -74,6 +74,30 @@ uint64_t numberAfter(const RunResult& run, const std::string& label) {
     return std::strtoull(run.output.c_str() + at + label.size(), nullptr, 10);
 }
 
+// The count that ends the summary line beginning with `label`, as in
+// "... (5 events)"; fails the test when the line is missing.
+uint64_t eventsOfLine(const RunResult& run, const std::string& label) {
+    const size_t at = run.at(label);
+    if (at == std::string::npos) {
+        ADD_FAILURE() << "missing: \"" << label << "\"";
+        return UINT64_MAX;
+    }
+    const size_t open = run.output.rfind('(', run.output.find('\n', at));
+    return std::strtoull(run.output.c_str() + open + 1, nullptr, 10);
+}
+
+// Every timed event is also broken down into its stages, with or without a
+// timeline; only an event overwritten after the monitor woke for it can be
+// left out.
+void expectEveryTimedEventBrokenDown(const RunResult& run) {
+    const uint64_t timed = eventsOfLine(run, "latency from descriptor signal to callback return: ");
+    const uint64_t brokenDown = eventsOfLine(run, "latency breakdown: wake p50 ");
+    EXPECT_GE(brokenDown, 1u) << run.output;
+    if (numberAfter(run, "overwritten in the driver queue ") == 0) {
+        EXPECT_EQ(brokenDown, timed) << run.output;
+    }
+}
+
 // The library's error lines, in order (as aov-sim prints them).
 std::vector<std::string> libraryErrorLines(const RunResult& run) {
     std::vector<std::string> lines;
@@ -217,6 +241,7 @@ TEST_P(Kernel, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
     EXPECT_EQ(run.count("s1_info=32768 s4_info=[737312, 320, 240, "), events) << run.output;
     EXPECT_TRUE(run.has("summary: events delivered " + std::to_string(events) + ",")) << run.output;
     EXPECT_TRUE(run.has("content mismatches 0")) << run.output;
+    expectEveryTimedEventBrokenDown(run);
 
     // The only library errors allowed are the pairs of notifications that came
     // before the event buffer existed; each one made the monitor back off
@@ -369,6 +394,7 @@ TEST_P(ScriptedEvents, ReachTheCallbackAsTheCopyRulesSay) {
         << run.output;
     // Event 3 is queued at frame 5: frames 3 and 4 queue nothing.
     EXPECT_TRUE(run.has("events delivered 3, dropped 0 of 3 produced")) << run.output;
+    expectEveryTimedEventBrokenDown(run);
     uint64_t pairs = 0;
     EXPECT_TRUE(onlyWindowPairsAnd(run, {}, &pairs)) << run.output;
 }

@@ -258,6 +258,34 @@ TEST(EpollEventMonitorTest, BacklogIsDeliveredBackToBackWhileEachNotificationPro
     EXPECT_EQ(monitor.stats().stalls, 0u);
 }
 
+TEST(EpollEventMonitorTest, EachNotificationSeesItsOwnWakeAndEntryTimes) {
+    TestObserver observer;
+    EpollEventMonitor monitor(0, BackoffPolicy(), progressOf(observer));
+    // Written on the monitor thread; read once the observer has been removed.
+    std::vector<aovsim::NotificationTimes> seen;
+    observer.onNotify = [&] {
+        aovsim::NotificationTimes times;
+        if (monitor.currentNotification(&times)) {
+            seen.push_back(times);
+        }
+    };
+    observer.signal(3);
+    ASSERT_EQ(monitor.addObserver(&observer, -1), 0);
+    ASSERT_TRUE(observer.waitForCount(3));
+    ASSERT_EQ(monitor.removeObserver(&observer, -1), 0);
+    aovsim::NotificationTimes outside;
+    EXPECT_FALSE(monitor.currentNotification(&outside));
+    ASSERT_EQ(seen.size(), 3u);
+    for (size_t i = 0; i < seen.size(); ++i) {
+        EXPECT_LE(seen[i].woke, seen[i].notified) << i;
+        EXPECT_LE(seen[i].notified, observer.times[i]) << i;
+        if (i > 0) {
+            // A backlog: each notification follows a wake-up of its own.
+            EXPECT_LE(observer.times[i - 1], seen[i].woke) << i;
+        }
+    }
+}
+
 TEST(EpollEventMonitorTest, WithoutAProbeASignalledDescriptorAlwaysBacksOff) {
     TestObserver observer;
     EpollEventMonitor monitor(0, BackoffPolicy{milliseconds(1), milliseconds(2)});

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -158,11 +159,20 @@ TEST_F(SimDriverTest, DescriptorIsReadableExactlyWhileEventsArePending) {
     EXPECT_EQ(query.header[0], 2u);
     EXPECT_EQ(query.header[4], 1u);  // overruns so far
     EXPECT_TRUE(readable());
+    const auto before = std::chrono::steady_clock::now();
     ASSERT_EQ(dequeue(query), 0);
+    const auto after = std::chrono::steady_clock::now();
     EXPECT_EQ(query.header[0], 3u);
     EXPECT_FALSE(readable());
+    // The mark times the request that handed the event out; a failed one leaves it.
+    const DequeueMark mark = driver_->lastDequeue();
+    EXPECT_LE(mark.produced_at, before);
+    EXPECT_LE(before, mark.dequeue_began);
+    EXPECT_LE(mark.dequeue_began, mark.dequeue_ended);
+    EXPECT_LE(mark.dequeue_ended, after);
     EXPECT_EQ(dequeue(query), -EAGAIN);
     EXPECT_EQ(driver_->lastDequeue().sequence, 3u);
+    EXPECT_EQ(driver_->lastDequeue().dequeue_began, mark.dequeue_began);
 
     // A stop discards what is pending.
     driver_->produceEvent();

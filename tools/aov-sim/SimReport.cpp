@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstdlib>
 
+#include "LatencyBreakdown.h"
 #include "aovhost/Binding.h"
 #include "aovsim/EventContent.h"
 #include "aovsim/Trace.h"
@@ -16,20 +16,6 @@ namespace {
 
 using aovsim::format;
 using aovsim::TraceSource;
-
-// Nearest-rank percentile of sorted samples.
-double percentile(const std::vector<double>& sorted, double p) {
-    const auto rank =
-        static_cast<size_t>(std::ceil(p / 100.0 * static_cast<double>(sorted.size())));
-    return sorted[rank == 0 ? 0 : rank - 1];
-}
-
-// "p50 0.212 ms, p99 0.234 ms" of microsecond samples, sorted here.
-std::string percentiles(std::vector<double> samples) {
-    std::sort(samples.begin(), samples.end());
-    return format("p50 %.3f ms, p99 %.3f ms", percentile(samples, 50) / 1000.0,
-                  percentile(samples, 99) / 1000.0);
-}
 
 }  // namespace
 
@@ -76,6 +62,9 @@ std::unique_ptr<EventMonitor> SimReport::makeMonitor(int verbosity,
 }
 
 void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) {
+    const auto entry = std::chrono::steady_clock::now();
+    aovsim::NotificationTimes notification;
+    const bool notified = monitor_ != nullptr && monitor_->currentNotification(&notification);
     aovsim::DriverStatus status;
     const aovsim::DequeueMark mark = driver_.read(&status) ? status.last : aovsim::DequeueMark();
     const uint32_t* h = event.header;
@@ -133,6 +122,10 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
             latencies_us_.push_back(
                 std::chrono::duration<double, std::micro>(now - mark.produced_at).count());
         }
+        if (latest && notified) {
+            breakdown_.add({mark.produced_at, notification.woke, notification.notified,
+                            mark.dequeue_began, mark.dequeue_ended, entry, now});
+        }
     }
     if (timeline_ != nullptr) {
         timeline_->callbackReturn(number);
@@ -146,10 +139,12 @@ void SimReport::summary(uint64_t delivered) {
     const aovsim::PlatformSnapshot platform = sim_.platform().snapshot();
     uint64_t mismatches;
     std::vector<double> latencies;
+    LatencyBreakdown breakdown;
     {
         std::lock_guard<std::mutex> guard(mutex_);
         mismatches = content_mismatches_;
         latencies = latencies_us_;
+        breakdown = breakdown_;
     }
     const auto u = [](uint64_t value) { return static_cast<unsigned long long>(value); };
     const uint64_t dropped = stats.produced > delivered ? stats.produced - delivered : 0;
@@ -171,16 +166,8 @@ void SimReport::summary(uint64_t delivered) {
                    percentile(latencies, 50) / 1000.0, percentile(latencies, 99) / 1000.0,
                    latencies.size()));
     }
+    say("summary: " + breakdown.line());
     if (timeline_ != nullptr) {
-        const Timeline::Breakdown b = timeline_->breakdown();
-        if (b.wake.empty()) {
-            say("summary: latency breakdown: no samples");
-        } else {
-            say("summary: latency breakdown: wake " + percentiles(b.wake) +
-                "; dequeue in the driver " + percentiles(b.dequeue) + "; library " +
-                percentiles(b.library) + "; callback " + percentiles(b.callback) +
-                format(" (%zu events)", b.wake.size()));
-        }
         timeline_->setCounts(nlohmann::json{{"events_delivered", delivered},
                                             {"events_produced", stats.produced},
                                             {"events_dropped", dropped},

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "DriverProbe.h"
+#include "LatencyBreakdown.h"
 #include "SessionReport.h"
 #include "Timeline.h"
 #include "aovsim/EpollEventMonitor.h"
@@ -15,8 +16,9 @@ namespace aovsimtool {
 // aov-sim's report of a session: the system layer's lines go to the
 // simulation's trace; each delivered event is checked against the content the
 // simulated driver wrote (for scripted events, against the library's copy
-// rules applied to the script) and timed from the driver's signal to the callback;
-// the summary adds the driver's, the platform's and the monitor's counts.
+// rules applied to the script) and timed from the driver's signal to the callback,
+// stage by stage; the summary adds the driver's, the platform's and the
+// monitor's counts.
 class SimReport final : public SessionReport {
   public:
     // `driver` tells what the driver did; `timeline`, when given, records the
@@ -42,6 +44,7 @@ class SimReport final : public SessionReport {
     std::mutex mutex_;
     uint64_t content_mismatches_ = 0;
     std::vector<double> latencies_us_;
+    LatencyBreakdown breakdown_;
     // With a script: what the callback's buffer should hold, event by event.
     std::unique_ptr<aovsim::ExpectedBuffer> expected_;
     bool image_callback_ = true;

@@ -95,30 +95,42 @@ Timeline::Role Timeline::roleLocked() const {
     return kRoleOther;
 }
 
-void Timeline::addLocked(char phase, int tid, Clock::time_point begin, Clock::time_point end,
-                         std::string name, json args) {
+size_t Timeline::addLocked(char phase, int tid, Clock::time_point begin, Clock::time_point end,
+                           std::string name, json args) {
     if (finished_) {
-        return;
+        return kNoRecord;
     }
     if (records_.size() >= kMaxRecords) {
         ++records_dropped_;
-        return;
+        return kNoRecord;
     }
     tracks_used_[static_cast<size_t>(tid)] = true;
     records_.push_back(Record{phase, tid, sinceStart(begin), sinceStart(end) - sinceStart(begin),
                               std::move(name), std::move(args)});
+    return records_.size() - 1;
+}
+
+void Timeline::flowLocked(size_t record, uint64_t flow, bool in, bool out) {
+    if (record < records_.size()) {
+        records_[record].flow = flow;
+        records_[record].flow_in = in;
+        records_[record].flow_out = out;
+    }
 }
 
 void Timeline::eventCountersLocked(Clock::time_point now) {
     addLocked('C', 0, now, now, "events", json{{"delivered", delivered_}, {"dropped", dropped_}});
 }
 
-void Timeline::eventQueued(uint32_t sequence, size_t depth, bool overwrote) {
+void Timeline::eventQueued(uint32_t sequence, Clock::time_point at, size_t depth, bool overwrote) {
     const Clock::time_point now = Clock::now();
     std::lock_guard<std::mutex> guard(mutex_);
     timer_thread_ = std::this_thread::get_id();
-    addLocked('i', kTimer, now, now, "signal #" + std::to_string(sequence),
-              json{{"sequence", sequence}});
+    const size_t signal = addLocked('i', kTimer, at, at, "signal #" + std::to_string(sequence),
+                                    json{{"sequence", sequence}});
+    if (signal != kNoRecord) {
+        signal_records_[at.time_since_epoch().count()] = signal;
+    }
     addLocked('C', 0, now, now, "driver queue depth", json{{"pending", depth}});
     if (overwrote) {
         ++dropped_;
@@ -136,12 +148,11 @@ void Timeline::queueDepth(size_t depth, uint64_t dropped) {
     }
 }
 
-void Timeline::monitorWoke() {
-    const Clock::time_point now = Clock::now();
+void Timeline::monitorWoke(Clock::time_point at) {
     std::lock_guard<std::mutex> guard(mutex_);
     monitor_thread_ = std::this_thread::get_id();
-    wake_ = now;
-    addLocked('i', kMonitor, now, now, "wake");
+    wake_ = at;
+    wake_record_ = addLocked('i', kMonitor, at, at, "wake");
 }
 
 void Timeline::platformCall(const char* name, Clock::time_point begin) {
@@ -222,12 +233,17 @@ void Timeline::notifyEntry() {
     std::lock_guard<std::mutex> guard(mutex_);
     notify_ = now;
     dequeued_ = false;
+    notify_flow_ = 0;
 }
 
 void Timeline::notifyExit(Clock::time_point begin) {
     const Clock::time_point now = Clock::now();
     std::lock_guard<std::mutex> guard(mutex_);
-    addLocked('X', kMonitor, begin, now, "notifyEvent");
+    const size_t notify = addLocked('X', kMonitor, begin, now, "notifyEvent");
+    if (notify_flow_ != 0) {
+        flowLocked(notify, notify_flow_, true, true);
+        notify_flow_ = 0;
+    }
 }
 
 void Timeline::callbackEntry(uint32_t sequence, bool matched, Clock::time_point signal) {
@@ -256,22 +272,26 @@ void Timeline::callbackReturn(uint64_t number) {
                       {"dequeue_return", at(dequeue_end_)},
                       {"callback_entry", at(callback_)},
                       {"callback_return", at(now)}};
-        const auto us = [](Clock::duration d) {
-            return std::chrono::duration<double, std::micro>(d).count();
-        };
-        const Clock::duration dequeue = dequeue_end_ - dequeue_begin_;
-        breakdown_.wake.push_back(us(wake_ - signal_));
-        breakdown_.dequeue.push_back(us(dequeue));
-        breakdown_.library.push_back(us(callback_ - notify_ - dequeue));
-        breakdown_.callback.push_back(us(now - callback_));
     }
-    addLocked('X', kMonitor, callback_, now, "callback #" + std::to_string(number),
-              json{{"event", number}, {"sequence", sequence_}, {"stages", stages}});
-}
-
-Timeline::Breakdown Timeline::breakdown() const {
-    std::lock_guard<std::mutex> guard(mutex_);
-    return breakdown_;
+    const size_t callback =
+        addLocked('X', kMonitor, callback_, now, "callback #" + std::to_string(number),
+                  json{{"event", number}, {"sequence", sequence_}, {"stages", stages}});
+    if (!complete) {
+        return;
+    }
+    // The flow: signal, wake, notifyEvent (on its exit), callback. Signals
+    // stamped up to this one are dequeued or lost by now.
+    const auto signal = signal_records_.find(signal_.time_since_epoch().count());
+    if (signal != signal_records_.end() && wake_record_ != kNoRecord && callback != kNoRecord &&
+        records_[wake_record_].flow == 0) {
+        const uint64_t flow = ++flows_;
+        flowLocked(signal->second, flow, false, true);
+        flowLocked(wake_record_, flow, true, true);
+        flowLocked(callback, flow, true, false);
+        notify_flow_ = flow;
+    }
+    signal_records_.erase(signal_records_.begin(),
+                          signal_records_.upper_bound(signal_.time_since_epoch().count()));
 }
 
 void Timeline::setCounts(json counts) {
@@ -325,6 +345,16 @@ bool Timeline::finish(std::string* problem) {
         }
         if (!record.args.is_null()) {
             event["args"] = record.args;
+        }
+        if (record.flow != 0) {
+            event["bind_id"] =
+                aovsim::format("0x%llx", static_cast<unsigned long long>(record.flow));
+            if (record.flow_in) {
+                event["flow_in"] = true;
+            }
+            if (record.flow_out) {
+                event["flow_out"] = true;
+            }
         }
         text = ",\n" + dump(event);
         if (!ok || std::fputs(text.c_str(), file_) < 0) {

@@ -6,7 +6,9 @@
 // inferred from outside), tracks for the kernel requests and the platform
 // calls of each calling thread, a slice for every call, each event's stages,
 // counters of the driver's queue and of the events, and markers for the
-// library's error lines and the injected failures. Times are steady_clock,
+// library's error lines and the injected failures, and for each event with
+// all its stages a flow from the driver's signal through the monitor's wake
+// and the notifyEvent slice to the callback slice. Times are steady_clock,
 // relative to the timeline's creation.
 //
 // Records are kept in memory, at most kMaxRecords of them, and written out by
@@ -15,6 +17,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <nlohmann/json.hpp>
@@ -41,9 +44,10 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
     Timeline(const Timeline&) = delete;
     Timeline& operator=(const Timeline&) = delete;
 
-    void eventQueued(uint32_t sequence, size_t depth, bool overwrote) override;
+    void eventQueued(uint32_t sequence, Clock::time_point at, size_t depth,
+                     bool overwrote) override;
     void queueDepth(size_t depth, uint64_t dropped) override;
-    void monitorWoke() override;
+    void monitorWoke(Clock::time_point at) override;
     void platformCall(const char* name, Clock::time_point begin) override;
     void libraryError(const char* text) override;
     void libraryCall(const char* name, Clock::time_point begin, long long result) override;
@@ -62,14 +66,6 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
     // when `matched`), and returns.
     void callbackEntry(uint32_t sequence, bool matched, Clock::time_point signal);
     void callbackReturn(uint64_t number);
-
-    // Per delivered event, in microseconds: driver signal to monitor wake; the
-    // driver's dequeue; notifyEvent entry to callback entry less the dequeue;
-    // the callback.
-    struct Breakdown {
-        std::vector<double> wake, dequeue, library, callback;
-    };
-    Breakdown breakdown() const;
 
     // The session's counts as its summary gives them, kept in the file.
     void setCounts(nlohmann::json counts);
@@ -94,13 +90,20 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
         int64_t dur_ns;
         std::string name;
         nlohmann::json args;
+        // The flow through this record, 0 for none; arrives and leaves here.
+        uint64_t flow = 0;
+        bool flow_in = false;
+        bool flow_out = false;
     };
+    static constexpr size_t kNoRecord = static_cast<size_t>(-1);
 
     Timeline(std::FILE* file, std::string path);
     int64_t sinceStart(Clock::time_point t) const;
     Role roleLocked() const;
-    void addLocked(char phase, int tid, Clock::time_point begin, Clock::time_point end,
-                   std::string name, nlohmann::json args = nlohmann::json());
+    // The new record's index, or kNoRecord when it was not kept.
+    size_t addLocked(char phase, int tid, Clock::time_point begin, Clock::time_point end,
+                     std::string name, nlohmann::json args = nlohmann::json());
+    void flowLocked(size_t record, uint64_t flow, bool in, bool out);
     void eventCountersLocked(Clock::time_point now);
 
     std::FILE* file_;
@@ -130,15 +133,20 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
     uint64_t delivered_ = 0;
     uint64_t dropped_ = 0;
 
+    // The signal markers of the events still queued, by the driver's stamp.
+    std::map<Clock::rep, size_t> signal_records_;
+    uint64_t flows_ = 0;
+
     // The notification in progress on the monitor thread.
     Clock::time_point wake_{};
+    size_t wake_record_ = kNoRecord;
+    uint64_t notify_flow_ = 0;  // the flow its notifyEvent slice passes on
     Clock::time_point notify_{};
     bool dequeued_ = false;
     Clock::time_point dequeue_begin_{}, dequeue_end_{};
     uint32_t sequence_ = 0;
     bool matched_ = false;
     Clock::time_point signal_{}, callback_{};
-    Breakdown breakdown_;
 };
 
 // The driver's node with each request timed for the timeline.

@@ -48,6 +48,13 @@ struct MonitorStats {
     std::chrono::milliseconds longest_backoff{0};
 };
 
+// When the notification running now began: the return from the wait that
+// found its descriptor readable, and the call of notifyEvent.
+struct NotificationTimes {
+    std::chrono::steady_clock::time_point woke;
+    std::chrono::steady_clock::time_point notified;
+};
+
 class EpollEventMonitor final : public EventMonitor {
   public:
     // A counter that moves whenever a notification got somewhere (say, the
@@ -74,6 +81,9 @@ class EpollEventMonitor final : public EventMonitor {
 
     uint64_t notifications() const;
     MonitorStats stats() const;
+    // From inside a notification (that is, on the monitor thread): its times,
+    // and true. Elsewhere false, `times` untouched.
+    bool currentNotification(NotificationTimes* times) const;
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -107,6 +117,9 @@ class EpollEventMonitor final : public EventMonitor {
     EventObserver* busy_ = nullptr;  // observer whose notification is running
     MonitorStats stats_;
     bool stopping_ = false;
+    // Touched only on the monitor thread: two clock reads per notification.
+    bool notifying_ = false;
+    NotificationTimes current_;
     std::thread thread_;
 };
 

@@ -56,6 +56,9 @@ struct DequeueMark {
     uint32_t sequence = 0;
     std::chrono::steady_clock::time_point produced_at;
     int scripted = -1;  // index into the driver's script, -1 for a generated event
+    // When the driver began handling the DEQUEUE_EVENT that handed it out, and
+    // when it was done (event written, trace line out).
+    std::chrono::steady_clock::time_point dequeue_began, dequeue_ended;
 };
 
 class SimDriver final : public aovhost::EmulatedNode {
@@ -111,9 +114,10 @@ class SimDriver final : public aovhost::EmulatedNode {
     // Ends the session: by the STOP request, or implicitly when the node is released.
     int stop(bool byRequest);
     int dequeue(uint8_t* record, UserMemory& user);
-    // With mutex_ held: dequeues the pending event, which is a scripted one.
+    // With mutex_ held: dequeues the pending event, which is a scripted one,
+    // for a request whose handling began at `began`.
     int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
-                        UserMemory& user);
+                        UserMemory& user, std::chrono::steady_clock::time_point began);
     // With mutex_ held: the event just taken out could not be written to the
     // caller's memory at section `section` (1-based); it is lost.
     int areaFault(int section, const std::string& head);
