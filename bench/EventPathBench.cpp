@@ -194,6 +194,7 @@ struct Completion {
     std::mutex mutex;
     std::condition_variable finished;
     bool done = false;
+    void* buffer = nullptr;  // what an allocating task made
 };
 
 void* completeTask(void* context) {
@@ -204,24 +205,49 @@ void* completeTask(void* context) {
     return nullptr;
 }
 
-void BM_Start_Baseline_DetachedPthreadWait(benchmark::State& state) {
+// The buffer allocated and zeroed on the new thread, as the library's buffer task does.
+void* allocateTask(void* context) {
+    auto* completion = static_cast<Completion*>(context);
+    void* buffer = ::operator new(kEventBufferSize);
+    std::memset(buffer, 0, kEventBufferSize);
+    std::lock_guard<std::mutex> guard(completion->mutex);
+    completion->buffer = buffer;
+    completion->done = true;
+    completion->finished.notify_all();
+    return nullptr;
+}
+
+// Launches `task` on a detached pthread and waits for it, per iteration; the
+// buffer it made, if any, is freed on the caller's thread, as stopDevice does.
+void detachedTaskLoop(benchmark::State& state, void* (*task)(void*)) {
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
     for (auto _ : state) {
         Completion completion;
         pthread_t thread;
-        if (pthread_create(&thread, &attr, completeTask, &completion) != 0) {
+        if (pthread_create(&thread, &attr, task, &completion) != 0) {
             state.SkipWithError("pthread_create failed");
             break;
         }
         std::unique_lock<std::mutex> lock(completion.mutex);
         completion.finished.wait(lock, [&completion] { return completion.done; });
+        ::operator delete(completion.buffer);
     }
     pthread_attr_destroy(&attr);
     state.SetItemsProcessed(state.iterations());
 }
+
+void BM_Start_Baseline_DetachedPthreadWait(benchmark::State& state) {
+    detachedTaskLoop(state, completeTask);
+}
 BENCHMARK(BM_Start_Baseline_DetachedPthreadWait)->Unit(benchmark::kMicrosecond);
+
+// Both together: what startDevice and stopDevice do, without the library.
+void BM_Start_Baseline_DetachedPthreadAllocatesBuffer(benchmark::State& state) {
+    detachedTaskLoop(state, allocateTask);
+}
+BENCHMARK(BM_Start_Baseline_DetachedPthreadAllocatesBuffer)->Unit(benchmark::kMicrosecond);
 
 // The buffer's zero fill on the caller's thread: on pages never touched before
 // (mapped and unmapped each time), through the allocator as the library
