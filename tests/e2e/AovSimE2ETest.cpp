@@ -492,6 +492,21 @@ TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWi
         << run.output;
 }
 
+TEST_F(UserStartedServer, AnAnswerTheKernelRefusesCostsOneEventAndTheSessionGoesOn) {
+    // The second dequeue is answered with more bytes than its code allows.
+    start({"--overlong-reply-at-dequeue", "2"});
+    const RunResult run = runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3"});
+    EXPECT_EQ(run.exit_code, 0) << run.output;
+    EXPECT_EQ(run.count("[evt ] #"), 3u) << run.output;
+    uint64_t pairs = 0;
+    EXPECT_TRUE(onlyWindowPairsAnd(
+        run, {"ERROR: failed to query evice event: -5 (", "ERROR: failed to query event: -5 ("},
+        &pairs))
+        << run.output;
+    EXPECT_TRUE(run.has("ERROR: failed to query event: -5 (")) << run.output;
+    EXPECT_TRUE(run.has("stopDevice() -> 0")) << run.output;
+}
+
 TEST(AovSimE2ETest, ANodeNobodyServesEndsInExitTwoWithOneLine) {
     const std::string dir = ::testing::TempDir() + "aovsim_no_kdev";
     ::mkdir(dir.c_str(), 0700);
