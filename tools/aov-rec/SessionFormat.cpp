@@ -1,0 +1,191 @@
+#include "SessionFormat.h"
+
+#include <initializer_list>
+
+#include "kelo_aov.h"
+
+namespace aovrec {
+namespace {
+
+struct CrcTable {
+    uint32_t entry[256];
+    constexpr CrcTable() : entry() {
+        for (uint32_t i = 0; i < 256; ++i) {
+            uint32_t c = i;
+            for (int k = 0; k < 8; ++k) {
+                c = (c & 1u) != 0 ? 0xEDB88320u ^ (c >> 1) : c >> 1;
+            }
+            entry[i] = c;
+        }
+    }
+};
+constexpr CrcTable kCrc;
+
+void putLe(uint8_t* at, uint64_t v, int n) {
+    for (int i = 0; i < n; ++i) {
+        at[i] = static_cast<uint8_t>(v >> (8 * i));
+    }
+}
+
+uint64_t getLe(const uint8_t* at, int n) {
+    uint64_t v = 0;
+    for (int i = 0; i < n; ++i) {
+        v |= static_cast<uint64_t>(at[i]) << (8 * i);
+    }
+    return v;
+}
+
+}  // namespace
+
+uint32_t crc32(const void* data, size_t size, uint32_t crc) {
+    const auto* p = static_cast<const uint8_t*>(data);
+    crc = ~crc;
+    for (size_t i = 0; i < size; ++i) {
+        crc = kCrc.entry[(crc ^ p[i]) & 0xFFu] ^ (crc >> 8);
+    }
+    return ~crc;
+}
+
+uint64_t fnv1a64(const void* data, size_t size) {
+    const auto* p = static_cast<const uint8_t*>(data);
+    uint64_t hash = 0xCBF29CE484222325ull;
+    for (size_t i = 0; i < size; ++i) {
+        hash ^= p[i];
+        hash *= 0x100000001B3ull;
+    }
+    return hash;
+}
+
+void encodeHeader(const FileHeader& header, uint8_t out[kHeaderSize]) {
+    std::memset(out, 0, kHeaderSize);
+    std::memcpy(out, kMagic, sizeof(kMagic));
+    putLe(out + 8, header.version, 2);
+    putLe(out + 10, kHeaderSize, 2);
+    out[12] = static_cast<uint8_t>(header.content);
+    out[13] = static_cast<uint8_t>(header.compression);
+    putLe(out + 16, header.start_ns, 8);
+    putLe(out + 24, header.pid, 4);
+    putLe(out + 28, crc32(out, 28), 4);
+}
+
+HeaderCheck decodeHeader(const uint8_t in[kHeaderSize], FileHeader* out) {
+    if (std::memcmp(in, kMagic, sizeof(kMagic)) != 0) {
+        return HeaderCheck::BadMagic;
+    }
+    if (getLe(in + 28, 4) != crc32(in, 28)) {
+        return HeaderCheck::BadCrc;
+    }
+    const auto version = static_cast<uint16_t>(getLe(in + 8, 2));
+    if (version != kVersion) {
+        return HeaderCheck::BadVersion;
+    }
+    if (getLe(in + 10, 2) != kHeaderSize || in[12] > static_cast<uint8_t>(ContentMode::All) ||
+        in[13] > static_cast<uint8_t>(Compression::Zstd) || in[14] != 0 || in[15] != 0) {
+        return HeaderCheck::BadField;
+    }
+    out->version = version;
+    out->content = static_cast<ContentMode>(in[12]);
+    out->compression = static_cast<Compression>(in[13]);
+    out->start_ns = getLe(in + 16, 8);
+    out->pid = static_cast<uint32_t>(getLe(in + 24, 4));
+    return HeaderCheck::Ok;
+}
+
+void encodeFrameHeader(const FrameHeader& frame, uint8_t out[kFrameHeaderSize]) {
+    putLe(out, frame.stored_len, 4);
+    putLe(out + 4, frame.raw_len, 4);
+    putLe(out + 8, frame.type, 2);
+    putLe(out + 10, frame.flags, 2);
+    putLe(out + 12, frame.crc, 4);
+}
+
+FrameHeader decodeFrameHeader(const uint8_t in[kFrameHeaderSize]) {
+    FrameHeader frame;
+    frame.stored_len = static_cast<uint32_t>(getLe(in, 4));
+    frame.raw_len = static_cast<uint32_t>(getLe(in + 4, 4));
+    frame.type = static_cast<uint16_t>(getLe(in + 8, 2));
+    frame.flags = static_cast<uint16_t>(getLe(in + 10, 2));
+    frame.crc = static_cast<uint32_t>(getLe(in + 12, 4));
+    return frame;
+}
+
+uint32_t keptAreaBytes(ContentMode mode, size_t section, uint32_t first_info_word) {
+    if (section >= kSections) {
+        return 0;
+    }
+    const uint32_t size = aov_event_sections[section].data_size;
+    switch (mode) {
+        case ContentMode::All:
+            return size;
+        case ContentMode::Written:
+            return first_info_word < size ? first_info_word : size;
+        case ContentMode::None:
+            break;
+    }
+    return 0;
+}
+
+const char* contentModeName(ContentMode mode) {
+    switch (mode) {
+        case ContentMode::None:
+            return "none";
+        case ContentMode::Written:
+            return "written";
+        case ContentMode::All:
+            return "all";
+    }
+    return "?";
+}
+
+bool parseContentMode(const char* text, ContentMode* out) {
+    for (const ContentMode mode : {ContentMode::None, ContentMode::Written, ContentMode::All}) {
+        if (text != nullptr && std::strcmp(text, contentModeName(mode)) == 0) {
+            *out = mode;
+            return true;
+        }
+    }
+    return false;
+}
+
+const char* requestName(uint32_t code) {
+    switch (code) {
+        case AOV_IOC_START:
+            return "START";
+        case AOV_IOC_SENSOR_ON:
+            return "SENSOR_ON";
+        case AOV_IOC_SENSOR_OFF:
+            return "SENSOR_OFF";
+        case AOV_IOC_DEQUEUE_EVENT:
+            return "DEQUEUE_EVENT";
+        case AOV_IOC_STOP:
+            return "STOP";
+        case AOV_IOC_ULPOSC3_ON:
+            return "ULPOSC3_ON";
+        case AOV_IOC_ULPOSC3_OFF:
+            return "ULPOSC3_OFF";
+        default:
+            return nullptr;
+    }
+}
+
+void putCall(ByteWriter& out, const CallInfo& call) {
+    out.u64(call.begin_ns);
+    out.u64(call.end_ns);
+    out.u32(call.tid);
+    out.u32(static_cast<uint32_t>(call.fd));
+    out.u32(static_cast<uint32_t>(call.result));
+    out.u32(static_cast<uint32_t>(call.err));
+}
+
+CallInfo getCall(ByteReader& in) {
+    CallInfo call;
+    call.begin_ns = in.u64();
+    call.end_ns = in.u64();
+    call.tid = in.u32();
+    call.fd = in.i32();
+    call.result = in.i32();
+    call.err = in.i32();
+    return call;
+}
+
+}  // namespace aovrec

@@ -1,0 +1,120 @@
+// aov-rec: records the AOV node's traffic of a process into a session file,
+// prints a session file, and retraces it against a node.
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "Commands.h"
+
+namespace {
+
+constexpr char kUsage[] =
+    "usage: aov-rec record [-o FILE] [--content all|written|none] -- COMMAND [ARGS...]\n"
+    "       aov-rec dump FILE\n"
+    "       aov-rec info FILE\n"
+    "       aov-rec retrace FILE [-d PATH] [--ready-timeout MS]\n";
+
+int usage(const char* problem, const char* detail = "") {
+    std::fprintf(stderr, "aov-rec: %s%s\n%s", problem, detail, kUsage);
+    return aovrec::kExitBadInput;
+}
+
+bool parseMs(const char* text, int* out) {
+    char* end = nullptr;
+    const long v = std::strtol(text, &end, 10);
+    if (end == text || *end != '\0' || v < 0 || v > 3600000) {
+        return false;
+    }
+    *out = static_cast<int>(v);
+    return true;
+}
+
+int record(int argc, char** argv) {
+    std::string out = "aov-session.rec";
+    aovrec::ContentMode content = aovrec::ContentMode::Written;
+    int i = 2;
+    for (; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--") {
+            ++i;
+            break;
+        }
+        if ((arg == "-o" || arg == "--content") && i + 1 >= argc) {
+            return usage(arg.c_str(), " needs a value");
+        }
+        if (arg == "-o") {
+            out = argv[++i];
+        } else if (arg == "--content") {
+            if (!aovrec::parseContentMode(argv[++i], &content)) {
+                return usage("--content must be all, written or none, not ", argv[i]);
+            }
+        } else {
+            return usage("record: unknown option ", arg.c_str());
+        }
+    }
+    if (i >= argc) {
+        return usage("record: no command after --");
+    }
+    if (out.empty()) {
+        return usage("-o: empty file name");
+    }
+    return aovrec::runRecord(out, content, std::vector<std::string>(argv + i, argv + argc), stderr);
+}
+
+int retrace(int argc, char** argv) {
+    aovrec::RetraceOptions options;
+    std::string file;
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if ((arg == "-d" || arg == "--ready-timeout") && i + 1 >= argc) {
+            return usage(arg.c_str(), " needs a value");
+        }
+        if (arg == "-d") {
+            options.node = argv[++i];
+        } else if (arg == "--ready-timeout") {
+            if (!parseMs(argv[++i], &options.ready_timeout_ms)) {
+                return usage("--ready-timeout must be 0 to 3600000 ms, not ", argv[i]);
+            }
+        } else if (!arg.empty() && arg[0] == '-') {
+            return usage("retrace: unknown option ", arg.c_str());
+        } else if (file.empty()) {
+            file = arg;
+        } else {
+            return usage("retrace: more than one file");
+        }
+    }
+    if (file.empty()) {
+        return usage("retrace: no session file");
+    }
+    return aovrec::runRetrace(file, options, stdout, stderr);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        return usage("no command");
+    }
+    const std::string command = argv[1];
+    if (command == "record") {
+        return record(argc, argv);
+    }
+    if (command == "retrace") {
+        return retrace(argc, argv);
+    }
+    if (command == "dump" || command == "info") {
+        if (argc != 3) {
+            return usage(argv[1], ": one session file");
+        }
+        return command == "dump" ? aovrec::runDump(argv[2], stdout, stderr)
+                                 : aovrec::runInfo(argv[2], stdout, stderr);
+    }
+    if (command == "-h" || command == "--help") {
+        std::fputs(kUsage, stdout);
+        return 0;
+    }
+    return usage("unknown command ", argv[1]);
+}
