@@ -7,7 +7,7 @@ set -euo pipefail
 seconds=${1:-60}
 cd "$(dirname "$0")/.."
 
-targets=(catalogue_fuzz event_copy_fuzz scenario_fuzz options_fuzz)
+targets=(catalogue_fuzz event_copy_fuzz scenario_fuzz options_fuzz session_fuzz)
 crashes=build/fuzz/crashes
 
 bash scripts/install-deps.sh clang libclang-rt-14-dev
