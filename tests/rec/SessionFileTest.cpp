@@ -374,7 +374,7 @@ std::vector<uint8_t> frame(uint16_t type, const std::vector<uint8_t>& stored, ui
     h.flags = flags;
     uint8_t head[aovrec::kFrameHeaderSize];
     aovrec::encodeFrameHeader(h, head);
-    h.crc = aovrec::crc32(stored.data(), stored.size(), aovrec::crc32(head, 12));
+    h.check = aovrec::frameCheck(head, stored.data(), stored.size());
     aovrec::encodeFrameHeader(h, head);
     std::vector<uint8_t> out(head, head + sizeof(head));
     out.insert(out.end(), stored.begin(), stored.end());
@@ -504,6 +504,14 @@ TEST(SessionFile, HeadersThatAreNotOursSayWhy) {
     const std::vector<uint8_t> cut(whole.begin(), whole.begin() + 20);
     EXPECT_NE(verdict(cut, &next).find("cut off in the header (20 of 32 bytes)"),
               std::string::npos);
+}
+
+TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
+    EXPECT_EQ(aovrec::xxh64("", 0, 0), 0xEF46DB3751D8E999ull);
+    EXPECT_EQ(aovrec::xxh64("a", 1, 0), 0xD24EC4F1A98C6E5Bull);
+    EXPECT_EQ(aovrec::xxh64("abc", 3, 0), 0x44BC2CF5AD770999ull);
+    const char text[] = "Nobody inspects the spammish repetition";
+    EXPECT_EQ(aovrec::xxh64(text, sizeof(text) - 1, 0), 0xFBCEA83C8A378BF1ull);
 }
 
 TEST(SessionFile, TheWrittenAreaRuleCapsAtTheAreaAndSkipsUnwrittenSections) {

@@ -56,6 +56,94 @@ uint64_t fnv1a64(const void* data, size_t size) {
     return hash;
 }
 
+namespace {
+
+constexpr uint64_t kP1 = 11400714785074694791ull;
+constexpr uint64_t kP2 = 14029467366897019727ull;
+constexpr uint64_t kP3 = 1609587929392839161ull;
+constexpr uint64_t kP4 = 9650029242287828579ull;
+constexpr uint64_t kP5 = 2870177450012600261ull;
+
+uint64_t rotl(uint64_t v, int r) {
+    return (v << r) | (v >> (64 - r));
+}
+
+uint64_t load64(const uint8_t* p) {
+    uint64_t v;
+    std::memcpy(&v, p, sizeof(v));
+    return v;  // little-endian targets only, as the rest of the format
+}
+
+uint32_t load32(const uint8_t* p) {
+    uint32_t v;
+    std::memcpy(&v, p, sizeof(v));
+    return v;
+}
+
+uint64_t xxRound(uint64_t acc, uint64_t input) {
+    acc += input * kP2;
+    acc = rotl(acc, 31);
+    return acc * kP1;
+}
+
+uint64_t xxMerge(uint64_t acc, uint64_t val) {
+    acc ^= xxRound(0, val);
+    return acc * kP1 + kP4;
+}
+
+}  // namespace
+
+uint64_t xxh64(const void* data, size_t size, uint64_t seed) {
+    const auto* p = static_cast<const uint8_t*>(data);
+    const uint8_t* const end = p + size;
+    uint64_t h;
+    if (size >= 32) {
+        uint64_t v1 = seed + kP1 + kP2;
+        uint64_t v2 = seed + kP2;
+        uint64_t v3 = seed;
+        uint64_t v4 = seed - kP1;
+        const uint8_t* const limit = end - 32;
+        do {
+            v1 = xxRound(v1, load64(p));
+            v2 = xxRound(v2, load64(p + 8));
+            v3 = xxRound(v3, load64(p + 16));
+            v4 = xxRound(v4, load64(p + 24));
+            p += 32;
+        } while (p <= limit);
+        h = rotl(v1, 1) + rotl(v2, 7) + rotl(v3, 12) + rotl(v4, 18);
+        h = xxMerge(h, v1);
+        h = xxMerge(h, v2);
+        h = xxMerge(h, v3);
+        h = xxMerge(h, v4);
+    } else {
+        h = seed + kP5;
+    }
+    h += static_cast<uint64_t>(size);
+    for (; p + 8 <= end; p += 8) {
+        h ^= xxRound(0, load64(p));
+        h = rotl(h, 27) * kP1 + kP4;
+    }
+    if (p + 4 <= end) {
+        h ^= static_cast<uint64_t>(load32(p)) * kP1;
+        h = rotl(h, 23) * kP2 + kP3;
+        p += 4;
+    }
+    for (; p < end; ++p) {
+        h ^= static_cast<uint64_t>(*p) * kP5;
+        h = rotl(h, 11) * kP1;
+    }
+    h ^= h >> 33;
+    h *= kP2;
+    h ^= h >> 29;
+    h *= kP3;
+    h ^= h >> 32;
+    return h;
+}
+
+uint32_t frameCheck(const uint8_t head[kFrameHeaderSize], const void* stored, size_t size) {
+    return static_cast<uint32_t>(xxh64(stored, size, xxh64(head, 12, 0)));
+}
+
 void encodeHeader(const FileHeader& header, uint8_t out[kHeaderSize]) {
     std::memset(out, 0, kHeaderSize);
     std::memcpy(out, kMagic, sizeof(kMagic));
@@ -96,7 +184,7 @@ void encodeFrameHeader(const FrameHeader& frame, uint8_t out[kFrameHeaderSize]) 
     putLe(out + 4, frame.raw_len, 4);
     putLe(out + 8, frame.type, 2);
     putLe(out + 10, frame.flags, 2);
-    putLe(out + 12, frame.crc, 4);
+    putLe(out + 12, frame.check, 4);
 }
 
 FrameHeader decodeFrameHeader(const uint8_t in[kFrameHeaderSize]) {
@@ -105,7 +193,7 @@ FrameHeader decodeFrameHeader(const uint8_t in[kFrameHeaderSize]) {
     frame.raw_len = static_cast<uint32_t>(getLe(in + 4, 4));
     frame.type = static_cast<uint16_t>(getLe(in + 8, 2));
     frame.flags = static_cast<uint16_t>(getLe(in + 10, 2));
-    frame.crc = static_cast<uint32_t>(getLe(in + 12, 4));
+    frame.check = static_cast<uint32_t>(getLe(in + 12, 4));
     return frame;
 }
 

@@ -71,11 +71,16 @@ struct FrameHeader {
     uint32_t raw_len = 0;     // payload bytes once decoded
     uint16_t type = 0;
     uint16_t flags = 0;
-    uint32_t crc = 0;  // CRC-32 of the frame header's first 12 bytes and the stored payload
+    uint32_t check = 0;  // frameCheck() of the header's first 12 bytes and the stored payload
 };
 
 uint32_t crc32(const void* data, size_t size, uint32_t crc = 0);
 uint64_t fnv1a64(const void* data, size_t size);
+// The 64-bit xxHash of `data` (XXH64 with `seed`).
+uint64_t xxh64(const void* data, size_t size, uint64_t seed);
+// A frame's check value: XXH64 of the stored payload, seeded with XXH64 of
+// the frame header's first 12 bytes, cut to its low 32 bits.
+uint32_t frameCheck(const uint8_t head[kFrameHeaderSize], const void* stored, size_t size);
 
 void encodeHeader(const FileHeader& header, uint8_t out[kHeaderSize]);
 enum class HeaderCheck { Ok, BadMagic, BadVersion, BadCrc, BadField };

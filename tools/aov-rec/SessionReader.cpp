@@ -185,7 +185,7 @@ SessionReader::Next SessionReader::next(Record* out) {
         return fail(Next::Cut, where + "cut off (" + number(static_cast<uint64_t>(body)) + " of " +
                                    number(frame.stored_len) + " payload bytes)");
     }
-    if (crc32(stored_.data(), frame.stored_len, crc32(head, 12)) != frame.crc) {
+    if (frameCheck(head, stored_.data(), frame.stored_len) != frame.check) {
         return fail(Next::Bad, where + "checksum mismatch");
     }
     const uint8_t* payload = stored_.data();

@@ -50,6 +50,7 @@ size_t SessionWriter::workBytes() {
 
 bool SessionWriter::begin(int fd, FileHeader header, uint8_t* work, size_t work_size) {
     fd_ = fd;
+    records_ = 0;
     work_ = work;
     work_size_ = work_size;
 #if AOV_REC_HAVE_ZSTD
@@ -96,7 +97,7 @@ bool SessionWriter::write(RecordType type, const uint8_t* payload, size_t size) 
 #endif
     uint8_t head[kFrameHeaderSize];
     encodeFrameHeader(frame, head);
-    frame.crc = crc32(stored, frame.stored_len, crc32(head, 12));
+    frame.check = frameCheck(head, stored, frame.stored_len);
     encodeFrameHeader(frame, head);
     iovec parts[2] = {{head, sizeof(head)}, {const_cast<uint8_t*>(stored), frame.stored_len}};
     if (!writeAll(fd_, parts, 2, sizeof(head) + frame.stored_len)) {
