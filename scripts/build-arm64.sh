@@ -19,8 +19,14 @@ check_arm64() {
 }
 
 cmake --preset arm64
-cmake --build --preset arm64 -j "$(nproc)" --target kelocam_aov_plat
+cmake --build --preset arm64 -j "$(nproc)" --target kelocam_aov_plat aov_rec_preload
 check_arm64 build/arm64/hw/aov/libkelocam_aov_plat.so
+# The session recorder's preload library (without zstd here: its files are
+# written uncompressed; the Android.bp module links the device's libzstd).
+rec=build/arm64/tools/aov-rec/libaov_rec_preload.so
+aarch64-linux-gnu-readelf -h "$rec" | grep -q AArch64
+aarch64-linux-gnu-nm -D --defined-only "$rec" | grep -q ' T ioctl$'
+echo "$rec: AArch64, wraps ioctl"
 
 bash scripts/fetch-arm64-libcxx.sh build/arm64-libcxx-root
 cmake --preset arm64-libcxx

@@ -60,7 +60,7 @@ out=build/android-bp
 rm -rf "$out"
 mkdir -p "$out"
 cp Android.bp "$out"/
-for dir in hw platform tests; do
+for dir in hw platform tests tools; do
   ln -s "$PWD/$dir" "$out/$dir"
 done
 (cd "$out" && mini-soong Android.bp Makefile 2>mini-soong.log)
@@ -99,3 +99,18 @@ make -C "$out" -f Makefile libkelocam_aov_plat.so "${make_vars[@]}" >"$out/make.
 lib=$out/libkelocam_aov_plat.so
 bash scripts/check-exports.sh "$lib"
 bash scripts/check-exports.sh "$cmake_build/hw/aov/libkelocam_aov_plat.so"
+
+# The session recorder's preload library: it builds from the Android.bp's
+# sources and exports exactly the calls it wraps.
+make -C "$out" -f Makefile libaov_rec_preload.so CC=c++ "CXXFLAGS=-std=$cpp_std" \
+  "CFLAGS=-Werror -fPIC -DAOV_REC_HAVE_ZSTD=1" >"$out/make-rec.log" 2>&1 || {
+  cat "$out/make-rec.log" >&2
+  exit 1
+}
+wrapped="__open64_2 __open_2 __openat64_2 __openat_2 close epoll_ctl epoll_pwait epoll_wait ioctl open open64 openat openat64 poll ppoll"
+exported=$(nm -D --defined-only "$out/libaov_rec_preload.so" | awk '$2 ~ /^[TW]$/ {print $3}' | LC_ALL=C sort | tr '\n' ' ')
+if [ "$exported" != "$(tr ' ' '\n' <<<"$wrapped" | LC_ALL=C sort | tr '\n' ' ')" ]; then
+  echo "libaov_rec_preload.so exports: $exported; expected: $wrapped" >&2
+  exit 1
+fi
+echo "libaov_rec_preload: built from Android.bp, exports the $(wc -w <<<"$wrapped") wrapped calls"

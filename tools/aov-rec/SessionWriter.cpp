@@ -5,6 +5,9 @@
 
 #include <cerrno>
 
+#ifndef AOV_REC_HAVE_ZSTD
+#define AOV_REC_HAVE_ZSTD 0
+#endif
 #if AOV_REC_HAVE_ZSTD
 #include <zstd.h>
 #endif

@@ -104,26 +104,29 @@ __attribute__((visibility("default"))) int openat64(int dirfd, const char* path,
     return openVia(dirfd, path, flags, mode, [&] { return fn(dirfd, path, flags, mode); });
 }
 
-#ifdef __GLIBC__
+#if defined(__GLIBC__) || defined(__BIONIC__)
 // The checked forms that fortified callers reach.
 int __open_2(const char* path, int flags);
-int __open64_2(const char* path, int flags);
 int __openat_2(int dirfd, const char* path, int flags);
-int __openat64_2(int dirfd, const char* path, int flags);
 
 __attribute__((visibility("default"))) int __open_2(const char* path, int flags) {
     AOVREC_NEXT(__open_2);
     return openVia(AT_FDCWD, path, flags, 0, [&] { return fn(path, flags); });
 }
 
-__attribute__((visibility("default"))) int __open64_2(const char* path, int flags) {
-    AOVREC_NEXT(__open64_2);
-    return openVia(AT_FDCWD, path, flags, 0, [&] { return fn(path, flags); });
-}
-
 __attribute__((visibility("default"))) int __openat_2(int dirfd, const char* path, int flags) {
     AOVREC_NEXT(__openat_2);
     return openVia(dirfd, path, flags, 0, [&] { return fn(dirfd, path, flags); });
+}
+#endif
+
+#ifdef __GLIBC__
+int __open64_2(const char* path, int flags);
+int __openat64_2(int dirfd, const char* path, int flags);
+
+__attribute__((visibility("default"))) int __open64_2(const char* path, int flags) {
+    AOVREC_NEXT(__open64_2);
+    return openVia(AT_FDCWD, path, flags, 0, [&] { return fn(path, flags); });
 }
 
 __attribute__((visibility("default"))) int __openat64_2(int dirfd, const char* path, int flags) {
