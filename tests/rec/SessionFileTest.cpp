@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -73,12 +74,25 @@ class Recording {
         Record r;
         SessionReader::Next next;
         while ((next = reader_->next(&r)) == SessionReader::Next::Record) {
-            records.push_back(r);
+            records.push_back(keep(r));
         }
         if (last != nullptr) {
             *last = next;
         }
         return records;
+    }
+    // A record's bytes are the reader's until its next record: copies them.
+    Record keep(Record r) {
+        auto own = [this](const uint8_t* data, size_t size) -> const uint8_t* {
+            kept_.emplace_back(data, data + size);
+            return kept_.back().data();
+        };
+        r.sent = own(r.sent, r.sent_len);
+        r.back = own(r.back, r.back_len);
+        for (uint8_t i = 0; i < r.area_count; ++i) {
+            r.areas[i].data = own(r.areas[i].data, r.areas[i].length);
+        }
+        return r;
     }
     const std::string& path() const { return path_; }
     const std::vector<uint8_t>& bytes() const { return bytes_; }
@@ -88,6 +102,7 @@ class Recording {
     std::vector<uint8_t> bytes_;
     std::unique_ptr<aovrec::MemorySource> source_;
     std::unique_ptr<SessionReader> reader_;
+    std::deque<std::vector<uint8_t>> kept_;
 };
 
 // A driver that answers a dequeue at once: section s (1-based) reports
