@@ -180,8 +180,13 @@ __attribute__((visibility("default"))) int ppoll(pollfd* fds, nfds_t n, const ti
         !aovrec::anyNode(fds, n)) {
         return fn(fds, n, ts, mask);
     }
-    const int timeout =
-        ts == nullptr ? -1 : static_cast<int>(ts->tv_sec * 1000 + ts->tv_nsec / 1000000);
+    // In ms, as poll's, capped at INT_MAX.
+    int timeout = -1;
+    if (ts != nullptr) {
+        timeout = ts->tv_sec > 2147482
+                      ? 2147483647
+                      : static_cast<int>(ts->tv_sec * 1000 + ts->tv_nsec / 1000000);
+    }
     const uint64_t begin = aovrec::monotonicNs();
     const int result = fn(fds, n, ts, mask);
     aovrec::recordPoll(aovrec::WaitKind::Ppoll, begin, fds, n, timeout, result, errno);
