@@ -186,7 +186,11 @@ int SimDriver::close(int fd) {
         }
     }
     // Releasing the node ends a session that is still running.
-    stop(false);
+    if (has(bugs_, DriverBug::kKeepSessionOnClose)) {
+        trace_->recordf(kKern, "release: the session is left running (driver bug)");
+    } else {
+        stop(false);
+    }
     std::lock_guard<std::mutex> guard(mutex_);
     ::close(event_fd_);
     event_fd_ = -1;
@@ -210,6 +214,22 @@ int SimDriver::ioctl(int fd, unsigned int request, void* arg) {
     return result;
 }
 
+unsigned int SimDriver::servedAs(unsigned int request) const {
+    if (requestName(request) != nullptr || !has(bugs_, DriverBug::kAcceptWrongSize) ||
+        _IOC_TYPE(request) != 'H') {
+        return request;
+    }
+    static const unsigned int kKnown[] = {
+        AOV_IOC_START, AOV_IOC_SENSOR_ON,  AOV_IOC_SENSOR_OFF, AOV_IOC_DEQUEUE_EVENT,
+        AOV_IOC_STOP,  AOV_IOC_ULPOSC3_ON, AOV_IOC_ULPOSC3_OFF};
+    for (unsigned int known : kKnown) {
+        if (_IOC_NR(known) == _IOC_NR(request)) {
+            return known;
+        }
+    }
+    return request;
+}
+
 int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& user) {
     {
         std::lock_guard<std::mutex> guard(mutex_);
@@ -221,7 +241,12 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
             return -EBADF;
         }
     }
+    request = servedAs(request);
     const char* name = requestName(request);
+    if (name == nullptr && has(bugs_, DriverBug::kAcceptUnknownCode)) {
+        trace_->recordf(kKern, "ioctl 0x%08x: unknown request -> 0 (driver bug)", request);
+        return 0;
+    }
     if (name == nullptr) {
         return fail(-ENOTTY, "ioctl 0x%08x (type 0x%02x, nr %u, %s, %u bytes): unknown request",
                     request, _IOC_TYPE(request), _IOC_NR(request), directionOf(request),
@@ -312,6 +337,15 @@ int SimDriver::start(const uint8_t* record) {
         pending_.clear();
         trace_->recordf(kKern, "%s -> 0", decoded.c_str());
     }
+    bool timerRunning = false;
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        timerRunning = timer_after_stop_;
+        timer_after_stop_ = false;
+    }
+    if (timerRunning) {
+        timer_.stop();
+    }
     if (params_.timer) {
         timer_.start(session.frame_rate);
     }
@@ -333,7 +367,15 @@ int SimDriver::stop(bool byRequest) {
             depthChangedLocked(discarded);
         }
     }
-    timer_.stop();
+    const bool keepTimer = byRequest && has(bugs_, DriverBug::kEventsAfterStop) && wasStarted;
+    if (keepTimer) {
+        std::lock_guard<std::mutex> guard(mutex_);
+        timer_after_stop_ = true;
+    } else {
+        timer_.stop();
+        std::lock_guard<std::mutex> guard(mutex_);
+        timer_after_stop_ = false;
+    }
     const std::string what = byRequest ? headerOf("STOP", AOV_IOC_STOP) : "release";
     if (wasStarted) {
         trace_->recordf(kKern, "%s -> 0 (session ended, %llu pending events discarded)",
@@ -430,7 +472,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
         return -EFAULT;
     }
     pending_.pop_front();
-    if (pending_.empty()) {
+    if (pending_.empty() && !has(bugs_, DriverBug::kReadableAfterDrain)) {
         unsignalLocked();
     }
     depthChangedLocked(0);
@@ -447,9 +489,15 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     for (int s = 0; s < sections; ++s) {
         const aov_section_desc& section = aov_event_sections[s];
         const auto number = static_cast<uint32_t>(s + 1);
-        if (user.write(areaAddressOf(query, section), section.data_size, [&](uint8_t* bytes) {
-                writeSectionContent(bytes, section.data_size, seq, number);
+        // With kOverrunArea, section 2's area gets 64 bytes more than it holds.
+        const uint32_t length =
+            section.data_size + (s == 1 && has(bugs_, DriverBug::kOverrunArea) ? 64u : 0u);
+        if (user.write(areaAddressOf(query, section), length, [&](uint8_t* bytes) {
+                writeSectionContent(bytes, length, seq, number);
             }) != 0) {
+            if (has(bugs_, DriverBug::kIgnoreAreaFault)) {
+                continue;
+            }
             return areaFault(s + 1, head);
         }
         infoWordOf(query, section, 0) = section.data_size;
@@ -514,7 +562,7 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
         return -EFAULT;
     }
     pending_.pop_front();
-    if (pending_.empty()) {
+    if (pending_.empty() && !has(bugs_, DriverBug::kReadableAfterDrain)) {
         unsignalLocked();
     }
     depthChangedLocked(0);
@@ -537,7 +585,7 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
 
 void SimDriver::produceEvent() {
     std::lock_guard<std::mutex> guard(mutex_);
-    if (!started_) {
+    if (!started_ && !timer_after_stop_) {
         return;
     }
     const uint32_t seq = ++sequence_;

@@ -21,12 +21,14 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "aovsim/SimDriver.h"
 #include "aovsim/Trace.h"
 
 struct fuse_session;
 struct fuse_pollhandle;
+struct fuse_req;
 
 namespace aovkdev {
 
@@ -88,6 +90,9 @@ class KdevServer {
     bool mounted_ = false;
     int stop_fd_ = -1;
     uint32_t dequeues_ = 0;
+
+    // Requests a driver bug leaves unanswered; answered with EIO at the end.
+    std::vector<fuse_req*> parked_;
 
     std::mutex poll_mutex_;
     fuse_pollhandle* poll_handle_ = nullptr;  // the node's, kept to notify readiness

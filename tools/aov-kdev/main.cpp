@@ -14,6 +14,7 @@
 #include "KdevServer.h"
 #include "NumberText.h"
 #include "ScenarioFile.h"
+#include "aovsim/DriverBugs.h"
 #include "aovsim/Simulation.h"
 
 namespace {
@@ -35,6 +36,12 @@ const char kUsage[] =
     "  --overlong-reply-at-dequeue N\n"
     "                               answer the N-th DEQUEUE_EVENT with more bytes than\n"
     "                               its code allows (the kernel refuses the answer)\n"
+    "  --fault NAME                 make a driver bug on purpose (repeatable): overrun-area,\n"
+    "                               accept-unknown-code, accept-wrong-size, no-readiness,\n"
+    "                               readable-after-drain, events-after-stop,\n"
+    "                               ignore-area-fault, hang-sensor-off,\n"
+    "                               block-empty-dequeue, keep-session-on-close\n"
+    "                               (docs/compliance.md says what each does)\n"
     "  -h, --help                   this text\n";
 
 aovkdev::KdevServer* gServer = nullptr;
@@ -76,6 +83,7 @@ int main(int argc, char** argv) {
     bool quiet = false;
     int64_t readyFd = -1;
     aovkdev::ServerFaults faults;
+    aovsim::DriverBugs bugs = 0;
     for (int i = 1; i < argc; ++i) {
         const std::string arg = argv[i];
         if (arg == "-h" || arg == "--help") {
@@ -84,6 +92,16 @@ int main(int argc, char** argv) {
         }
         if (arg == "--quiet") {
             quiet = true;
+            continue;
+        }
+        if (arg == "--fault") {
+            aovsim::DriverBug bug;
+            if (i + 1 >= argc || !aovsim::driverBugFromName(argv[i + 1], &bug)) {
+                return badInput("--fault: expected one of " + aovsim::driverBugNames() +
+                                (i + 1 < argc ? ", got " + aovsimtool::excerpt(argv[i + 1]) : ""));
+            }
+            bugs |= static_cast<aovsim::DriverBugs>(bug);
+            ++i;
             continue;
         }
         const bool takesValue = arg == "--mount" || arg == "--scenario" || arg == "--ready-fd" ||
@@ -140,6 +158,7 @@ int main(int argc, char** argv) {
     }
     auto driver = std::make_shared<aovsim::SimDriver>(aovsim::kAovNodePath, config.driver,
                                                       config.faults, trace);
+    driver->setBugs(bugs);
     aovkdev::KdevServer server(driver, trace, config.name, faults);
     std::string why;
     if (!server.mount(mountDir, &why)) {

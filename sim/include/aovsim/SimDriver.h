@@ -21,7 +21,8 @@
 // - STOP succeeds in every state and discards pending events. Closing the
 //   node stops a running session.
 // Injected failures: the node's open, START, the n-th DEQUEUE_EVENT (the
-// event it would have delivered is lost) and the n-th SENSOR_ON/OFF.
+// event it would have delivered is lost) and the n-th SENSOR_ON/OFF. Driver
+// bugs (aovsim/DriverBugs.h) change the behaviour above where they say.
 
 #include <chrono>
 #include <cstdint>
@@ -33,6 +34,7 @@
 #include <string>
 
 #include "aovhost/Binding.h"
+#include "aovsim/DriverBugs.h"
 #include "aovsim/FrameTimer.h"
 #include "aovsim/SimConfig.h"
 #include "aovsim/Trace.h"
@@ -82,6 +84,13 @@ class SimDriver final : public aovhost::EmulatedNode {
     // returns data leaves it in `record` for the caller to copy out. A null
     // `record` stands for an argument that could not be read.
     int serve(int fd, unsigned int request, uint8_t* record, UserMemory& user);
+
+    // Makes the driver behave with `bugs`; set them before the node is first opened.
+    void setBugs(DriverBugs bugs) { bugs_ = bugs; }
+    DriverBugs bugs() const { return bugs_; }
+    // The code a request is served as: itself, or with kAcceptWrongSize the
+    // known code of the same number.
+    unsigned int servedAs(unsigned int request) const;
 
     // Called, with the driver's lock held, each time the node's descriptor
     // becomes readable. Set it before the node is first opened.
@@ -139,6 +148,7 @@ class SimDriver final : public aovhost::EmulatedNode {
     const FaultConfig faults_;
     std::shared_ptr<Trace> trace_;
     std::function<void()> ready_listener_;
+    DriverBugs bugs_ = 0;
 
     // Serialises the control path (open, close, START, STOP) so the timer
     // is started and stopped by one caller at a time.
@@ -149,6 +159,8 @@ class SimDriver final : public aovhost::EmulatedNode {
     mutable std::mutex mutex_;
     int event_fd_ = -1;
     bool started_ = false;
+    // With kEventsAfterStop: the timer still runs after STOP.
+    bool timer_after_stop_ = false;
     bool ulposc3_on_ = false;
     Session session_;
     uint32_t sequence_ = 0;
