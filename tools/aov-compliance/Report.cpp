@@ -40,7 +40,7 @@ void Report::check(const char* category, const std::string& name, Verdict verdic
     if (format_ == Format::kPlain) {
         std::fprintf(out_, "%s: %s: %s%s\n", category, name.c_str(), word, paren.c_str());
     } else {
-        // A warning passes in TAP; its text stays visible as a TODO-free note.
+        // A warning is an "ok" line that keeps its text after "# WARN".
         const bool ok = verdict != Verdict::kFail;
         std::fprintf(out_, "%s %d - %s: %s", ok ? "ok" : "not ok", ++number_, category,
                      name.c_str());
@@ -65,17 +65,22 @@ void Report::note(const std::string& text) {
 
 void Report::bail(const std::string& why) {
     if (format_ == Format::kTap) {
-        std::fprintf(out_, "Bail out! %s\n", why.c_str());
+        // No plan: TAP reads a bail-out as the end of the run.
+        std::fprintf(out_, "Bail out! %s\n# ", why.c_str());
     } else {
         std::fprintf(out_, "aov-compliance: stopped: %s\n", why.c_str());
     }
-    end();
+    totalsLine();
 }
 
 void Report::end() {
     if (format_ == Format::kTap) {
         std::fprintf(out_, "1..%d\n# ", number_);
     }
+    totalsLine();
+}
+
+void Report::totalsLine() {
     std::fprintf(out_, "aov-compliance: %d passed, %d failed, %d warnings, %d skipped\n",
                  totals_.passed, totals_.failed, totals_.warnings, totals_.skipped);
     std::fflush(out_);

@@ -42,6 +42,8 @@ class Report {
     const Totals& totals() const { return totals_; }
 
   private:
+    void totalsLine();
+
     std::FILE* out_;
     const Format format_;
     const bool verbose_;
