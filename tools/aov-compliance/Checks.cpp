@@ -205,6 +205,7 @@ class Checker {
             return false;
         }
         if (r.value < 0) {
+            last_error_ = r.error;
             report_.check(category, name, Verdict::kFail, "expected 0, got " + resultText(r));
             return false;
         }
@@ -464,7 +465,10 @@ class Checker {
         }
         if (!expectSuccess(kRequests, "START", AOV_IOC_START, startRecord())) {
             if (!stopped_) {
-                skipSession("START failed");
+                skipSession(last_error_ == ENOSYS
+                                ? "START failed with ENOSYS: the requests do not reach a driver "
+                                  "(an emulator that does not pass them on?)"
+                                : "START failed");
             }
             return;
         }
@@ -834,9 +838,10 @@ class Checker {
             return;
         }
         if (r.value < 0) {
-            report_.check(kLifecycle, "reopen after close while started", Verdict::kFail,
-                          "expected a descriptor, got " + resultText(r) +
-                              ": the driver kept the closed descriptor's session");
+            report_.check(
+                kLifecycle, "reopen after close while started", Verdict::kFail,
+                "expected a descriptor, got " + resultText(r) +
+                    (r.error == EBUSY ? ": the closed descriptor still holds the node" : ""));
             report_.check(kLifecycle, "second session works", Verdict::kSkip, "no descriptor");
             return;
         }
@@ -854,7 +859,9 @@ class Checker {
         if (r.value < 0) {
             report_.check(kLifecycle, name, Verdict::kFail,
                           "expected START to succeed, got " + resultText(r) +
-                              ": the driver kept the first session after its descriptor closed");
+                              (r.error == EBUSY ? ": the driver kept the first session after its "
+                                                  "descriptor closed"
+                                                : ""));
             return;
         }
         const Wait w = waitReadable(kLifecycle, name, options_.event_timeout_ms);
@@ -895,6 +902,7 @@ class Checker {
     GuardedCaller guard_;
     Arena arena_;
     int fd_ = -1;
+    int last_error_ = 0;  // of the last request expected to succeed that failed
     bool stopped_ = false;
     std::string stop_reason_;
 };
