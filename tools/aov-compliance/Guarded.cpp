@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -89,6 +90,37 @@ bool waitReadable(int socket, int timeoutMs) {
     }
 }
 
+// In a child that has answered: closes every descriptor but `keep`, so that
+// the child's copies of the node are gone once `keep` closes at its exit.
+void closeAllBut(int keep) {
+#ifdef SYS_close_range
+    if ((keep == 0 || ::syscall(SYS_close_range, 0u, static_cast<unsigned>(keep) - 1u, 0u) == 0) &&
+        ::syscall(SYS_close_range, static_cast<unsigned>(keep) + 1u, ~0u, 0u) == 0) {
+        return;
+    }
+#endif
+    const long max = ::sysconf(_SC_OPEN_MAX);
+    const int limit = max > 0 && max < 65536 ? static_cast<int>(max) : 65536;
+    for (int fd = 0; fd < limit; ++fd) {
+        if (fd != keep) {
+            ::close(fd);
+        }
+    }
+}
+
+// Waits, up to `timeoutMs`, until the child's end of `socket` closes: the
+// child has then dropped every descriptor it shared, so a close that follows
+// in the parent is the last one.
+void awaitHangUp(int socket, int timeoutMs) {
+    Answer extra;
+    while (waitReadable(socket, timeoutMs)) {
+        const ssize_t got = ::recv(socket, &extra, sizeof(extra), 0);
+        if (got == 0 || (got < 0 && errno != EINTR)) {
+            return;
+        }
+    }
+}
+
 }  // namespace
 
 GuardedCaller::GuardedCaller() {
@@ -124,6 +156,7 @@ CallResult GuardedCaller::run(int timeoutMs, const std::function<long()>& call, 
         answer.error = answer.value < 0 ? errno : 0;
         sendAnswer(sockets[1], answer,
                    passFd && answer.value >= 0 ? static_cast<int>(answer.value) : -1);
+        closeAllBut(sockets[1]);
         ::_exit(0);
     }
     ::close(sockets[1]);
@@ -140,6 +173,7 @@ CallResult GuardedCaller::run(int timeoutMs, const std::function<long()>& call, 
         result.value = answer.value;
         result.error = answer.error;
         result.passed_fd = fd;
+        awaitHangUp(sockets[0], timeoutMs);
     }
     result.elapsed_us = microsSince(start);
     ::close(sockets[0]);
@@ -182,6 +216,7 @@ CallResult GuardedCaller::close(int timeoutMs, int fd) {
         Answer answer{closeLast(), 0};
         answer.error = answer.value < 0 ? errno : 0;
         sendAnswer(sockets[1], answer, -1);
+        closeAllBut(sockets[1]);
         ::_exit(0);
     }
     ::close(sockets[1]);
@@ -210,6 +245,7 @@ CallResult GuardedCaller::close(int timeoutMs, int fd) {
         result.status = CallResult::Status::kReturned;
         result.value = answer.value;
         result.error = answer.error;
+        awaitHangUp(sockets[0], timeoutMs);
     }
     result.elapsed_us = microsSince(start);
     ::close(sockets[0]);
