@@ -1,8 +1,5 @@
 #include "aovsim/Trace.h"
 
-#include <cstdio>
-#include <vector>
-
 namespace aovsim {
 
 const char* traceSourceTag(TraceSource source) {
@@ -19,27 +16,6 @@ const char* traceSourceTag(TraceSource source) {
             return "evt ";
     }
     return "?   ";
-}
-
-std::string vformat(const char* format, va_list args) {
-    va_list copy;
-    va_copy(copy, args);
-    const int needed = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    if (needed <= 0) {
-        return std::string();
-    }
-    std::vector<char> text(static_cast<size_t>(needed) + 1);
-    std::vsnprintf(text.data(), text.size(), format, args);
-    return std::string(text.data(), static_cast<size_t>(needed));
-}
-
-std::string format(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::string text = vformat(format, args);
-    va_end(args);
-    return text;
 }
 
 void Trace::setSink(Sink sink) {

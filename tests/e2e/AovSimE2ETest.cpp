@@ -4,10 +4,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -23,9 +21,8 @@
 #include <string>
 #include <vector>
 
+#include "KdevLauncher.h"
 #include "ProcessRun.h"
-
-extern char** environ;
 
 namespace {
 
@@ -434,10 +431,7 @@ class UserStartedServer : public ::testing::Test {
         dir_ = dir;
     }
     void TearDown() override {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
+        server_.kill();
         if (!dir_.empty()) {
             ::umount2(dir_.c_str(), MNT_DETACH);
             ::rmdir(dir_.c_str());
@@ -445,29 +439,12 @@ class UserStartedServer : public ::testing::Test {
     }
     // Starts aov-kdev with `extra` options and waits until it serves.
     void start(std::vector<std::string> extra) {
-        int ready[2];
-        ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-        std::vector<std::string> args = {AOV_KDEV_PATH, "--mount", dir_,
-                                         "--ready-fd",  "3",       "--quiet"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        std::vector<char*> argv;
-        for (std::string& arg : args) {
-            argv.push_back(arg.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, ready[1], 3);
-        ASSERT_EQ(::posix_spawn(&pid_, AOV_KDEV_PATH, &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(ready[1]);
-        char line[8] = {};
-        const ssize_t got = ::read(ready[0], line, sizeof(line) - 1);
-        ::close(ready[0]);
-        ASSERT_GT(got, 0) << "aov-kdev did not come up";
+        extra.insert(extra.begin(), "--quiet");
+        std::string problem;
+        ASSERT_TRUE(server_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
     }
     std::string dir_;
-    pid_t pid_ = -1;
+    aovsimtool::KdevLauncher server_;
 };
 
 TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWithoutAHang) {
@@ -476,9 +453,10 @@ TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWi
         runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3", "--timeout", "3"});
     EXPECT_EQ(run.exit_code, 1) << run.output;
     int status = 0;
-    ASSERT_EQ(::waitpid(pid_, &status, 0), pid_);
-    pid_ = -1;
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    ASSERT_TRUE(server_.waitExit(aovsimtool::KdevLauncher::kStopTimeoutMs, &status))
+        << "aov-kdev did not end after its dequeue fault";
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+        << aovsimtool::KdevLauncher::exitText(status);
 
     // One event got through; every request after the death fails with the
     // connection's error, and the stop still runs to the end.

@@ -45,7 +45,7 @@ class KdevServerTest : public ::testing::Test {
         auto trace = std::make_shared<aovsim::Trace>();
         aovsim::DriverConfig config;
         config.timer = false;  // events only when a test queues them
-        driver_ = std::make_shared<aovsim::SimDriver>("/dev/kelo_aov", config,
+        driver_ = std::make_shared<aovsim::SimDriver>(AOV_DEVICE_NODE, config,
                                                       aovsim::FaultConfig(), trace);
         server_ = std::make_unique<aovkdev::KdevServer>(driver_, trace, "test");
         server_->setRequestObserver([this](const aovkdev::RequestSeen& request) {

@@ -24,13 +24,14 @@
 
 #include "aovsim/SimDriver.h"
 #include "aovsim/Trace.h"
+#include "kelo_aov.h"
 
 struct fuse_session;
 struct fuse_pollhandle;
 
 namespace aovkdev {
 
-constexpr const char* kNodeName = "kelo_aov";
+constexpr const char* kNodeName = AOV_DEVICE_NAME;
 constexpr const char* kStatusName = "status";
 
 // Failures of the server itself, for showing what a client sees of them.

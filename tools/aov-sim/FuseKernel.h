@@ -10,10 +10,10 @@
 // Otherwise the host platform is told through AOV_DEV_DIR to open device
 // paths under the served directory.
 
-#include <sys/types.h>
-
 #include <memory>
 #include <string>
+
+#include "KdevLauncher.h"
 
 namespace aovsimtool {
 
@@ -42,7 +42,7 @@ class FuseKernel {
     bool start(const std::string& scenarioPath, std::string* problem);
 
     std::string dir_;
-    pid_t pid_ = -1;  // the aov-kdev started here, if any
+    KdevLauncher server_;  // the aov-kdev started here, if any
     bool own_dir_ = false;
     std::string how_;   // how the node is reached
     std::string died_;  // how a server started here ended

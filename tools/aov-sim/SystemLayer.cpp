@@ -4,32 +4,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "aovsim/Format.h"
+
 namespace aovsimtool {
 
 namespace {
 
-std::string vformat(const char* fmt, va_list args) {
-    va_list measure;
-    va_copy(measure, args);
-    const int length = std::vsnprintf(nullptr, 0, fmt, measure);
-    va_end(measure);
-    if (length <= 0) {
-        return std::string();
-    }
-    std::string text(static_cast<size_t>(length) + 1, '\0');
-    std::vsnprintf(&text[0], text.size(), fmt, args);
-    text.resize(static_cast<size_t>(length));
-    return text;
-}
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-    va_list args;
-    va_start(args, fmt);
-    std::string text = vformat(fmt, args);
-    va_end(args);
-    return text;
-}
+using aovsim::format;
+using aovsim::vformat;
 
 long long resultValue(int value) {
     return value;

@@ -16,6 +16,7 @@
 #include "aovhost/Binding.h"
 #include "aovsim/Simulation.h"
 #include "cam/utils/ULog.h"
+#include "kelo_aov.h"
 
 namespace {
 
@@ -127,7 +128,7 @@ int main(int argc, char** argv) {
     if (timeline) {
         trace->setTimeline(timeline.get());
         timedNode = std::make_unique<aovhost::ScopedNode>(
-            aovsim::kAovNodePath, std::make_shared<aovsimtool::TimedNode>(sim.driver(), timeline));
+            AOV_DEVICE_NODE, std::make_shared<aovsimtool::TimedNode>(sim.driver(), timeline));
     }
     std::unique_ptr<aovsimtool::DriverProbe> probe;
     if (fuse) {

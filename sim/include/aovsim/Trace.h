@@ -10,6 +10,7 @@
 #include <mutex>
 #include <string>
 
+#include "aovsim/Format.h"
 #include "aovsim/TimelineHooks.h"
 
 namespace aovsim {
@@ -74,9 +75,5 @@ class PlatformCallSpan {
     const char* name_;
     TimelineHooks::Clock::time_point begin_;
 };
-
-// printf into a std::string.
-std::string vformat(const char* format, va_list args);
-std::string format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace aovsim

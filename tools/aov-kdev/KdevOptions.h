@@ -1,0 +1,25 @@
+#pragma once
+
+// aov-kdev's command line.
+
+#include <string>
+
+#include "KdevServer.h"
+#include "ParseOutcome.h"
+
+namespace aovkdev {
+
+struct KdevOptions {
+    std::string mount_dir;      // an existing directory to mount on
+    std::string scenario_path;  // empty: the embedded scenario
+    int ready_fd = -1;          // where to say "ready", if given
+    bool quiet = false;         // no driver trace
+    ServerFaults faults;
+};
+
+// Parses the command line. On kHelp, `message` is the help text; on kError,
+// one line saying what is wrong and with which option.
+aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, KdevOptions* options,
+                                          std::string* message);
+
+}  // namespace aovkdev
