@@ -7,11 +7,11 @@
 
 #include <sys/stat.h>
 
-#include <CLI/CLI.hpp>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 
+#include "CliParse.h"
 #include "Excerpt.h"
 #include "NumberText.h"
 
@@ -60,14 +60,9 @@ aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, Kde
         number.option = app.add_option(number.flags, number.text, number.help)->type_name("N");
     }
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp&) {
-        *message = app.help();
-        return ParseOutcome::kHelp;
-    } catch (const CLI::ParseError& e) {
-        *message = aovsimtool::oneLine(e.what());
-        return ParseOutcome::kError;
+    if (const ParseOutcome outcome = aovsimtool::parseCommandLine(app, argc, argv, message);
+        outcome != ParseOutcome::kRun) {
+        return outcome;
     }
 
     std::string error;

@@ -4,8 +4,8 @@
 
 #include <string>
 
+#include "CommandLine.h"
 #include "KdevServer.h"
-#include "ParseOutcome.h"
 
 namespace aovkdev {
 

@@ -9,7 +9,7 @@
 #include <memory>
 #include <string>
 
-#include "Excerpt.h"
+#include "CommandLine.h"
 #include "KdevOptions.h"
 #include "KdevServer.h"
 #include "ScenarioFile.h"
@@ -17,8 +17,6 @@
 #include "kelo_aov.h"
 
 namespace {
-
-constexpr int kExitBadInput = 2;
 
 aovkdev::KdevServer* gServer = nullptr;
 
@@ -29,8 +27,7 @@ void onStopSignal(int) {
 }
 
 int badInput(const std::string& problem) {
-    std::fprintf(stderr, "aov-kdev: error: %s\n", aovsimtool::oneLine(problem).c_str());
-    return kExitBadInput;
+    return aovsimtool::badInput("aov-kdev", problem);
 }
 
 }  // namespace

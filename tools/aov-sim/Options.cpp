@@ -4,10 +4,10 @@
 
 #include "Options.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <limits>
 
+#include "CliParse.h"
 #include "Excerpt.h"
 #include "NumberText.h"
 
@@ -171,14 +171,9 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
         number.option = app.add_option(number.flags, number.text, number.help)->type_name("INT");
     }
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp&) {
-        *message = app.help();
-        return ParseOutcome::kHelp;
-    } catch (const CLI::ParseError& e) {
-        *message = oneLine(e.what());
-        return ParseOutcome::kError;
+    if (const ParseOutcome outcome = parseCommandLine(app, argc, argv, message);
+        outcome != ParseOutcome::kRun) {
+        return outcome;
     }
 
     std::string error;

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine.h"
 #include "ModeRequest.h"
-#include "ParseOutcome.h"
 
 namespace aovsimtool {
 

@@ -21,11 +21,6 @@
 
 namespace aovsimtool {
 
-// Exit codes of the command.
-constexpr int kExitOk = 0;
-constexpr int kExitRuntimeFailure = 1;  // a service refused, or the events did not come
-constexpr int kExitBadInput = 2;        // options, scenario, or a request the catalogue lacks
-
 class SystemLayer {
   public:
     SystemLayer(const Options& options, SessionReport& report);

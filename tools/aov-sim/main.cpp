@@ -41,8 +41,7 @@ std::unique_ptr<aovsimtool::FuseKernel>& fuseKernel() {
 
 // Bad input ends the run with one short line and exit 2.
 int badInput(const std::string& problem) {
-    std::fprintf(stderr, "aov-sim: error: %s\n", aovsimtool::oneLine(problem).c_str());
-    return kExitBadInput;
+    return aovsimtool::badInput("aov-sim", problem);
 }
 
 void printLine(aovsim::TraceSource source, const std::string& line) {
