@@ -23,6 +23,7 @@
 #include <string>
 #include <vector>
 
+#include "BoundedWait.h"
 #include "ProcessRun.h"
 
 extern char** environ;
@@ -435,8 +436,7 @@ class UserStartedServer : public ::testing::Test {
     }
     void TearDown() override {
         if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
+            EXPECT_TRUE(aovtest::killed(pid_)) << "aov-kdev did not end when killed";
         }
         if (!dir_.empty()) {
             ::umount2(dir_.c_str(), MNT_DETACH);
@@ -461,22 +461,26 @@ class UserStartedServer : public ::testing::Test {
         ASSERT_EQ(::posix_spawn(&pid_, AOV_KDEV_PATH, &actions, nullptr, argv.data(), environ), 0);
         posix_spawn_file_actions_destroy(&actions);
         ::close(ready[1]);
+        const bool answered = aovtest::readableWithin(ready[0]);
         char line[8] = {};
-        const ssize_t got = ::read(ready[0], line, sizeof(line) - 1);
+        const ssize_t got = answered ? ::read(ready[0], line, sizeof(line) - 1) : -1;
         ::close(ready[0]);
-        ASSERT_GT(got, 0) << "aov-kdev did not come up";
+        ASSERT_TRUE(answered) << "aov-kdev did not say it serves within "
+                              << aovtest::kWaitLimit.count() << " s";
+        ASSERT_GT(got, 0) << "aov-kdev ended before it served";
     }
     std::string dir_;
     pid_t pid_ = -1;
 };
 
 TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWithoutAHang) {
-    start({"--die-at-dequeue", "2"});
+    ASSERT_NO_FATAL_FAILURE(start({"--die-at-dequeue", "2"}));
     const RunResult run =
         runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3", "--timeout", "3"});
     EXPECT_EQ(run.exit_code, 1) << run.output;
     int status = 0;
-    ASSERT_EQ(::waitpid(pid_, &status, 0), pid_);
+    ASSERT_TRUE(aovtest::exitedWithin(pid_, &status))
+        << "aov-kdev did not die at its second dequeue";
     pid_ = -1;
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
 
@@ -494,7 +498,7 @@ TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWi
 
 TEST_F(UserStartedServer, AnAnswerTheKernelRefusesCostsOneEventAndTheSessionGoesOn) {
     // The second dequeue is answered with more bytes than its code allows.
-    start({"--overlong-reply-at-dequeue", "2"});
+    ASSERT_NO_FATAL_FAILURE(start({"--overlong-reply-at-dequeue", "2"}));
     const RunResult run = runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3"});
     EXPECT_EQ(run.exit_code, 0) << run.output;
     EXPECT_EQ(run.count("[evt ] #"), 3u) << run.output;
