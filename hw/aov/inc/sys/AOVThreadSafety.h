@@ -19,13 +19,10 @@
 #define AOV_CAPABILITY(name) AOV_THREAD_ANNOTATION(capability(name))
 #define AOV_SCOPED_CAPABILITY AOV_THREAD_ANNOTATION(scoped_lockable)
 #define AOV_GUARDED_BY(m) AOV_THREAD_ANNOTATION(guarded_by(m))
-#define AOV_PT_GUARDED_BY(m) AOV_THREAD_ANNOTATION(pt_guarded_by(m))
 #define AOV_REQUIRES(...) AOV_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
 #define AOV_EXCLUDES(...) AOV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
 #define AOV_ACQUIRE(...) AOV_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
 #define AOV_RELEASE(...) AOV_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
-#define AOV_RETURN_CAPABILITY(m) AOV_THREAD_ANNOTATION(lock_returned(m))
-#define AOV_NO_THREAD_SAFETY_ANALYSIS AOV_THREAD_ANNOTATION(no_thread_safety_analysis)
 
 namespace aov {
 

@@ -79,8 +79,8 @@ class AOVSensor : public IAOVSensor {
     bool sensor_started_;
     aov::Mutex lock_;
     // The catalogue: filled by setupSensors under lock_ while catalogue_ready_
-    // is false, then frozen and read without the lock by the callers that
-    // went through setupSensors first.
+    // is false; afterwards read without the lock, by calls that the system
+    // layer serialises.
     std::set<int> sensor_ids_;
     std::map<int, int> sensor_idx_map_;
     std::multimap<int, sensor_info> sensor_infos_;
