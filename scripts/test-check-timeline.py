@@ -74,8 +74,9 @@ BROKEN = {
 
 def main():
     with tempfile.TemporaryDirectory() as tmp:
+        # A run that hangs fails here with its command named, inside ctest's limit.
         scenario = subprocess.run([sys.argv[1], "--print-scenario"], check=True,
-                                  capture_output=True, text=True).stdout
+                                  capture_output=True, text=True, timeout=60).stdout
         doc = json.loads(scenario)
         doc["failures"] = {"dequeue": [2]}
         path = os.path.join(tmp, "failure.json")
@@ -83,7 +84,7 @@ def main():
             json.dump(doc, f)
         timeline = os.path.join(tmp, "timeline.json")
         subprocess.run([sys.argv[1], "-s", path, "--events", "4", "--timeline", timeline],
-                       check=True, capture_output=True)
+                       check=True, capture_output=True, timeout=60)
         with open(timeline) as f:
             good = json.load(f)
     failures = 0

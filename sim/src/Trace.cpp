@@ -19,7 +19,7 @@ const char* traceSourceTag(TraceSource source) {
 }
 
 void Trace::setSink(Sink sink) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     sink_ = std::move(sink);
 }
 
@@ -41,20 +41,20 @@ void Trace::refusal(TraceSource source, const char* format, ...) {
     std::string line = "REFUSED " + vformat(format, args);
     va_end(args);
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         ++refusals_;
     }
     emit(source, line);
 }
 
 uint64_t Trace::refusals() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return refusals_;
 }
 
 void Trace::emit(TraceSource source, const std::string& line) {
     // The sink runs under the lock so that lines from different threads never interleave.
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (sink_) {
         sink_(source, line);
     }

@@ -448,7 +448,7 @@ class UserStartedServer : public ::testing::Test {
 };
 
 TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWithoutAHang) {
-    start({"--die-at-dequeue", "2"});
+    ASSERT_NO_FATAL_FAILURE(start({"--die-at-dequeue", "2"}));
     const RunResult run =
         runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3", "--timeout", "3"});
     EXPECT_EQ(run.exit_code, 1) << run.output;
@@ -472,7 +472,7 @@ TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWi
 
 TEST_F(UserStartedServer, AnAnswerTheKernelRefusesCostsOneEventAndTheSessionGoesOn) {
     // The second dequeue is answered with more bytes than its code allows.
-    start({"--overlong-reply-at-dequeue", "2"});
+    ASSERT_NO_FATAL_FAILURE(start({"--overlong-reply-at-dequeue", "2"}));
     const RunResult run = runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3"});
     EXPECT_EQ(run.exit_code, 0) << run.output;
     EXPECT_EQ(run.count("[evt ] #"), 3u) << run.output;

@@ -2,9 +2,8 @@
 // sensor start that completes the record, the device start that hands it to
 // the driver, one event, the notifications, and the stops.
 
-#include <thread>
-
 #include "AOVDevice.h"
+#include "BoundedWait.h"
 #include "FakeAovDriver.h"
 #include "SensorFixture.h"
 
@@ -67,10 +66,11 @@ TEST_F(SensorServiceTest, SystemLayerRunsSensorAndDeviceTogether) {
         seen = {event->header[0], event->header[5], event->s1_info, event->s1_data[0],
                 event->s6_info[4]};
     };
-    while (seen.empty()) {
+    ASSERT_TRUE(retryUntil([&] {
         device.notifyEvent(0, 0);
-        std::this_thread::yield();
-    }
+        return !seen.empty();
+    })) << "no event delivered within "
+        << kWaitLimit.count() << " s: the event buffer was not stored";
     // Header, first section and, as aov_mode 2 passes the full content, the sixth.
     EXPECT_EQ(seen, (std::vector<uint32_t>{0x100, 0x105, 0x201, 0x5A, 0x605}));
 

@@ -226,7 +226,7 @@ struct KdevServer::Ops {
         // Keep the handle before looking, so that an event queued in between
         // is notified rather than missed.
         if (ph != nullptr) {
-            std::lock_guard<std::mutex> guard(server.poll_mutex_);
+            aov::MutexLock guard(server.poll_mutex_);
             if (server.poll_handle_ != nullptr) {
                 fuse_pollhandle_destroy(server.poll_handle_);
             }
@@ -361,7 +361,7 @@ std::string KdevServer::statusText() const {
 }
 
 void KdevServer::nodeReady() {
-    std::lock_guard<std::mutex> guard(poll_mutex_);
+    aov::MutexLock guard(poll_mutex_);
     if (poll_handle_ != nullptr) {
         fuse_lowlevel_notify_poll(poll_handle_);
     }

@@ -19,9 +19,9 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include "AOVThreadSafety.h"
 #include "aovsim/SimDriver.h"
 #include "aovsim/Trace.h"
 #include "kelo_aov.h"
@@ -90,8 +90,9 @@ class KdevServer {
     int stop_fd_ = -1;
     uint32_t dequeues_ = 0;
 
-    std::mutex poll_mutex_;
-    fuse_pollhandle* poll_handle_ = nullptr;  // the node's, kept to notify readiness
+    aov::Mutex poll_mutex_;
+    // The node's, kept to notify readiness.
+    fuse_pollhandle* poll_handle_ AOV_GUARDED_BY(poll_mutex_) = nullptr;
 };
 
 }  // namespace aovkdev

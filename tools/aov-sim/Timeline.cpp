@@ -124,7 +124,7 @@ void Timeline::eventCountersLocked(Clock::time_point now) {
 
 void Timeline::eventQueued(uint32_t sequence, Clock::time_point at, size_t depth, bool overwrote) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     timer_thread_ = std::this_thread::get_id();
     const size_t signal = addLocked('i', kTimer, at, at, "signal #" + std::to_string(sequence),
                                     json{{"sequence", sequence}});
@@ -140,7 +140,7 @@ void Timeline::eventQueued(uint32_t sequence, Clock::time_point at, size_t depth
 
 void Timeline::queueDepth(size_t depth, uint64_t dropped) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     addLocked('C', 0, now, now, "driver queue depth", json{{"pending", depth}});
     if (dropped > 0) {
         dropped_ += dropped;
@@ -149,7 +149,7 @@ void Timeline::queueDepth(size_t depth, uint64_t dropped) {
 }
 
 void Timeline::monitorWoke(Clock::time_point at) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     monitor_thread_ = std::this_thread::get_id();
     wake_ = at;
     wake_record_ = addLocked('i', kMonitor, at, at, "wake");
@@ -157,19 +157,19 @@ void Timeline::monitorWoke(Clock::time_point at) {
 
 void Timeline::platformCall(const char* name, Clock::time_point begin) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     addLocked('X', kPlatform + roleLocked(), begin, now, name);
 }
 
 void Timeline::libraryError(const char* text) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     addLocked('i', kSystem, now, now, "library error", json{{"line", text}});
 }
 
 void Timeline::libraryCall(const char* name, Clock::time_point begin, long long result) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     addLocked('X', kSystem, begin, now, name, json{{"result", result}});
     if (std::strcmp(name, "startDevice") == 0 && result >= 0) {
         device_starting_ = true;
@@ -185,7 +185,7 @@ void Timeline::traceLine(aovsim::TraceSource source, const std::string& line) {
         return;
     }
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const bool injected = line.compare(0, 8, "REFUSED ") != 0;
     addLocked('i', kSystem, now, now, injected ? "injected failure" : "refused",
               json{{"source", aovsim::traceSourceTag(source)}, {"line", line}});
@@ -193,7 +193,7 @@ void Timeline::traceLine(aovsim::TraceSource source, const std::string& line) {
 
 void Timeline::step(const std::string& line) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (in_step_) {
         addLocked('X', kSystem, step_begin_, now, step_name_);
     }
@@ -210,7 +210,7 @@ void Timeline::kernelRequest(unsigned int request, Clock::time_point begin, int 
     const Clock::time_point now = Clock::now();
     const char* known = aovsim::SimDriver::requestName(request);
     std::string name = known != nullptr ? known : aovsim::format("ioctl 0x%08x", request);
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const Role role = roleLocked();
     addLocked('X', kKernel + role, begin, now, std::move(name),
               json{{"result", result}, {"decoded", std::string(tl_kernel_line)}});
@@ -230,7 +230,7 @@ void Timeline::kernelRequest(unsigned int request, Clock::time_point begin, int 
 
 void Timeline::notifyEntry() {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     notify_ = now;
     dequeued_ = false;
     notify_flow_ = 0;
@@ -238,7 +238,7 @@ void Timeline::notifyEntry() {
 
 void Timeline::notifyExit(Clock::time_point begin) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const size_t notify = addLocked('X', kMonitor, begin, now, "notifyEvent");
     if (notify_flow_ != 0) {
         flowLocked(notify, notify_flow_, true, true);
@@ -248,7 +248,7 @@ void Timeline::notifyExit(Clock::time_point begin) {
 
 void Timeline::callbackEntry(uint32_t sequence, bool matched, Clock::time_point signal) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     sequence_ = sequence;
     matched_ = matched;
     signal_ = signal;
@@ -257,7 +257,7 @@ void Timeline::callbackEntry(uint32_t sequence, bool matched, Clock::time_point 
 
 void Timeline::callbackReturn(uint64_t number) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     ++delivered_;
     eventCountersLocked(now);
     json stages = json::object();
@@ -295,13 +295,13 @@ void Timeline::callbackReturn(uint64_t number) {
 }
 
 void Timeline::setCounts(json counts) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     counts_ = std::move(counts);
 }
 
 bool Timeline::finish(std::string* problem) {
     const Clock::time_point now = Clock::now();
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (in_step_) {
         addLocked('X', kSystem, step_begin_, now, step_name_);
         in_step_ = false;

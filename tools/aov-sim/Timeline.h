@@ -19,12 +19,12 @@
 #include <cstdio>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "AOVThreadSafety.h"
 #include "EventMonitor.h"
 #include "SessionReport.h"
 #include "aovhost/Binding.h"
@@ -99,54 +99,57 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
 
     Timeline(std::FILE* file, std::string path);
     int64_t sinceStart(Clock::time_point t) const;
-    Role roleLocked() const;
+    Role roleLocked() const AOV_REQUIRES(mutex_);
     // The new record's index, or kNoRecord when it was not kept.
     size_t addLocked(char phase, int tid, Clock::time_point begin, Clock::time_point end,
-                     std::string name, nlohmann::json args = nlohmann::json());
-    void flowLocked(size_t record, uint64_t flow, bool in, bool out);
-    void eventCountersLocked(Clock::time_point now);
+                     std::string name, nlohmann::json args = nlohmann::json()) AOV_REQUIRES(mutex_);
+    void flowLocked(size_t record, uint64_t flow, bool in, bool out) AOV_REQUIRES(mutex_);
+    void eventCountersLocked(Clock::time_point now) AOV_REQUIRES(mutex_);
 
-    std::FILE* file_;
+    std::FILE* file_ AOV_GUARDED_BY(mutex_);
     const std::string path_;
     const Clock::time_point start_;
     const std::thread::id system_thread_;
 
-    mutable std::mutex mutex_;
-    std::thread::id monitor_thread_;
-    std::thread::id timer_thread_;
-    std::vector<Record> records_;
-    uint64_t records_dropped_ = 0;
-    std::vector<bool> tracks_used_ = std::vector<bool>(32, false);
-    bool finished_ = false;
-    nlohmann::json counts_ = nlohmann::json::object();
+    mutable aov::Mutex mutex_;
+    std::thread::id monitor_thread_ AOV_GUARDED_BY(mutex_);
+    std::thread::id timer_thread_ AOV_GUARDED_BY(mutex_);
+    std::vector<Record> records_ AOV_GUARDED_BY(mutex_);
+    uint64_t records_dropped_ AOV_GUARDED_BY(mutex_) = 0;
+    std::vector<bool> tracks_used_ AOV_GUARDED_BY(mutex_) = std::vector<bool>(32, false);
+    bool finished_ AOV_GUARDED_BY(mutex_) = false;
+    nlohmann::json counts_ AOV_GUARDED_BY(mutex_) = nlohmann::json::object();
 
     // The step in progress.
-    bool in_step_ = false;
-    std::string step_name_;
-    Clock::time_point step_begin_;
+    bool in_step_ AOV_GUARDED_BY(mutex_) = false;
+    std::string step_name_ AOV_GUARDED_BY(mutex_);
+    Clock::time_point step_begin_ AOV_GUARDED_BY(mutex_);
 
     // The buffer task, as seen from outside.
-    bool device_starting_ = false;
-    Clock::time_point start_device_begin_;
+    bool device_starting_ AOV_GUARDED_BY(mutex_) = false;
+    Clock::time_point start_device_begin_ AOV_GUARDED_BY(mutex_);
 
     // Event counts for the counters.
-    uint64_t delivered_ = 0;
-    uint64_t dropped_ = 0;
+    uint64_t delivered_ AOV_GUARDED_BY(mutex_) = 0;
+    uint64_t dropped_ AOV_GUARDED_BY(mutex_) = 0;
 
     // The signal markers of the events still queued, by the driver's stamp.
-    std::map<Clock::rep, size_t> signal_records_;
-    uint64_t flows_ = 0;
+    std::map<Clock::rep, size_t> signal_records_ AOV_GUARDED_BY(mutex_);
+    uint64_t flows_ AOV_GUARDED_BY(mutex_) = 0;
 
     // The notification in progress on the monitor thread.
-    Clock::time_point wake_{};
-    size_t wake_record_ = kNoRecord;
-    uint64_t notify_flow_ = 0;  // the flow its notifyEvent slice passes on
-    Clock::time_point notify_{};
-    bool dequeued_ = false;
-    Clock::time_point dequeue_begin_{}, dequeue_end_{};
-    uint32_t sequence_ = 0;
-    bool matched_ = false;
-    Clock::time_point signal_{}, callback_{};
+    Clock::time_point wake_ AOV_GUARDED_BY(mutex_){};
+    size_t wake_record_ AOV_GUARDED_BY(mutex_) = kNoRecord;
+    // The flow its notifyEvent slice passes on.
+    uint64_t notify_flow_ AOV_GUARDED_BY(mutex_) = 0;
+    Clock::time_point notify_ AOV_GUARDED_BY(mutex_){};
+    bool dequeued_ AOV_GUARDED_BY(mutex_) = false;
+    Clock::time_point dequeue_begin_ AOV_GUARDED_BY(mutex_){};
+    Clock::time_point dequeue_end_ AOV_GUARDED_BY(mutex_){};
+    uint32_t sequence_ AOV_GUARDED_BY(mutex_) = 0;
+    bool matched_ AOV_GUARDED_BY(mutex_) = false;
+    Clock::time_point signal_ AOV_GUARDED_BY(mutex_){};
+    Clock::time_point callback_ AOV_GUARDED_BY(mutex_){};
 };
 
 // The driver's node with each request timed for the timeline.
