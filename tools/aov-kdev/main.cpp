@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 
+#include "DriverTrack.h"
 #include "Excerpt.h"
 #include "KdevServer.h"
 #include "NumberText.h"
@@ -31,6 +32,8 @@ const char kUsage[] =
     "                               driver failures to use (default: the embedded one)\n"
     "  --ready-fd N                 write \"ready\\n\" to descriptor N once mounted\n"
     "  --quiet                      do not print the driver's trace\n"
+    "  --timeline FILE              write the driver's track (events queued, queue\n"
+    "                               depth, requests served) to FILE for aov-sim's timeline\n"
     "  --die-at-dequeue N           get killed at the N-th DEQUEUE_EVENT\n"
     "  --overlong-reply-at-dequeue N\n"
     "                               answer the N-th DEQUEUE_EVENT with more bytes than\n"
@@ -73,6 +76,7 @@ int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
     std::string mountDir;
     std::string scenarioPath;
+    std::string timelinePath;
     bool quiet = false;
     int64_t readyFd = -1;
     aovkdev::ServerFaults faults;
@@ -87,7 +91,8 @@ int main(int argc, char** argv) {
             continue;
         }
         const bool takesValue = arg == "--mount" || arg == "--scenario" || arg == "--ready-fd" ||
-                                arg == "--die-at-dequeue" || arg == "--overlong-reply-at-dequeue";
+                                arg == "--timeline" || arg == "--die-at-dequeue" ||
+                                arg == "--overlong-reply-at-dequeue";
         if (!takesValue) {
             return badInput("unknown option " + aovsimtool::excerpt(arg) + " (see --help)");
         }
@@ -101,6 +106,8 @@ int main(int argc, char** argv) {
             mountDir = value;
         } else if (arg == "--scenario") {
             scenarioPath = value;
+        } else if (arg == "--timeline") {
+            timelinePath = value;
         } else if (!readCount(arg.c_str(), value, arg == "--ready-fd" ? 1 << 20 : 1000000000,
                               &number, &problem)) {
             return badInput(problem);
@@ -137,6 +144,15 @@ int main(int argc, char** argv) {
         trace->setSink([](aovsim::TraceSource source, const std::string& line) {
             std::printf("[%s] %s\n", aovsim::traceSourceTag(source), line.c_str());
         });
+    }
+    std::unique_ptr<aovsimtool::DriverTrackWriter> track;
+    if (!timelinePath.empty()) {
+        std::string why;
+        track = aovsimtool::DriverTrackWriter::open(timelinePath, &why);
+        if (!track) {
+            return badInput(why);
+        }
+        trace->setTimeline(track.get());
     }
     auto driver = std::make_shared<aovsim::SimDriver>(aovsim::kAovNodePath, config.driver,
                                                       config.faults, trace);

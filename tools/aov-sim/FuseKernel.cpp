@@ -154,7 +154,8 @@ bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
 }  // namespace
 
 std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
-                                               const std::string& kdevDir, std::string* problem) {
+                                               const std::string& kdevDir, std::string* problem,
+                                               const std::string& driverTrack) {
     std::unique_ptr<FuseKernel> kernel(new FuseKernel);
     // A private mount namespace first: a server started here mounts inside it,
     // so its mount goes away with this process whatever happens.
@@ -169,7 +170,7 @@ std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
                        errnoText(kdevDir + "/kelo_aov");
             return nullptr;
         }
-    } else if (!kernel->start(scenarioPath, problem)) {
+    } else if (!kernel->start(scenarioPath, driverTrack, problem)) {
         return nullptr;
     }
     const std::string node = kernel->dir_ + "/kelo_aov";
@@ -189,7 +190,8 @@ std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
     return kernel;
 }
 
-bool FuseKernel::start(const std::string& scenarioPath, std::string* problem) {
+bool FuseKernel::start(const std::string& scenarioPath, const std::string& driverTrack,
+                       std::string* problem) {
     char dir[] = "/tmp/aov-kdev.XXXXXX";
     if (::mkdtemp(dir) == nullptr) {
         *problem = errnoText("mkdtemp /tmp/aov-kdev.XXXXXX");
@@ -206,6 +208,9 @@ bool FuseKernel::start(const std::string& scenarioPath, std::string* problem) {
     std::vector<std::string> args = {program, "--mount", dir_, "--ready-fd", "3"};
     if (!scenarioPath.empty()) {
         args.insert(args.end(), {"--scenario", scenarioPath});
+    }
+    if (!driverTrack.empty()) {
+        args.insert(args.end(), {"--timeline", driverTrack});
     }
     std::vector<char*> argv;
     for (std::string& arg : args) {
