@@ -11,6 +11,7 @@ cmake --build --preset debug -j2 --target aov-sim aov-kdev
 sim=build/debug/tools/aov-sim/aov-sim
 out=build/debug/timelines
 mkdir -p "$out"
+rm -f "$out"/*.json
 "$sim" --print-scenario |
   python3 -c 'import json, sys; d = json.load(sys.stdin); d["failures"] = {"dequeue": [2]}; print(json.dumps(d))' \
     >"$out/dequeue-failure-scenario.json"
