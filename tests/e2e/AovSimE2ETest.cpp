@@ -16,7 +16,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -258,6 +261,58 @@ TEST_P(Kernel, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
         << run.output;
     EXPECT_FALSE(run.has("REFUSED")) << run.output;
     expectCleanShutdown(run);
+}
+
+// The timeline of a session, with the driver in either place: every track
+// named, the driver's timer drawn as slices, and each delivered event's flow
+// starting on its driver signal (aov-kdev's own, merged, for fuse).
+TEST_P(Kernel, TheTimelineNamesEveryTrackAndFlowsFromEachSignalToItsCallback) {
+    const std::string path = ::testing::TempDir() + "aovsim_timeline_" + GetParam() + ".json";
+    const RunResult run = this->run({"--events", "3", "--timeline", path});
+    ASSERT_EQ(run.exit_code, 0) << run.output;
+    std::ifstream in(path);
+    const nlohmann::json doc = nlohmann::json::parse(in, nullptr, false);
+    ASSERT_TRUE(doc.is_object()) << "the timeline is not JSON";
+    std::map<std::pair<int, int>, std::string> threads;
+    std::set<int> processes;
+    for (const nlohmann::json& e : doc["traceEvents"]) {
+        if (e["name"] == "thread_name") {
+            threads[{e["pid"].get<int>(), e["tid"].get<int>()}] = e["args"]["name"];
+        } else if (e["name"] == "process_name") {
+            processes.insert(e["pid"].get<int>());
+        }
+    }
+    const bool fuse = std::string(GetParam()) == "fuse";
+    const std::string timer = fuse ? "driver timer (aov-kdev)" : "driver timer";
+    size_t callbacks = 0;
+    std::set<std::string> started, finished;
+    for (const nlohmann::json& e : doc["traceEvents"]) {
+        if (e["ph"] == "M" || e["ph"] == "C") {
+            continue;
+        }
+        const auto thread = threads.find({e["pid"].get<int>(), e["tid"].get<int>()});
+        ASSERT_NE(thread, threads.end()) << "unnamed thread of " << e.dump();
+        EXPECT_EQ(processes.count(e["pid"].get<int>()), 1u) << e.dump();
+        const std::string name = e["name"];
+        if (name.rfind("signal #", 0) == 0) {
+            EXPECT_EQ(e["ph"], "X") << e.dump();
+            EXPECT_EQ(thread->second, timer);
+            if (e.contains("bind_id")) {
+                started.insert(e["bind_id"].get<std::string>());
+            }
+        }
+        if (name.rfind("callback #", 0) == 0) {
+            ++callbacks;
+            if (e.contains("bind_id")) {
+                finished.insert(e["bind_id"].get<std::string>());
+            }
+        }
+    }
+    EXPECT_EQ(processes.size(), fuse ? 2u : 1u);
+    EXPECT_EQ(callbacks, numberAfter(run, "summary: events delivered "));
+    EXPECT_GE(started.size(), 1u);
+    EXPECT_EQ(started, finished);
+    std::remove(path.c_str());
 }
 
 TEST_P(Kernel, InjectedDriverFailuresGiveTheLibraryErrorsAndTheSessionGoesOn) {

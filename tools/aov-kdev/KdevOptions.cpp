@@ -38,6 +38,10 @@ aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, Kde
                    "(default: the embedded one)")
         ->type_name("FILE");
     app.add_flag("--quiet", o.quiet, "Do not print the driver's trace");
+    app.add_option("--timeline", o.timeline_path,
+                   "Write the driver's track (events queued, queue depth, requests served) to "
+                   "FILE for aov-sim's timeline")
+        ->type_name("FILE");
 
     // Whole-number options: their text, where the number goes, its range.
     struct Number {

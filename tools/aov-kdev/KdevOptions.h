@@ -14,6 +14,7 @@ struct KdevOptions {
     std::string scenario_path;  // empty: the embedded scenario
     int ready_fd = -1;          // where to say "ready", if given
     bool quiet = false;         // no driver trace
+    std::string timeline_path;  // where to write the driver track, if given
     ServerFaults faults;
 };
 

@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "ProcessMemory.h"
@@ -190,8 +191,12 @@ struct KdevServer::Ops {
             }
         }
         ProcessMemory memory(pid);
+        const auto began = std::chrono::steady_clock::now();
         const int result =
             server.driver_->serve(static_cast<int>(fi->fh), request, argument, memory);
+        if (aovsim::TimelineHooks* timeline = server.trace_->timeline()) {
+            timeline->requestServed(request, began, std::chrono::steady_clock::now(), result);
+        }
         if (result < 0) {
             fuse_reply_err(req, -result);
             return;

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "CommandLine.h"
+#include "DriverTrack.h"
 #include "KdevOptions.h"
 #include "KdevServer.h"
 #include "ScenarioFile.h"
@@ -60,6 +61,15 @@ int main(int argc, char** argv) {
         trace->setSink([](aovsim::TraceSource source, const std::string& line) {
             std::printf("[%s] %s\n", aovsim::traceSourceTag(source), line.c_str());
         });
+    }
+    std::unique_ptr<aovsimtool::DriverTrackWriter> track;
+    if (!options.timeline_path.empty()) {
+        std::string why;
+        track = aovsimtool::DriverTrackWriter::open(options.timeline_path, &why);
+        if (!track) {
+            return badInput(why);
+        }
+        trace->setTimeline(track.get());
     }
     auto driver =
         std::make_shared<aovsim::SimDriver>(AOV_DEVICE_NODE, config.driver, config.faults, trace);

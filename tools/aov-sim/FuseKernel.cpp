@@ -103,7 +103,8 @@ bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
 }  // namespace
 
 std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
-                                               const std::string& kdevDir, std::string* problem) {
+                                               const std::string& kdevDir, std::string* problem,
+                                               const std::string& driverTrack) {
     std::unique_ptr<FuseKernel> kernel(new FuseKernel);
     // A private mount namespace first: a server started here mounts inside it,
     // so its mount goes away with this process whatever happens.
@@ -118,7 +119,7 @@ std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
                        errnoText(kdevDir + "/" AOV_DEVICE_NAME);
             return nullptr;
         }
-    } else if (!kernel->start(scenarioPath, problem)) {
+    } else if (!kernel->start(scenarioPath, driverTrack, problem)) {
         return nullptr;
     }
     const std::string node = kernel->dir_ + "/" AOV_DEVICE_NAME;
@@ -139,7 +140,8 @@ std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
     return kernel;
 }
 
-bool FuseKernel::start(const std::string& scenarioPath, std::string* problem) {
+bool FuseKernel::start(const std::string& scenarioPath, const std::string& driverTrack,
+                       std::string* problem) {
     char dir[] = "/tmp/aov-kdev.XXXXXX";
     if (::mkdtemp(dir) == nullptr) {
         *problem = errnoText("mkdtemp /tmp/aov-kdev.XXXXXX");
@@ -150,6 +152,9 @@ bool FuseKernel::start(const std::string& scenarioPath, std::string* problem) {
     std::vector<std::string> extra;
     if (!scenarioPath.empty()) {
         extra = {"--scenario", scenarioPath};
+    }
+    if (!driverTrack.empty()) {
+        extra.insert(extra.end(), {"--timeline", driverTrack});
     }
     return server_.start(KdevLauncher::defaultProgram(), dir_, extra, problem);
 }

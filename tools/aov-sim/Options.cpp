@@ -203,8 +203,8 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
             o.kdev_dir.empty() ? "--kdev: an empty directory name" : "--kdev: needs --kernel fuse";
         return ParseOutcome::kError;
     }
-    if (o.kernel_fuse && timeline->count() > 0) {
-        *message = "--timeline: needs the driver in this process (--kernel inproc)";
+    if (kdev->count() > 0 && timeline->count() > 0) {
+        *message = "--timeline: needs the aov-kdev that aov-sim starts (drop --kdev)";
         return ParseOutcome::kError;
     }
     o.scenario_given = scenario->count() > 0;
