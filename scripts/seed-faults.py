@@ -8,7 +8,7 @@ with `git checkout`. Outcomes: caught (a test failed), hung (a test ran into
 the time limit and nothing else failed), missed (every test passed), invalid
 (the seeded tree does not build, so it says nothing about the tests).
 
-    python3 scripts/seed-faults.py SEEDS.json [--tests REGEX] [--timeout S]
+    python3 scripts/seed-faults.py SEEDS.json [--tests REGEX] [--timeout S] [--targets T...]
 
 SEEDS.json is a list of {"file": ..., "find": ..., "replace": ..., "note": ...}.
 Run it in a checkout of its own, configured with the debug preset: it edits
@@ -50,6 +50,8 @@ def main():
     parser.add_argument("seeds", type=pathlib.Path)
     parser.add_argument("--tests", default="", help="ctest -R regex (default: all)")
     parser.add_argument("--timeout", type=int, default=60, help="seconds per test")
+    parser.add_argument("--targets", nargs="*", default=[],
+                        help="build only these targets (default: all)")
     args = parser.parse_args()
 
     seeds = json.loads(args.seeds.read_text())
@@ -67,7 +69,8 @@ def main():
         else:
             path.write_text(text.replace(seed["find"], seed["replace"]))
             try:
-                build = run(["cmake", "--build", "--preset", "debug", "-j2"])
+                targets = ["--target"] + args.targets if args.targets else []
+                build = run(["cmake", "--build", "--preset", "debug", "-j2"] + targets)
                 if build.returncode != 0:
                     outcome, names = "invalid", ["does not build"]
                 else:
