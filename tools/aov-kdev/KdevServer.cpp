@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "ProcessMemory.h"
@@ -200,6 +201,7 @@ struct KdevServer::Ops {
             }
         }
         ProcessMemory memory(pid);
+        const auto began = std::chrono::steady_clock::now();
         const int result =
             server.driver_->serve(static_cast<int>(fi->fh), request, argument, memory);
         if (request == AOV_IOC_DEQUEUE_EVENT && result == -EAGAIN &&
@@ -210,6 +212,9 @@ struct KdevServer::Ops {
             server.parked_.push_back(req);
             fuse_req_interrupt_func(req, interrupted, &server);
             return;
+        }
+        if (aovsim::TimelineHooks* timeline = server.trace_->timeline()) {
+            timeline->requestServed(request, began, std::chrono::steady_clock::now(), result);
         }
         if (result < 0) {
             fuse_reply_err(req, -result);
@@ -262,7 +267,7 @@ struct KdevServer::Ops {
         // Keep the handle before looking, so that an event queued in between
         // is notified rather than missed.
         if (ph != nullptr) {
-            std::lock_guard<std::mutex> guard(server.poll_mutex_);
+            aov::MutexLock guard(server.poll_mutex_);
             if (server.poll_handle_ != nullptr) {
                 fuse_pollhandle_destroy(server.poll_handle_);
             }
@@ -400,7 +405,7 @@ std::string KdevServer::statusText() const {
 }
 
 void KdevServer::nodeReady() {
-    std::lock_guard<std::mutex> guard(poll_mutex_);
+    aov::MutexLock guard(poll_mutex_);
     if (poll_handle_ != nullptr) {
         fuse_lowlevel_notify_poll(poll_handle_);
     }

@@ -19,12 +19,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "AOVThreadSafety.h"
 #include "aovsim/SimDriver.h"
 #include "aovsim/Trace.h"
+#include "kelo_aov.h"
 
 struct fuse_session;
 struct fuse_pollhandle;
@@ -32,7 +33,7 @@ struct fuse_req;
 
 namespace aovkdev {
 
-constexpr const char* kNodeName = "kelo_aov";
+constexpr const char* kNodeName = AOV_DEVICE_NAME;
 constexpr const char* kStatusName = "status";
 
 // Failures of the server itself, for showing what a client sees of them.
@@ -94,8 +95,9 @@ class KdevServer {
     // Requests a driver bug leaves unanswered; answered with EIO at the end.
     std::vector<fuse_req*> parked_;
 
-    std::mutex poll_mutex_;
-    fuse_pollhandle* poll_handle_ = nullptr;  // the node's, kept to notify readiness
+    aov::Mutex poll_mutex_;
+    // The node's, kept to notify readiness.
+    fuse_pollhandle* poll_handle_ AOV_GUARDED_BY(poll_mutex_) = nullptr;
 };
 
 }  // namespace aovkdev
