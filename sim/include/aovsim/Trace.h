@@ -9,8 +9,8 @@
 #include <functional>
 #include <string>
 
-#include "aovsim/Format.h"
 #include "AOVThreadSafety.h"
+#include "aovsim/Format.h"
 #include "aovsim/TimelineHooks.h"
 
 namespace aovsim {
