@@ -33,7 +33,7 @@
 namespace {
 
 constexpr char kInProcessPath[] = "/dev/kelo_aov_inproc";
-constexpr char kFusePath[] = "/dev/kelo_aov";  // under AOV_DEV_DIR, the served node
+constexpr char kFusePath[] = AOV_DEVICE_NODE;  // under AOV_DEV_DIR, the served node
 
 // One driver per side; events only when a benchmark queues them. range(0):
 // 0 for header-only events, 1 for events with content in five areas.

@@ -11,13 +11,14 @@
 #     export_include_dirs go into CPPFLAGS;
 #   - version_script is skipped: it goes into LDFLAGS;
 #   - cpp_std is skipped and C++11 forced: CXXFLAGS becomes the module's cpp_std;
-#   - -Werror is dropped from cflags: it goes back into CFLAGS.
+#   - -Werror is dropped from cflags: it goes back into CFLAGS;
+#   - the compiler is clang, as Soong's is (cflags hold clang-only warnings).
 # Usage: check-android-bp.sh [cmake-build-dir] (default build/debug, built)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 cmake_build=${1:-build/debug}
 
-bash scripts/install-deps.sh blueprint-tools mini-soong make
+bash scripts/install-deps.sh blueprint-tools mini-soong make clang
 
 if ! bpfmt -d Android.bp >/dev/null || [ -n "$(bpfmt -d Android.bp)" ]; then
   echo "Android.bp: not as bpfmt formats it:" >&2
@@ -65,7 +66,7 @@ for dir in hw platform tests tools; do
 done
 (cd "$out" && mini-soong Android.bp Makefile 2>mini-soong.log)
 
-make_vars=(CC=c++
+make_vars=(CC=clang++
            "CPPFLAGS=$(printf -- '-I%s ' $headers_dirs)"
            "CFLAGS=-Werror -fPIC"
            "CXXFLAGS=-std=$cpp_std"

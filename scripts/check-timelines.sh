@@ -1,14 +1,17 @@
 #!/usr/bin/env bash
-# Builds aov-sim (debug preset), records the timeline of the default scenario
-# and of one with a failed dequeue, and checks both against their summaries.
+# Builds aov-sim and aov-kdev (debug preset), records the timeline of the
+# default scenario, of one with a failed dequeue and, as root with /dev/fuse,
+# of the default scenario with the driver in aov-kdev, and checks each against
+# its summary. The timelines stay in build/debug/timelines.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cmake --preset debug >/dev/null
-cmake --build --preset debug -j2 --target aov-sim
+cmake --build --preset debug -j2 --target aov-sim aov-kdev
 sim=build/debug/tools/aov-sim/aov-sim
 out=build/debug/timelines
 mkdir -p "$out"
+rm -f "$out"/*.json
 "$sim" --print-scenario |
   python3 -c 'import json, sys; d = json.load(sys.stdin); d["failures"] = {"dequeue": [2]}; print(json.dumps(d))' \
     >"$out/dequeue-failure-scenario.json"
@@ -28,3 +31,8 @@ check() {
 
 check default --events 5
 check dequeue-failure -s "$out/dequeue-failure-scenario.json" --events 5
+if [[ $(id -u) -eq 0 && -c /dev/fuse ]]; then
+  check fuse --kernel fuse --events 5
+else
+  echo "check-timelines: skipped the fuse timeline (needs root and /dev/fuse)"
+fi

@@ -71,7 +71,7 @@ EpollEventMonitor::EpollEventMonitor(int verbosity, BackoffPolicy backoff, Progr
 
 EpollEventMonitor::~EpollEventMonitor() {
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         stopping_ = true;
     }
     const uint64_t one = 1;
@@ -91,7 +91,7 @@ int EpollEventMonitor::addObserver(EventObserver* observer, int fd) {
     if (watched < 0) {
         return -EBADF;
     }
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     for (const auto& entry : watches_) {
         if (entry.second.observer == observer) {
             return -EEXIST;
@@ -109,7 +109,7 @@ int EpollEventMonitor::addObserver(EventObserver* observer, int fd) {
 }
 
 int EpollEventMonitor::removeObserver(EventObserver* observer, int fd) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    aov::MutexLock lock(mutex_);
     auto it = watches_.begin();
     while (it != watches_.end() &&
            !(it->second.observer == observer && (fd == -1 || it->second.fd == fd))) {
@@ -125,18 +125,20 @@ int EpollEventMonitor::removeObserver(EventObserver* observer, int fd) {
     // A notification already running finishes before the caller may tear the
     // observer down; from inside that notification there is nothing to wait for.
     if (std::this_thread::get_id() != thread_.get_id()) {
-        idle_.wait(lock, [this, observer] { return busy_ != observer; });
+        while (busy_ == observer) {
+            lock.wait(idle_);
+        }
     }
     return 0;
 }
 
 uint64_t EpollEventMonitor::notifications() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return stats_.notifications;
 }
 
 MonitorStats EpollEventMonitor::stats() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return stats_;
 }
 
@@ -212,7 +214,7 @@ void EpollEventMonitor::run() {
             timeline_->monitorWoke(current_.woke);
         }
         {
-            std::lock_guard<std::mutex> guard(mutex_);
+            aov::MutexLock guard(mutex_);
             ++stats_.wakeups;
         }
         for (int i = 0; i < count; ++i) {
@@ -222,7 +224,7 @@ void EpollEventMonitor::run() {
             EventObserver* observer = nullptr;
             int fd = -1;
             {
-                std::lock_guard<std::mutex> guard(mutex_);
+                aov::MutexLock guard(mutex_);
                 if (stopping_) {
                     return;
                 }
@@ -244,13 +246,13 @@ void EpollEventMonitor::run() {
             // The descriptor stays open while busy_ holds its observer.
             const bool stillSignalled = signalled(fd);
             {
-                std::lock_guard<std::mutex> guard(mutex_);
+                aov::MutexLock guard(mutex_);
                 busy_ = nullptr;
                 afterNotification(key, stillSignalled, progressed);
             }
             idle_.notify_all();
         }
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         if (stopping_) {
             return;
         }

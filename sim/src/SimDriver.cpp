@@ -107,7 +107,7 @@ SimDriver::SimDriver(std::string path, const DriverConfig& params, const FaultCo
 
 SimDriver::~SimDriver() {
     {
-        std::lock_guard<std::mutex> control(control_mutex_);
+        aov::MutexLock control(control_mutex_);
         timer_.stop();
     }
     if (event_fd_ >= 0) {
@@ -142,7 +142,7 @@ int SimDriver::fail(int result, const char* fmt, ...) {
     const std::string what = vformat(fmt, args);
     va_end(args);
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         ++stats_.failed_requests;
     }
     trace_->refusal(kKern, "%s -> %d", what.c_str(), result);
@@ -150,7 +150,7 @@ int SimDriver::fail(int result, const char* fmt, ...) {
 }
 
 int SimDriver::open(int flags) {
-    std::lock_guard<std::mutex> control(control_mutex_);
+    aov::MutexLock control(control_mutex_);
     const char* access = (flags & O_ACCMODE) == O_RDWR     ? "O_RDWR"
                          : (flags & O_ACCMODE) == O_WRONLY ? "O_WRONLY"
                                                            : "O_RDONLY";
@@ -159,7 +159,7 @@ int SimDriver::open(int flags) {
                         -ENODEV);
         return -ENODEV;
     }
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (event_fd_ >= 0) {
         trace_->refusal(kKern, "open %s (%s): the node is exclusive and already open -> %d",
                         path_.c_str(), access, -EBUSY);
@@ -176,9 +176,9 @@ int SimDriver::open(int flags) {
 }
 
 int SimDriver::close(int fd) {
-    std::lock_guard<std::mutex> control(control_mutex_);
+    aov::MutexLock control(control_mutex_);
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         if (fd < 0 || fd != event_fd_) {
             trace_->refusal(kKern, "close fd %d: not a descriptor of %s -> %d", fd, path_.c_str(),
                             -EBADF);
@@ -186,8 +186,12 @@ int SimDriver::close(int fd) {
         }
     }
     // Releasing the node ends a session that is still running.
-    stop(false);
-    std::lock_guard<std::mutex> guard(mutex_);
+    if (has(bugs_, DriverBug::kKeepSessionOnClose)) {
+        trace_->recordf(kKern, "release: the session is left running (driver bug)");
+    } else {
+        stop(false);
+    }
+    aov::MutexLock guard(mutex_);
     ::close(event_fd_);
     event_fd_ = -1;
     trace_->recordf(kKern, "close fd %d -> 0", fd);
@@ -210,9 +214,25 @@ int SimDriver::ioctl(int fd, unsigned int request, void* arg) {
     return result;
 }
 
+unsigned int SimDriver::servedAs(unsigned int request) const {
+    if (requestName(request) != nullptr || !has(bugs_, DriverBug::kAcceptWrongSize) ||
+        _IOC_TYPE(request) != 'H') {
+        return request;
+    }
+    static const unsigned int kKnown[] = {
+        AOV_IOC_START, AOV_IOC_SENSOR_ON,  AOV_IOC_SENSOR_OFF, AOV_IOC_DEQUEUE_EVENT,
+        AOV_IOC_STOP,  AOV_IOC_ULPOSC3_ON, AOV_IOC_ULPOSC3_OFF};
+    for (unsigned int known : kKnown) {
+        if (_IOC_NR(known) == _IOC_NR(request)) {
+            return known;
+        }
+    }
+    return request;
+}
+
 int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& user) {
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         ++stats_.requests;
         if (fd < 0 || fd != event_fd_) {
             ++stats_.failed_requests;
@@ -221,7 +241,12 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
             return -EBADF;
         }
     }
+    request = servedAs(request);
     const char* name = requestName(request);
+    if (name == nullptr && has(bugs_, DriverBug::kAcceptUnknownCode)) {
+        trace_->recordf(kKern, "ioctl 0x%08x: unknown request -> 0 (driver bug)", request);
+        return 0;
+    }
     if (name == nullptr) {
         return fail(-ENOTTY, "ioctl 0x%08x (type 0x%02x, nr %u, %s, %u bytes): unknown request",
                     request, _IOC_TYPE(request), _IOC_NR(request), directionOf(request),
@@ -233,12 +258,12 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
     int result = 0;
     switch (request) {
         case AOV_IOC_START: {
-            std::lock_guard<std::mutex> control(control_mutex_);
+            aov::MutexLock control(control_mutex_);
             result = start(record);
             break;
         }
         case AOV_IOC_STOP: {
-            std::lock_guard<std::mutex> control(control_mutex_);
+            aov::MutexLock control(control_mutex_);
             result = stop(true);
             break;
         }
@@ -251,7 +276,7 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
             break;
         case AOV_IOC_ULPOSC3_ON:
         case AOV_IOC_ULPOSC3_OFF: {
-            std::lock_guard<std::mutex> guard(mutex_);
+            aov::MutexLock guard(mutex_);
             ulposc3_on_ = request == AOV_IOC_ULPOSC3_ON;
             trace_->recordf(kKern, "%s -> 0", headerOf(name, request).c_str());
             break;
@@ -261,7 +286,7 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
 }
 
 void SimDriver::setReadyListener(std::function<void()> listener) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     ready_listener_ = std::move(listener);
 }
 
@@ -285,7 +310,7 @@ int SimDriver::start(const uint8_t* record) {
         wordAt(record, AOV_START_SENSOR_IDX));
 
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         if (started_) {
             ++stats_.failed_requests;
             trace_->refusal(kKern, "%s: a session is already running -> %d", decoded.c_str(),
@@ -294,7 +319,7 @@ int SimDriver::start(const uint8_t* record) {
         }
     }
     if (faults_.start_error != 0) {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         ++stats_.failed_requests;
         trace_->recordf(kKern, "%s -> %d (injected failure)", decoded.c_str(), faults_.start_error);
         return faults_.start_error;
@@ -304,13 +329,22 @@ int SimDriver::start(const uint8_t* record) {
                     kMaxFrameRate);
     }
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         started_ = true;
         session_ = session;
         sequence_ = 0;
         next_scripted_ = 0;
         pending_.clear();
         trace_->recordf(kKern, "%s -> 0", decoded.c_str());
+    }
+    bool timerRunning = false;
+    {
+        aov::MutexLock guard(mutex_);
+        timerRunning = timer_after_stop_;
+        timer_after_stop_ = false;
+    }
+    if (timerRunning) {
+        timer_.stop();
     }
     if (params_.timer) {
         timer_.start(session.frame_rate);
@@ -322,7 +356,7 @@ int SimDriver::stop(bool byRequest) {
     uint64_t discarded = 0;
     bool wasStarted = false;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         wasStarted = started_;
         started_ = false;
         discarded = pending_.size();
@@ -333,7 +367,15 @@ int SimDriver::stop(bool byRequest) {
             depthChangedLocked(discarded);
         }
     }
-    timer_.stop();
+    const bool keepTimer = byRequest && has(bugs_, DriverBug::kEventsAfterStop) && wasStarted;
+    if (keepTimer) {
+        aov::MutexLock guard(mutex_);
+        timer_after_stop_ = true;
+    } else {
+        timer_.stop();
+        aov::MutexLock guard(mutex_);
+        timer_after_stop_ = false;
+    }
     const std::string what = byRequest ? headerOf("STOP", AOV_IOC_STOP) : "release";
     if (wasStarted) {
         trace_->recordf(kKern, "%s -> 0 (session ended, %llu pending events discarded)",
@@ -350,7 +392,7 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
     const char* name = requestName(request);
     uint32_t call;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         call = ++sensor_list_calls_;
     }
     if (list.count < 1 || list.count > static_cast<uint32_t>(AOV_MAX_SENSORS_PER_REQUEST)) {
@@ -363,7 +405,7 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
     }
     const std::string decoded =
         format("%s count=%u ids=[%s]", headerOf(name, request).c_str(), list.count, ids.c_str());
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (faults_.sensor_list_calls.count(call)) {
         ++stats_.failed_requests;
         trace_->recordf(kKern, "%s -> %d (injected failure of sensor-list request %u)",
@@ -387,7 +429,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     std::memcpy(&query, record, sizeof(query));
     const std::string head = headerOf("DEQUEUE_EVENT", AOV_IOC_DEQUEUE_EVENT);
 
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const uint32_t call = ++dequeue_calls_;
     if (!started_) {
         ++stats_.failed_requests;
@@ -430,7 +472,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
         return -EFAULT;
     }
     pending_.pop_front();
-    if (pending_.empty()) {
+    if (pending_.empty() && !has(bugs_, DriverBug::kReadableAfterDrain)) {
         unsignalLocked();
     }
     depthChangedLocked(0);
@@ -447,9 +489,15 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     for (int s = 0; s < sections; ++s) {
         const aov_section_desc& section = aov_event_sections[s];
         const auto number = static_cast<uint32_t>(s + 1);
-        if (user.write(areaAddressOf(query, section), section.data_size, [&](uint8_t* bytes) {
-                writeSectionContent(bytes, section.data_size, seq, number);
+        // With kOverrunArea, section 2's area gets 64 bytes more than it holds.
+        const uint32_t length =
+            section.data_size + (s == 1 && has(bugs_, DriverBug::kOverrunArea) ? 64u : 0u);
+        if (user.write(areaAddressOf(query, section), length, [&](uint8_t* bytes) {
+                writeSectionContent(bytes, length, seq, number);
             }) != 0) {
+            if (has(bugs_, DriverBug::kIgnoreAreaFault)) {
+                continue;
+            }
             return areaFault(s + 1, head);
         }
         infoWordOf(query, section, 0) = section.data_size;
@@ -514,7 +562,7 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
         return -EFAULT;
     }
     pending_.pop_front();
-    if (pending_.empty()) {
+    if (pending_.empty() && !has(bugs_, DriverBug::kReadableAfterDrain)) {
         unsignalLocked();
     }
     depthChangedLocked(0);
@@ -536,8 +584,8 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
 }
 
 void SimDriver::produceEvent() {
-    std::lock_guard<std::mutex> guard(mutex_);
-    if (!started_) {
+    aov::MutexLock guard(mutex_);
+    if (!started_ && !timer_after_stop_) {
         return;
     }
     const uint32_t seq = ++sequence_;
@@ -594,17 +642,17 @@ void SimDriver::unsignalLocked() {
 }
 
 DriverStats SimDriver::stats() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return stats_;
 }
 
 DequeueMark SimDriver::lastDequeue() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return last_;
 }
 
 bool SimDriver::started() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return started_;
 }
 

@@ -51,7 +51,7 @@ SimPlatform::SensorState* SimPlatform::sensorByCamera(uint32_t cameraId) {
 }
 
 PlatformSnapshot SimPlatform::snapshot() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     PlatformSnapshot snap;
     for (const SensorState& sensor : sensors_) {
         snap.open_devices += sensor.open_refs > 0 ? 1 : 0;
@@ -73,21 +73,21 @@ PlatformSnapshot SimPlatform::snapshot() const {
 // Sensor list.
 
 int32_t SimPlatform::sensorCount() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const auto count = static_cast<int32_t>(sensors_.size());
     trace_->recordf(kPlat, "queryNumberOfSensors() -> %d", count);
     return count;
 }
 
 uint32_t SimPlatform::searchSensors() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const auto count = static_cast<uint32_t>(sensors_.size());
     trace_->recordf(kPlat, "searchSensors() -> %u", count);
     return count;
 }
 
 int32_t SimPlatform::sensorIdAt(uint32_t index) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (index >= sensors_.size()) {
         trace_->refusal(kPlat, "querySensorId(%u): no sensor at that index", index);
         return -1;
@@ -97,7 +97,7 @@ int32_t SimPlatform::sensorIdAt(uint32_t index) {
 }
 
 int32_t SimPlatform::deviceOf(int32_t sensorId) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const SensorState* sensor = sensorById(sensorId);
     if (sensor == nullptr) {
         trace_->refusal(kPlat, "querySensorDevIdx(%d): unknown sensor id", sensorId);
@@ -108,7 +108,7 @@ int32_t SimPlatform::deviceOf(int32_t sensorId) {
 }
 
 int32_t SimPlatform::facingOf(int32_t sensorId) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const SensorState* sensor = sensorById(sensorId);
     if (sensor == nullptr) {
         trace_->refusal(kPlat, "queryFacingDirection(%d): unknown sensor id", sensorId);
@@ -119,7 +119,7 @@ int32_t SimPlatform::facingOf(int32_t sensorId) {
 }
 
 void SimPlatform::fillStaticInfo(uint32_t device, NSCam::SensorStaticInfo* info) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const SensorState* found = nullptr;
     for (const SensorState& sensor : sensors_) {
         if (static_cast<uint32_t>(sensor.config.device) == device) {
@@ -155,7 +155,7 @@ void SimPlatform::fillStaticInfo(uint32_t device, NSCam::SensorStaticInfo* info)
 }
 
 NSCam::IHalSensor* SimPlatform::openDevice(const char* caller, uint32_t sensorId) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     SensorState* sensor = sensorById(static_cast<int32_t>(sensorId));
     if (caller == nullptr || sensor == nullptr) {
         trace_->refusal(kPlat, "openSensorDevice(%s, %u): %s", callerOf(caller), sensorId,
@@ -196,7 +196,7 @@ bool SimPlatform::deviceCallValid(const SensorState* sensor, const char* op, con
 }
 
 void SimPlatform::releaseDevice(int32_t sensorId, const char* caller) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     SensorState* sensor = sensorById(sensorId);
     if (sensor->open_refs == 0) {
         trace_->refusal(kPlat, "releaseSensorDevice(%s) on sensor %d: not open", callerOf(caller),
@@ -210,7 +210,7 @@ void SimPlatform::releaseDevice(int32_t sensorId, const char* caller) {
 }
 
 bool SimPlatform::switchMclk(int32_t sensorId, const char* caller, const int32_t* target) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     SensorState* sensor = sensorById(sensorId);
     if (!deviceCallValid(sensor, "switchMclkToUlposc", target, 1)) {
         return false;
@@ -232,7 +232,7 @@ bool SimPlatform::switchMclk(int32_t sensorId, const char* caller, const int32_t
 }
 
 bool SimPlatform::restoreMclk(int32_t sensorId, const char* caller, const int32_t* target) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     SensorState* sensor = sensorById(sensorId);
     if (!deviceCallValid(sensor, "restoreMclk", target, 1)) {
         return false;
@@ -249,7 +249,7 @@ bool SimPlatform::restoreMclk(int32_t sensorId, const char* caller, const int32_
 
 bool SimPlatform::powerOn(int32_t sensorId, const char* caller, uint32_t count,
                           const int32_t* ids) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     SensorState* sensor = sensorById(sensorId);
     if (!deviceCallValid(sensor, "powerOnSensor", ids, count)) {
         return false;
@@ -272,7 +272,7 @@ bool SimPlatform::powerOn(int32_t sensorId, const char* caller, uint32_t count,
 
 bool SimPlatform::powerOff(int32_t sensorId, const char* caller, uint32_t count,
                            const int32_t* ids) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     SensorState* sensor = sensorById(sensorId);
     if (!deviceCallValid(sensor, "powerOffSensor", ids, count)) {
         return false;
@@ -326,7 +326,7 @@ int SimPlatform::frameInfo(int width, int height, int selector, uint32_t (&out)[
 // Coordinator and agents.
 
 uint64_t SimPlatform::createAgent(const coord::AgentParams& params) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (!params.isConfigComplete || params.p1Configs.empty()) {
         trace_->refusal(kPlat, "createAgent: %s",
                         params.p1Configs.empty() ? "no P1 configuration"
@@ -367,7 +367,7 @@ uint64_t SimPlatform::createAgent(const coord::AgentParams& params) {
 }
 
 void SimPlatform::destroyAgent(uint64_t agentId) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     auto it = agents_.find(agentId);
     if (it == agents_.end()) {
         trace_->refusal(kPlat, "destroyAgent(%llu): no such agent",
@@ -381,7 +381,7 @@ void SimPlatform::destroyAgent(uint64_t agentId) {
 }
 
 bool SimPlatform::agentExists(uint64_t agentId) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     const bool exists = agents_.count(agentId) != 0;
     if (exists) {
         trace_->recordf(kPlat, "getAgent(%llu) -> agent", static_cast<unsigned long long>(agentId));
@@ -393,7 +393,7 @@ bool SimPlatform::agentExists(uint64_t agentId) {
 }
 
 int SimPlatform::configSensor(uint64_t agentId, const coord::ConfigSensorParams* params) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     auto it = agents_.find(agentId);
     if (it == agents_.end() || params == nullptr) {
         trace_->refusal(kPlat, "configSensor on agent %llu: %s",
@@ -422,7 +422,7 @@ int SimPlatform::configSensor(uint64_t agentId, const coord::ConfigSensorParams*
 }
 
 int SimPlatform::configP1(uint64_t agentId) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     auto it = agents_.find(agentId);
     if (it == agents_.end() || it->second.configured.empty()) {
         trace_->refusal(kPlat, "configNonLaggingP1Drv on agent %llu: %s",
@@ -440,7 +440,7 @@ int SimPlatform::configP1(uint64_t agentId) {
 }
 
 void SimPlatform::detachSensor(uint64_t agentId, const int32_t* sensorId) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     auto it = agents_.find(agentId);
     if (it == agents_.end() || sensorId == nullptr) {
         trace_->refusal(kPlat, "detachSensor on agent %llu: %s",
@@ -462,13 +462,13 @@ void SimPlatform::detachSensor(uint64_t agentId, const int32_t* sensorId) {
 // Pipe manager, factory and pipes.
 
 void SimPlatform::pipeFactoryHandedOut() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     ++pipe_mgr_users_;
     trace_->recordf(kPlat, "getSensorPipeFactory() -> factory");
 }
 
 int SimPlatform::pipeMgrUninit() {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (pipe_mgr_users_ == 0) {
         trace_->refusal(kPlat, "uninit(): the pipe manager has no user");
         return -EINVAL;
@@ -480,7 +480,7 @@ int SimPlatform::pipeMgrUninit() {
 
 uint32_t SimPlatform::createPipe(uint32_t cameraId, int32_t pipeType, int32_t sharedPipeId,
                                  int32_t flags) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (pipeType != kSensorPipeType) {
         trace_->refusal(kPlat, "createPipe(camera %u, type %d): not a sensor pipe type", cameraId,
                         pipeType);
@@ -510,7 +510,7 @@ uint32_t SimPlatform::createPipe(uint32_t cameraId, int32_t pipeType, int32_t sh
 }
 
 int SimPlatform::destroyPipe(uint32_t pipeId, int32_t pipeType) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     auto it = pipes_.find(pipeId);
     if (it == pipes_.end() || pipeType != kSensorPipeType) {
         trace_->refusal(kPlat, "destroyPipe(%u, type %d): %s", pipeId, pipeType,
@@ -527,7 +527,7 @@ int SimPlatform::destroyPipe(uint32_t pipeId, int32_t pipeType) {
 }
 
 int SimPlatform::startPipe(uint32_t pipeId, int mode) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     auto it = pipes_.find(pipeId);
     if (it == pipes_.end()) {
         trace_->refusal(kPlat, "startPipe(%d) on pipe %u: the pipe was never created or is gone",
@@ -561,7 +561,7 @@ int SimPlatform::startPipe(uint32_t pipeId, int mode) {
 }
 
 int SimPlatform::stopPipe(uint32_t pipeId, int mode) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     auto it = pipes_.find(pipeId);
     if (it == pipes_.end() || !it->second.started) {
         trace_->refusal(kPlat, "stopPipe(%d) on pipe %u: %s", mode, pipeId,

@@ -1,8 +1,5 @@
 #include "aovsim/Trace.h"
 
-#include <cstdio>
-#include <vector>
-
 namespace aovsim {
 
 const char* traceSourceTag(TraceSource source) {
@@ -21,29 +18,8 @@ const char* traceSourceTag(TraceSource source) {
     return "?   ";
 }
 
-std::string vformat(const char* format, va_list args) {
-    va_list copy;
-    va_copy(copy, args);
-    const int needed = std::vsnprintf(nullptr, 0, format, copy);
-    va_end(copy);
-    if (needed <= 0) {
-        return std::string();
-    }
-    std::vector<char> text(static_cast<size_t>(needed) + 1);
-    std::vsnprintf(text.data(), text.size(), format, args);
-    return std::string(text.data(), static_cast<size_t>(needed));
-}
-
-std::string format(const char* format, ...) {
-    va_list args;
-    va_start(args, format);
-    std::string text = vformat(format, args);
-    va_end(args);
-    return text;
-}
-
 void Trace::setSink(Sink sink) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     sink_ = std::move(sink);
 }
 
@@ -65,20 +41,20 @@ void Trace::refusal(TraceSource source, const char* format, ...) {
     std::string line = "REFUSED " + vformat(format, args);
     va_end(args);
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         ++refusals_;
     }
     emit(source, line);
 }
 
 uint64_t Trace::refusals() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     return refusals_;
 }
 
 void Trace::emit(TraceSource source, const std::string& line) {
     // The sink runs under the lock so that lines from different threads never interleave.
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (sink_) {
         sink_(source, line);
     }

@@ -4,10 +4,12 @@
 #include <gmock/gmock.h>
 
 #include <condition_variable>
+#include <cstdio>
 #include <cstdlib>
 #include <mutex>
 #include <new>
 
+#include "BoundedWait.h"
 #include "DeviceTestSupport.h"
 
 namespace {
@@ -38,7 +40,11 @@ void* operator new[](size_t size) {
 void* operator new(size_t size, const std::nothrow_t&) noexcept {
     if (size == kEventBufferSize) {
         std::unique_lock<std::mutex> lock(gGateMutex);
-        gGateOpened.wait(lock, [] { return !gGateClosed; });
+        if (!gGateOpened.wait_for(lock, aovtest::kWaitLimit, [] { return !gGateClosed; })) {
+            std::fprintf(stderr, "the event buffer's allocation waited %lld s for its gate\n",
+                         static_cast<long long>(aovtest::kWaitLimit.count()));
+            std::abort();
+        }
     }
     return allocate(size);
 }

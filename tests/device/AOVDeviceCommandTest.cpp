@@ -8,6 +8,7 @@
 #include <cstring>
 #include <string>
 
+#include "BoundedWait.h"
 #include "DevControl.h"
 #include "DeviceTestSupport.h"
 
@@ -204,9 +205,10 @@ TEST_F(AOVDeviceCommandTest, BuffersThatAreNeverStoppedAreLeftAllocated) {
         // A second start replaces the buffer; until its task stores the new
         // one, events still land in the first, which is never freed.
         aov_event* second = d.start();
-        while (second == first) {
-            second = d.deliver();
-        }
+        EXPECT_TRUE(retryUntil([&] {
+            second = second == first ? d.deliver() : second;
+            return second != first;
+        })) << "the second start's buffer never reached the callback";
         ignoreLeak(first);
         // Destruction without a stop leaves the second one as well.
         ignoreLeak(second);

@@ -11,8 +11,8 @@
 #include <cstring>
 #include <iterator>
 #include <mutex>
-#include <thread>
 
+#include "BoundedWait.h"
 #include "DeviceTestSupport.h"
 #include "PlatformMocks.h"
 
@@ -211,7 +211,7 @@ TEST_F(AOVDeviceEventTest, DeliveryTracesFollowTheDebugSwitchAndTheVerbosity) {
 class MonitorThread {
   public:
     MonitorThread(AOVDevice& device, int fd)
-        : device_(device), fd_(fd), thread_([this] { run(); }) {}
+        : device_(device), fd_(fd), thread_("the monitor thread", [this] { run(); }) {}
     ~MonitorThread() {
         quit_.store(true, std::memory_order_release);
         signal();
@@ -232,13 +232,18 @@ class MonitorThread {
         }
         signal();
     }
-    void waitAllHandled() {
+    ::testing::AssertionResult waitAllHandled() {
         std::unique_lock<std::mutex> lock(mutex_);
-        handled_cv_.wait(lock, [&] { return handled_ >= raised_; });
+        if (handled_cv_.wait_for(lock, kWaitLimit, [&] { return handled_ >= raised_; })) {
+            return ::testing::AssertionSuccess();
+        }
+        return ::testing::AssertionFailure()
+               << "only " << handled_ << " of " << raised_ << " signals handled within "
+               << kWaitLimit.count() << " s";
     }
-    void signalAndWait() {
+    ::testing::AssertionResult signalAndWait() {
         signalAsync();
-        waitAllHandled();
+        return waitAllHandled();
     }
 
   private:
@@ -269,7 +274,7 @@ class MonitorThread {
     std::condition_variable handled_cv_;
     uint64_t raised_ = 0;
     uint64_t handled_ = 0;
-    std::thread thread_;
+    BoundedThread thread_;
 };
 
 TEST_F(AOVDeviceThreadTest, MonitorDeliversWhileTheDeviceStartsAndStops) {
@@ -302,13 +307,14 @@ TEST_F(AOVDeviceThreadTest, MonitorDeliversWhileTheDeviceStartsAndStops) {
             ASSERT_EQ(0, device.startDevice(param));
             const int before = deliveredSoFar();
             // Until the buffer is ready, notifications end in "event_ is nullptr".
-            do {
-                monitor.signalAndWait();
-            } while (deliveredSoFar() == before);
+            ASSERT_TRUE(retryUntil([&] {
+                return monitor.signalAndWait() && deliveredSoFar() != before;
+            })) << "no event delivered within "
+                << kWaitLimit.count() << " s of start " << cycle + 1;
             ASSERT_EQ(0, device.stopDevice());
 
             const int stopped = deliveredSoFar();
-            monitor.signalAndWait();
+            ASSERT_TRUE(monitor.signalAndWait());
             EXPECT_EQ(stopped, deliveredSoFar());
         }
     }

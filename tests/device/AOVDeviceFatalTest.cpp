@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstdio>
 
+#include "BoundedWait.h"
 #include "DeviceTestSupport.h"
 
 namespace aovtest {
@@ -59,8 +60,13 @@ bool threadCreationCanBeFailed() {
         ::_exit(failed ? 0 : 1);
     }
     int status = 0;
-    return child > 0 && ::waitpid(child, &status, 0) == child && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
+    if (child > 0 && !aovtest::exitedWithin(child, &status)) {
+        ADD_FAILURE() << "the child that tries a thread under the filter did not end within "
+                      << aovtest::kWaitLimit.count() << " s";
+        aovtest::killed(child);
+        return false;
+    }
+    return child > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
 // Writes the debug-print channel to standard error, where a death test reads

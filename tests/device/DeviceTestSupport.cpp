@@ -1,7 +1,8 @@
 #include "DeviceTestSupport.h"
 
 #include <cstring>
-#include <thread>
+
+#include "BoundedWait.h"
 
 // GCC says AddressSanitizer with a macro, clang with a feature test.
 #if defined(__has_feature)
@@ -73,11 +74,13 @@ ProbedDevice::ProbedDevice() {
 
 aov_event* ProbedDevice::deliver() {
     const int before = calls;
-    while (calls == before) {
+    const bool delivered = retryUntil([&] {
         device.notifyEvent(0, 0);
-        if (calls == before) {
-            std::this_thread::yield();
-        }
+        return calls != before;
+    });
+    if (!delivered) {
+        ADD_FAILURE() << "no event delivered within " << kWaitLimit.count()
+                      << " s: the event buffer was not stored";
     }
     return last;
 }

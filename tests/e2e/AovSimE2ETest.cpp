@@ -4,10 +4,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sched.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -18,14 +16,16 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <map>
+#include <nlohmann/json.hpp>
 #include <ostream>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "KdevLauncher.h"
 #include "ProcessRun.h"
-
-extern char** environ;
 
 namespace {
 
@@ -263,6 +263,58 @@ TEST_P(Kernel, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
     expectCleanShutdown(run);
 }
 
+// The timeline of a session, with the driver in either place: every track
+// named, the driver's timer drawn as slices, and each delivered event's flow
+// starting on its driver signal (aov-kdev's own, merged, for fuse).
+TEST_P(Kernel, TheTimelineNamesEveryTrackAndFlowsFromEachSignalToItsCallback) {
+    const std::string path = ::testing::TempDir() + "aovsim_timeline_" + GetParam() + ".json";
+    const RunResult run = this->run({"--events", "3", "--timeline", path});
+    ASSERT_EQ(run.exit_code, 0) << run.output;
+    std::ifstream in(path);
+    const nlohmann::json doc = nlohmann::json::parse(in, nullptr, false);
+    ASSERT_TRUE(doc.is_object()) << "the timeline is not JSON";
+    std::map<std::pair<int, int>, std::string> threads;
+    std::set<int> processes;
+    for (const nlohmann::json& e : doc["traceEvents"]) {
+        if (e["name"] == "thread_name") {
+            threads[{e["pid"].get<int>(), e["tid"].get<int>()}] = e["args"]["name"];
+        } else if (e["name"] == "process_name") {
+            processes.insert(e["pid"].get<int>());
+        }
+    }
+    const bool fuse = std::string(GetParam()) == "fuse";
+    const std::string timer = fuse ? "driver timer (aov-kdev)" : "driver timer";
+    size_t callbacks = 0;
+    std::set<std::string> started, finished;
+    for (const nlohmann::json& e : doc["traceEvents"]) {
+        if (e["ph"] == "M" || e["ph"] == "C") {
+            continue;
+        }
+        const auto thread = threads.find({e["pid"].get<int>(), e["tid"].get<int>()});
+        ASSERT_NE(thread, threads.end()) << "unnamed thread of " << e.dump();
+        EXPECT_EQ(processes.count(e["pid"].get<int>()), 1u) << e.dump();
+        const std::string name = e["name"];
+        if (name.rfind("signal #", 0) == 0) {
+            EXPECT_EQ(e["ph"], "X") << e.dump();
+            EXPECT_EQ(thread->second, timer);
+            if (e.contains("bind_id")) {
+                started.insert(e["bind_id"].get<std::string>());
+            }
+        }
+        if (name.rfind("callback #", 0) == 0) {
+            ++callbacks;
+            if (e.contains("bind_id")) {
+                finished.insert(e["bind_id"].get<std::string>());
+            }
+        }
+    }
+    EXPECT_EQ(processes.size(), fuse ? 2u : 1u);
+    EXPECT_EQ(callbacks, numberAfter(run, "summary: events delivered "));
+    EXPECT_GE(started.size(), 1u);
+    EXPECT_EQ(started, finished);
+    std::remove(path.c_str());
+}
+
 TEST_P(Kernel, InjectedDriverFailuresGiveTheLibraryErrorsAndTheSessionGoesOn) {
     std::string ids;
     for (int i = 1; i <= 70; ++i) {
@@ -434,10 +486,7 @@ class UserStartedServer : public ::testing::Test {
         dir_ = dir;
     }
     void TearDown() override {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGKILL);
-            ::waitpid(pid_, nullptr, 0);
-        }
+        server_.kill();
         if (!dir_.empty()) {
             ::umount2(dir_.c_str(), MNT_DETACH);
             ::rmdir(dir_.c_str());
@@ -445,40 +494,24 @@ class UserStartedServer : public ::testing::Test {
     }
     // Starts aov-kdev with `extra` options and waits until it serves.
     void start(std::vector<std::string> extra) {
-        int ready[2];
-        ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-        std::vector<std::string> args = {AOV_KDEV_PATH, "--mount", dir_,
-                                         "--ready-fd",  "3",       "--quiet"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        std::vector<char*> argv;
-        for (std::string& arg : args) {
-            argv.push_back(arg.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, ready[1], 3);
-        ASSERT_EQ(::posix_spawn(&pid_, AOV_KDEV_PATH, &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(ready[1]);
-        char line[8] = {};
-        const ssize_t got = ::read(ready[0], line, sizeof(line) - 1);
-        ::close(ready[0]);
-        ASSERT_GT(got, 0) << "aov-kdev did not come up";
+        extra.insert(extra.begin(), "--quiet");
+        std::string problem;
+        ASSERT_TRUE(server_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
     }
     std::string dir_;
-    pid_t pid_ = -1;
+    aovsimtool::KdevLauncher server_;
 };
 
 TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWithoutAHang) {
-    start({"--die-at-dequeue", "2"});
+    ASSERT_NO_FATAL_FAILURE(start({"--die-at-dequeue", "2"}));
     const RunResult run =
         runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3", "--timeout", "3"});
     EXPECT_EQ(run.exit_code, 1) << run.output;
     int status = 0;
-    ASSERT_EQ(::waitpid(pid_, &status, 0), pid_);
-    pid_ = -1;
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+    ASSERT_TRUE(server_.waitExit(aovsimtool::KdevLauncher::kStopTimeoutMs, &status))
+        << "aov-kdev did not end after its dequeue fault";
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
+        << aovsimtool::KdevLauncher::exitText(status);
 
     // One event got through; every request after the death fails with the
     // connection's error, and the stop still runs to the end.
@@ -494,7 +527,7 @@ TEST_F(UserStartedServer, ItsDeathMidSessionGivesLibraryErrorsAndAClearMessageWi
 
 TEST_F(UserStartedServer, AnAnswerTheKernelRefusesCostsOneEventAndTheSessionGoesOn) {
     // The second dequeue is answered with more bytes than its code allows.
-    start({"--overlong-reply-at-dequeue", "2"});
+    ASSERT_NO_FATAL_FAILURE(start({"--overlong-reply-at-dequeue", "2"}));
     const RunResult run = runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "3"});
     EXPECT_EQ(run.exit_code, 0) << run.output;
     EXPECT_EQ(run.count("[evt ] #"), 3u) << run.output;

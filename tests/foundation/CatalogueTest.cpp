@@ -5,11 +5,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <thread>
 #include <tuple>
 #include <vector>
 
 #include "AOVSensor.h"
+#include "BoundedWait.h"
 #include "LogCapture.h"
 #include "PlatformMocks.h"
 #include "SensorCatalogue.h"
@@ -201,9 +201,10 @@ TEST_F(Catalogue, ConcurrentFirstCallsBuildOnce) {
     AOVSensor sensor;
     EXPECT_CALL(*list_, queryNumberOfSensors()).WillOnce(Return(2));
     std::vector<std::vector<int>> results(4);
-    std::vector<std::thread> threads;
+    std::vector<BoundedThread> threads;
     for (auto& result : results) {
-        threads.emplace_back([&sensor, &result] { result = sensor.querySensors(); });
+        threads.emplace_back("a concurrent querySensors",
+                             [&sensor, &result] { result = sensor.querySensors(); });
     }
     for (auto& thread : threads) {
         thread.join();
@@ -255,8 +256,8 @@ TEST(SensorHash, XorOfTheKeySignExtended) {
 
 TEST(SensorService, GetInstanceIsOneObjectAcrossThreads) {
     IAOVSensor* seen[2] = {};
-    std::thread a([&seen] { seen[0] = IAOVSensor::getInstance(); });
-    std::thread b([&seen] { seen[1] = IAOVSensor::getInstance(); });
+    BoundedThread a("a first getInstance", [&seen] { seen[0] = IAOVSensor::getInstance(); });
+    BoundedThread b("a first getInstance", [&seen] { seen[1] = IAOVSensor::getInstance(); });
     a.join();
     b.join();
     EXPECT_NE(seen[0], nullptr);

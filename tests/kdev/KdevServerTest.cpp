@@ -13,12 +13,16 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <thread>
 #include <vector>
 
+#include "BoundedWait.h"
 #include "KdevServer.h"
 #include "aovsim/EventContent.h"
 #include "kelo_aov.h"
@@ -45,7 +49,7 @@ class KdevServerTest : public ::testing::Test {
         auto trace = std::make_shared<aovsim::Trace>();
         aovsim::DriverConfig config;
         config.timer = false;  // events only when a test queues them
-        driver_ = std::make_shared<aovsim::SimDriver>("/dev/kelo_aov", config,
+        driver_ = std::make_shared<aovsim::SimDriver>(AOV_DEVICE_NODE, config,
                                                       aovsim::FaultConfig(), trace);
         server_ = std::make_unique<aovkdev::KdevServer>(driver_, trace, "test");
         server_->setRequestObserver([this](const aovkdev::RequestSeen& request) {
@@ -56,7 +60,12 @@ class KdevServerTest : public ::testing::Test {
         if (!server_->mount(dir_, &problem)) {
             GTEST_SKIP() << "cannot mount FUSE here: " << problem;
         }
-        serving_ = std::thread([this] { server_->serve(); });
+        std::promise<void> served;
+        served_ = served.get_future();
+        serving_ = std::thread([this, done = std::move(served)]() mutable {
+            server_->serve();
+            done.set_value();
+        });
         fd_ = ::open(server_->nodePath().c_str(), O_RDWR | O_CLOEXEC);
         ASSERT_GE(fd_, 0) << std::strerror(errno);
     }
@@ -67,6 +76,12 @@ class KdevServerTest : public ::testing::Test {
         }
         if (serving_.joinable()) {
             server_->stop();
+            if (served_.wait_for(aovtest::kWaitLimit) != std::future_status::ready) {
+                // The server still runs on this fixture's objects: end the run here.
+                std::fprintf(stderr, "the FUSE server did not stop within %lld s\n",
+                             static_cast<long long>(aovtest::kWaitLimit.count()));
+                std::_Exit(1);
+            }
             serving_.join();
         }
         server_.reset();
@@ -102,6 +117,7 @@ class KdevServerTest : public ::testing::Test {
     std::shared_ptr<aovsim::SimDriver> driver_;
     std::unique_ptr<aovkdev::KdevServer> server_;
     std::thread serving_;
+    std::future<void> served_;
     Seen seen_;
     int fd_ = -1;
 };
@@ -144,7 +160,8 @@ TEST_F(KdevServerTest, DequeueWritesTheEventIntoTheCallersAreasAndReadinessFollo
     startSession();
     EXPECT_FALSE(readable(0));
     driver_->produceEvent();
-    ASSERT_TRUE(readable(60000));
+    ASSERT_TRUE(readable(static_cast<int>(aovtest::kWaitLimit.count() * 1000)))
+        << "the node did not become readable when an event was queued";
 
     auto event = std::make_unique<aov_event>();
     aov_event_query query{};

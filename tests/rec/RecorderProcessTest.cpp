@@ -5,10 +5,8 @@
 
 #include <fcntl.h>
 #include <sched.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -21,9 +19,9 @@
 
 #include <gtest/gtest.h>
 
+#include "KdevLauncher.h"
 #include "ProcessRun.h"
 
-extern char** environ;
 
 namespace {
 
@@ -228,35 +226,14 @@ class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
         ::unlink(session_.c_str());
         ::unlink(scenario_.c_str());
     }
-    // Starts aov-kdev on dir_ and waits (bounded by its own start) until it serves.
+    // Starts aov-kdev on dir_ and waits, with a limit, until it serves.
     void startKdev(std::vector<std::string> extra) {
-        int ready[2];
-        ASSERT_EQ(::pipe2(ready, O_CLOEXEC), 0);
-        std::vector<std::string> args = {AOV_KDEV_PATH, "--mount", dir_,
-                                         "--ready-fd",  "3",       "--quiet"};
-        args.insert(args.end(), extra.begin(), extra.end());
-        std::vector<char*> argv;
-        for (std::string& arg : args) {
-            argv.push_back(arg.data());
-        }
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_adddup2(&actions, ready[1], 3);
-        ASSERT_EQ(::posix_spawn(&pid_, AOV_KDEV_PATH, &actions, nullptr, argv.data(), environ), 0);
-        posix_spawn_file_actions_destroy(&actions);
-        ::close(ready[1]);
-        char line[8] = {};
-        const ssize_t got = ::read(ready[0], line, sizeof(line) - 1);
-        ::close(ready[0]);
-        ASSERT_GT(got, 0) << "aov-kdev did not come up";
+        extra.insert(extra.begin(), "--quiet");
+        std::string problem;
+        ASSERT_TRUE(kdev_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
     }
     void stopKdev() {
-        if (pid_ > 0) {
-            ::kill(pid_, SIGTERM);
-            ::waitpid(pid_, nullptr, 0);
-            pid_ = -1;
-        }
+        kdev_.stop();
         if (!dir_.empty()) {
             ::umount2(dir_.c_str(), MNT_DETACH);
         }
@@ -278,7 +255,7 @@ class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
         return scenario_;
     }
     std::string dir_, session_, scenario_;
-    pid_t pid_ = -1;
+    aovsimtool::KdevLauncher kdev_;
 };
 
 TEST_P(FuseRoundTrip, ARecordedSessionRetracesWithoutDifferencesAndAFaultIsFound) {

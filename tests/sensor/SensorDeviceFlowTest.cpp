@@ -2,13 +2,9 @@
 // sensor start that completes the record, the device start that hands it to
 // the driver, one event, the notifications, and the stops.
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <thread>
-
 #include "AOVDevice.h"
+#include "BoundedWait.h"
+#include "FakeAovDriver.h"
 #include "SensorFixture.h"
 
 namespace aovtest {
@@ -16,39 +12,17 @@ namespace {
 
 constexpr char kFlowNode[] = "/dev/kelo_aov_flow_test";
 
-// Driver of the flow test: keeps the request codes and the start record, and
-// answers every dequeue with one fixed event. Called from the test thread only.
-class RecordingDriver : public aovhost::EmulatedNode {
-  public:
-    int open(int) override {
-        const int fd = ::eventfd(0, EFD_CLOEXEC);
-        return fd < 0 ? -errno : fd;
-    }
-    int close(int fd) override { return ::close(fd) < 0 ? -errno : 0; }
-    int ioctl(int, unsigned int request, void* arg) override {
-        codes.push_back(request);
-        if (request == AOV_IOC_START) {
-            const auto* bytes = static_cast<const uint8_t*>(arg);
-            start.assign(bytes, bytes + _IOC_SIZE(request));
-        } else if (request == AOV_IOC_DEQUEUE_EVENT) {
-            auto* query = static_cast<aov_event_query*>(arg);
-            for (uint32_t i = 0; i < 6; ++i) {
-                query->header[i] = 0x100 + i;
-            }
-            query->s1_info = 0x201;
-            query->s6_info[4] = 0x605;
-            static_cast<uint8_t*>(query->s1_addr)[0] = 0x5A;
-        }
-        return 0;
-    }
-
-    std::vector<unsigned int> codes;
-    std::vector<uint8_t> start;
-};
-
 TEST_F(SensorServiceTest, SystemLayerRunsSensorAndDeviceTogether) {
-    // 1. Both services; the device opens its node.
-    auto driver = std::make_shared<RecordingDriver>();
+    // 1. Both services; the device opens its node, whose every dequeue
+    // answers with one fixed event.
+    auto driver = std::make_shared<FakeAovDriver>();
+    aov_event_query event{};
+    for (uint32_t i = 0; i < 6; ++i) {
+        event.header[i] = 0x100 + i;
+    }
+    event.s1_info = 0x201;
+    event.s6_info[4] = 0x605;
+    driver->setEvent(event, 0x5A);
     aovhost::ScopedNode node(kFlowNode, driver);
     createSensor();
     AOVDevice device(kFlowNode);
@@ -76,7 +50,10 @@ TEST_F(SensorServiceTest, SystemLayerRunsSensorAndDeviceTogether) {
     ASSERT_EQ(device.startDevice(param), 0);
     std::vector<uint8_t> expected = startedRecord(requested, kCameraId, /*moded=*/true);
     expected.resize(200);
-    EXPECT_EQ(driver->start, expected);
+    const std::vector<DriverRequest> requests = driver->requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].code, AOV_IOC_START);
+    EXPECT_EQ(requests[0].in, expected);
 
     // 5. The monitor's notification delivers one event to the callback. The
     // buffer is prepared on the library's thread; notifications before it is
@@ -89,10 +66,11 @@ TEST_F(SensorServiceTest, SystemLayerRunsSensorAndDeviceTogether) {
         seen = {event->header[0], event->header[5], event->s1_info, event->s1_data[0],
                 event->s6_info[4]};
     };
-    while (seen.empty()) {
+    ASSERT_TRUE(retryUntil([&] {
         device.notifyEvent(0, 0);
-        std::this_thread::yield();
-    }
+        return !seen.empty();
+    })) << "no event delivered within "
+        << kWaitLimit.count() << " s: the event buffer was not stored";
     // Header, first section and, as aov_mode 2 passes the full content, the sixth.
     EXPECT_EQ(seen, (std::vector<uint32_t>{0x100, 0x105, 0x201, 0x5A, 0x605}));
 
@@ -103,7 +81,7 @@ TEST_F(SensorServiceTest, SystemLayerRunsSensorAndDeviceTogether) {
     // 7. Sensor first (pipeline, then power), then the device.
     EXPECT_EQ(sensor_->stopSensor(), 0);
     EXPECT_EQ(device.stopDevice(), 0);
-    EXPECT_EQ(driver->codes,
+    EXPECT_EQ(driver->codes(),
               (std::vector<unsigned int>{AOV_IOC_START, AOV_IOC_DEQUEUE_EVENT, AOV_IOC_ULPOSC3_ON,
                                          AOV_IOC_SENSOR_ON, AOV_IOC_STOP}));
     EXPECT_CALL(monitor, removeObserver(static_cast<EventObserver*>(&device), -1))

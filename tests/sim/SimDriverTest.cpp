@@ -70,7 +70,7 @@ class SimDriverTest : public ::testing::Test {
 
     void makeDriver() {
         driver_.reset();
-        driver_ = std::make_unique<SimDriver>("/dev/kelo_aov", params_, FaultConfig(),
+        driver_ = std::make_unique<SimDriver>(AOV_DEVICE_NODE, params_, FaultConfig(),
                                               std::make_shared<Trace>());
         fd_ = driver_->open(O_RDWR);
         ASSERT_GE(fd_, 0);

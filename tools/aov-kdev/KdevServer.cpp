@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 
 #include "ProcessMemory.h"
@@ -168,8 +169,18 @@ struct KdevServer::Ops {
         if (server.observer_) {
             server.observer_(RequestSeen{request, inSize, outSize, pid});
         }
-        const size_t size = _IOC_SIZE(request);
-        const bool known = aovsim::SimDriver::requestName(request) != nullptr;
+        // The bytes the kernel moves are the caller's code's; a record never
+        // exceeds the driver's largest.
+        const size_t size = std::min<size_t>(_IOC_SIZE(request), aovsim::SimDriver::kMaxRecordSize);
+        const bool known =
+            aovsim::SimDriver::requestName(server.driver_->servedAs(request)) != nullptr;
+        const aovsim::DriverBugs bugs = server.driver_->bugs();
+        if (request == AOV_IOC_SENSOR_OFF && aovsim::has(bugs, aovsim::DriverBug::kHangSensorOff)) {
+            server.trace_->recordf(aovsim::TraceSource::kKernel,
+                                   "SENSOR_OFF: never answered (driver bug)");
+            server.parked_.push_back(req);
+            return;
+        }
         alignas(8) uint8_t record[aovsim::SimDriver::kMaxRecordSize] = {};
         uint8_t* argument = record;
         if (known && size > 0) {
@@ -190,8 +201,21 @@ struct KdevServer::Ops {
             }
         }
         ProcessMemory memory(pid);
+        const auto began = std::chrono::steady_clock::now();
         const int result =
             server.driver_->serve(static_cast<int>(fi->fh), request, argument, memory);
+        if (request == AOV_IOC_DEQUEUE_EVENT && result == -EAGAIN &&
+            aovsim::has(bugs, aovsim::DriverBug::kBlockEmptyDequeue)) {
+            // Blocks as an interruptible wait does: until the caller gets a signal.
+            server.trace_->recordf(aovsim::TraceSource::kKernel,
+                                   "DEQUEUE_EVENT with nothing pending: blocks (driver bug)");
+            server.parked_.push_back(req);
+            fuse_req_interrupt_func(req, interrupted, &server);
+            return;
+        }
+        if (aovsim::TimelineHooks* timeline = server.trace_->timeline()) {
+            timeline->requestServed(request, began, std::chrono::steady_clock::now(), result);
+        }
         if (result < 0) {
             fuse_reply_err(req, -result);
             return;
@@ -214,6 +238,16 @@ struct KdevServer::Ops {
         fuse_reply_ioctl(req, result, record, std::min(size, outSize));
     }
 
+    // A parked request whose caller got a signal: answered with EINTR.
+    static void interrupted(fuse_req_t req, void* data) {
+        auto& parked = static_cast<KdevServer*>(data)->parked_;
+        const auto it = std::find(parked.begin(), parked.end(), req);
+        if (it != parked.end()) {
+            parked.erase(it);
+            fuse_reply_err(req, EINTR);
+        }
+    }
+
     static void poll(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi, fuse_pollhandle* ph) {
         KdevServer& server = serverOf(req);
         if (ino != kNodeIno) {
@@ -223,10 +257,17 @@ struct KdevServer::Ops {
             fuse_reply_poll(req, POLLIN | POLLRDNORM);
             return;
         }
+        if (aovsim::has(server.driver_->bugs(), aovsim::DriverBug::kNoReadiness)) {
+            if (ph != nullptr) {
+                fuse_pollhandle_destroy(ph);
+            }
+            fuse_reply_poll(req, 0);
+            return;
+        }
         // Keep the handle before looking, so that an event queued in between
         // is notified rather than missed.
         if (ph != nullptr) {
-            std::lock_guard<std::mutex> guard(server.poll_mutex_);
+            aov::MutexLock guard(server.poll_mutex_);
             if (server.poll_handle_ != nullptr) {
                 fuse_pollhandle_destroy(server.poll_handle_);
             }
@@ -251,6 +292,9 @@ KdevServer::KdevServer(std::shared_ptr<aovsim::SimDriver> driver,
 
 KdevServer::~KdevServer() {
     driver_->setReadyListener(nullptr);
+    for (fuse_req_t req : parked_) {
+        fuse_reply_err(req, EIO);
+    }
     if (session_ != nullptr) {
         if (mounted_) {
             fuse_session_unmount(session_);
@@ -361,7 +405,7 @@ std::string KdevServer::statusText() const {
 }
 
 void KdevServer::nodeReady() {
-    std::lock_guard<std::mutex> guard(poll_mutex_);
+    aov::MutexLock guard(poll_mutex_);
     if (poll_handle_ != nullptr) {
         fuse_lowlevel_notify_poll(poll_handle_);
     }

@@ -19,18 +19,21 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
+#include <vector>
 
+#include "AOVThreadSafety.h"
 #include "aovsim/SimDriver.h"
 #include "aovsim/Trace.h"
+#include "kelo_aov.h"
 
 struct fuse_session;
 struct fuse_pollhandle;
+struct fuse_req;
 
 namespace aovkdev {
 
-constexpr const char* kNodeName = "kelo_aov";
+constexpr const char* kNodeName = AOV_DEVICE_NAME;
 constexpr const char* kStatusName = "status";
 
 // Failures of the server itself, for showing what a client sees of them.
@@ -89,8 +92,12 @@ class KdevServer {
     int stop_fd_ = -1;
     uint32_t dequeues_ = 0;
 
-    std::mutex poll_mutex_;
-    fuse_pollhandle* poll_handle_ = nullptr;  // the node's, kept to notify readiness
+    // Requests a driver bug leaves unanswered; answered with EIO at the end.
+    std::vector<fuse_req*> parked_;
+
+    aov::Mutex poll_mutex_;
+    // The node's, kept to notify readiness.
+    fuse_pollhandle* poll_handle_ AOV_GUARDED_BY(poll_mutex_) = nullptr;
 };
 
 }  // namespace aovkdev

@@ -2,7 +2,6 @@
 // so that clients reach it through real open, ioctl, poll and close calls.
 
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -10,32 +9,16 @@
 #include <memory>
 #include <string>
 
-#include "Excerpt.h"
+#include "CommandLine.h"
+#include "DriverTrack.h"
+#include "KdevOptions.h"
 #include "KdevServer.h"
-#include "NumberText.h"
 #include "ScenarioFile.h"
+#include "aovsim/DriverBugs.h"
 #include "aovsim/Simulation.h"
+#include "kelo_aov.h"
 
 namespace {
-
-constexpr int kExitBadInput = 2;
-
-const char kUsage[] =
-    "Usage: aov-kdev --mount DIR [options]\n"
-    "Serves the emulated AOV driver as DIR/kelo_aov (and its counters as DIR/status)\n"
-    "until it gets SIGTERM or SIGINT, or DIR is unmounted.\n"
-    "\n"
-    "Options:\n"
-    "  --mount DIR                  an existing, empty directory to mount on\n"
-    "  --scenario FILE              the scenario whose driver settings, script and\n"
-    "                               driver failures to use (default: the embedded one)\n"
-    "  --ready-fd N                 write \"ready\\n\" to descriptor N once mounted\n"
-    "  --quiet                      do not print the driver's trace\n"
-    "  --die-at-dequeue N           get killed at the N-th DEQUEUE_EVENT\n"
-    "  --overlong-reply-at-dequeue N\n"
-    "                               answer the N-th DEQUEUE_EVENT with more bytes than\n"
-    "                               its code allows (the kernel refuses the answer)\n"
-    "  -h, --help                   this text\n";
 
 aovkdev::KdevServer* gServer = nullptr;
 
@@ -46,103 +29,55 @@ void onStopSignal(int) {
 }
 
 int badInput(const std::string& problem) {
-    std::fprintf(stderr, "aov-kdev: error: %s\n", aovsimtool::oneLine(problem).c_str());
-    return kExitBadInput;
-}
-
-bool readCount(const char* what, const char* text, int64_t max, int64_t* out,
-               std::string* problem) {
-    switch (aovsimtool::parseInteger(text, 1, max, out)) {
-        case aovsimtool::NumberStatus::kOk:
-            return true;
-        case aovsimtool::NumberStatus::kMalformed:
-            *problem =
-                std::string(what) + ": expected a whole number, got " + aovsimtool::excerpt(text);
-            return false;
-        case aovsimtool::NumberStatus::kOutOfRange:
-            *problem = std::string(what) + ": " + aovsimtool::excerpt(text) +
-                       " is out of range 1.." + std::to_string(max);
-            return false;
-    }
-    return false;
+    return aovsimtool::badInput("aov-kdev", problem);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
     std::setvbuf(stdout, nullptr, _IOLBF, 0);
-    std::string mountDir;
-    std::string scenarioPath;
-    bool quiet = false;
-    int64_t readyFd = -1;
-    aovkdev::ServerFaults faults;
-    for (int i = 1; i < argc; ++i) {
-        const std::string arg = argv[i];
-        if (arg == "-h" || arg == "--help") {
-            std::fputs(kUsage, stdout);
+    aovkdev::KdevOptions options;
+    std::string message;
+    switch (aovkdev::parseKdevOptions(argc, argv, &options, &message)) {
+        case aovsimtool::ParseOutcome::kHelp:
+            std::fputs(message.c_str(), stdout);
             return 0;
-        }
-        if (arg == "--quiet") {
-            quiet = true;
-            continue;
-        }
-        const bool takesValue = arg == "--mount" || arg == "--scenario" || arg == "--ready-fd" ||
-                                arg == "--die-at-dequeue" || arg == "--overlong-reply-at-dequeue";
-        if (!takesValue) {
-            return badInput("unknown option " + aovsimtool::excerpt(arg) + " (see --help)");
-        }
-        if (i + 1 >= argc) {
-            return badInput(arg + ": a value is missing");
-        }
-        const char* value = argv[++i];
-        std::string problem;
-        int64_t number = 0;
-        if (arg == "--mount") {
-            mountDir = value;
-        } else if (arg == "--scenario") {
-            scenarioPath = value;
-        } else if (!readCount(arg.c_str(), value, arg == "--ready-fd" ? 1 << 20 : 1000000000,
-                              &number, &problem)) {
-            return badInput(problem);
-        } else if (arg == "--ready-fd") {
-            readyFd = number;
-        } else if (arg == "--die-at-dequeue") {
-            faults.die_at_dequeue = static_cast<uint32_t>(number);
-        } else {
-            faults.overlong_reply_at_dequeue = static_cast<uint32_t>(number);
-        }
-    }
-    if (mountDir.empty()) {
-        return badInput("--mount DIR is required (see --help)");
-    }
-    struct stat st;
-    if (::stat(mountDir.c_str(), &st) != 0) {
-        return badInput("--mount " + aovsimtool::excerpt(mountDir) + ": " + std::strerror(errno));
-    }
-    if (!S_ISDIR(st.st_mode)) {
-        return badInput("--mount " + aovsimtool::excerpt(mountDir) + ": not a directory");
+        case aovsimtool::ParseOutcome::kError:
+            return badInput(message);
+        case aovsimtool::ParseOutcome::kRun:
+            break;
     }
 
     aovsim::SimConfig config;
-    const std::string problem = scenarioPath.empty()
+    const std::string problem = options.scenario_path.empty()
                                     ? aovsimtool::parseScenario(aovsimtool::defaultScenarioText(),
                                                                 "(embedded default)", &config)
-                                    : aovsimtool::loadScenarioFile(scenarioPath, &config);
+                                    : aovsimtool::loadScenarioFile(options.scenario_path, &config);
     if (!problem.empty()) {
         return badInput(problem);
     }
 
     auto trace = std::make_shared<aovsim::Trace>();
-    if (!quiet) {
+    if (!options.quiet) {
         trace->setSink([](aovsim::TraceSource source, const std::string& line) {
             std::printf("[%s] %s\n", aovsim::traceSourceTag(source), line.c_str());
         });
     }
-    auto driver = std::make_shared<aovsim::SimDriver>(aovsim::kAovNodePath, config.driver,
-                                                      config.faults, trace);
-    aovkdev::KdevServer server(driver, trace, config.name, faults);
+    std::unique_ptr<aovsimtool::DriverTrackWriter> track;
+    if (!options.timeline_path.empty()) {
+        std::string why;
+        track = aovsimtool::DriverTrackWriter::open(options.timeline_path, &why);
+        if (!track) {
+            return badInput(why);
+        }
+        trace->setTimeline(track.get());
+    }
+    auto driver =
+        std::make_shared<aovsim::SimDriver>(AOV_DEVICE_NODE, config.driver, config.faults, trace);
+    driver->setBugs(options.bugs);
+    aovkdev::KdevServer server(driver, trace, config.name, options.faults);
     std::string why;
-    if (!server.mount(mountDir, &why)) {
+    if (!server.mount(options.mount_dir, &why)) {
         return badInput(why);
     }
     gServer = &server;
@@ -153,10 +88,10 @@ int main(int argc, char** argv) {
         sigaction(signal, &action, nullptr);
     }
     ::signal(SIGPIPE, SIG_IGN);
-    if (readyFd >= 0) {
+    if (options.ready_fd >= 0) {
         const char ready[] = "ready\n";
-        (void)!::write(static_cast<int>(readyFd), ready, sizeof(ready) - 1);
-        ::close(static_cast<int>(readyFd));
+        (void)!::write(options.ready_fd, ready, sizeof(ready) - 1);
+        ::close(options.ready_fd);
     }
     const int result = server.serve();
     gServer = nullptr;

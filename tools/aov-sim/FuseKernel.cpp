@@ -2,76 +2,25 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sched.h>
-#include <signal.h>
-#include <spawn.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "aovhost/Binding.h"
-
-extern char** environ;
+#include "kelo_aov.h"
 
 namespace aovsimtool {
 
 namespace {
 
-constexpr char kNodePath[] = "/dev/kelo_aov";
-constexpr int kReadyTimeoutMs = 30000;
-constexpr int kStopWaitMs = 5000;
-
 std::string errnoText(const std::string& what) {
     return what + ": " + std::strerror(errno);
-}
-
-// aov-kdev: $AOV_KDEV, else next to this program, else in the build tree's sibling directory.
-std::string kdevProgram() {
-    if (const char* path = std::getenv("AOV_KDEV"); path != nullptr && *path != '\0') {
-        return path;
-    }
-    char self[4096];
-    const ssize_t length = ::readlink("/proc/self/exe", self, sizeof(self) - 1);
-    if (length <= 0) {
-        return "aov-kdev";
-    }
-    std::string dir(self, static_cast<size_t>(length));
-    dir.erase(dir.rfind('/') + 1);
-    for (const std::string& candidate : {dir + "aov-kdev", dir + "../aov-kdev/aov-kdev"}) {
-        if (::access(candidate.c_str(), X_OK) == 0) {
-            return candidate;
-        }
-    }
-    return "aov-kdev";
-}
-
-std::string exitText(int status) {
-    if (WIFSIGNALED(status)) {
-        return "killed by signal " + std::to_string(WTERMSIG(status));
-    }
-    return "exit status " + std::to_string(WEXITSTATUS(status));
-}
-
-// Waits up to `ms` for `pid` to end; true with `status` set when it did.
-bool waitFor(pid_t pid, int ms, int* status) {
-    for (int waited = 0;; waited += 10) {
-        const pid_t done = ::waitpid(pid, status, WNOHANG);
-        if (done == pid || (done < 0 && errno != EINTR)) {
-            return done == pid;
-        }
-        if (waited >= ms) {
-            return false;
-        }
-        ::usleep(10000);
-    }
 }
 
 // Bind-mounts `source` onto `target`, creating `target` like `st` first.
@@ -119,7 +68,7 @@ bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
             break;
         }
         const std::string name = entry->d_name;
-        if (name == "." || name == ".." || name == "kelo_aov") {
+        if (name == "." || name == ".." || name == AOV_DEVICE_NAME) {
             continue;
         }
         struct stat st;
@@ -148,13 +97,14 @@ bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
         *problem = errnoText(node);
         ok = false;
     }
-    return ok && bindEntry(node, kNodePath, nodeStat, problem);
+    return ok && bindEntry(node, AOV_DEVICE_NODE, nodeStat, problem);
 }
 
 }  // namespace
 
 std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
-                                               const std::string& kdevDir, std::string* problem) {
+                                               const std::string& kdevDir, std::string* problem,
+                                               const std::string& driverTrack) {
     std::unique_ptr<FuseKernel> kernel(new FuseKernel);
     // A private mount namespace first: a server started here mounts inside it,
     // so its mount goes away with this process whatever happens.
@@ -163,25 +113,26 @@ std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
     if (!kdevDir.empty()) {
         kernel->dir_ = kdevDir;
         struct stat st;
-        if (::stat((kdevDir + "/kelo_aov").c_str(), &st) != 0 ||
+        if (::stat((kdevDir + "/" AOV_DEVICE_NAME).c_str(), &st) != 0 ||
             ::access((kdevDir + "/status").c_str(), R_OK) != 0) {
             *problem = "--kdev: no aov-kdev serving on " + kdevDir + ": " +
-                       errnoText(kdevDir + "/kelo_aov");
+                       errnoText(kdevDir + "/" AOV_DEVICE_NAME);
             return nullptr;
         }
-    } else if (!kernel->start(scenarioPath, problem)) {
+    } else if (!kernel->start(scenarioPath, driverTrack, problem)) {
         return nullptr;
     }
-    const std::string node = kernel->dir_ + "/kelo_aov";
+    const std::string node = kernel->dir_ + "/" AOV_DEVICE_NAME;
     if (privateNamespace) {
         if (!bindNodeInPrivateDev(node, problem)) {
             return nullptr;
         }
-        kernel->how_ = std::string("bound over ") + kNodePath + " in a private mount namespace";
+        kernel->how_ =
+            std::string("bound over ") + AOV_DEVICE_NODE + " in a private mount namespace";
     } else {
         ::setenv(aovhost::kDevDirEnv, kernel->dir_.c_str(), 1);
-        kernel->how_ = std::string("reached as ") + kNodePath + " through " + aovhost::kDevDirEnv +
-                       "=" + kernel->dir_;
+        kernel->how_ = std::string("reached as ") + AOV_DEVICE_NODE + " through " +
+                       aovhost::kDevDirEnv + "=" + kernel->dir_;
     }
     // Let the server write event data into this process even where ptrace
     // is restricted to descendants.
@@ -189,7 +140,8 @@ std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
     return kernel;
 }
 
-bool FuseKernel::start(const std::string& scenarioPath, std::string* problem) {
+bool FuseKernel::start(const std::string& scenarioPath, const std::string& driverTrack,
+                       std::string* problem) {
     char dir[] = "/tmp/aov-kdev.XXXXXX";
     if (::mkdtemp(dir) == nullptr) {
         *problem = errnoText("mkdtemp /tmp/aov-kdev.XXXXXX");
@@ -197,67 +149,29 @@ bool FuseKernel::start(const std::string& scenarioPath, std::string* problem) {
     }
     dir_ = dir;
     own_dir_ = true;
-    int ready[2];
-    if (::pipe2(ready, O_CLOEXEC) != 0) {
-        *problem = errnoText("pipe");
-        return false;
-    }
-    const std::string program = kdevProgram();
-    std::vector<std::string> args = {program, "--mount", dir_, "--ready-fd", "3"};
+    std::vector<std::string> extra;
     if (!scenarioPath.empty()) {
-        args.insert(args.end(), {"--scenario", scenarioPath});
+        extra = {"--scenario", scenarioPath};
     }
-    std::vector<char*> argv;
-    for (std::string& arg : args) {
-        argv.push_back(arg.data());
+    if (!driverTrack.empty()) {
+        extra.insert(extra.end(), {"--timeline", driverTrack});
     }
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, ready[1], 3);
-    const int spawned =
-        ::posix_spawnp(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(ready[1]);
-    if (spawned != 0) {
-        ::close(ready[0]);
-        pid_ = -1;
-        *problem = "cannot start " + program + ": " + std::strerror(spawned);
-        return false;
-    }
-    pollfd wait{ready[0], POLLIN, 0};
-    char line[8] = {};
-    const bool answered = ::poll(&wait, 1, kReadyTimeoutMs) == 1 &&
-                          ::read(ready[0], line, sizeof(line) - 1) > 0 &&
-                          std::strncmp(line, "ready", 5) == 0;
-    ::close(ready[0]);
-    if (!answered) {
-        int status = 0;
-        *problem = "aov-kdev did not come up on " + dir_ +
-                   (waitFor(pid_, 0, &status) ? " (" + exitText(status) + ")" : " in time");
-        if (!waitFor(pid_, 0, &status)) {
-            ::kill(pid_, SIGKILL);
-            waitFor(pid_, kStopWaitMs, &status);
-        }
-        pid_ = -1;
-        return false;
-    }
-    return true;
+    return server_.start(KdevLauncher::defaultProgram(), dir_, extra, problem);
 }
 
 std::string FuseKernel::describe() const {
-    const std::string who =
-        pid_ > 0 ? "aov-kdev (pid " + std::to_string(pid_) + ")" : std::string("aov-kdev");
+    const std::string who = server_.running()
+                                ? "aov-kdev (pid " + std::to_string(server_.pid()) + ")"
+                                : std::string("aov-kdev");
     return who + " on " + dir_ + ", " + how_;
 }
 
 std::string FuseKernel::checkServer() {
     int status = 0;
-    if (pid_ > 0 && waitFor(pid_, 0, &status)) {
-        const std::string what = "aov-kdev (pid " + std::to_string(pid_) +
-                                 ") died during the session (" + exitText(status) + ")";
-        pid_ = -1;
-        died_ = what;
+    const pid_t pid = server_.pid();
+    if (server_.running() && server_.waitExit(0, &status)) {
+        died_ = "aov-kdev (pid " + std::to_string(pid) + ") died during the session (" +
+                KdevLauncher::exitText(status) + ")";
     }
     if (!died_.empty()) {
         return died_;
@@ -276,14 +190,7 @@ std::string FuseKernel::checkServer() {
 }
 
 FuseKernel::~FuseKernel() {
-    int status = 0;
-    if (pid_ > 0) {
-        ::kill(pid_, SIGTERM);
-        if (!waitFor(pid_, kStopWaitMs, &status)) {
-            ::kill(pid_, SIGKILL);
-            waitFor(pid_, kStopWaitMs, &status);
-        }
-    }
+    server_.stop();
     if (own_dir_) {
         ::rmdir(dir_.c_str());
     }

@@ -4,10 +4,10 @@
 
 #include "Options.h"
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <limits>
 
+#include "CliParse.h"
 #include "Excerpt.h"
 #include "NumberText.h"
 
@@ -18,26 +18,15 @@ namespace {
 constexpr int64_t kIntMin = std::numeric_limits<int>::min();
 constexpr int64_t kIntMax = std::numeric_limits<int>::max();
 
-std::string rangeText(int64_t min, int64_t max) {
-    return std::to_string(min) + ".." + std::to_string(max);
-}
-
 // Reads a whole number given to `what` (e.g. "--fps") into `out`.
-bool readInteger(const std::string& what, const std::string& text, int64_t min, int64_t max,
-                 int* out, std::string* error) {
+bool readInt(const std::string& what, const std::string& text, int64_t min, int64_t max, int* out,
+             std::string* error) {
     int64_t value = 0;
-    switch (parseInteger(text, min, max, &value)) {
-        case NumberStatus::kOk:
-            *out = static_cast<int>(value);
-            return true;
-        case NumberStatus::kMalformed:
-            *error = what + ": expected a whole number, got " + excerpt(text);
-            return false;
-        case NumberStatus::kOutOfRange:
-            *error = what + ": " + excerpt(text) + " is out of range " + rangeText(min, max);
-            return false;
+    if (!readInteger(what, text, min, max, &value, error)) {
+        return false;
     }
-    return false;
+    *out = static_cast<int>(value);
+    return true;
 }
 
 bool readSeconds(const std::string& what, const std::string& text, double* out,
@@ -64,8 +53,8 @@ bool readSize(const std::string& text, int* width, int* height, std::string* err
         return false;
     }
     std::string problem;
-    if (!readInteger("--size: width", text.substr(0, x), 1, kMaxSize, width, &problem) ||
-        !readInteger("--size: height", text.substr(x + 1), 1, kMaxSize, height, &problem)) {
+    if (!readInt("--size: width", text.substr(0, x), 1, kMaxSize, width, &problem) ||
+        !readInt("--size: height", text.substr(x + 1), 1, kMaxSize, height, &problem)) {
         *error = problem;
         return false;
     }
@@ -84,8 +73,8 @@ bool readIds(const std::string& text, std::vector<int>* ids, std::string* error)
         const std::string id =
             text.substr(start, comma == std::string::npos ? comma : comma - start);
         int value = 0;
-        if (!readInteger("--notify-ids: id " + std::to_string(ids->size() + 1), id, kIntMin,
-                         kIntMax, &value, error)) {
+        if (!readInt("--notify-ids: id " + std::to_string(ids->size() + 1), id, kIntMin, kIntMax,
+                     &value, error)) {
             return false;
         }
         ids->push_back(value);
@@ -182,14 +171,9 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
         number.option = app.add_option(number.flags, number.text, number.help)->type_name("INT");
     }
 
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp&) {
-        *message = app.help();
-        return ParseOutcome::kHelp;
-    } catch (const CLI::ParseError& e) {
-        *message = oneLine(e.what());
-        return ParseOutcome::kError;
+    if (const ParseOutcome outcome = parseCommandLine(app, argc, argv, message);
+        outcome != ParseOutcome::kRun) {
+        return outcome;
     }
 
     std::string error;
@@ -201,8 +185,8 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
         if (number.option->count() == 0) {
             continue;
         }
-        if (!readInteger(number.option->get_name(), number.text, number.min, number.max, number.out,
-                         &error)) {
+        if (!readInt(number.option->get_name(), number.text, number.min, number.max, number.out,
+                     &error)) {
             return fail();
         }
         if (number.given != nullptr) {
@@ -219,8 +203,8 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
             o.kdev_dir.empty() ? "--kdev: an empty directory name" : "--kdev: needs --kernel fuse";
         return ParseOutcome::kError;
     }
-    if (o.kernel_fuse && timeline->count() > 0) {
-        *message = "--timeline: needs the driver in this process (--kernel inproc)";
+    if (kdev->count() > 0 && timeline->count() > 0) {
+        *message = "--timeline: needs the aov-kdev that aov-sim starts (drop --kdev)";
         return ParseOutcome::kError;
     }
     o.scenario_given = scenario->count() > 0;

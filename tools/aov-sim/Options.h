@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "CommandLine.h"
 #include "ModeRequest.h"
 
 namespace aovsimtool {
@@ -53,8 +54,6 @@ struct Options : ModeRequest {
     Property debug_device{"vendor.aovstream.debug_device", false, 0};
     Property image_callback{"vendor.aovstream.image_callback", false, 1};
 };
-
-enum class ParseOutcome { kRun, kHelp, kError };
 
 // Parses the command line. On kHelp, `message` is the help text; on kError,
 // one line saying what is wrong and with which option.

@@ -116,7 +116,7 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
     // The callback is done once its line is out.
     const auto now = std::chrono::steady_clock::now();
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         content_mismatches_ += mismatch ? 1 : 0;
         if (latest) {
             latencies_us_.push_back(
@@ -141,7 +141,7 @@ void SimReport::summary(uint64_t delivered) {
     std::vector<double> latencies;
     LatencyBreakdown breakdown;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         mismatches = content_mismatches_;
         latencies = latencies_us_;
         breakdown = breakdown_;

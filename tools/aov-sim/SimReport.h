@@ -1,8 +1,8 @@
 #pragma once
 
-#include <mutex>
 #include <vector>
 
+#include "AOVThreadSafety.h"
 #include "DriverProbe.h"
 #include "LatencyBreakdown.h"
 #include "SessionReport.h"
@@ -41,10 +41,10 @@ class SimReport final : public SessionReport {
     // until after the summary.
     const aovsim::EpollEventMonitor* monitor_ = nullptr;
 
-    std::mutex mutex_;
-    uint64_t content_mismatches_ = 0;
-    std::vector<double> latencies_us_;
-    LatencyBreakdown breakdown_;
+    aov::Mutex mutex_;
+    uint64_t content_mismatches_ AOV_GUARDED_BY(mutex_) = 0;
+    std::vector<double> latencies_us_ AOV_GUARDED_BY(mutex_);
+    LatencyBreakdown breakdown_ AOV_GUARDED_BY(mutex_);
     // With a script: what the callback's buffer should hold, event by event.
     std::unique_ptr<aovsim::ExpectedBuffer> expected_;
     bool image_callback_ = true;

@@ -4,32 +4,14 @@
 #include <cstdio>
 #include <cstring>
 
+#include "aovsim/Format.h"
+
 namespace aovsimtool {
 
 namespace {
 
-std::string vformat(const char* fmt, va_list args) {
-    va_list measure;
-    va_copy(measure, args);
-    const int length = std::vsnprintf(nullptr, 0, fmt, measure);
-    va_end(measure);
-    if (length <= 0) {
-        return std::string();
-    }
-    std::string text(static_cast<size_t>(length) + 1, '\0');
-    std::vsnprintf(&text[0], text.size(), fmt, args);
-    text.resize(static_cast<size_t>(length));
-    return text;
-}
-
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string format(const char* fmt, ...) {
-    va_list args;
-    va_start(args, fmt);
-    std::string text = vformat(fmt, args);
-    va_end(args);
-    return text;
-}
+using aovsim::format;
+using aovsim::vformat;
 
 long long resultValue(int value) {
     return value;
@@ -174,7 +156,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
     say("step 5: attaching the event monitor");
     device->callback_ = [this](aov_event* event) { onEvent(event); };
     std::unique_ptr<EventMonitor> monitor = report_.makeMonitor(options_.verbosity, [this] {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         return delivered_;
     });
     say("setMonitor(monitor) -> %d, watching fd %d",
@@ -199,7 +181,7 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
 
     stop(sensors, device, true, true);
     if (timedOut) {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         return failure(format("timed out with %llu of %d events delivered",
                               static_cast<unsigned long long>(delivered_), options_.events));
     }
@@ -222,7 +204,7 @@ void SystemLayer::stop(IAOVSensor* sensors, IAOVDevice* device, bool monitorAtta
     }
     uint64_t delivered;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         delivered = delivered_;
     }
     report_.summary(delivered);
@@ -243,22 +225,28 @@ void SystemLayer::waitForEvents(const ModeChoice& choice, bool* timedOut) {
     const auto deadline = std::chrono::steady_clock::now() +
                           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                               std::chrono::duration<double>(seconds));
-    std::unique_lock<std::mutex> lock(mutex_);
-    const bool reached = delivered_cv_.wait_until(lock, deadline, [this, byCount] {
-        return byCount && delivered_ >= static_cast<uint64_t>(options_.events);
-    });
+    const auto wanted = static_cast<uint64_t>(options_.events);
+    aov::MutexLock lock(mutex_);
+    bool reached = byCount && delivered_ >= wanted;
+    while (!reached) {
+        const bool notified = lock.waitUntil(delivered_cv_, deadline);
+        reached = byCount && delivered_ >= wanted;
+        if (!notified) {
+            break;
+        }
+    }
     *timedOut = byCount && !reached && options_.duration <= 0;
 }
 
 void SystemLayer::onEvent(const aov_event* event) {
     uint64_t number;
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         number = delivered_ + 1;
     }
     report_.event(number, *event, aov_mode_);
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         delivered_ = number;
     }
     delivered_cv_.notify_all();

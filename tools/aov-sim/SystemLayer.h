@@ -8,10 +8,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "AOVThreadSafety.h"
 #include "EventMonitor.h"
 #include "IAOVDevice.h"
 #include "IAOVSensor.h"
@@ -20,11 +20,6 @@
 #include "SessionReport.h"
 
 namespace aovsimtool {
-
-// Exit codes of the command.
-constexpr int kExitOk = 0;
-constexpr int kExitRuntimeFailure = 1;  // a service refused, or the events did not come
-constexpr int kExitBadInput = 2;        // options, scenario, or a request the catalogue lacks
 
 class SystemLayer {
   public:
@@ -56,9 +51,9 @@ class SystemLayer {
     LibraryCallLog* const calls_;
     int32_t aov_mode_ = 0;
 
-    std::mutex mutex_;
+    aov::Mutex mutex_;
     std::condition_variable delivered_cv_;
-    uint64_t delivered_ = 0;
+    uint64_t delivered_ AOV_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace aovsimtool

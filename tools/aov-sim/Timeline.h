@@ -1,32 +1,34 @@
 #pragma once
 
 // The session as a timeline in the trace-event JSON format, the object form
-// that Perfetto's UI and chrome://tracing open: one track per thread (system
-// layer, event monitor, the driver's timer, the library's buffer task as
-// inferred from outside), tracks for the kernel requests and the platform
-// calls of each calling thread, a slice for every call, each event's stages,
-// counters of the driver's queue and of the events, and markers for the
-// library's error lines and the injected failures, and for each event with
-// all its stages a flow from the driver's signal through the monitor's wake
-// and the notifyEvent slice to the callback slice. Times are steady_clock,
-// relative to the timeline's creation.
+// that Perfetto's UI, chrome://tracing and speedscope open: one track per
+// thread (system layer with its steps, event monitor, the driver's timer, the
+// library's buffer task as inferred from outside), tracks for the kernel
+// requests and the platform calls of each calling thread, a slice for every
+// call, each event's stages, counters of the driver's queue and of the
+// events, markers for the library's error lines and the injected failures,
+// and for each event with all its stages a flow from the driver's signal
+// through the monitor's wake and the notifyEvent slice to the callback slice.
+// When the driver runs in aov-kdev, its own track (signals, queue depth,
+// requests served) is merged in from the file aov-kdev writes.
 //
-// Records are kept in memory, at most kMaxRecords of them, and written out by
-// finish(). Nothing here runs unless a timeline was asked for.
+// This class is the session's side: it takes the hooks on whatever thread
+// calls them, stamps them with steady_clock and serialises them into a
+// TimelineCollector; finish() lays the tracks out (TrackLayout) and writes
+// the file (TraceWriter). At most kMaxRecords records are kept.
 
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <thread>
-#include <vector>
 
+#include "AOVThreadSafety.h"
 #include "EventMonitor.h"
 #include "SessionReport.h"
+#include "TimelineCollector.h"
 #include "aovhost/Binding.h"
 #include "aovsim/TimelineHooks.h"
 #include "aovsim/Trace.h"
@@ -36,6 +38,8 @@ namespace aovsimtool {
 class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
   public:
     static constexpr size_t kMaxRecords = 2000000;
+    // The largest driver track read back from aov-kdev.
+    static constexpr size_t kMaxDriverTrackBytes = 64u << 20;
 
     // Opens `path` for writing; null with `problem` set when it cannot. The
     // calling thread is the system layer's.
@@ -67,101 +71,58 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
     void callbackEntry(uint32_t sequence, bool matched, Clock::time_point signal);
     void callbackReturn(uint64_t number);
 
+    // Merges the driver track aov-kdev wrote to `path`; empty, or what was
+    // wrong with it (kept in the file's otherData too).
+    std::string mergeDriverTrack(const std::string& path);
     // The session's counts as its summary gives them, kept in the file.
     void setCounts(nlohmann::json counts);
     // Writes and closes the file; false with `problem` set when writing failed.
     bool finish(std::string* problem);
 
   private:
-    enum Track : int {
-        kSystem = 1,
-        kMonitor = 2,
-        kBufferTask = 3,
-        kTimer = 4,
-        kKernel = 10,    // + the calling thread's role
-        kPlatform = 20,  // + the calling thread's role
-    };
-    enum Role : int { kRoleSystem = 0, kRoleMonitor = 1, kRoleTimer = 2, kRoleOther = 3 };
-
-    struct Record {
-        char phase;
-        int tid;
-        int64_t ts_ns;
-        int64_t dur_ns;
-        std::string name;
-        nlohmann::json args;
-        // The flow through this record, 0 for none; arrives and leaves here.
-        uint64_t flow = 0;
-        bool flow_in = false;
-        bool flow_out = false;
-    };
-    static constexpr size_t kNoRecord = static_cast<size_t>(-1);
-
     Timeline(std::FILE* file, std::string path);
-    int64_t sinceStart(Clock::time_point t) const;
-    Role roleLocked() const;
-    // The new record's index, or kNoRecord when it was not kept.
-    size_t addLocked(char phase, int tid, Clock::time_point begin, Clock::time_point end,
-                     std::string name, nlohmann::json args = nlohmann::json());
-    void flowLocked(size_t record, uint64_t flow, bool in, bool out);
-    void eventCountersLocked(Clock::time_point now);
+    TimelineRole roleLocked() const AOV_REQUIRES(mutex_);
 
-    std::FILE* file_;
+    std::FILE* file_ AOV_GUARDED_BY(mutex_);
     const std::string path_;
-    const Clock::time_point start_;
     const std::thread::id system_thread_;
 
-    mutable std::mutex mutex_;
-    std::thread::id monitor_thread_;
-    std::thread::id timer_thread_;
-    std::vector<Record> records_;
-    uint64_t records_dropped_ = 0;
-    std::vector<bool> tracks_used_ = std::vector<bool>(32, false);
-    bool finished_ = false;
-    nlohmann::json counts_ = nlohmann::json::object();
-
-    // The step in progress.
-    bool in_step_ = false;
-    std::string step_name_;
-    Clock::time_point step_begin_;
-
-    // The buffer task, as seen from outside.
-    bool device_starting_ = false;
-    Clock::time_point start_device_begin_;
-
-    // Event counts for the counters.
-    uint64_t delivered_ = 0;
-    uint64_t dropped_ = 0;
-
-    // The signal markers of the events still queued, by the driver's stamp.
-    std::map<Clock::rep, size_t> signal_records_;
-    uint64_t flows_ = 0;
-
-    // The notification in progress on the monitor thread.
-    Clock::time_point wake_{};
-    size_t wake_record_ = kNoRecord;
-    uint64_t notify_flow_ = 0;  // the flow its notifyEvent slice passes on
-    Clock::time_point notify_{};
-    bool dequeued_ = false;
-    Clock::time_point dequeue_begin_{}, dequeue_end_{};
-    uint32_t sequence_ = 0;
-    bool matched_ = false;
-    Clock::time_point signal_{}, callback_{};
+    mutable aov::Mutex mutex_;
+    TimelineCollector collector_ AOV_GUARDED_BY(mutex_);
+    std::thread::id monitor_thread_ AOV_GUARDED_BY(mutex_);
+    std::thread::id timer_thread_ AOV_GUARDED_BY(mutex_);
+    nlohmann::json counts_ AOV_GUARDED_BY(mutex_) = nlohmann::json::object();
+    nlohmann::json driver_track_ AOV_GUARDED_BY(mutex_) = nlohmann::json::object();
 };
 
 // The driver's node with each request timed for the timeline.
 class TimedNode final : public aovhost::EmulatedNode {
   public:
-    TimedNode(aovhost::EmulatedNode& node, std::shared_ptr<Timeline> timeline)
-        : node_(node), timeline_(std::move(timeline)) {}
-    int open(int flags) override { return node_.open(flags); }
-    int close(int fd) override { return node_.close(fd); }
+    TimedNode(std::shared_ptr<aovhost::EmulatedNode> node, std::shared_ptr<Timeline> timeline)
+        : node_(std::move(node)), timeline_(std::move(timeline)) {}
+    int open(int flags) override { return node_->open(flags); }
+    int close(int fd) override { return node_->close(fd); }
     int ioctl(int fd, unsigned int request, void* arg) override;
 
   private:
-    aovhost::EmulatedNode& node_;
+    std::shared_ptr<aovhost::EmulatedNode> node_;
     std::shared_ptr<Timeline> timeline_;
 };
+
+// A node reached through real system calls on `path` (the node aov-kdev serves).
+class SystemNode final : public aovhost::EmulatedNode {
+  public:
+    explicit SystemNode(std::string path) : path_(std::move(path)) {}
+    int open(int flags) override;
+    int close(int fd) override;
+    int ioctl(int fd, unsigned int request, void* arg) override;
+
+  private:
+    const std::string path_;
+};
+
+// `node`, not owned, as a shared node.
+std::shared_ptr<aovhost::EmulatedNode> borrowedNode(aovhost::EmulatedNode& node);
 
 // `monitor`, with each notification it delivers timed for the timeline.
 std::unique_ptr<EventMonitor> timedMonitor(std::unique_ptr<EventMonitor> monitor,

@@ -1,7 +1,10 @@
 // aov-sim: runs the AOV platform layer end to end on a simulated platform
 // and driver, standing in for the feature's system layer.
 
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -16,6 +19,7 @@
 #include "aovhost/Binding.h"
 #include "aovsim/Simulation.h"
 #include "cam/utils/ULog.h"
+#include "kelo_aov.h"
 
 namespace {
 
@@ -40,8 +44,24 @@ std::unique_ptr<aovsimtool::FuseKernel>& fuseKernel() {
 
 // Bad input ends the run with one short line and exit 2.
 int badInput(const std::string& problem) {
-    std::fprintf(stderr, "aov-sim: error: %s\n", aovsimtool::oneLine(problem).c_str());
-    return kExitBadInput;
+    return aovsimtool::badInput("aov-sim", problem);
+}
+
+// An empty file for aov-kdev's driver track; its path, or empty.
+std::string makeDriverTrackFile() {
+    char path[] = "/tmp/aov-sim-driver-track.XXXXXX";
+    const int fd = ::mkstemp(path);
+    if (fd < 0) {
+        return "";
+    }
+    ::close(fd);
+    return path;
+}
+
+void removeFile(const std::string& path) {
+    if (!path.empty()) {
+        ::unlink(path.c_str());
+    }
 }
 
 void printLine(aovsim::TraceSource source, const std::string& line) {
@@ -81,11 +101,21 @@ int main(int argc, char** argv) {
 
     // The node's server, before any thread starts (it may change the mount namespace).
     std::unique_ptr<aovsimtool::FuseKernel>& fuse = fuseKernel();
+    // With a timeline, the aov-kdev started here writes its driver's track to
+    // a file of its own, merged at the end.
+    std::string driverTrack;
     if (options.kernel_fuse) {
+        if (options.timeline_given) {
+            driverTrack = makeDriverTrackFile();
+            if (driverTrack.empty()) {
+                return badInput("cannot create a file for the driver track in /tmp");
+            }
+        }
         std::string why;
         fuse = aovsimtool::FuseKernel::attach(options.scenario_given ? options.scenario_path : "",
-                                              options.kdev_dir, &why);
+                                              options.kdev_dir, &why, driverTrack);
         if (!fuse) {
+            removeFile(driverTrack);
             return badInput(why);
         }
     }
@@ -107,6 +137,7 @@ int main(int argc, char** argv) {
         std::string why;
         timeline = aovsimtool::Timeline::open(options.timeline_path, &why);
         if (!timeline) {
+            removeFile(driverTrack);
             return badInput(why);
         }
     }
@@ -122,12 +153,15 @@ int main(int argc, char** argv) {
     }
     aovsim::Simulation& sim = installSimulation(config, trace, fuse == nullptr);
     // With a timeline the driver's requests go through a timing node, bound
-    // over the driver's own for the session.
+    // over the driver's own (or over the node aov-kdev serves) for the session.
     std::unique_ptr<aovhost::ScopedNode> timedNode;
     if (timeline) {
         trace->setTimeline(timeline.get());
+        std::shared_ptr<aovhost::EmulatedNode> node =
+            fuse ? std::make_shared<aovsimtool::SystemNode>(fuse->nodePath())
+                 : aovsimtool::borrowedNode(sim.driver());
         timedNode = std::make_unique<aovhost::ScopedNode>(
-            aovsim::kAovNodePath, std::make_shared<aovsimtool::TimedNode>(sim.driver(), timeline));
+            AOV_DEVICE_NODE, std::make_shared<aovsimtool::TimedNode>(std::move(node), timeline));
     }
     std::unique_ptr<aovsimtool::DriverProbe> probe;
     if (fuse) {
@@ -149,6 +183,14 @@ int main(int argc, char** argv) {
     if (timeline) {
         trace->setTimeline(nullptr);
         trace->setSink(printLine);
+        if (!driverTrack.empty()) {
+            const std::string problem = timeline->mergeDriverTrack(driverTrack);
+            if (!problem.empty()) {
+                std::fprintf(stderr, "aov-sim: warning: the driver track: %s\n",
+                             aovsimtool::oneLine(problem).c_str());
+            }
+            removeFile(driverTrack);
+        }
         std::string why;
         if (!timeline->finish(&why)) {
             std::fprintf(stderr, "aov-sim: error: %s\n", why.c_str());

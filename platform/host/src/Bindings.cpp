@@ -1,5 +1,4 @@
-#include <mutex>
-
+#include "AOVThreadSafety.h"
 #include "aovhost/Binding.h"
 
 namespace aovhost {
@@ -7,8 +6,8 @@ namespace {
 
 template <class T>
 struct Slot {
-    std::mutex mutex;
-    std::shared_ptr<T> object;
+    aov::Mutex mutex;
+    std::shared_ptr<T> object AOV_GUARDED_BY(mutex);
 };
 
 // Never destroyed: the singletons' destructors reach the platform during process exit.
@@ -23,7 +22,7 @@ Slot<T>& slotOf() {
 template <class T>
 std::shared_ptr<T> exchangeBinding(std::shared_ptr<T> object) {
     Slot<T>& slot = slotOf<T>();
-    std::lock_guard<std::mutex> guard(slot.mutex);
+    aov::MutexLock guard(slot.mutex);
     slot.object.swap(object);
     return object;
 }
@@ -31,7 +30,7 @@ std::shared_ptr<T> exchangeBinding(std::shared_ptr<T> object) {
 template <class T>
 std::shared_ptr<T> boundObject() {
     Slot<T>& slot = slotOf<T>();
-    std::lock_guard<std::mutex> guard(slot.mutex);
+    aov::MutexLock guard(slot.mutex);
     return slot.object;
 }
 

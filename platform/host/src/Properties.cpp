@@ -2,9 +2,9 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <map>
-#include <mutex>
 #include <optional>
 
+#include "AOVThreadSafety.h"
 #include "aovhost/Binding.h"
 #include "cam/utils/Properties.h"
 
@@ -14,8 +14,8 @@ namespace {
 // A name in the table is settled: its value, or nullopt when cleared. A name
 // that is not in the table yet takes its value from the environment.
 struct PropertyTable {
-    std::mutex mutex;
-    std::map<std::string, std::optional<std::string>> values;
+    aov::Mutex mutex;
+    std::map<std::string, std::optional<std::string>> values AOV_GUARDED_BY(mutex);
 };
 
 // Never destroyed: properties may be read during process exit.
@@ -37,17 +37,17 @@ std::string propertyEnvName(const std::string& name) {
 }
 
 void setProperty(const std::string& name, const std::string& value) {
-    std::lock_guard<std::mutex> guard(table().mutex);
+    aov::MutexLock guard(table().mutex);
     table().values[name] = value;
 }
 
 void clearProperty(const std::string& name) {
-    std::lock_guard<std::mutex> guard(table().mutex);
+    aov::MutexLock guard(table().mutex);
     table().values[name] = std::nullopt;
 }
 
 bool findProperty(const std::string& name, std::string* value) {
-    std::lock_guard<std::mutex> guard(table().mutex);
+    aov::MutexLock guard(table().mutex);
     auto it = table().values.find(name);
     if (it == table().values.end()) {
         const char* preset = std::getenv(propertyEnvName(name).c_str());

@@ -9,18 +9,18 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <string>
 
+#include "AOVThreadSafety.h"
 #include "aovhost/Binding.h"
 
 namespace {
 
 // Emulated nodes by path, and the descriptors they handed out.
 struct NodeTable {
-    std::mutex mutex;
-    std::map<std::string, std::shared_ptr<aovhost::EmulatedNode>> byPath;
-    std::map<int, std::shared_ptr<aovhost::EmulatedNode>> byFd;
+    aov::Mutex mutex;
+    std::map<std::string, std::shared_ptr<aovhost::EmulatedNode>> byPath AOV_GUARDED_BY(mutex);
+    std::map<int, std::shared_ptr<aovhost::EmulatedNode>> byFd AOV_GUARDED_BY(mutex);
 };
 
 // Never destroyed: singletons close their nodes during process exit.
@@ -31,7 +31,7 @@ NodeTable& nodes() {
 
 std::shared_ptr<aovhost::EmulatedNode> nodeOfFd(int fd) {
     NodeTable& table = nodes();
-    std::lock_guard<std::mutex> guard(table.mutex);
+    aov::MutexLock guard(table.mutex);
     auto it = table.byFd.find(fd);
     return it == table.byFd.end() ? nullptr : it->second;
 }
@@ -54,7 +54,7 @@ namespace aovhost {
 ScopedNode::ScopedNode(std::string path, std::shared_ptr<EmulatedNode> node)
     : path_(std::move(path)) {
     NodeTable& table = nodes();
-    std::lock_guard<std::mutex> guard(table.mutex);
+    aov::MutexLock guard(table.mutex);
     auto& slot = table.byPath[path_];
     previous_ = std::move(slot);
     slot = std::move(node);
@@ -62,7 +62,7 @@ ScopedNode::ScopedNode(std::string path, std::shared_ptr<EmulatedNode> node)
 
 ScopedNode::~ScopedNode() {
     NodeTable& table = nodes();
-    std::lock_guard<std::mutex> guard(table.mutex);
+    aov::MutexLock guard(table.mutex);
     if (previous_) {
         table.byPath[path_] = std::move(previous_);
     } else {
@@ -76,7 +76,7 @@ int SystemCall::open(const char* path, int flags) {
     std::shared_ptr<aovhost::EmulatedNode> node;
     {
         NodeTable& table = nodes();
-        std::lock_guard<std::mutex> guard(table.mutex);
+        aov::MutexLock guard(table.mutex);
         auto it = table.byPath.find(path);
         if (it != table.byPath.end()) {
             node = it->second;
@@ -86,7 +86,7 @@ int SystemCall::open(const char* path, int flags) {
         const int fd = node->open(flags);
         if (fd >= 0) {
             NodeTable& table = nodes();
-            std::lock_guard<std::mutex> guard(table.mutex);
+            aov::MutexLock guard(table.mutex);
             table.byFd[fd] = node;
         }
         return fd;
@@ -100,7 +100,7 @@ int SystemCall::close(int fd) {
         const int result = node->close(fd);
         if (result == 0) {
             NodeTable& table = nodes();
-            std::lock_guard<std::mutex> guard(table.mutex);
+            aov::MutexLock guard(table.mutex);
             table.byFd.erase(fd);
         }
         return result;

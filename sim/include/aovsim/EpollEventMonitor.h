@@ -22,9 +22,9 @@
 #include <cstdint>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <thread>
 
+#include "AOVThreadSafety.h"
 #include "EventMonitor.h"
 #include "aovsim/TimelineHooks.h"
 
@@ -100,8 +100,8 @@ class EpollEventMonitor final : public EventMonitor {
     void arm(uint64_t key, const Watch& watch);
     // Re-arms the watches whose back-off is over; returns the epoll_wait
     // timeout until the next one is due, or -1 when none waits.
-    int rearmDueLocked(Clock::time_point now);
-    void afterNotification(uint64_t key, bool signalled, bool progressed);
+    int rearmDueLocked(Clock::time_point now) AOV_REQUIRES(mutex_);
+    void afterNotification(uint64_t key, bool signalled, bool progressed) AOV_REQUIRES(mutex_);
 
     const int verbosity_;
     const BackoffPolicy backoff_;
@@ -110,13 +110,15 @@ class EpollEventMonitor final : public EventMonitor {
     int epoll_fd_ = -1;
     int wake_fd_ = -1;
 
-    mutable std::mutex mutex_;
+    mutable aov::Mutex mutex_;
     std::condition_variable idle_;
-    std::map<uint64_t, Watch> watches_;  // by epoll key; key 0 is the wake descriptor
-    uint64_t next_key_ = 1;
-    EventObserver* busy_ = nullptr;  // observer whose notification is running
-    MonitorStats stats_;
-    bool stopping_ = false;
+    // by epoll key; key 0 is the wake descriptor
+    std::map<uint64_t, Watch> watches_ AOV_GUARDED_BY(mutex_);
+    uint64_t next_key_ AOV_GUARDED_BY(mutex_) = 1;
+    // observer whose notification is running
+    EventObserver* busy_ AOV_GUARDED_BY(mutex_) = nullptr;
+    MonitorStats stats_ AOV_GUARDED_BY(mutex_);
+    bool stopping_ AOV_GUARDED_BY(mutex_) = false;
     // Touched only on the monitor thread: two clock reads per notification.
     bool notifying_ = false;
     NotificationTimes current_;

@@ -21,18 +21,20 @@
 // - STOP succeeds in every state and discards pending events. Closing the
 //   node stops a running session.
 // Injected failures: the node's open, START, the n-th DEQUEUE_EVENT (the
-// event it would have delivered is lost) and the n-th SENSOR_ON/OFF.
+// event it would have delivered is lost) and the n-th SENSOR_ON/OFF. Driver
+// bugs (aovsim/DriverBugs.h) change the behaviour above where they say.
 
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 
+#include "AOVThreadSafety.h"
 #include "aovhost/Binding.h"
+#include "aovsim/DriverBugs.h"
 #include "aovsim/FrameTimer.h"
 #include "aovsim/SimConfig.h"
 #include "aovsim/Trace.h"
@@ -83,6 +85,13 @@ class SimDriver final : public aovhost::EmulatedNode {
     // `record` stands for an argument that could not be read.
     int serve(int fd, unsigned int request, uint8_t* record, UserMemory& user);
 
+    // Makes the driver behave with `bugs`; set them before the node is first opened.
+    void setBugs(DriverBugs bugs) { bugs_ = bugs; }
+    DriverBugs bugs() const { return bugs_; }
+    // The code a request is served as: itself, or with kAcceptWrongSize the
+    // known code of the same number.
+    unsigned int servedAs(unsigned int request) const;
+
     // Called, with the driver's lock held, each time the node's descriptor
     // becomes readable. Set it before the node is first opened.
     void setReadyListener(std::function<void()> listener);
@@ -110,55 +119,61 @@ class SimDriver final : public aovhost::EmulatedNode {
         uint32_t frame_info[4] = {};
     };
 
-    int start(const uint8_t* record);
+    int start(const uint8_t* record) AOV_REQUIRES(control_mutex_) AOV_EXCLUDES(mutex_);
     // Ends the session: by the STOP request, or implicitly when the node is released.
-    int stop(bool byRequest);
-    int dequeue(uint8_t* record, UserMemory& user);
-    // With mutex_ held: dequeues the pending event, which is a scripted one,
+    int stop(bool byRequest) AOV_REQUIRES(control_mutex_) AOV_EXCLUDES(mutex_);
+    int dequeue(uint8_t* record, UserMemory& user) AOV_EXCLUDES(mutex_);
+    // Dequeues the pending event, which is a scripted one,
     // for a request whose handling began at `began`.
     int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
-                        UserMemory& user, std::chrono::steady_clock::time_point began);
-    // With mutex_ held: the event just taken out could not be written to the
+                        UserMemory& user, std::chrono::steady_clock::time_point began)
+        AOV_REQUIRES(mutex_);
+    // The event just taken out could not be written to the
     // caller's memory at section `section` (1-based); it is lost.
-    int areaFault(int section, const std::string& head);
+    int areaFault(int section, const std::string& head) AOV_REQUIRES(mutex_);
     // A request without an address for one of `sections` (bit s: section s + 1)
     // is refused and counted; true when it was.
-    bool missingArea(aov_event_query& query, unsigned sections, const std::string& head);
-    int sensorList(unsigned int request, const uint8_t* record);
-    int fail(int result, const char* format, ...) __attribute__((format(printf, 3, 4)));
+    bool missingArea(aov_event_query& query, unsigned sections, const std::string& head)
+        AOV_REQUIRES(mutex_);
+    int sensorList(unsigned int request, const uint8_t* record) AOV_EXCLUDES(mutex_);
+    int fail(int result, const char* format, ...) AOV_EXCLUDES(mutex_)
+        __attribute__((format(printf, 3, 4)));
 
-    // With mutex_ held: keep the descriptor readable exactly while events are pending.
-    void signalLocked();
-    void unsignalLocked();
-    // With mutex_ held: tells the timeline, if any, how many events are
+    // Keep the descriptor readable exactly while events are pending.
+    void signalLocked() AOV_REQUIRES(mutex_);
+    void unsignalLocked() AOV_REQUIRES(mutex_);
+    // Tells the timeline, if any, how many events are
     // pending, `dropped` of those just taken out lost.
-    void depthChangedLocked(uint64_t dropped);
+    void depthChangedLocked(uint64_t dropped) AOV_REQUIRES(mutex_);
 
     const std::string path_;
     const DriverConfig params_;
     const FaultConfig faults_;
     std::shared_ptr<Trace> trace_;
-    std::function<void()> ready_listener_;
+    std::function<void()> ready_listener_ AOV_GUARDED_BY(mutex_);
+    DriverBugs bugs_ = 0;
 
     // Serialises the control path (open, close, START, STOP) so the timer
     // is started and stopped by one caller at a time.
-    std::mutex control_mutex_;
-    FrameTimer timer_;
+    aov::Mutex control_mutex_;
+    FrameTimer timer_ AOV_GUARDED_BY(control_mutex_);
 
     // Event state, shared with the timer thread and the dequeuing thread.
-    mutable std::mutex mutex_;
-    int event_fd_ = -1;
-    bool started_ = false;
-    bool ulposc3_on_ = false;
-    Session session_;
-    uint32_t sequence_ = 0;
-    size_t next_scripted_ = 0;
-    std::deque<Pending> pending_;
-    std::set<int32_t> sensors_on_;
-    uint32_t dequeue_calls_ = 0;
-    uint32_t sensor_list_calls_ = 0;
-    DequeueMark last_;
-    DriverStats stats_;
+    mutable aov::Mutex mutex_;
+    int event_fd_ AOV_GUARDED_BY(mutex_) = -1;
+    bool started_ AOV_GUARDED_BY(mutex_) = false;
+    // With kEventsAfterStop: the timer still runs after STOP.
+    bool timer_after_stop_ AOV_GUARDED_BY(mutex_) = false;
+    bool ulposc3_on_ AOV_GUARDED_BY(mutex_) = false;
+    Session session_ AOV_GUARDED_BY(mutex_);
+    uint32_t sequence_ AOV_GUARDED_BY(mutex_) = 0;
+    size_t next_scripted_ AOV_GUARDED_BY(mutex_) = 0;
+    std::deque<Pending> pending_ AOV_GUARDED_BY(mutex_);
+    std::set<int32_t> sensors_on_ AOV_GUARDED_BY(mutex_);
+    uint32_t dequeue_calls_ AOV_GUARDED_BY(mutex_) = 0;
+    uint32_t sensor_list_calls_ AOV_GUARDED_BY(mutex_) = 0;
+    DequeueMark last_ AOV_GUARDED_BY(mutex_);
+    DriverStats stats_ AOV_GUARDED_BY(mutex_);
 };
 
 }  // namespace aovsim

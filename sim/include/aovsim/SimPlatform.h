@@ -10,10 +10,10 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <vector>
 
+#include "AOVThreadSafety.h"
 #include "aovsim/SimConfig.h"
 #include "aovsim/Trace.h"
 #include "cam/coordinator/ICamCoordinator.h"
@@ -108,21 +108,21 @@ class SimPlatform {
         int mode = 0;
     };
 
-    SensorState* sensorById(int32_t sensorId);
-    SensorState* sensorByCamera(uint32_t cameraId);
+    SensorState* sensorById(int32_t sensorId) AOV_REQUIRES(mutex_);
+    SensorState* sensorByCamera(uint32_t cameraId) AOV_REQUIRES(mutex_);
     // Checks the target pointer of a device call; refuses and returns false when wrong.
     bool deviceCallValid(const SensorState* sensor, const char* op, const int32_t* target,
                          uint32_t count);
 
     const SimConfig config_;
     std::shared_ptr<Trace> trace_;
-    mutable std::mutex mutex_;
-    std::vector<SensorState> sensors_;
-    std::map<uint64_t, AgentState> agents_;
-    uint64_t next_agent_id_ = 1;
-    std::map<uint32_t, PipeState> pipes_;
-    uint32_t next_pipe_id_ = 100;
-    int pipe_mgr_users_ = 0;
+    mutable aov::Mutex mutex_;
+    std::vector<SensorState> sensors_ AOV_GUARDED_BY(mutex_);
+    std::map<uint64_t, AgentState> agents_ AOV_GUARDED_BY(mutex_);
+    uint64_t next_agent_id_ AOV_GUARDED_BY(mutex_) = 1;
+    std::map<uint32_t, PipeState> pipes_ AOV_GUARDED_BY(mutex_);
+    uint32_t next_pipe_id_ AOV_GUARDED_BY(mutex_) = 100;
+    int pipe_mgr_users_ AOV_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace aovsim

@@ -20,8 +20,6 @@
 
 namespace aovsim {
 
-constexpr const char* kAovNodePath = "/dev/kelo_aov";
-
 // Receives the library's debug-print lines and records them in the trace.
 class TraceLogSink final : public aovhost::DebugPrintSink {
   public:

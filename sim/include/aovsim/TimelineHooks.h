@@ -29,6 +29,10 @@ class TimelineHooks {
     virtual void platformCall(const char* name, Clock::time_point begin) = 0;
     // The library wrote an error line.
     virtual void libraryError(const char* text) = 0;
+    // A server of the driver's node served `request` from `begin` to `end`
+    // with `result`.
+    virtual void requestServed(unsigned int /*request*/, Clock::time_point /*begin*/,
+                               Clock::time_point /*end*/, int /*result*/) {}
 };
 
 }  // namespace aovsim

@@ -7,9 +7,10 @@
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 
+#include "AOVThreadSafety.h"
+#include "aovsim/Format.h"
 #include "aovsim/TimelineHooks.h"
 
 namespace aovsim {
@@ -47,9 +48,9 @@ class Trace {
   private:
     void emit(TraceSource source, const std::string& line);
 
-    mutable std::mutex mutex_;
-    Sink sink_;
-    uint64_t refusals_ = 0;
+    mutable aov::Mutex mutex_;
+    Sink sink_ AOV_GUARDED_BY(mutex_);
+    uint64_t refusals_ AOV_GUARDED_BY(mutex_) = 0;
     std::atomic<TimelineHooks*> timeline_{nullptr};
 };
 
@@ -74,9 +75,5 @@ class PlatformCallSpan {
     const char* name_;
     TimelineHooks::Clock::time_point begin_;
 };
-
-// printf into a std::string.
-std::string vformat(const char* format, va_list args);
-std::string format(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 }  // namespace aovsim

@@ -21,6 +21,10 @@
 
 AOV_UAPI_ASSERT(sizeof(void*) == 8, "the driver ABI uses 64-bit pointers");
 
+/* The driver's node: its name under /dev, and its path. */
+#define AOV_DEVICE_NAME "kelo_aov"
+#define AOV_DEVICE_NODE "/dev/" AOV_DEVICE_NAME
+
 /* Sensor ids switched on or off by one request. */
 #define AOV_MAX_SENSORS_PER_REQUEST 64
 

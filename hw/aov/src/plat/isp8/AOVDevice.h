@@ -18,7 +18,7 @@
 // The AOV device service: drives "/dev/kelo_aov" and delivers its events.
 class AOVDevice : public IAOVDevice, public DevControl, public EventObserver {
   public:
-    static constexpr const char* kDevicePath = "/dev/kelo_aov";
+    static constexpr const char* kDevicePath = AOV_DEVICE_NODE;
     static constexpr int kEventType = 2;
     // aov_mode that selects the full event content.
     static constexpr int32_t kFullContentMode = AOV_MODE_FULL_CONTENT;

@@ -129,7 +129,7 @@ void AOVSensor::setupSensors() {
     test_model_.store(property_get_int32(kPropTestModel, 0), std::memory_order_relaxed);
     const int32_t viewMode = property_get_int32(kPropViewMode, 0);
 
-    std::lock_guard<std::mutex> guard(lock_);
+    aov::MutexLock guard(lock_);
     if (catalogue_ready_) {
         return;
     }

@@ -5,12 +5,12 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <tuple>
 #include <unordered_map>
 #include <vector>
 
+#include "AOVThreadSafety.h"
 #include "IAOVSensor.h"
 #include "cam/coordinator/ICamCoordinator.h"
 #include "cam/custom/IAOVCustom.h"
@@ -53,7 +53,7 @@ class AOVSensor : public IAOVSensor {
     int stopSensor() override;
 
     // Builds the catalogue on the first call; later calls only re-read the properties.
-    void setupSensors();
+    void setupSensors() AOV_EXCLUDES(lock_);
     // Opens the sensor of param.sensor_id, moves its clock to ULPOSC and powers it on.
     int startDevice(user_param& param);
     // Powers the open sensor off, restores its clock and releases it; always 0.
@@ -75,9 +75,12 @@ class AOVSensor : public IAOVSensor {
     // Stored by every setupSensors call, also while another thread builds the
     // catalogue and reads it; relaxed is enough, nothing else hangs on it.
     std::atomic<int32_t> test_model_;
-    bool catalogue_ready_;
+    bool catalogue_ready_ AOV_GUARDED_BY(lock_);
     bool sensor_started_;
-    std::mutex lock_;
+    aov::Mutex lock_;
+    // The catalogue: filled by setupSensors under lock_ while catalogue_ready_
+    // is false; afterwards read without the lock, by calls that the system
+    // layer serialises.
     std::set<int> sensor_ids_;
     std::map<int, int> sensor_idx_map_;
     std::multimap<int, sensor_info> sensor_infos_;

@@ -48,8 +48,10 @@ void DetachedTask::wait() const {
     if (state_ == nullptr) {
         return;
     }
-    std::unique_lock<std::mutex> lock(state_->mutex);
-    state_->finished.wait(lock, [this] { return state_->done; });
+    aov::MutexLock lock(state_->mutex);
+    while (!state_->done) {
+        lock.wait(state_->finished);
+    }
 }
 
 void* DetachedTask::run(void* arg) {
@@ -57,7 +59,7 @@ void* DetachedTask::run(void* arg) {
     State& state = **threadRef;
     state.body(state.context);
     {
-        std::lock_guard<std::mutex> guard(state.mutex);
+        aov::MutexLock guard(state.mutex);
         state.done = true;
     }
     state.finished.notify_all();

@@ -2,7 +2,8 @@
 
 #include <condition_variable>
 #include <memory>
-#include <mutex>
+
+#include "AOVThreadSafety.h"
 
 // A function run once on a new, detached thread, and the one handle that
 // waits for it. The handle behaves like the future of an asynchronous launch:
@@ -38,9 +39,9 @@ class DetachedTask {
     struct State {
         Body body;
         void* context;
-        std::mutex mutex;
+        aov::Mutex mutex;
         std::condition_variable finished;
-        bool done = false;
+        bool done AOV_GUARDED_BY(mutex) = false;
     };
     static void* run(void* state);
 

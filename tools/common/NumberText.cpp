@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <string>
 
+#include "Excerpt.h"
+
 namespace aovsimtool {
 
 namespace {
@@ -94,6 +96,22 @@ NumberStatus parseSeconds(std::string_view text, double max, double* out) {
     }
     *out = value;
     return NumberStatus::kOk;
+}
+
+bool readInteger(const std::string& what, std::string_view text, int64_t min, int64_t max,
+                 int64_t* out, std::string* error) {
+    switch (parseInteger(text, min, max, out)) {
+        case NumberStatus::kOk:
+            return true;
+        case NumberStatus::kMalformed:
+            *error = what + ": expected a whole number, got " + excerpt(text);
+            return false;
+        case NumberStatus::kOutOfRange:
+            *error = what + ": " + excerpt(text) + " is out of range " + std::to_string(min) +
+                     ".." + std::to_string(max);
+            return false;
+    }
+    return false;
 }
 
 }  // namespace aovsimtool

@@ -7,6 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
+
+#include "BoundedWait.h"
 
 extern char** environ;
 
@@ -45,8 +48,20 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
         ::close(fds[0]);
         return result;
     }
+    // Inside the tests' ctest limit, so that a run that hangs fails with its
+    // output instead of stopping the test binary.
+    const auto deadline = std::chrono::steady_clock::now() + kRunLimit;
     char buffer[4096];
     for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (!aovtest::readableWithin(fds[0], left)) {
+            ::close(fds[0]);
+            aovtest::killed(pid);
+            result.output += "\n[test] " + program + " still running after " +
+                             std::to_string(kRunLimit.count()) + " s: killed\n";
+            return result;
+        }
         const ssize_t n = ::read(fds[0], buffer, sizeof(buffer));
         if (n < 0 && errno == EINTR) {
             continue;
@@ -62,7 +77,12 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
     }
     ::close(fds[0]);
     int status = 0;
-    while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    if (!aovtest::exitedWithin(pid, &status, std::max(left, std::chrono::milliseconds(1000)))) {
+        aovtest::killed(pid);
+        result.output += "\n[test] " + program + " closed its output but did not exit: killed\n";
+        return result;
     }
     result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <vector>
 
+#include "AOVThreadSafety.h"
 #include "aovhost/Binding.h"
 #include "kelo_aov.h"
 
@@ -69,15 +69,15 @@ class FakeAovDriver : public aovhost::EmulatedNode {
     int lastOpenFlags() const { return last_open_flags_; }
 
   private:
-    using Guard = std::lock_guard<std::mutex>;
-    mutable std::mutex mutex_;
-    int open_result_ = 0;
-    std::deque<int> close_results_;
-    std::map<unsigned int, std::deque<int>> results_;
-    aov_event_query event_{};
-    uint8_t marker_ = 0;
-    bool recording_ = true;
-    std::vector<DriverRequest> requests_;
+    using Guard = aov::MutexLock;
+    mutable aov::Mutex mutex_;
+    int open_result_ AOV_GUARDED_BY(mutex_) = 0;
+    std::deque<int> close_results_ AOV_GUARDED_BY(mutex_);
+    std::map<unsigned int, std::deque<int>> results_ AOV_GUARDED_BY(mutex_);
+    aov_event_query event_ AOV_GUARDED_BY(mutex_){};
+    uint8_t marker_ AOV_GUARDED_BY(mutex_) = 0;
+    bool recording_ AOV_GUARDED_BY(mutex_) = true;
+    std::vector<DriverRequest> requests_ AOV_GUARDED_BY(mutex_);
     std::atomic<int> opens_{0};
     std::atomic<int> closes_{0};
     std::atomic<int> last_open_flags_{-1};

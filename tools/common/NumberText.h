@@ -5,6 +5,7 @@
 // reported as such.
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 namespace aovsimtool {
@@ -23,5 +24,11 @@ NumberStatus parseInteger(std::string_view text, int64_t min, int64_t max, int64
 // most `max`. "nan", "inf", hexadecimal and signs other than an exponent's
 // are malformed; negative numbers and zero are out of range.
 NumberStatus parseSeconds(std::string_view text, double max, double* out);
+
+// parseInteger for the value of the option `what` (e.g. "--fps"); when it
+// fails, `error` is one line: "--fps: expected a whole number, got "x"" or
+// "--fps: "99" is out of range 1..10".
+bool readInteger(const std::string& what, std::string_view text, int64_t min, int64_t max,
+                 int64_t* out, std::string* error);
 
 }  // namespace aovsimtool

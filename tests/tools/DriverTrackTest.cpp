@@ -1,0 +1,110 @@
+// The driver track aov-kdev writes for aov-sim's timeline: what is written
+// comes back with the same stamps, the writer stops at its limit and says so,
+// and a broken or cut file is counted, never taken for records.
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <string>
+
+#include "DriverTrack.h"
+#include "kelo_aov.h"
+
+namespace {
+
+using aovsimtool::DriverTrack;
+using aovsimtool::DriverTrackRecord;
+using aovsimtool::DriverTrackWriter;
+using Clock = std::chrono::steady_clock;
+
+std::string tempPath(const char* name) {
+    return ::testing::TempDir() + name + std::to_string(::getpid());
+}
+
+TEST(DriverTrackTest, WhatTheWriterRecordsReadsBackWithTheDriversStamps) {
+    const std::string path = tempPath("track_roundtrip");
+    const Clock::time_point at = Clock::now();
+    {
+        std::string problem;
+        auto writer = DriverTrackWriter::open(path, &problem);
+        ASSERT_NE(writer, nullptr) << problem;
+        writer->eventQueued(7, at, 2, true);
+        writer->queueDepth(1, 3);
+        writer->requestServed(AOV_IOC_DEQUEUE_EVENT, at, at + std::chrono::microseconds(5), -14);
+    }
+    DriverTrack track;
+    ASSERT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "");
+    ASSERT_EQ(track.records.size(), 3u);
+    EXPECT_FALSE(track.full);
+    EXPECT_EQ(track.bad_lines, 0u);
+    const DriverTrackRecord& queued = track.records[0];
+    EXPECT_EQ(queued.kind, DriverTrackRecord::Kind::kQueued);
+    EXPECT_EQ(queued.sequence, 7u);
+    EXPECT_EQ(queued.begin, at);
+    EXPECT_GE(queued.end, at);
+    EXPECT_EQ(queued.depth, 2u);
+    EXPECT_TRUE(queued.overwrote);
+    EXPECT_EQ(track.records[1].kind, DriverTrackRecord::Kind::kDepth);
+    EXPECT_EQ(track.records[1].dropped, 3u);
+    const DriverTrackRecord& request = track.records[2];
+    EXPECT_EQ(request.kind, DriverTrackRecord::Kind::kRequest);
+    EXPECT_EQ(request.request, AOV_IOC_DEQUEUE_EVENT);
+    EXPECT_EQ(request.end - request.begin, std::chrono::microseconds(5));
+    EXPECT_EQ(request.result, -14);
+    ::unlink(path.c_str());
+}
+
+TEST(DriverTrackTest, TheWriterStopsAtItsLimitAndTheReaderSeesIt) {
+    const std::string path = tempPath("track_full");
+    {
+        std::string problem;
+        auto writer = DriverTrackWriter::open(path, &problem, 2);
+        ASSERT_NE(writer, nullptr) << problem;
+        for (int i = 0; i < 5; ++i) {
+            writer->queueDepth(static_cast<size_t>(i), 0);
+        }
+    }
+    DriverTrack track;
+    ASSERT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "");
+    EXPECT_EQ(track.records.size(), 2u);
+    EXPECT_TRUE(track.full);
+    ::unlink(path.c_str());
+}
+
+TEST(DriverTrackTest, BrokenLinesAreCountedAndACutLastLineIsNotARecord) {
+    const std::string path = tempPath("track_broken");
+    {
+        std::ofstream out(path);
+        out << "aov-kdev driver track 1\n"
+               "queued 1 100 200 1 0\n"
+               "queued 1 300 200 1 0\n"  // signalled before its stamp
+               "queued 1 100 200 1 2\n"  // not a flag
+               "depth 100 1\n"           // a field missing
+               "request 1 2 3 4 5\n"     // one too many
+               "hello\n"
+               "request 3221 100 200 -5";  // cut while being written
+    }
+    DriverTrack track;
+    ASSERT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "");
+    EXPECT_EQ(track.records.size(), 1u);
+    EXPECT_EQ(track.bad_lines, 6u);
+    ::unlink(path.c_str());
+}
+
+TEST(DriverTrackTest, RefusesAFileThatIsNotATrack) {
+    const std::string path = tempPath("track_other");
+    {
+        std::ofstream out(path);
+        out << "queued 1 100 200 1 0\n";
+    }
+    DriverTrack track;
+    EXPECT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "not a driver track");
+    EXPECT_NE(aovsimtool::readDriverTrack(path + ".missing", 1 << 20, &track), "");
+    { std::ofstream out(path, std::ios::trunc); }
+    EXPECT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "not a driver track");
+    ::unlink(path.c_str());
+}
+
+}  // namespace

@@ -1,0 +1,27 @@
+#pragma once
+
+// The checks of a node against what the AOV library relies on, grouped in
+// five categories: open, requests, dequeue, readiness, lifecycle.
+
+#include <cstdio>
+#include <string>
+
+namespace aovcompliance {
+
+struct Options {
+    std::string node = "/dev/kelo_aov";
+    bool verbose = false;
+    bool tap = false;
+    std::string only;             // one category, or empty for all
+    int timeout_ms = 2000;        // the longest a request may take
+    int event_timeout_ms = 3000;  // the longest to wait for an event after START
+};
+
+// The categories --only accepts.
+bool isCategory(const std::string& name);
+
+// Runs the checks against the node and writes the report to `out`; the exit
+// code: 0 without failures, 1 with.
+int runChecks(const Options& options, std::FILE* out);
+
+}  // namespace aovcompliance

@@ -1,0 +1,27 @@
+#pragma once
+
+// aov-kdev's command line.
+
+#include <string>
+
+#include "CommandLine.h"
+#include "KdevServer.h"
+
+namespace aovkdev {
+
+struct KdevOptions {
+    std::string mount_dir;      // an existing directory to mount on
+    std::string scenario_path;  // empty: the embedded scenario
+    int ready_fd = -1;          // where to say "ready", if given
+    bool quiet = false;         // no driver trace
+    std::string timeline_path;  // where to write the driver track, if given
+    ServerFaults faults;
+    aovsim::DriverBugs bugs = 0;  // driver bugs made on purpose (--fault)
+};
+
+// Parses the command line. On kHelp, `message` is the help text; on kError,
+// one line saying what is wrong and with which option.
+aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, KdevOptions* options,
+                                          std::string* message);
+
+}  // namespace aovkdev
