@@ -22,7 +22,6 @@
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
 
-
 namespace {
 
 std::string tempPath(const std::string& name) {
