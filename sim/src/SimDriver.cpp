@@ -116,24 +116,7 @@ SimDriver::~SimDriver() {
 }
 
 const char* SimDriver::requestName(unsigned int request) {
-    switch (request) {
-        case AOV_IOC_START:
-            return "START";
-        case AOV_IOC_SENSOR_ON:
-            return "SENSOR_ON";
-        case AOV_IOC_SENSOR_OFF:
-            return "SENSOR_OFF";
-        case AOV_IOC_DEQUEUE_EVENT:
-            return "DEQUEUE_EVENT";
-        case AOV_IOC_STOP:
-            return "STOP";
-        case AOV_IOC_ULPOSC3_ON:
-            return "ULPOSC3_ON";
-        case AOV_IOC_ULPOSC3_OFF:
-            return "ULPOSC3_OFF";
-        default:
-            return nullptr;
-    }
+    return aov_ioc_name(request);
 }
 
 int SimDriver::fail(int result, const char* fmt, ...) {

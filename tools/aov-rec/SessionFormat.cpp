@@ -236,24 +236,7 @@ bool parseContentMode(const char* text, ContentMode* out) {
 }
 
 const char* requestName(uint32_t code) {
-    switch (code) {
-        case AOV_IOC_START:
-            return "START";
-        case AOV_IOC_SENSOR_ON:
-            return "SENSOR_ON";
-        case AOV_IOC_SENSOR_OFF:
-            return "SENSOR_OFF";
-        case AOV_IOC_DEQUEUE_EVENT:
-            return "DEQUEUE_EVENT";
-        case AOV_IOC_STOP:
-            return "STOP";
-        case AOV_IOC_ULPOSC3_ON:
-            return "ULPOSC3_ON";
-        case AOV_IOC_ULPOSC3_OFF:
-            return "ULPOSC3_OFF";
-        default:
-            return nullptr;
-    }
+    return aov_ioc_name(code);
 }
 
 void putCall(ByteWriter& out, const CallInfo& call) {

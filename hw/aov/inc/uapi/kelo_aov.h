@@ -128,6 +128,28 @@ AOV_UAPI_ASSERT(AOV_IOC_ULPOSC3_OFF == 0x0000480Au, "AOV_IOC_ULPOSC3_OFF");
 AOV_UAPI_ASSERT(AOV_IOC_SENSOR_OFF == AOV_IOC_SENSOR_ON + 1, "off is on + 1");
 AOV_UAPI_ASSERT(AOV_IOC_ULPOSC3_OFF == AOV_IOC_ULPOSC3_ON + 1, "off is on + 1");
 
+/* The request's name ("START", ...), or a null pointer for a code the driver does not know. */
+static inline const char* aov_ioc_name(unsigned int code) {
+    switch (code) {
+        case AOV_IOC_START:
+            return "START";
+        case AOV_IOC_SENSOR_ON:
+            return "SENSOR_ON";
+        case AOV_IOC_SENSOR_OFF:
+            return "SENSOR_OFF";
+        case AOV_IOC_DEQUEUE_EVENT:
+            return "DEQUEUE_EVENT";
+        case AOV_IOC_STOP:
+            return "STOP";
+        case AOV_IOC_ULPOSC3_ON:
+            return "ULPOSC3_ON";
+        case AOV_IOC_ULPOSC3_OFF:
+            return "ULPOSC3_OFF";
+        default:
+            return 0;
+    }
+}
+
 /*
  * The ten event sections, in order. Sections 1 to AOV_BASIC_SECTION_COUNT
  * carry content whenever an event does; the rest only under
