@@ -62,7 +62,7 @@ DriverTrackWriter::~DriverTrackWriter() {
 }
 
 void DriverTrackWriter::line(const char* text) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (lines_ > max_lines_) {
         return;
     }

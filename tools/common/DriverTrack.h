@@ -17,10 +17,10 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "AOVThreadSafety.h"
 #include "aovsim/TimelineHooks.h"
 
 namespace aovsimtool {
@@ -50,10 +50,10 @@ class DriverTrackWriter final : public aovsim::TimelineHooks {
     DriverTrackWriter(std::FILE* file, uint64_t maxLines) : file_(file), max_lines_(maxLines) {}
     void line(const char* text);
 
-    std::mutex mutex_;
-    std::FILE* file_;
+    aov::Mutex mutex_;
+    std::FILE* file_ AOV_GUARDED_BY(mutex_);
     const uint64_t max_lines_;
-    uint64_t lines_ = 0;
+    uint64_t lines_ AOV_GUARDED_BY(mutex_) = 0;
 };
 
 struct DriverTrackRecord {
