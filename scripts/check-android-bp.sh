@@ -12,7 +12,8 @@
 #   - version_script is skipped: it goes into LDFLAGS;
 #   - cpp_std is skipped and C++11 forced: CXXFLAGS becomes the module's cpp_std;
 #   - -Werror is dropped from cflags: it goes back into CFLAGS;
-#   - the compiler is clang, as Soong's is (cflags hold clang-only warnings).
+#   - the compiler is clang, as Soong's is (cflags hold clang-only warnings),
+#     for both modules.
 # Usage: check-android-bp.sh [cmake-build-dir] (default build/debug, built)
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -103,8 +104,9 @@ bash scripts/check-exports.sh "$cmake_build/hw/aov/libkelocam_aov_plat.so"
 
 # The session recorder's preload library: it builds from the Android.bp's
 # sources and exports exactly the calls it wraps.
-make -C "$out" -f Makefile libaov_rec_preload.so CC=c++ "CXXFLAGS=-std=$cpp_std" \
-  "CFLAGS=-Werror -fPIC -DAOV_REC_HAVE_ZSTD=1" >"$out/make-rec.log" 2>&1 || {
+rec_version_script=$(bp_value libaov_rec_preload version_script)
+make -C "$out" -f Makefile libaov_rec_preload.so CC=clang++ "CXXFLAGS=-std=$cpp_std" \
+  "CFLAGS=-Werror -fPIC -DAOV_REC_HAVE_ZSTD=1" "LDFLAGS=-Wl,--version-script=$rec_version_script" >"$out/make-rec.log" 2>&1 || {
   cat "$out/make-rec.log" >&2
   exit 1
 }
