@@ -27,6 +27,7 @@
 
 #include "AOVDevice.h"
 #include "FakeAovDriver.h"
+#include "KernelBaseline.h"
 #include "aovhost/Binding.h"
 #include "cam/system/SystemCall.h"
 
@@ -127,18 +128,7 @@ BENCHMARK(BM_Event_Baseline_BareDequeueAndCallback);
 
 // The kernel boundary for reference: one real ioctl (FIONREAD on an empty pipe).
 void BM_Event_Baseline_KernelIoctl(benchmark::State& state) {
-    int fds[2];
-    if (::pipe(fds) != 0) {
-        state.SkipWithError("no pipe");
-        return;
-    }
-    int pending = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(::ioctl(fds[0], FIONREAD, &pending));
-    }
-    ::close(fds[0]);
-    ::close(fds[1]);
-    state.SetItemsProcessed(state.iterations());
+    runBareKernelIoctl(state);
 }
 BENCHMARK(BM_Event_Baseline_KernelIoctl);
 

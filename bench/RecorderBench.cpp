@@ -24,6 +24,7 @@
 #include <string>
 #include <vector>
 
+#include "KernelBaseline.h"
 #include "Recorder.h"
 #include "kelo_aov.h"
 
@@ -143,17 +144,7 @@ void fillAreas(EventBuffer& buffer, bool random) {
 }
 
 void BM_Rec_Passthrough_BareIoctl(benchmark::State& state) {
-    int fds[2];
-    if (::pipe(fds) != 0) {
-        state.SkipWithError("pipe");
-        return;
-    }
-    int pending = 0;
-    for (auto _ : state) {
-        benchmark::DoNotOptimize(::ioctl(fds[0], FIONREAD, &pending));
-    }
-    ::close(fds[0]);
-    ::close(fds[1]);
+    runBareKernelIoctl(state);
 }
 BENCHMARK(BM_Rec_Passthrough_BareIoctl);
 
