@@ -420,6 +420,37 @@ bool anyNode(const pollfd* fds, nfds_t n) {
     return false;
 }
 
+// A readiness wait's payload: the call, the wait's kind and timeout, then
+// one entry for each of the node's descriptors it covered.
+class WaitPayload {
+  public:
+    WaitPayload(ByteWriter& out, const CallInfo& call, WaitKind kind, int timeout_ms) : out_(out) {
+        putCall(out, call);
+        out.u8(static_cast<uint8_t>(kind));
+        out.u8(0);
+        count_at_ = out.size();
+        out.u16(0);
+        out.u32(static_cast<uint32_t>(timeout_ms));
+    }
+    bool full() const { return count_ >= kMaxWaitEntries; }
+    void add(int fd, uint32_t events, uint32_t revents) {
+        out_.u32(static_cast<uint32_t>(fd));
+        out_.u32(events);
+        out_.u32(revents);
+        ++count_;
+    }
+    // Puts the entry count in its place.
+    void finish() {
+        out_.at(count_at_)[0] = static_cast<uint8_t>(count_);
+        out_.at(count_at_)[1] = static_cast<uint8_t>(count_ >> 8);
+    }
+
+  private:
+    ByteWriter& out_;
+    size_t count_at_ = 0;
+    uint16_t count_ = 0;
+};
+
 void recordPoll(WaitKind kind, uint64_t begin_ns, const pollfd* fds, nfds_t n, int timeout_ms,
                 int result, int err) {
     const CallInfo call = callInfo(begin_ns, -1, result, err);
@@ -427,23 +458,14 @@ void recordPoll(WaitKind kind, uint64_t begin_ns, const pollfd* fds, nfds_t n, i
         Scope scope;
         if (scope.held()) {
             ByteWriter out(g_rec.payload, kMaxPayload);
-            putCall(out, call);
-            out.u8(static_cast<uint8_t>(kind));
-            out.u8(0);
-            const size_t count_at = out.size();
-            out.u16(0);
-            out.u32(static_cast<uint32_t>(timeout_ms));
-            uint16_t count = 0;
-            for (nfds_t i = 0; i < n && count < kMaxWaitEntries; ++i) {
+            WaitPayload wait(out, call, kind, timeout_ms);
+            for (nfds_t i = 0; i < n && !wait.full(); ++i) {
                 if (fdHas(fds[i].fd, kFdNode)) {
-                    out.u32(static_cast<uint32_t>(fds[i].fd));
-                    out.u32(static_cast<uint16_t>(fds[i].events));
-                    out.u32(result > 0 ? static_cast<uint16_t>(fds[i].revents) : 0u);
-                    ++count;
+                    wait.add(fds[i].fd, static_cast<uint16_t>(fds[i].events),
+                             result > 0 ? static_cast<uint16_t>(fds[i].revents) : 0u);
                 }
             }
-            out.at(count_at)[0] = static_cast<uint8_t>(count);
-            out.at(count_at)[1] = static_cast<uint8_t>(count >> 8);
+            wait.finish();
             writeLocked(RecordType::Poll, out);
         }
     }
@@ -509,26 +531,16 @@ void recordEpollWait(WaitKind kind, uint64_t begin_ns, int epfd, const epoll_eve
         Scope scope;
         if (scope.held()) {
             ByteWriter out(g_rec.payload, kMaxPayload);
-            putCall(out, call);
-            out.u8(static_cast<uint8_t>(kind));
-            out.u8(0);
-            const size_t count_at = out.size();
-            out.u16(0);
-            out.u32(static_cast<uint32_t>(timeout_ms));
-            uint16_t count = 0;
-            for (int i = 0; i < result && count < kMaxWaitEntries; ++i) {
+            WaitPayload wait(out, call, kind, timeout_ms);
+            for (int i = 0; i < result && !wait.full(); ++i) {
                 for (const Watch& w : g_rec.watches) {
                     if (w.epfd == epfd && w.fd >= 0 && w.data == events[i].data.u64) {
-                        out.u32(static_cast<uint32_t>(w.fd));
-                        out.u32(0);
-                        out.u32(events[i].events);
-                        ++count;
+                        wait.add(w.fd, 0, events[i].events);
                         break;
                     }
                 }
             }
-            out.at(count_at)[0] = static_cast<uint8_t>(count);
-            out.at(count_at)[1] = static_cast<uint8_t>(count >> 8);
+            wait.finish();
             writeLocked(RecordType::EpollWait, out);
         }
     }
