@@ -3,8 +3,6 @@
 // named for it. Needs root and /dev/fuse; each case says when it skips. The
 // checker's output goes to the test log.
 
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,43 +13,26 @@
 #include <string>
 #include <vector>
 
+#include "FuseSandbox.h"
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
 #include "gtest/gtest.h"
 
 namespace {
 
-std::string fuseUnavailable() {
-    if (::geteuid() != 0) {
-        return "the compliance matrix needs root (for the mount namespace and the FUSE mount)";
-    }
-    if (::access("/dev/fuse", R_OK | W_OK) != 0) {
-        return std::string("the compliance matrix needs /dev/fuse: ") + std::strerror(errno);
-    }
-    return std::string();
-}
-
 // An aov-kdev with one driver bug, in the test's own mount namespace.
 class KdevNode : public ::testing::Test {
   protected:
     void SetUp() override {
-        const std::string why = fuseUnavailable();
+        const std::string why = aovtest::fuseUnavailable();
         if (!why.empty()) {
             GTEST_SKIP() << why;
         }
-        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
-        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        char dir[] = "/tmp/aov-compliance.XXXXXX";
-        ASSERT_NE(::mkdtemp(dir), nullptr);
-        dir_ = dir;
+        std::string problem;
+        ASSERT_TRUE(sandbox_.enter("aov-compliance", &problem)) << problem;
+        dir_ = sandbox_.dir();
     }
-    void TearDown() override {
-        server_.kill();
-        if (!dir_.empty()) {
-            ::umount2(dir_.c_str(), MNT_DETACH);
-            ::rmdir(dir_.c_str());
-        }
-    }
+    void TearDown() override { server_.kill(); }
 
     // Starts aov-kdev and waits, with a limit, until it serves.
     void start(const std::string& fault) {
@@ -77,6 +58,7 @@ class KdevNode : public ::testing::Test {
         return run;
     }
 
+    aovtest::MountSandbox sandbox_;  // outlives the server
     std::string dir_;
     aovsimtool::KdevLauncher server_;
 };

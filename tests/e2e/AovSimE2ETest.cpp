@@ -4,9 +4,7 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -24,6 +22,7 @@
 #include <string>
 #include <vector>
 
+#include "FuseSandbox.h"
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
 
@@ -184,24 +183,13 @@ void expectCleanShutdown(const RunResult& run) {
     EXPECT_TRUE(inOrder(run, {"aov-sim: exit", "[plat] uninit() -> 0"})) << run.output;
 }
 
-// Why the runs through a FUSE node cannot go ahead here; empty when they can.
-std::string fuseUnavailable() {
-    if (::geteuid() != 0) {
-        return "FUSE runs need root (for the mount namespace and the mount)";
-    }
-    if (::access("/dev/fuse", R_OK | W_OK) != 0) {
-        return std::string("FUSE runs need /dev/fuse: ") + std::strerror(errno);
-    }
-    return std::string();
-}
-
 // The same session with the driver in aov-sim ("inproc") and in aov-kdev
 // behind a FUSE node ("fuse"): the library's requests then cross the kernel.
 class Kernel : public ::testing::TestWithParam<const char*> {
   protected:
     void SetUp() override {
         if (std::string(GetParam()) == "fuse") {
-            const std::string why = fuseUnavailable();
+            const std::string why = aovtest::fuseUnavailable();
             if (!why.empty()) {
                 GTEST_SKIP() << why;
             }
@@ -430,8 +418,8 @@ class ScriptedEvents : public ::testing::TestWithParam<ScriptedCase> {};
 
 TEST_P(ScriptedEvents, ReachTheCallbackAsTheCopyRulesSay) {
     const ScriptedCase& c = GetParam();
-    if (std::string(c.kernel) == "fuse" && !fuseUnavailable().empty()) {
-        GTEST_SKIP() << fuseUnavailable();
+    if (std::string(c.kernel) == "fuse" && !aovtest::fuseUnavailable().empty()) {
+        GTEST_SKIP() << aovtest::fuseUnavailable();
     }
     const RunResult run = runAovSim(
         {"--scenario", std::string(AOV_SIM_EXAMPLES) + "/scripted-events.json", "--events", "3",
@@ -475,29 +463,22 @@ INSTANTIATE_TEST_SUITE_P(
 class UserStartedServer : public ::testing::Test {
   protected:
     void SetUp() override {
-        const std::string why = fuseUnavailable();
+        const std::string why = aovtest::fuseUnavailable();
         if (!why.empty()) {
             GTEST_SKIP() << why;
         }
-        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
-        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        char dir[] = "/tmp/aov-kdev-e2e.XXXXXX";
-        ASSERT_NE(::mkdtemp(dir), nullptr);
-        dir_ = dir;
+        std::string problem;
+        ASSERT_TRUE(sandbox_.enter("aov-kdev-e2e", &problem)) << problem;
+        dir_ = sandbox_.dir();
     }
-    void TearDown() override {
-        server_.kill();
-        if (!dir_.empty()) {
-            ::umount2(dir_.c_str(), MNT_DETACH);
-            ::rmdir(dir_.c_str());
-        }
-    }
+    void TearDown() override { server_.kill(); }
     // Starts aov-kdev with `extra` options and waits until it serves.
     void start(std::vector<std::string> extra) {
         extra.insert(extra.begin(), "--quiet");
         std::string problem;
         ASSERT_TRUE(server_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
     }
+    aovtest::MountSandbox sandbox_;  // outlives the server
     std::string dir_;
     aovsimtool::KdevLauncher server_;
 };

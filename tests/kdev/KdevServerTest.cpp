@@ -5,11 +5,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +21,7 @@
 #include <vector>
 
 #include "BoundedWait.h"
+#include "FuseSandbox.h"
 #include "KdevServer.h"
 #include "aovsim/EventContent.h"
 #include "kelo_aov.h"
@@ -37,15 +36,14 @@ struct Seen {
 class KdevServerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (::geteuid() != 0 || ::access("/dev/fuse", R_OK | W_OK) != 0) {
-            GTEST_SKIP() << "FUSE tests need root and /dev/fuse";
+        const std::string why = aovtest::fuseUnavailable();
+        if (!why.empty()) {
+            GTEST_SKIP() << why;
         }
-        // A private mount namespace: the mount disappears with this process.
-        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
-        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        char dir[] = "/tmp/aov-kdev-test.XXXXXX";
-        ASSERT_NE(::mkdtemp(dir), nullptr);
-        dir_ = dir;
+        std::string problem;
+        ASSERT_TRUE(sandbox_.enter("aov-kdev-test", &problem)) << problem;
+
+        dir_ = sandbox_.dir();
         auto trace = std::make_shared<aovsim::Trace>();
         aovsim::DriverConfig config;
         config.timer = false;  // events only when a test queues them
@@ -56,7 +54,6 @@ class KdevServerTest : public ::testing::Test {
             std::lock_guard<std::mutex> guard(seen_.mutex);
             seen_.requests.push_back(request);
         });
-        std::string problem;
         if (!server_->mount(dir_, &problem)) {
             GTEST_SKIP() << "cannot mount FUSE here: " << problem;
         }
@@ -85,9 +82,6 @@ class KdevServerTest : public ::testing::Test {
             serving_.join();
         }
         server_.reset();
-        if (!dir_.empty()) {
-            ::rmdir(dir_.c_str());
-        }
     }
 
     aovkdev::RequestSeen lastSeen() {
@@ -113,6 +107,7 @@ class KdevServerTest : public ::testing::Test {
         return ready == 1 && (event.events & EPOLLIN) != 0;
     }
 
+    aovtest::MountSandbox sandbox_;
     std::string dir_;
     std::shared_ptr<aovsim::SimDriver> driver_;
     std::unique_ptr<aovkdev::KdevServer> server_;
