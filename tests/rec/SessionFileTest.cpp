@@ -32,7 +32,9 @@ constexpr char kNode[] = "/aov-rec-test/kelo_aov";
 
 std::vector<uint8_t> readFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+    const std::string text(std::istreambuf_iterator<char>(in), {});
+    return std::vector<uint8_t>(reinterpret_cast<const uint8_t*>(text.data()),
+                                reinterpret_cast<const uint8_t*>(text.data()) + text.size());
 }
 
 // A recording by the core into a file of its own, with the node's calls

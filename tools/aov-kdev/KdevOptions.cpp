@@ -38,6 +38,8 @@ aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, Kde
                    "(default: the embedded one)")
         ->type_name("FILE");
     app.add_flag("--quiet", o.quiet, "Do not print the driver's trace");
+    app.add_flag("--exit-with-parent", o.exit_with_parent,
+                 "Stop serving when the process that started aov-kdev ends, even if it crashed");
     app.add_option("--timeline", o.timeline_path,
                    "Write the driver's track (events queued, queue depth, requests served) to "
                    "FILE for aov-sim's timeline")

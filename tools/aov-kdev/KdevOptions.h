@@ -10,11 +10,12 @@
 namespace aovkdev {
 
 struct KdevOptions {
-    std::string mount_dir;      // an existing directory to mount on
-    std::string scenario_path;  // empty: the embedded scenario
-    int ready_fd = -1;          // where to say "ready", if given
-    bool quiet = false;         // no driver trace
-    std::string timeline_path;  // where to write the driver track, if given
+    std::string mount_dir;          // an existing directory to mount on
+    std::string scenario_path;      // empty: the embedded scenario
+    int ready_fd = -1;              // where to say "ready", if given
+    bool quiet = false;             // no driver trace
+    bool exit_with_parent = false;  // stop when the process that started it ends
+    std::string timeline_path;      // where to write the driver track, if given
     ServerFaults faults;
     aovsim::DriverBugs bugs = 0;  // driver bugs made on purpose (--fault)
 };

@@ -2,6 +2,7 @@
 // so that clients reach it through real open, ioctl, poll and close calls.
 
 #include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -88,6 +89,15 @@ int main(int argc, char** argv) {
         sigaction(signal, &action, nullptr);
     }
     ::signal(SIGPIPE, SIG_IGN);
+    if (options.exit_with_parent) {
+        // A parent that dies without stopping us (a crash) must not leave the
+        // mount served, nor the parent's output pipe held open.
+        const pid_t parent = ::getppid();
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (parent == 1 || ::getppid() != parent) {
+            ::raise(SIGTERM);
+        }
+    }
     if (options.ready_fd >= 0) {
         const char ready[] = "ready\n";
         (void)!::write(options.ready_fd, ready, sizeof(ready) - 1);

@@ -94,7 +94,9 @@ uint64_t xxMerge(uint64_t acc, uint64_t val) {
 }  // namespace
 
 uint64_t xxh64(const void* data, size_t size, uint64_t seed) {
-    const auto* p = static_cast<const uint8_t*>(data);
+    static const uint8_t kNothing = 0;
+    // An empty range may come as a null pointer; no arithmetic is done on one.
+    const auto* p = size == 0 ? &kNothing : static_cast<const uint8_t*>(data);
     const uint8_t* const end = p + size;
     uint64_t h;
     if (size >= 32) {

@@ -149,9 +149,10 @@ bool FuseKernel::start(const std::string& scenarioPath, const std::string& drive
     }
     dir_ = dir;
     own_dir_ = true;
-    std::vector<std::string> extra;
+    // The server goes with aov-sim, however aov-sim ends.
+    std::vector<std::string> extra = {"--exit-with-parent"};
     if (!scenarioPath.empty()) {
-        extra = {"--scenario", scenarioPath};
+        extra.insert(extra.end(), {"--scenario", scenarioPath});
     }
     if (!driverTrack.empty()) {
         extra.insert(extra.end(), {"--timeline", driverTrack});

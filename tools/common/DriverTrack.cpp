@@ -1,9 +1,9 @@
 #include "DriverTrack.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstring>
-#include <sstream>
 
 #include "BoundedFile.h"
 #include "NumberText.h"
@@ -26,15 +26,19 @@ std::chrono::steady_clock::time_point fromNanos(int64_t ns) {
 
 // The line's words, or false when it has more than `count` or fewer.
 bool words(const std::string& line, size_t count, std::vector<std::string>* out) {
-    std::istringstream in(line);
-    std::string word;
-    while (in >> word) {
+    size_t at = 0;
+    for (;;) {
+        at = line.find_first_not_of(" \t\r", at);
+        if (at == std::string::npos) {
+            return out->size() == count;
+        }
         if (out->size() == count) {
             return false;
         }
-        out->push_back(word);
+        const size_t end = std::min(line.find_first_of(" \t\r", at), line.size());
+        out->push_back(line.substr(at, end - at));
+        at = end;
     }
-    return out->size() == count;
 }
 
 bool number(const std::string& text, int64_t min, int64_t max, int64_t* out) {
