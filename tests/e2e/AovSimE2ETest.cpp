@@ -273,6 +273,21 @@ TEST_P(Kernel, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
     expectCleanShutdown(run);
 }
 
+// The counts written beside a timeline's events are the summary's.
+void expectTimelineCountsMatchTheSummary(const RunResult& run, const nlohmann::json& doc) {
+    const nlohmann::json& counts = doc["otherData"];
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(run.output, m,
+                                  std::regex("events delivered (\\d+), dropped (\\d+) of (\\d+) "
+                                             "produced")))
+        << run.output;
+    EXPECT_EQ(counts["events_delivered"], std::stoull(m[1])) << counts.dump();
+    EXPECT_EQ(counts["events_dropped"], std::stoull(m[2])) << counts.dump();
+    EXPECT_EQ(counts["events_produced"], std::stoull(m[3])) << counts.dump();
+    EXPECT_EQ(counts["kernel_requests"], numberAfter(run, "summary: kernel requests "));
+    EXPECT_EQ(counts["library_error_lines"], numberAfter(run, "library error lines "));
+}
+
 // What a session's timeline shows besides its flows: each step of the trace
 // as a begin and end on the system layer's thread, in order; the monitor's
 // notifications and callbacks on its own thread; the driver's counters in the
@@ -343,17 +358,7 @@ void expectTimelineShowsTheSession(const RunResult& run, const nlohmann::json& d
     }
     EXPECT_EQ(delivered, oneByOne);
 
-    const nlohmann::json& counts = doc["otherData"];
-    std::smatch m;
-    ASSERT_TRUE(std::regex_search(run.output, m,
-                                  std::regex("events delivered (\\d+), dropped (\\d+) of (\\d+) "
-                                             "produced")))
-        << run.output;
-    EXPECT_EQ(counts["events_delivered"], std::stoull(m[1])) << counts.dump();
-    EXPECT_EQ(counts["events_dropped"], std::stoull(m[2])) << counts.dump();
-    EXPECT_EQ(counts["events_produced"], std::stoull(m[3])) << counts.dump();
-    EXPECT_EQ(counts["kernel_requests"], numberAfter(run, "summary: kernel requests "));
-    EXPECT_EQ(counts["library_error_lines"], numberAfter(run, "library error lines "));
+    expectTimelineCountsMatchTheSummary(run, doc);
 }
 
 // The timeline of a session, with the driver in either place: every track
@@ -446,6 +451,8 @@ TEST(AovSimE2ETest, TheTimelineMarksEachRefusalAndInjectedFailureOfTheTrace) {
         }
         EXPECT_EQ(markedRefused, refused);
         EXPECT_EQ(markedInjected, injected);
+        // With a failed dequeue, dropped events are not all overwritten ones.
+        expectTimelineCountsMatchTheSummary(run, doc);
     }
     std::remove(path.c_str());
 }
