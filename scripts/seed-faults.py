@@ -35,7 +35,8 @@ def ctest_outcome(regex, per_test):
     if regex:
         cmd += ["-R", regex]
     result = run(cmd)
-    failed = re.findall(r"^\s*\d+ - (\S+) \((\w+)\)", result.stdout, re.M)
+    # A parametrised test's name is followed by "  # GetParam() = ...".
+    failed = re.findall(r"^\s*\d+ - (\S+).*\((\w+)\)\s*$", result.stdout, re.M)
     if result.returncode == 0:
         return "missed", []
     kinds = {kind for _, kind in failed}

@@ -17,6 +17,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
@@ -228,6 +229,15 @@ TEST_P(Kernel, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
     EXPECT_EQ(run.count("content ok (5 sections)"), events) << run.output;
     EXPECT_EQ(run.count("s1_info=32768 s4_info=[737312, 320, 240, "), events) << run.output;
     EXPECT_TRUE(run.has("summary: events delivered " + std::to_string(events) + ",")) << run.output;
+    // The driver's counters are read in either place: what it produced is
+    // what was delivered and what was dropped.
+    EXPECT_FALSE(run.has("not answer")) << run.output;
+    std::smatch counts;
+    ASSERT_TRUE(std::regex_search(run.output, counts,
+                                  std::regex("events delivered (\\d+), dropped (\\d+) of "
+                                             "(\\d+) produced")))
+        << run.output;
+    EXPECT_EQ(std::stoull(counts[3]), std::stoull(counts[1]) + std::stoull(counts[2]));
     EXPECT_TRUE(run.has("content mismatches 0")) << run.output;
     expectEveryTimedEventBrokenDown(run);
 
@@ -249,6 +259,94 @@ TEST_P(Kernel, DefaultScenarioDeliversTheEventsAndStopsInOrder) {
         << run.output;
     EXPECT_FALSE(run.has("REFUSED")) << run.output;
     expectCleanShutdown(run);
+}
+
+// The counts written beside a timeline's events are the summary's.
+void expectTimelineCountsMatchTheSummary(const RunResult& run, const nlohmann::json& doc) {
+    const nlohmann::json& counts = doc["otherData"];
+    std::smatch m;
+    ASSERT_TRUE(std::regex_search(run.output, m,
+                                  std::regex("events delivered (\\d+), dropped (\\d+) of (\\d+) "
+                                             "produced")))
+        << run.output;
+    EXPECT_EQ(counts["events_delivered"], std::stoull(m[1])) << counts.dump();
+    EXPECT_EQ(counts["events_dropped"], std::stoull(m[2])) << counts.dump();
+    EXPECT_EQ(counts["events_produced"], std::stoull(m[3])) << counts.dump();
+    EXPECT_EQ(counts["kernel_requests"], numberAfter(run, "summary: kernel requests "));
+    EXPECT_EQ(counts["library_error_lines"], numberAfter(run, "library error lines "));
+}
+
+// What a session's timeline shows besides its flows: each step of the trace
+// as a begin and end on the system layer's thread, in order; the monitor's
+// notifications and callbacks on its own thread; the driver's counters in the
+// driver's process; the delivered count rising one by one; and the counts
+// beside the events matching the summary.
+void expectTimelineShowsTheSession(const RunResult& run, const nlohmann::json& doc, bool fuse) {
+    std::map<int, std::string> processes;
+    std::map<std::pair<int, int>, std::string> threads;
+    for (const nlohmann::json& e : doc["traceEvents"]) {
+        if (e["name"] == "process_name") {
+            processes[e["pid"].get<int>()] = e["args"]["name"];
+        } else if (e["name"] == "thread_name") {
+            threads[{e["pid"].get<int>(), e["tid"].get<int>()}] = e["args"]["name"];
+        }
+    }
+    const std::string driverProcess = fuse ? "aov-kdev (driver through FUSE)" : "aov-sim";
+    std::vector<std::string> begun, ended;
+    std::vector<uint64_t> delivered;
+    size_t depthSamples = 0, notifications = 0, callbacks = 0, served = 0;
+    for (const nlohmann::json& e : doc["traceEvents"]) {
+        const std::string ph = e["ph"];
+        const std::string name = e["name"];
+        if (ph == "M") {
+            continue;
+        }
+        const std::string process = processes[e["pid"].get<int>()];
+        if (ph == "C") {
+            if (name == "driver queue depth") {
+                ++depthSamples;
+                EXPECT_EQ(process, driverProcess) << e.dump();
+            } else if (name == "events delivered") {
+                EXPECT_EQ(process, "aov-sim") << e.dump();
+                delivered.push_back(e["args"]["delivered"].get<uint64_t>());
+            }
+            continue;
+        }
+        const std::string thread = threads[{e["pid"].get<int>(), e["tid"].get<int>()}];
+        if (ph == "B" || ph == "E") {
+            EXPECT_EQ(thread, "system layer") << e.dump();
+            (ph == "B" ? begun : ended).push_back(name);
+        } else if (name == "notifyEvent") {
+            ++notifications;
+            EXPECT_EQ(thread, "event monitor") << e.dump();
+        } else if (name.rfind("callback #", 0) == 0) {
+            ++callbacks;
+            EXPECT_EQ(thread, "event monitor") << e.dump();
+        } else if (thread == "requests served (aov-kdev)") {
+            ++served;
+            EXPECT_EQ(process, "aov-kdev (driver through FUSE)") << e.dump();
+        }
+    }
+    std::vector<std::string> steps;
+    std::istringstream in(run.output);
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("[sys ] step ", 0) == 0) {
+            steps.push_back(line.substr(7));
+        }
+    }
+    EXPECT_EQ(steps.size(), 7u) << run.output;
+    EXPECT_EQ(begun, steps);
+    EXPECT_EQ(ended, steps);
+    EXPECT_GE(depthSamples, callbacks);
+    EXPECT_GE(notifications, callbacks);
+    EXPECT_EQ(served > 0, fuse) << served << " requests served";
+    std::vector<uint64_t> oneByOne;
+    for (uint64_t n = 1; n <= callbacks; ++n) {
+        oneByOne.push_back(n);
+    }
+    EXPECT_EQ(delivered, oneByOne);
+
+    expectTimelineCountsMatchTheSummary(run, doc);
 }
 
 // The timeline of a session, with the driver in either place: every track
@@ -300,6 +398,50 @@ TEST_P(Kernel, TheTimelineNamesEveryTrackAndFlowsFromEachSignalToItsCallback) {
     EXPECT_EQ(callbacks, numberAfter(run, "summary: events delivered "));
     EXPECT_GE(started.size(), 1u);
     EXPECT_EQ(started, finished);
+    expectTimelineShowsTheSession(run, doc, fuse);
+    std::remove(path.c_str());
+}
+
+// Each refusal and each injected failure of the trace is marked on the
+// timeline, with its line, whether the session goes on or not.
+TEST(AovSimE2ETest, TheTimelineMarksEachRefusalAndInjectedFailureOfTheTrace) {
+    const std::string path = ::testing::TempDir() + "aovsim_timeline_markers.json";
+    for (const char* failures :
+         {R"("pipeline": "config_sensor")", R"("dequeue": [2], "sensor_list": [1])"}) {
+        SCOPED_TRACE(failures);
+        const RunResult run =
+            runAovSim({"--scenario", scenarioFile("timeline_markers", tenFpsScenario(failures)),
+                       "--events", "2", "--timeline", path});
+        std::multiset<std::string> refused, injected;
+        std::istringstream in(run.output);
+        for (std::string line; std::getline(in, line);) {
+            const std::string text = line.size() > 7 ? line.substr(7) : "";
+            if (text.rfind("REFUSED ", 0) == 0) {
+                refused.insert(text);
+            } else if (line[0] == '[' && text.find("injected failure") != std::string::npos) {
+                injected.insert(text);
+            }
+        }
+        EXPECT_GE(refused.size() + injected.size(), 1u) << run.output;
+        std::ifstream file(path);
+        const nlohmann::json doc = nlohmann::json::parse(file, nullptr, false);
+        ASSERT_TRUE(doc.is_object()) << "the timeline is not JSON";
+        std::multiset<std::string> markedRefused, markedInjected;
+        for (const nlohmann::json& e : doc["traceEvents"]) {
+            if (e["ph"] != "i") {
+                continue;
+            }
+            if (e["name"] == "refused") {
+                markedRefused.insert(e["args"]["line"].get<std::string>());
+            } else if (e["name"] == "injected failure") {
+                markedInjected.insert(e["args"]["line"].get<std::string>());
+            }
+        }
+        EXPECT_EQ(markedRefused, refused);
+        EXPECT_EQ(markedInjected, injected);
+        // With a failed dequeue, dropped events are not all overwritten ones.
+        expectTimelineCountsMatchTheSummary(run, doc);
+    }
     std::remove(path.c_str());
 }
 
@@ -369,6 +511,9 @@ TEST_P(StartFailure, IsReportedAndUnwound) {
         EXPECT_TRUE(run.has(c.library_error)) << run.output;
     }
     EXPECT_TRUE(run.has("aov-sim: failed: start")) << run.output;
+    // The sensor's stop runs; the device that never started is not stopped.
+    EXPECT_TRUE(inOrder(run, {"step 7: stopping", "stopSensor() -> 0"})) << run.output;
+    EXPECT_FALSE(run.has("stopDevice()")) << run.output;
     EXPECT_FALSE(run.has("[evt ]")) << run.output;
     if (*c.refusal) {
         EXPECT_EQ(run.count("REFUSED"), 1u) << run.output;
@@ -432,6 +577,10 @@ TEST_P(ScriptedEvents, ReachTheCallbackAsTheCopyRulesSay) {
                               std::string("#2 header=[102, 0, 200, 2, 0, 0] ") + c.second_event,
                               "#3 header=[105, 0, 500, 2, 1, 7]"}))
         << run.output;
+    for (const char* event : {"scripted event 1 content ok", "scripted event 2 content ok",
+                              "scripted event 3 content ok"}) {
+        EXPECT_EQ(run.count(event), 1u) << event << "\n" << run.output;
+    }
     // Event 3 is queued at frame 5: frames 3 and 4 queue nothing.
     EXPECT_TRUE(run.has("events delivered 3, dropped 0 of 3 produced")) << run.output;
     expectEveryTimedEventBrokenDown(run);
@@ -519,6 +668,35 @@ TEST_F(UserStartedServer, AnAnswerTheKernelRefusesCostsOneEventAndTheSessionGoes
         << run.output;
     EXPECT_TRUE(run.has("ERROR: failed to query event: -5 (")) << run.output;
     EXPECT_TRUE(run.has("stopDevice() -> 0")) << run.output;
+}
+
+TEST_F(UserStartedServer, EachStopSignalEndsItWithExitZeroAndItsMountGone) {
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP}) {
+        SCOPED_TRACE(::strsignal(signal));
+        ASSERT_NO_FATAL_FAILURE(start({}));
+        const std::string node = dir_ + "/kelo_aov";
+        ASSERT_EQ(::access(node.c_str(), F_OK), 0) << "not serving " << node;
+        ASSERT_EQ(::kill(server_.pid(), signal), 0);
+        int status = 0;
+        ASSERT_TRUE(server_.waitExit(aovsimtool::KdevLauncher::kStopTimeoutMs, &status))
+            << "aov-kdev did not end on the signal";
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            << aovsimtool::KdevLauncher::exitText(status);
+        EXPECT_NE(::access(node.c_str(), F_OK), 0) << node << " is still there";
+    }
+}
+
+// A refusal by the driver in aov-kdev is counted in aov-sim's summary, though
+// only aov-kdev could print its line: the node is held open elsewhere.
+TEST_F(UserStartedServer, RefusalsInTheServerAreCountedInTheSummary) {
+    ASSERT_NO_FATAL_FAILURE(start({}));
+    const int holder = ::open((dir_ + "/kelo_aov").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(holder, 0) << std::strerror(errno);
+    const RunResult run = runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "1"});
+    ::close(holder);
+    EXPECT_NE(run.exit_code, 0) << run.output;
+    EXPECT_FALSE(run.has("REFUSED")) << "aov-kdev runs --quiet: " << run.output;
+    EXPECT_EQ(numberAfter(run, "refused calls "), 1u) << run.output;
 }
 
 TEST(AovSimE2ETest, ANodeNobodyServesEndsInExitTwoWithOneLine) {

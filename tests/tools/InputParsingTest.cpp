@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <fstream>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -166,6 +167,18 @@ TEST(BoundedFileKernelTest, ReadsFilesWhoseReportedSizeIsZero) {
               "it is larger than the limit of 8 bytes");
 }
 
+TEST(BoundedFileKernelTest, RefusesAKernelFileOneByteOverTheLimit) {
+    // This process's command line does not change while the test runs.
+    std::string whole;
+    ASSERT_EQ(readRegularFile("/proc/self/cmdline", 1 << 20, &whole), "");
+    ASSERT_GT(whole.size(), 1u);
+    std::string text;
+    EXPECT_EQ(readRegularFile("/proc/self/cmdline", whole.size(), &text), "");
+    EXPECT_EQ(text, whole);
+    EXPECT_EQ(readRegularFile("/proc/self/cmdline", whole.size() - 1, &text),
+              "it is larger than the limit of " + std::to_string(whole.size() - 1) + " bytes");
+}
+
 // parseOptions with the given arguments (after the program name).
 ParseOutcome parse(std::vector<std::string> args, Options* options, std::string* message) {
     args.insert(args.begin(), "aov-sim");
@@ -226,6 +239,46 @@ TEST(OptionsTest, NotifyIdsTakeUpTo1024) {
     EXPECT_EQ(message, "--notify-ids: more than 1024 ids");
 }
 
+TEST(OptionsTest, WhereTheDriverRunsIsCheckedWithItsCompanions) {
+    struct Case {
+        std::vector<std::string> args;
+        const char* message;  // empty: accepted
+        bool fuse;
+    };
+    const Case cases[] = {
+        {{}, "", false},
+        {{"--kernel", "inproc"}, "", false},
+        {{"--kernel", "fuse"}, "", true},
+        {{"--kernel", "fuse", "--kdev", "/run/kdev"}, "", true},
+        {{"--kernel", "fuse", "--timeline", "t.json"}, "", true},
+        {{"--kernel", "FUSE"}, "--kernel: expected inproc or fuse, got \"FUSE\"", false},
+        {{"--kernel", ""}, "--kernel: expected inproc or fuse, got \"\"", false},
+        {{"--kdev", "/run/kdev"}, "--kdev: needs --kernel fuse", false},
+        {{"--kernel", "fuse", "--kdev", ""}, "--kdev: an empty directory name", false},
+        {{"--kernel", "fuse", "--kdev", "/run/kdev", "--timeline", "t.json"},
+         "--timeline: needs the aov-kdev that aov-sim starts (drop --kdev)",
+         false},
+        {{"--timeline", ""}, "--timeline: an empty file name", false},
+    };
+    for (const Case& c : cases) {
+        std::string shown;
+        for (const std::string& arg : c.args) {
+            shown += " " + arg;
+        }
+        SCOPED_TRACE(shown);
+        Options o;
+        std::string message;
+        const ParseOutcome outcome = parse(c.args, &o, &message);
+        if (*c.message == '\0') {
+            ASSERT_EQ(outcome, ParseOutcome::kRun) << message;
+            EXPECT_EQ(o.kernel_fuse, c.fuse);
+        } else {
+            EXPECT_EQ(outcome, ParseOutcome::kError);
+            EXPECT_EQ(message, c.message);
+        }
+    }
+}
+
 TEST(OptionsTest, HelpIsReturnedNotPrinted) {
     Options o;
     std::string message;
@@ -240,6 +293,49 @@ TEST(ScenarioTextTest, TheEmbeddedDefaultParses) {
     EXPECT_EQ(config.name, "default");
     ASSERT_EQ(config.sensors.size(), 3u);
     EXPECT_EQ(config.sensors[0].scenarios.size(), 7u);
+}
+
+TEST(ScenarioTextTest, EveryKeyLandsInItsOwnField) {
+    aovsim::SimConfig c;
+    ASSERT_EQ(parseScenario(R"({"name": "keys",
+        "sensors": [{"id": 7, "device": 8, "facing": 1, "orientation": 270, "scenarios": [
+            {"index": 3, "width": 640, "height": 480, "rate": 150, "ae": 1, "type": 2, "bit": 12,
+             "mode_param": 5}]}],
+        "custom": {"detect_mode": 6, "frame_info": [1, 2, 3, 4]},
+        "driver": {"queue_depth": 9, "content_every": 3},
+        "failures": {"open_sensor": [7], "switch_mclk": [7], "power_on": [7], "detect_mode": true,
+                     "frame_info": true, "pipeline": "start_pipe", "open_node": true,
+                     "start": -16, "dequeue": [4], "dequeue_error": -11, "sensor_list": [5],
+                     "sensor_list_error": -12}})",
+                            "keys", &c),
+              "");
+    ASSERT_EQ(c.sensors.size(), 1u);
+    const aovsim::SensorConfig& s = c.sensors[0];
+    EXPECT_EQ(s.id, 7);
+    EXPECT_EQ(s.device, 8);
+    EXPECT_EQ(s.facing, 1);
+    EXPECT_EQ(s.orientation, 270);
+    ASSERT_EQ(s.scenarios.size(), 1u);
+    const aovsim::ScenarioConfig& m = s.scenarios[0];
+    EXPECT_EQ(m.index, 3);
+    EXPECT_EQ(std::vector<uint32_t>({m.width, m.height, m.rate, m.ae, m.type, m.bit, m.mode_param}),
+              std::vector<uint32_t>({640, 480, 150, 1, 2, 12, 5}));
+    EXPECT_EQ(c.custom.detect_mode, 6u);
+    EXPECT_TRUE(c.custom.frame_info_given);
+    EXPECT_EQ(c.custom.frame_info[3], 4u);
+    EXPECT_EQ(c.driver.queue_depth, 9u);
+    EXPECT_EQ(c.driver.content_every, 3u);
+    const aovsim::FaultConfig& f = c.faults;
+    EXPECT_EQ(f.open_sensor, std::set<int32_t>{7});
+    EXPECT_EQ(f.switch_mclk, std::set<int32_t>{7});
+    EXPECT_EQ(f.power_on, std::set<int32_t>{7});
+    EXPECT_TRUE(f.detect_mode && f.frame_info && f.open_node);
+    EXPECT_EQ(f.pipeline, aovsim::PipelineFault::kStartPipe);
+    EXPECT_EQ(f.start_error, -16);
+    EXPECT_EQ(f.dequeue_calls, std::set<uint32_t>{4});
+    EXPECT_EQ(f.dequeue_error, -11);
+    EXPECT_EQ(f.sensor_list_calls, std::set<uint32_t>{5});
+    EXPECT_EQ(f.sensor_list_error, -12);
 }
 
 TEST(ScenarioTextTest, AFailedParseLeavesTheConfigurationAlone) {

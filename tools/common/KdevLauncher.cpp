@@ -134,9 +134,11 @@ bool KdevLauncher::start(const std::string& program, const std::string& mountDir
     if (notReady.empty()) {
         return true;
     }
+    // A server that closed the pipe is on its way out: wait for its status.
+    const bool closed = notReady.rfind("closed", 0) == 0;
     int status = 0;
     std::string how;
-    if (waitExit(0, &status)) {
+    if (waitExit(closed ? kStopTimeoutMs : 0, &status)) {
         how = " (" + exitText(status) + ")";
     } else {
         kill();
