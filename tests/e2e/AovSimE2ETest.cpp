@@ -545,8 +545,8 @@ TEST(AovSimE2ETest, ANodeNobodyServesEndsInExitTwoWithOneLine) {
     ::mkdir(dir.c_str(), 0700);
     const RunResult run = runAovSim({"--kernel", "fuse", "--kdev", dir});
     EXPECT_EQ(run.exit_code, 2) << run.output;
-    EXPECT_EQ(run.output, "aov-sim: error: --kdev: no aov-kdev serving on " + dir + ": " + dir +
-                              "/kelo_aov: No such file or directory\n");
+    EXPECT_EQ(run.output, "aov-sim: error: --kdev: no node at \"" + dir +
+                              "/kelo_aov\": nothing serves a driver on \"" + dir + "\"\n");
 }
 
 TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
