@@ -3,7 +3,7 @@
 // "kelo_aov", in the mounted directory, and nothing else (no counters, no
 // status). It knows only the kernel interface header.
 //
-//   aov_third_party_node --mount DIR --ready-fd FD [--events N] [--period-ms MS]
+//   aov_third_party_node --mount DIR [--ready-fd FD] [--events N] [--period-ms MS]
 //
 // After START and SENSOR_ON it produces one event every MS milliseconds
 // (default 10), at most N per session (default 5). Each event has a header
