@@ -279,6 +279,37 @@ TEST(OptionsTest, WhereTheDriverRunsIsCheckedWithItsCompanions) {
     }
 }
 
+TEST(OptionsTest, NodeImpliesTheKernelSideAndExcludesTheOtherWaysToReachADriver) {
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({"--node", "/dev/kelo_aov"}, &o, &message), ParseOutcome::kRun) << message;
+    EXPECT_TRUE(o.kernel_fuse);
+    EXPECT_EQ(o.node_path, "/dev/kelo_aov");
+    EXPECT_TRUE(o.kdev_dir.empty());
+    Options withKernel;
+    ASSERT_EQ(parse({"--kernel", "fuse", "--node", "n"}, &withKernel, &message), ParseOutcome::kRun)
+        << message;
+    EXPECT_TRUE(withKernel.kernel_fuse);
+
+    const struct {
+        std::vector<std::string> args;
+        const char* message;
+    } bad[] = {
+        {{"--node", "n", "--kdev", "d"}, "--node: excludes --kdev (give one node)"},
+        {{"--node", "n", "--kernel", "inproc"},
+         "--node: the driver is behind the node, not in this process (drop --kernel "
+         "\"inproc\")"},
+        {{"--node", ""}, "--node: an empty path"},
+        {{"--node", "n", "--timeline", "t.json"},
+         "--timeline: needs the aov-kdev that aov-sim starts (drop --node)"},
+    };
+    for (const auto& c : bad) {
+        Options rejected;
+        EXPECT_EQ(parse(c.args, &rejected, &message), ParseOutcome::kError) << c.message;
+        EXPECT_EQ(message, c.message);
+    }
+}
+
 TEST(OptionsTest, HelpIsReturnedNotPrinted) {
     Options o;
     std::string message;

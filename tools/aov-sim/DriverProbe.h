@@ -2,8 +2,9 @@
 
 // Where aov-sim reads the driver's counters and the event it last handed
 // out: the driver object in this process, or the status file of an aov-kdev
-// serving it elsewhere.
+// serving it elsewhere. Any other driver offers neither.
 
+#include <memory>
 #include <string>
 
 #include "aovsim/DriverStatus.h"
@@ -16,6 +17,21 @@ class DriverProbe {
     virtual ~DriverProbe() = default;
     // False when the driver cannot be asked (its server has gone away).
     virtual bool read(aovsim::DriverStatus* status) = 0;
+    // Empty when the driver offers its figures; else why it does not. Without
+    // them nothing is known of what the driver produced, so neither its
+    // counts nor the content it wrote can be checked.
+    virtual std::string unavailable() const { return std::string(); }
+};
+
+// A driver that publishes nothing: a device's, a prototype's.
+class NoFiguresProbe final : public DriverProbe {
+  public:
+    explicit NoFiguresProbe(std::string why) : why_(std::move(why)) {}
+    bool read(aovsim::DriverStatus*) override { return false; }
+    std::string unavailable() const override { return why_; }
+
+  private:
+    std::string why_;
 };
 
 // Refusals are left at 0: the driver records them in the session's own trace.
@@ -37,10 +53,18 @@ class StatusFileProbe final : public DriverProbe {
     StatusFileProbe& operator=(const StatusFileProbe&) = delete;
 
     bool ok() const { return fd_ >= 0; }
+    // Why the file did not open (an errno value), 0 when it did.
+    int openError() const { return open_error_; }
     bool read(aovsim::DriverStatus* status) override;
 
   private:
     int fd_ = -1;
+    int open_error_ = 0;
 };
+
+// The status file at `path` when it holds an aov-kdev's figures now, else a
+// probe that says why there are none (no such file, unreadable, not an
+// aov-kdev's). `valid` is set when the figures were read.
+std::unique_ptr<DriverProbe> probeStatusFile(const std::string& path, bool* valid);
 
 }  // namespace aovsimtool

@@ -2,15 +2,20 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <vector>
+
+#include "Excerpt.h"
 
 #include "aovhost/Binding.h"
 #include "kelo_aov.h"
@@ -48,7 +53,7 @@ bool bindEntry(const std::string& source, const std::string& target, const struc
 
 // In a private mount namespace: /dev becomes a tmpfs holding the system's
 // entries, each bound from the original, and `node` bound as kelo_aov.
-bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
+bool bindNodeFdInPrivateDev(int nodeFd, std::string* problem) {
     const int oldDev = ::open("/dev", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (oldDev < 0) {
         *problem = errnoText("/dev");
@@ -92,52 +97,184 @@ bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
         ::closedir(entries);
     }
     ::close(oldDev);
+    const std::string node = "/proc/self/fd/" + std::to_string(nodeFd);
     struct stat nodeStat;
-    if (ok && ::stat(node.c_str(), &nodeStat) != 0) {
+    if (ok && ::fstat(nodeFd, &nodeStat) != 0) {
         *problem = errnoText(node);
         ok = false;
     }
     return ok && bindEntry(node, AOV_DEVICE_NODE, nodeStat, problem);
 }
 
+bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
+    // Held before /dev changes: the node may be an entry of the old /dev.
+    const int nodeFd = ::open(node.c_str(), O_PATH | O_CLOEXEC);
+    if (nodeFd < 0) {
+        *problem = errnoText(node);
+        return false;
+    }
+    const bool bound = bindNodeFdInPrivateDev(nodeFd, problem);
+    ::close(nodeFd);
+    return bound;
+}
+
+// Empty when `path` is a node a session can run against: a character device,
+// or a file a FUSE driver serves, that opens read-write. Else what is missing
+// or wrong; `kind` says what the node is.
+std::string checkNode(const std::string& path, std::string* kind) {
+    const std::string where = pathExcerpt(path);
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) {
+        const int error = errno;
+        if (error == ENOENT) {
+            return "no node at " + where;
+        }
+        if (error == ENOTCONN) {
+            return "the driver serving " + where + " is gone (" + std::strerror(error) + ")";
+        }
+        return where + ": " + std::strerror(error);
+    }
+    if (S_ISDIR(st.st_mode)) {
+        return where + " is a directory, not a node";
+    }
+    if (S_ISCHR(st.st_mode)) {
+        *kind = "a character device";
+    } else if (S_ISREG(st.st_mode)) {
+        struct statfs fs;
+        if (::statfs(path.c_str(), &fs) != 0 || fs.f_type != FUSE_SUPER_MAGIC) {
+            return where +
+                   " is a plain file, not a driver's node (a character device, or a file a FUSE "
+                   "driver serves)";
+        }
+        *kind = "a file served through FUSE";
+    } else {
+        return where + " is " +
+               (S_ISFIFO(st.st_mode)   ? "a fifo"
+                : S_ISSOCK(st.st_mode) ? "a socket"
+                : S_ISBLK(st.st_mode)  ? "a block device"
+                                       : "not a file") +
+               ", not a character device or a driver's file";
+    }
+    // Opened as the library opens it, and closed again at once.
+    const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd < 0) {
+        const int error = errno;
+        if (error == EACCES || error == EPERM) {
+            return "permission denied: cannot open " + where + " read-write";
+        }
+        if (error == EBUSY) {
+            return where + " is busy: another process holds it (" + std::strerror(error) + ")";
+        }
+        if (error == ENXIO || error == ENODEV) {
+            return "no driver behind " + where + " (" + std::strerror(error) + ")";
+        }
+        return "cannot open " + where + " read-write: " + std::strerror(error);
+    }
+    ::close(fd);
+    return std::string();
+}
+
+std::string dirOf(const std::string& path) {
+    const auto slash = path.rfind('/');
+    if (slash == std::string::npos) {
+        return ".";
+    }
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
 }  // namespace
 
 std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
-                                               const std::string& kdevDir, std::string* problem,
+                                               const std::string& kdevDir,
+                                               const std::string& nodePath, std::string* problem,
                                                const std::string& driverTrack) {
     std::unique_ptr<FuseKernel> kernel(new FuseKernel);
     // A private mount namespace first: a server started here mounts inside it,
     // so its mount goes away with this process whatever happens.
     const bool privateNamespace = ::geteuid() == 0 && ::unshare(CLONE_NEWNS) == 0 &&
                                   ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-    if (!kdevDir.empty()) {
+    if (!nodePath.empty()) {
+        kernel->node_ = nodePath;
+        kernel->dir_ = dirOf(nodePath);
+        const std::string wrong = checkNode(nodePath, &kernel->kind_);
+        if (!wrong.empty()) {
+            *problem = "--node: " + wrong;
+            return nullptr;
+        }
+    } else if (!kdevDir.empty()) {
         kernel->dir_ = kdevDir;
+        kernel->node_ = kdevDir + "/" AOV_DEVICE_NAME;
         struct stat st;
-        if (::stat((kdevDir + "/" AOV_DEVICE_NAME).c_str(), &st) != 0 ||
-            ::access((kdevDir + "/status").c_str(), R_OK) != 0) {
-            *problem = "--kdev: no aov-kdev serving on " + kdevDir + ": " +
-                       errnoText(kdevDir + "/" AOV_DEVICE_NAME);
+        if (::stat(kdevDir.c_str(), &st) != 0) {
+            *problem = "--kdev: " + (errno == ENOENT ? "no directory " + pathExcerpt(kdevDir)
+                                                     : errnoText(pathExcerpt(kdevDir)));
+            return nullptr;
+        }
+        if (!S_ISDIR(st.st_mode)) {
+            *problem = "--kdev: " + pathExcerpt(kdevDir) + " is not a directory (for a node, " +
+                       "give --node " + pathExcerpt(kdevDir) + ")";
+            return nullptr;
+        }
+        std::string wrong = checkNode(kernel->node_, &kernel->kind_);
+        if (wrong.compare(0, 8, "no node ") == 0) {
+            wrong += ": nothing serves a driver on " + pathExcerpt(kdevDir);
+        }
+        if (!wrong.empty()) {
+            *problem = "--kdev: " + wrong;
             return nullptr;
         }
     } else if (!kernel->start(scenarioPath, driverTrack, problem)) {
         return nullptr;
+    } else {
+        kernel->node_ = kernel->dir_ + "/" AOV_DEVICE_NAME;
+        kernel->kind_ = "a file served through FUSE";
     }
-    const std::string node = kernel->dir_ + "/" AOV_DEVICE_NAME;
     if (privateNamespace) {
-        if (!bindNodeInPrivateDev(node, problem)) {
+        if (!bindNodeInPrivateDev(kernel->node_, problem)) {
+            *problem = "cannot put " + pathExcerpt(kernel->node_) + " in place of " +
+                       AOV_DEVICE_NODE + ": " + *problem;
             return nullptr;
         }
         kernel->how_ =
             std::string("bound over ") + AOV_DEVICE_NODE + " in a private mount namespace";
-    } else {
-        ::setenv(aovhost::kDevDirEnv, kernel->dir_.c_str(), 1);
-        kernel->how_ = std::string("reached as ") + AOV_DEVICE_NODE + " through " +
-                       aovhost::kDevDirEnv + "=" + kernel->dir_;
+    } else if (!kernel->reachThroughDevDir(problem)) {
+        return nullptr;
     }
     // Let the server write event data into this process even where ptrace
     // is restricted to descendants.
     (void)::prctl(PR_SET_PTRACER, PR_SET_PTRACER_ANY, 0, 0, 0);
     return kernel;
+}
+
+bool FuseKernel::reachThroughDevDir(std::string* problem) {
+    std::string dir = dir_;
+    const std::string name = node_.substr(node_.rfind('/') + 1);
+    if (name != AOV_DEVICE_NAME) {
+        // The node under another name: a directory of this run's links it as kelo_aov.
+        char made[] = "/tmp/aov-node.XXXXXX";
+        if (::mkdtemp(made) == nullptr) {
+            *problem = errnoText("mkdtemp /tmp/aov-node.XXXXXX");
+            return false;
+        }
+        link_dir_ = made;
+        char* real = ::realpath(node_.c_str(), nullptr);
+        const std::string target = real != nullptr ? real : node_;
+        std::free(real);
+        if (::symlink(target.c_str(), (link_dir_ + "/" AOV_DEVICE_NAME).c_str()) != 0) {
+            *problem = errnoText("symlink " + link_dir_ + "/" AOV_DEVICE_NAME);
+            return false;
+        }
+        dir = link_dir_;
+    }
+    ::setenv(aovhost::kDevDirEnv, dir.c_str(), 1);
+    how_ = std::string("reached as ") + AOV_DEVICE_NODE + " through " + aovhost::kDevDirEnv + "=" +
+           dir;
+    return true;
+}
+
+std::unique_ptr<DriverProbe> FuseKernel::makeProbe() {
+    std::unique_ptr<DriverProbe> probe = probeStatusFile(statusPath(), &figures_);
+    return probe;
 }
 
 bool FuseKernel::start(const std::string& scenarioPath, const std::string& driverTrack,
@@ -161,10 +298,11 @@ bool FuseKernel::start(const std::string& scenarioPath, const std::string& drive
 }
 
 std::string FuseKernel::describe() const {
-    const std::string who = server_.running()
-                                ? "aov-kdev (pid " + std::to_string(server_.pid()) + ")"
-                                : std::string("aov-kdev");
-    return who + " on " + dir_ + ", " + how_;
+    if (server_.running() || !died_.empty()) {
+        return "aov-kdev (pid " + std::to_string(server_.pid()) + ") on " + dir_ + ", " + how_;
+    }
+    const std::string who = figures_ ? "aov-kdev's node " : "the node ";
+    return who + node_ + " (" + kind_ + "), " + how_;
 }
 
 std::string FuseKernel::checkServer() {
@@ -177,15 +315,24 @@ std::string FuseKernel::checkServer() {
     if (!died_.empty()) {
         return died_;
     }
-    // A read, since a cached name answers even from a file system whose server is gone.
-    const int fd = ::open(statusPath().c_str(), O_RDONLY | O_CLOEXEC);
-    char byte;
-    const bool answered = fd >= 0 && ::read(fd, &byte, 1) == 1;
-    if (fd >= 0) {
-        ::close(fd);
+    if (figures_) {
+        // A read, since a cached name answers even from a file system whose server is gone.
+        const int fd = ::open(statusPath().c_str(), O_RDONLY | O_CLOEXEC);
+        char byte;
+        const bool answered = fd >= 0 && ::read(fd, &byte, 1) == 1;
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        if (!answered) {
+            return "the aov-kdev on " + dir_ + " went away during the session";
+        }
+        return std::string();
     }
-    if (!answered) {
-        return "the aov-kdev on " + dir_ + " went away during the session";
+    // Nothing to read of another driver's: the node is looked up again, which
+    // a FUSE driver whose server died refuses.
+    struct stat st;
+    if (::stat(node_.c_str(), &st) != 0 && errno == ENOTCONN) {
+        return "the driver serving " + node_ + " went away during the session";
     }
     return std::string();
 }
@@ -194,6 +341,10 @@ FuseKernel::~FuseKernel() {
     server_.stop();
     if (own_dir_) {
         ::rmdir(dir_.c_str());
+    }
+    if (!link_dir_.empty()) {
+        ::unlink((link_dir_ + "/" AOV_DEVICE_NAME).c_str());
+        ::rmdir(link_dir_.c_str());
     }
 }
 

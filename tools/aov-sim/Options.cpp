@@ -159,14 +159,20 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
                                     "(opens in Perfetto's UI or chrome://tracing)")
                          ->type_name("FILE");
     std::string kernel = "inproc";
-    app.add_option("--kernel", kernel,
-                   "Where the driver runs: inproc (in this process) or fuse (in aov-kdev, "
-                   "reached through a FUSE node with real system calls)")
-        ->type_name("inproc|fuse");
+    auto* kernelOption =
+        app.add_option("--kernel", kernel,
+                       "Where the driver runs: inproc (in this process) or fuse (in aov-kdev, "
+                       "reached through a FUSE node with real system calls)")
+            ->type_name("inproc|fuse");
     auto* kdev = app.add_option("--kdev", o.kdev_dir,
-                                "With --kernel fuse: use the aov-kdev already serving on DIR "
-                                "instead of starting one")
+                                "With --kernel fuse: use the driver already serving DIR/kelo_aov "
+                                "(aov-kdev or any other) instead of starting aov-kdev")
                      ->type_name("DIR");
+    auto* node = app.add_option("--node", o.node_path,
+                                "Run the session against the driver node at PATH (a device's "
+                                "node, a prototype driver's file, an aov-kdev node); implies "
+                                "--kernel fuse")
+                     ->type_name("PATH");
     for (Number& number : numbers) {
         number.option = app.add_option(number.flags, number.text, number.help)->type_name("INT");
     }
@@ -196,6 +202,24 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
     if (kernel != "inproc" && kernel != "fuse") {
         *message = "--kernel: expected inproc or fuse, got " + excerpt(kernel);
         return ParseOutcome::kError;
+    }
+    if (node->count() > 0) {
+        std::string problem;
+        if (o.node_path.empty()) {
+            problem = "--node: an empty path";
+        } else if (kdev->count() > 0) {
+            problem = "--node: excludes --kdev (give one node)";
+        } else if (kernelOption->count() > 0 && kernel != "fuse") {
+            problem = "--node: the driver is behind the node, not in this process (drop --kernel " +
+                      excerpt(kernel) + ")";
+        } else if (timeline->count() > 0) {
+            problem = "--timeline: needs the aov-kdev that aov-sim starts (drop --node)";
+        }
+        if (!problem.empty()) {
+            *message = problem;
+            return ParseOutcome::kError;
+        }
+        kernel = "fuse";
     }
     o.kernel_fuse = kernel == "fuse";
     if (kdev->count() > 0 && (!o.kernel_fuse || o.kdev_dir.empty())) {

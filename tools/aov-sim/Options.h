@@ -38,10 +38,12 @@ struct Options : ModeRequest {
     bool timeline_given = false;  // write the session's timeline to timeline_path
     std::string timeline_path;
 
-    // Where the driver runs: in this process, or in aov-kdev behind a FUSE
-    // node (started by aov-sim, or already serving at kdev_dir when given).
+    // Where the driver runs: in this process, or behind a node of the kernel:
+    // the one an aov-kdev started by aov-sim serves, kdev_dir/kelo_aov when
+    // kdev_dir is given, or node_path when that is given.
     bool kernel_fuse = false;
     std::string kdev_dir;
+    std::string node_path;
 
     // Properties, set only when given.
     struct Property {

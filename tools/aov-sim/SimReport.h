@@ -18,7 +18,8 @@ namespace aovsimtool {
 // simulated driver wrote (for scripted events, against the library's copy
 // rules applied to the script) and timed from the driver's signal to the callback,
 // stage by stage; the summary adds the driver's, the platform's and the
-// monitor's counts.
+// monitor's counts. A driver that publishes no figures gets none of the
+// driver's side: the summary says so once and counts nothing against it.
 class SimReport final : public SessionReport {
   public:
     // `driver` tells what the driver did; `timeline`, when given, records the
@@ -34,6 +35,9 @@ class SimReport final : public SessionReport {
     void summary(uint64_t delivered) override;
 
   private:
+    // The summary's lines on the event monitor and on the platform after stop.
+    void monitorAndPlatformLines();
+
     aovsim::Simulation& sim_;
     DriverProbe& driver_;
     Timeline* const timeline_;

@@ -112,8 +112,9 @@ int main(int argc, char** argv) {
             }
         }
         std::string why;
-        fuse = aovsimtool::FuseKernel::attach(options.scenario_given ? options.scenario_path : "",
-                                              options.kdev_dir, &why, driverTrack);
+        fuse =
+            aovsimtool::FuseKernel::attach(options.scenario_given ? options.scenario_path : "",
+                                           options.kdev_dir, options.node_path, &why, driverTrack);
         if (!fuse) {
             removeFile(driverTrack);
             return badInput(why);
@@ -165,7 +166,7 @@ int main(int argc, char** argv) {
     }
     std::unique_ptr<aovsimtool::DriverProbe> probe;
     if (fuse) {
-        probe = std::make_unique<aovsimtool::StatusFileProbe>(fuse->statusPath());
+        probe = fuse->makeProbe();
         trace->record(aovsim::TraceSource::kSystem, "driver: " + fuse->describe());
     } else {
         probe = std::make_unique<aovsimtool::InProcessProbe>(sim.driver());
