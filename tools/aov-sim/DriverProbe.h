@@ -16,6 +16,8 @@ class DriverProbe {
     virtual ~DriverProbe() = default;
     // False when the driver cannot be asked (its server has gone away).
     virtual bool read(aovsim::DriverStatus* status) = 0;
+    // The figures this driver cannot give, said once in the report; null when it gives them all.
+    virtual const char* unavailable() const { return nullptr; }
 };
 
 // Refusals are left at 0: the driver records them in the session's own trace.
