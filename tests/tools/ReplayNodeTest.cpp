@@ -17,6 +17,7 @@
 #include <gtest/gtest.h>
 
 #include "BoundedWait.h"
+#include "Options.h"
 #include "ReplayNode.h"
 #include "SessionBuilder.h"
 #include "kelo_aov.h"
@@ -336,6 +337,52 @@ TEST(ReplayNodeInput, ARecordingWithoutAnOpenOfTheNodeIsRefused) {
     std::string problem;
     EXPECT_FALSE(load(bytes, &problem));
     EXPECT_NE(problem.find("no successful open"), std::string::npos) << problem;
+}
+
+}  // namespace
+
+namespace {
+
+using aovsimtool::Options;
+using aovsimtool::ParseOutcome;
+
+ParseOutcome parse(std::vector<std::string> args, Options* options, std::string* message) {
+    args.insert(args.begin(), "aov-sim");
+    std::vector<const char*> argv;
+    for (const std::string& arg : args) {
+        argv.push_back(arg.c_str());
+    }
+    return aovsimtool::parseOptions(static_cast<int>(argv.size()), argv.data(), options, message);
+}
+
+TEST(ReplayOptions, SpeedIsMaxOrAPositiveFactorAndNeedsAReplay) {
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({"--replay", "a.rec"}, &o, &message), ParseOutcome::kRun) << message;
+    EXPECT_TRUE(o.replay_given);
+    EXPECT_EQ(o.replay_path, "a.rec");
+    EXPECT_EQ(o.replay_speed, 1);
+    ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "max"}, &o, &message), ParseOutcome::kRun);
+    EXPECT_EQ(o.replay_speed, 0);
+    ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "2.5"}, &o, &message), ParseOutcome::kRun);
+    EXPECT_EQ(o.replay_speed, 2.5);
+
+    const std::vector<std::vector<std::string>> bad = {
+        {"--replay", "a.rec", "--speed", "0"},
+        {"--replay", "a.rec", "--speed", "-1"},
+        {"--replay", "a.rec", "--speed", "fast"},
+        {"--replay", "a.rec", "--speed", "1e9"},
+        {"--speed", "max"},
+        {"--replay", ""},
+        {"--replay", "a.rec", "--kernel", "fuse"},
+        {"--replay", "a.rec", "--kernel", "fuse", "--kdev", "/tmp"}};
+    for (const auto& args : bad) {
+        Options refused;
+        EXPECT_EQ(parse(args, &refused, &message), ParseOutcome::kError) << args.back();
+        EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+        EXPECT_TRUE(message.rfind("--speed", 0) == 0 || message.rfind("--replay", 0) == 0)
+            << message;
+    }
 }
 
 }  // namespace
