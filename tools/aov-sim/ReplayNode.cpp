@@ -297,7 +297,6 @@ void ReplayNode::armLocked() {
     if (fd_ < 0) {
         return;
     }
-    itimerspec when{};
     if (has_current_ && current_.type == RecordType::Ioctl &&
         current_.request == AOV_IOC_DEQUEUE_EVENT) {
         const uint64_t at_ns = current_.call.begin_ns;
@@ -314,9 +313,27 @@ void ReplayNode::armLocked() {
             at = std::max(at, start_answered_at_ + std::min<Clock::duration>(gap, kStartHoldLimit));
         }
         ready_at_ = at;
+        // A timer that has expired stays readable until it is read: events
+        // that are due one after another cost no call.
+        const Clock::time_point now = Clock::now();
+        if (timer_set_ && timer_at_ <= now && at <= now) {
+            return;
+        }
+        itimerspec when{};
         when.it_value = toTimespec(at);
+        ::timerfd_settime(fd_, TFD_TIMER_ABSTIME, &when, nullptr);
+        timer_set_ = true;
+        timer_at_ = at;
+        return;
     }
-    ::timerfd_settime(fd_, TFD_TIMER_ABSTIME, &when, nullptr);
+    if (timer_set_) {
+        uint64_t ticks;
+        while (::read(fd_, &ticks, sizeof(ticks)) > 0) {
+        }
+        itimerspec off{};
+        ::timerfd_settime(fd_, 0, &off, nullptr);
+        timer_set_ = false;
+    }
 }
 
 int ReplayNode::open(int flags) {
@@ -353,6 +370,7 @@ int ReplayNode::close(int fd) {
     }
     ::close(fd_);
     fd_ = -1;
+    timer_set_ = false;
     // The close comes as the process exits; it is answered, not checked.
     if (!diverged_ && has_current_ && current_.type == RecordType::Close) {
         const int result = answerOf(current_.call);
@@ -439,9 +457,6 @@ int ReplayNode::answerLocked(unsigned int request, void* arg, Clock::time_point 
     } else if (request == AOV_IOC_STOP) {
         started_ = false;
     } else if (request == AOV_IOC_DEQUEUE_EVENT) {
-        uint64_t ticks;
-        while (::read(fd_, &ticks, sizeof(ticks)) > 0) {
-        }
         if (events_++ == 0) {
             first_event_at_ = began;
         }
@@ -493,8 +508,8 @@ int ReplayNode::divergeLocked(std::unique_lock<std::mutex>& lock, const std::str
                                ? "(no more requests)"
                                : "(the recording could not be read: " + read_problem_ + ")";
     if (fd_ >= 0) {
-        itimerspec off{};
-        ::timerfd_settime(fd_, 0, &off, nullptr);
+        has_current_ = false;
+        armLocked();  // never readable again
     }
     const ReplayDivergence copy = divergence_;
     auto handler = on_divergence_;

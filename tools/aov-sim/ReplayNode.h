@@ -137,6 +137,8 @@ class ReplayNode final : public aovhost::EmulatedNode {
     Clock::time_point start_answered_at_;
     bool after_start_ = false;
     Clock::time_point ready_at_;  // of the current dequeue
+    bool timer_set_ = false;      // the descriptor's timer is armed or has expired
+    Clock::time_point timer_at_;  // when it expires
 
     uint64_t total_events_ = 0;
     uint64_t total_requests_ = 0;
