@@ -1,14 +1,15 @@
 // aov-rec as a user runs it: a program under the recorder sees what it sees
 // without it; dump, info and retrace on good, cut and hostile files; and the
 // round trip of a session through a real FUSE node: recorded under aov-rec,
-// retraced against a fresh aov-kdev.
+// replayed through the library by aov-sim --replay, retraced against a fresh
+// aov-kdev.
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -19,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "FuseSandbox.h"
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
 
@@ -181,14 +183,61 @@ TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
     ::unlink(text.c_str());
 }
 
-std::string fuseUnavailable() {
-    if (::geteuid() != 0) {
-        return "FUSE runs need root (for the mount namespace and the mount)";
+// The lines of `output` that begin with `prefix`, each cut before any of
+// `cutAt`, leaving out those that hold any of `skip`.
+std::vector<std::string> linesOf(const std::string& output, const std::string& prefix,
+                                 const std::vector<std::string>& skip = {},
+                                 const std::vector<std::string>& cutAt = {}) {
+    std::vector<std::string> lines;
+    size_t at = 0;
+    while (at < output.size()) {
+        size_t end = output.find('\n', at);
+        end = end == std::string::npos ? output.size() : end;
+        std::string line = output.substr(at, end - at);
+        at = end + 1;
+        if (line.rfind(prefix, 0) != 0) {
+            continue;
+        }
+        bool skipped = false;
+        for (const std::string& text : skip) {
+            skipped = skipped || line.find(text) != std::string::npos;
+        }
+        if (skipped) {
+            continue;
+        }
+        for (const std::string& text : cutAt) {
+            line.resize(std::min(line.size(), line.find(text)));
+        }
+        lines.push_back(line);
     }
-    if (::access("/dev/fuse", R_OK | W_OK) != 0) {
-        return std::string("FUSE runs need /dev/fuse: ") + std::strerror(errno);
+    return lines;
+}
+
+// The areas of each successful dequeue in `aov-rec dump`'s lines, as aov-sim
+// --replay prints those its callback received: "s1 32768 0123..., s4 ...".
+std::vector<std::string> recordedAreas(const std::string& dump) {
+    std::vector<std::string> events;
+    for (const std::string& line : linesOf(dump, "{\"i\":")) {
+        if (line.find("\"request\":\"DEQUEUE_EVENT\"") == std::string::npos ||
+            line.find("\"result\":0,") == std::string::npos) {
+            continue;
+        }
+        std::string areas;
+        for (size_t at = line.find("{\"section\":"); at != std::string::npos;
+             at = line.find("{\"section\":", at + 1)) {
+            const size_t bytes = line.find("\"bytes\":", at);
+            const size_t digest = line.find("\"fnv1a64\":\"", at);
+            if (bytes == std::string::npos || digest == std::string::npos) {
+                break;
+            }
+            areas += (areas.empty() ? "s" : ", s") +
+                     line.substr(at + 11, line.find(',', at) - at - 11) + " " +
+                     line.substr(bytes + 8, line.find(',', bytes) - bytes - 8) + " " +
+                     line.substr(digest + 11, 16);
+        }
+        events.push_back(areas.empty() ? "no areas" : areas);
     }
-    return std::string();
+    return events;
 }
 
 // One scenario recorded through a real node and retraced against a fresh
@@ -208,23 +257,17 @@ void PrintTo(const RoundTripCase& c, std::ostream* out) {
 class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
   protected:
     void SetUp() override {
-        const std::string why = fuseUnavailable();
+        const std::string why = aovtest::fuseUnavailable();
         if (!why.empty()) {
             GTEST_SKIP() << why;
         }
-        // The test's mounts go away with its own mount namespace.
-        ASSERT_EQ(::unshare(CLONE_NEWNS), 0) << std::strerror(errno);
-        ASSERT_EQ(::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
-        char dir[] = "/tmp/aov-rec-kdev.XXXXXX";
-        ASSERT_NE(::mkdtemp(dir), nullptr);
-        dir_ = dir;
+        std::string problem;
+        ASSERT_TRUE(sandbox_.enter("aov-rec-kdev", &problem)) << problem;
+        dir_ = sandbox_.dir();
         session_ = tempPath(std::string(GetParam().name) + ".rec");
     }
     void TearDown() override {
         stopKdev();
-        if (!dir_.empty()) {
-            ::rmdir(dir_.c_str());
-        }
         ::unlink(session_.c_str());
         ::unlink(scenario_.c_str());
     }
@@ -256,11 +299,12 @@ class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
         writeText(scenario_, text);
         return scenario_;
     }
+    aovtest::MountSandbox sandbox_;  // outlives the server
     std::string dir_, session_, scenario_;
     aovsimtool::KdevLauncher kdev_;
 };
 
-TEST_P(FuseRoundTrip, ARecordedSessionRetracesWithoutDifferencesAndAFaultIsFound) {
+TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFaultIsFound) {
     const RoundTripCase& c = GetParam();
     const std::string scenario = scenarioFile();
     ASSERT_EQ(scenario.empty(), c.scenario.empty()) << "no failures template";
@@ -278,6 +322,54 @@ TEST_P(FuseRoundTrip, ARecordedSessionRetracesWithoutDifferencesAndAFaultIsFound
     ASSERT_EQ(info.exit_code, 0) << info.output;
     EXPECT_NE(info.output.find("DEQUEUE_EVENT"), std::string::npos) << info.output;
     EXPECT_NE(info.output.find("STOP"), std::string::npos) << info.output;
+
+    // Replayed through the library: the same requests (any other ends the
+    // run with exit 1), the same callbacks with the recorded areas, the same
+    // library error lines and system-layer lines as the live run.
+    std::vector<std::string> replayArgs = {"--replay", session_, "--speed",   "max",
+                                           "--events", "3",      "--timeout", "10"};
+    if (!scenario.empty()) {
+        replayArgs.insert(replayArgs.end(), {"--scenario", scenario});
+    }
+    replayArgs.insert(replayArgs.end(), c.sim_args.begin(), c.sim_args.end());
+    const ProcessResult replayed = runProcess(AOV_SIM_PATH, replayArgs);
+    ASSERT_EQ(replayed.exit_code, 0) << replayed.output;
+    EXPECT_EQ(replayed.output.find('\r'), std::string::npos) << "a progress line off a terminal";
+    EXPECT_EQ(linesOf(replayed.output, "[lib "), linesOf(recorded.output, "[lib "));
+    if (c.scenario == "failures") {
+        EXPECT_NE(linesOf(recorded.output, "[lib ").size(), 0u) << "no failure reached the library";
+    }
+    const std::vector<std::string> differ = {"driver:", "unavailable", "watching fd", "summary:"};
+    EXPECT_EQ(linesOf(replayed.output, "[sys ", differ), linesOf(recorded.output, "[sys ", differ));
+    EXPECT_EQ(
+        linesOf(replayed.output, "[evt ", {}, {" replayed areas: "}),
+        linesOf(recorded.output, "[evt ", {}, {" content ", " scripted event", " no content"}));
+    std::vector<std::string> callbackAreas;
+    for (const std::string& line : linesOf(replayed.output, "[evt ")) {
+        const size_t at = line.find(" replayed areas: ");
+        callbackAreas.push_back(at == std::string::npos ? line : line.substr(at + 17));
+    }
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    EXPECT_EQ(callbackAreas, recordedAreas(dump.output));
+    EXPECT_EQ(callbackAreas.size(), static_cast<size_t>(3));
+
+    if (c.scenario.empty()) {
+        // Another aov_mode makes the library send another START.
+        replayArgs.insert(replayArgs.end(), {"--aov-mode", "1"});
+        const ProcessResult diverged = runProcess(AOV_SIM_PATH, replayArgs);
+        EXPECT_EQ(diverged.exit_code, 1) << diverged.output;
+        EXPECT_NE(diverged.output.find("aov-sim: replay diverged at request 2"), std::string::npos)
+            << diverged.output;
+        EXPECT_NE(diverged.output.find("\n  library:  START sensor_id 0 scenario"),
+                  std::string::npos)
+            << diverged.output;
+        EXPECT_NE(diverged.output.find(" aov_mode 1 "), std::string::npos) << diverged.output;
+        EXPECT_NE(diverged.output.find("\n  recorded: START sensor_id 0 scenario"),
+                  std::string::npos)
+            << diverged.output;
+        EXPECT_NE(diverged.output.find(" aov_mode 0 "), std::string::npos) << diverged.output;
+    }
 
     std::vector<std::string> kdev;
     if (!scenario.empty()) {

@@ -21,6 +21,9 @@ class DriverProbe {
     // them nothing is known of what the driver produced, so neither its
     // counts nor the content it wrote can be checked.
     virtual std::string unavailable() const { return std::string(); }
+    // The figures a driver that answers still cannot give, said once in the
+    // report; null when it gives them all.
+    virtual const char* missingFigures() const { return nullptr; }
 };
 
 // A driver that publishes nothing: a device's, a prototype's.

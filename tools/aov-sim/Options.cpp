@@ -173,6 +173,15 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
                                 "node, a prototype driver's file, an aov-kdev node); implies "
                                 "--kernel fuse")
                      ->type_name("PATH");
+    auto* replay = app.add_option("--replay", o.replay_path,
+                                  "Replay a session recorded by aov-rec: the driver answers from "
+                                  "FILE (the sensors still come from the scenario)")
+                       ->type_name("FILE");
+    std::string speed;
+    auto* speedOption = app.add_option("--speed", speed,
+                                       "With --replay: max (as fast as the library takes the "
+                                       "events) or N, the recorded pace times N (default 1)")
+                            ->type_name("max|N");
     for (Number& number : numbers) {
         number.option = app.add_option(number.flags, number.text, number.help)->type_name("INT");
     }
@@ -222,6 +231,29 @@ ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
         kernel = "fuse";
     }
     o.kernel_fuse = kernel == "fuse";
+    o.replay_given = replay->count() > 0;
+    if (o.replay_given && (o.kernel_fuse || kdev->count() > 0)) {
+        *message =
+            "--replay: the driver answers from the recording (drop --kernel fuse, --kdev, --node)";
+        return ParseOutcome::kError;
+    }
+    if (o.replay_given && o.replay_path.empty()) {
+        *message = "--replay: an empty file name";
+        return ParseOutcome::kError;
+    }
+    if (speedOption->count() > 0) {
+        if (!o.replay_given) {
+            *message = "--speed: needs --replay";
+            return ParseOutcome::kError;
+        }
+        if (speed == "max") {
+            o.replay_speed = 0;
+        } else if (parseSeconds(speed, kMaxReplaySpeed, &o.replay_speed) != NumberStatus::kOk) {
+            *message = "--speed: expected max or a number more than 0, at most 1000000, got " +
+                       excerpt(speed);
+            return ParseOutcome::kError;
+        }
+    }
     if (kdev->count() > 0 && (!o.kernel_fuse || o.kdev_dir.empty())) {
         *message =
             o.kdev_dir.empty() ? "--kdev: an empty directory name" : "--kdev: needs --kernel fuse";

@@ -14,6 +14,7 @@ constexpr int kMaxEvents = 1000000;
 constexpr double kMaxSeconds = 86400;  // --duration and --timeout: one day
 constexpr int kMaxSize = 0xFFFF;       // sizes are 16-bit in the sensor's static info
 constexpr size_t kMaxNotifyIds = 1024;
+constexpr double kMaxReplaySpeed = 1000000;
 
 // What the command line asks for. Optional numbers are "given" when set.
 struct Options : ModeRequest {
@@ -44,6 +45,13 @@ struct Options : ModeRequest {
     bool kernel_fuse = false;
     std::string kdev_dir;
     std::string node_path;
+
+    // Or the driver answers from a session recorded by aov-rec, at
+    // `replay_speed` times the recorded pace (0: as fast as the library takes
+    // the events).
+    bool replay_given = false;
+    std::string replay_path;
+    double replay_speed = 1;
 
     // Properties, set only when given.
     struct Property {

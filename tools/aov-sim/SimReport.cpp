@@ -43,6 +43,9 @@ void SimReport::begin() {
     } else if (!status.scenario.empty() && status.scenario != sim_.config().name) {
         say(format("warning: the driver serves scenario \"%s\"", status.scenario.c_str()));
     }
+    if (const char* missing = driver_.missingFigures()) {
+        say(format("unavailable from this driver (shown as 0 below): %s", missing));
+    }
 }
 
 void SimReport::say(const std::string& line) {
@@ -87,7 +90,9 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
                        event.s6_info[2], event.s6_info[3], event.s6_info[4]);
     }
     bool mismatch = false;
-    if (!figures) {
+    if (content_check_) {
+        line += content_check_(event, &mismatch);
+    } else if (!figures) {
         // The content is the driver's own; nothing to compare it with.
     } else if (expected_ != nullptr) {
         // The script has no event without a pending mark; a generated one is not expected.

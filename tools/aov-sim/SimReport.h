@@ -32,6 +32,12 @@ class SimReport final : public SessionReport {
                                               std::function<uint64_t()> delivered) override;
     void event(uint64_t number, const aov_event& event, int32_t aovMode) override;
     LibraryCallLog* libraryCalls() override { return timeline_; }
+
+    // Replaces the check of each event's content against the simulated
+    // driver (a replay has its own): returns the end of the event's line and
+    // sets `mismatch` when the content is wrong.
+    using ContentCheck = std::function<std::string(const aov_event& event, bool* mismatch)>;
+    void setContentCheck(ContentCheck check) { content_check_ = std::move(check); }
     void summary(uint64_t delivered) override;
 
   private:
@@ -52,6 +58,7 @@ class SimReport final : public SessionReport {
     // With a script: what the callback's buffer should hold, event by event.
     std::unique_ptr<aovsim::ExpectedBuffer> expected_;
     bool image_callback_ = true;
+    ContentCheck content_check_;
 };
 
 }  // namespace aovsimtool

@@ -12,6 +12,7 @@
 #include "Excerpt.h"
 #include "FuseKernel.h"
 #include "Options.h"
+#include "ReplayNode.h"
 #include "ScenarioFile.h"
 #include "SimReport.h"
 #include "SystemLayer.h"
@@ -65,7 +66,22 @@ void removeFile(const std::string& path) {
 }
 
 void printLine(aovsim::TraceSource source, const std::string& line) {
-    std::printf("[%s] %s\n", aovsim::traceSourceTag(source), line.c_str());
+    std::printf("%s[%s] %s\n", aovsimtool::ReplayProgressLine::clearsProgress(),
+                aovsim::traceSourceTag(source), line.c_str());
+}
+
+// The library left the recording: the run ends here, with the two requests.
+void replayDiverged(const aovsimtool::ReplayDivergence& d) {
+    std::printf("%s", aovsimtool::ReplayProgressLine::clearsProgress());
+    std::fflush(stdout);
+    std::fprintf(stderr,
+                 "aov-sim: replay diverged at request %llu (record %llu of the recording):\n"
+                 "  library:  %s\n  recorded: %s\n",
+                 static_cast<unsigned long long>(d.request),
+                 static_cast<unsigned long long>(d.record), d.library.c_str(), d.recorded.c_str());
+    std::printf("aov-sim: exit %d\n", aovsimtool::kExitRuntimeFailure);
+    std::fflush(stdout);
+    std::_Exit(aovsimtool::kExitRuntimeFailure);
 }
 
 }  // namespace
@@ -97,6 +113,17 @@ int main(int argc, char** argv) {
                                                                 "(embedded default)", &config);
     if (!problem.empty()) {
         return badInput(problem);
+    }
+
+    // With --replay the driver answers from a recording, checked whole first.
+    std::shared_ptr<aovsimtool::ReplayNode> replay;
+    if (options.replay_given) {
+        std::string why;
+        replay = aovsimtool::ReplayNode::loadFile(options.replay_path, options.replay_speed, &why);
+        if (!replay) {
+            return badInput(why);
+        }
+        replay->setDivergenceHandler(replayDiverged);
     }
 
     // The node's server, before any thread starts (it may change the mount namespace).
@@ -152,28 +179,51 @@ int main(int argc, char** argv) {
     } else {
         trace->setSink(printLine);
     }
-    aovsim::Simulation& sim = installSimulation(config, trace, fuse == nullptr);
+    aovsim::Simulation& sim = installSimulation(config, trace, fuse == nullptr && !replay);
     // With a timeline the driver's requests go through a timing node, bound
     // over the driver's own (or over the node aov-kdev serves) for the session.
     std::unique_ptr<aovhost::ScopedNode> timedNode;
     if (timeline) {
         trace->setTimeline(timeline.get());
         std::shared_ptr<aovhost::EmulatedNode> node =
-            fuse ? std::make_shared<aovsimtool::SystemNode>(fuse->nodePath())
-                 : aovsimtool::borrowedNode(sim.driver());
+            fuse     ? std::make_shared<aovsimtool::SystemNode>(fuse->nodePath())
+            : replay ? replay
+                     : aovsimtool::borrowedNode(sim.driver());
         timedNode = std::make_unique<aovhost::ScopedNode>(
             AOV_DEVICE_NODE, std::make_shared<aovsimtool::TimedNode>(std::move(node), timeline));
     }
+    std::unique_ptr<aovhost::ScopedNode> replayNode;
+    if (replay && !timedNode) {
+        replayNode = std::make_unique<aovhost::ScopedNode>(AOV_DEVICE_NODE, replay);
+    }
     std::unique_ptr<aovsimtool::DriverProbe> probe;
-    if (fuse) {
+    if (replay) {
+        probe = std::make_unique<aovsimtool::ReplayProbe>(*replay);
+        trace->record(aovsim::TraceSource::kSystem,
+                      "driver: replay of " + options.replay_path + " (" + replay->describe() + ")");
+    } else if (fuse) {
         probe = fuse->makeProbe();
         trace->record(aovsim::TraceSource::kSystem, "driver: " + fuse->describe());
     } else {
         probe = std::make_unique<aovsimtool::InProcessProbe>(sim.driver());
     }
     aovsimtool::SimReport report(sim, *probe, timeline.get());
+    std::unique_ptr<aovsimtool::ReplayProgressLine> progress;
+    if (replay) {
+        report.setContentCheck([replay](const aov_event& event, bool*) {
+            return " replayed areas: " +
+                   replay->lastAreaDigests(reinterpret_cast<const uint8_t*>(&event));
+        });
+        if (::isatty(STDOUT_FILENO)) {
+            progress = std::make_unique<aovsimtool::ReplayProgressLine>(*replay, stdout);
+        }
+    }
     aovsimtool::SystemLayer layer(options, report);
     int status = layer.run();
+    progress.reset();
+    if (replay) {
+        replay->finish();  // a request the library did not send ends the run here
+    }
     if (fuse) {
         const std::string ending = fuse->checkServer();
         if (!ending.empty()) {

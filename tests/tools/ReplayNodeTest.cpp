@@ -1,0 +1,388 @@
+// The replaying driver of aov-sim --replay in process: it answers in the
+// recorded order, writes only the areas the recording kept, refuses a cut
+// recording, and stops at the first request that is not the recorded one.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "BoundedWait.h"
+#include "Options.h"
+#include "ReplayNode.h"
+#include "SessionBuilder.h"
+#include "kelo_aov.h"
+
+namespace {
+
+using aovsimtool::ReplayDivergence;
+using aovsimtool::ReplayNode;
+
+constexpr int kFd = 7;  // the recorded process's descriptor of the node
+
+struct StartRecord {
+    uint8_t bytes[AOV_START_RECORD_SIZE] = {};
+    explicit StartRecord(int32_t aovMode) {
+        std::memcpy(bytes + AOV_START_AOV_MODE, &aovMode, sizeof(aovMode));
+        const int32_t rate = 10;
+        std::memcpy(bytes + AOV_START_FRAME_RATE, &rate, sizeof(rate));
+    }
+};
+
+aov_sensor_list sensorList(int32_t id) {
+    aov_sensor_list list{};
+    list.count = 1;
+    list.sensor_ids[0] = id;
+    return list;
+}
+
+// A dequeue record as a process sends it: zero but for the ten addresses.
+aov_event_query dequeueSent(uint8_t* event) {
+    aov_event_query query{};
+    for (const aov_section_desc& section : aov_event_sections) {
+        uint8_t* area = event + section.data_offset;
+        std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
+                    sizeof(area));
+    }
+    return query;
+}
+
+// A recording composed in memory.
+class Composed {
+  public:
+    Composed() : fd_(::memfd_create("replay-test", MFD_CLOEXEC)) {
+        builder_ = std::make_unique<aovrec::SessionBuilder>(fd_, aovrec::ContentMode::Written,
+                                                            aovrec::Compression::Zstd);
+    }
+    ~Composed() { ::close(fd_); }
+    aovrec::SessionBuilder& b() { return *builder_; }
+
+    std::vector<uint8_t> bytes() {
+        EXPECT_TRUE(builder_->ok());
+        std::vector<uint8_t> out(static_cast<size_t>(::lseek(fd_, 0, SEEK_END)));
+        EXPECT_EQ(::pread(fd_, out.data(), out.size(), 0), static_cast<ssize_t>(out.size()));
+        return out;
+    }
+
+  private:
+    int fd_;
+    std::unique_ptr<aovrec::SessionBuilder> builder_;
+};
+
+std::shared_ptr<ReplayNode> load(std::vector<uint8_t>& bytes, std::string* problem) {
+    auto* data = &bytes;
+    return ReplayNode::load(
+        [data](std::string*) -> std::unique_ptr<aovrec::ByteSource> {
+            return std::make_unique<aovrec::MemorySource>(data->data(), data->size());
+        },
+        0, problem);
+}
+
+bool readable(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    const int limit_ms = static_cast<int>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(aovtest::kWaitLimit).count());
+    return ::poll(&p, 1, limit_ms) == 1 && (p.revents & POLLIN) != 0;
+}
+
+bool readableNow(int fd) {
+    pollfd p{fd, POLLIN, 0};
+    return ::poll(&p, 1, 0) == 1;
+}
+
+// The words and areas of one recorded event: section 1 kept 100 bytes,
+// section 4 kept 200; the recorder's addresses are another process's.
+struct RecordedEvent {
+    aov_event_query back{};
+    std::vector<uint8_t> s1 = std::vector<uint8_t>(100, 0x11);
+    std::vector<uint8_t> s4 = std::vector<uint8_t>(200, 0x44);
+    RecordedEvent() {
+        for (uint32_t i = 0; i < 6; ++i) {
+            back.header[i] = 100 + i;
+        }
+        back.s1_info = 100;
+        back.s4_info[0] = 200;
+        back.s4_addr = reinterpret_cast<void*>(0x1234);
+    }
+    void record(aovrec::SessionBuilder& b, uint8_t* otherBuffer) {
+        const aov_event_query sent = dequeueSent(otherBuffer);
+        const aovrec::SessionBuilder::Area areas[] = {{1, s1.data(), 100}, {4, s4.data(), 200}};
+        b.ioctl(kFd, AOV_IOC_DEQUEUE_EVENT, &sent, sizeof(sent), 0, &back, sizeof(back), areas, 2);
+    }
+};
+
+class ReplayNodeTest : public ::testing::Test {
+  protected:
+    // open, START, SENSOR_ON refused, one event, SENSOR_OFF, STOP, close.
+    void compose() {
+        aovrec::SessionBuilder& b = recording_.b();
+        b.open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, kFd);
+        b.advance(1000000);
+        const StartRecord start(0);
+        b.ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
+        const aov_sensor_list on = sensorList(3);
+        b.ioctl(kFd, AOV_IOC_SENSOR_ON, &on, sizeof(on), -EINVAL);
+        b.advance(1000000);
+        event_.record(b, other_.data());
+        const aov_sensor_list off = sensorList(3);
+        b.ioctl(kFd, AOV_IOC_SENSOR_OFF, &off, sizeof(off), 0);
+        b.ioctl(kFd, AOV_IOC_STOP, nullptr, 0, 0);
+        b.close(kFd, 0);
+        bytes_ = recording_.bytes();
+        std::string problem;
+        node_ = load(bytes_, &problem);
+        ASSERT_TRUE(node_) << problem;
+        node_->setDivergenceHandler(
+            [this](const ReplayDivergence& d) { divergences_.push_back(d); });
+    }
+
+    Composed recording_;
+    RecordedEvent event_;
+    std::vector<uint8_t> other_ = std::vector<uint8_t>(sizeof(aov_event));
+    std::vector<uint8_t> bytes_;
+    std::shared_ptr<ReplayNode> node_;
+    std::vector<ReplayDivergence> divergences_;
+};
+
+TEST_F(ReplayNodeTest, AnswersEachRequestWithTheRecordedResultInOrder) {
+    compose();
+    const int fd = node_->open(O_RDWR);
+    ASSERT_GE(fd, 0);
+    StartRecord start(0);
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
+    EXPECT_FALSE(readableNow(fd)) << "readable before the recorded dequeue is next";
+    aov_sensor_list on = sensorList(3);
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_SENSOR_ON, &on), -EINVAL);
+
+    std::vector<uint8_t> event(sizeof(aov_event));
+    aov_event_query query = dequeueSent(event.data());
+    const aov_event_query sent = query;
+    ASSERT_TRUE(readable(fd)) << "the recorded event never became ready";
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+    EXPECT_FALSE(readableNow(fd)) << "still readable after the only event";
+    for (uint32_t i = 0; i < 6; ++i) {
+        EXPECT_EQ(query.header[i], 100 + i);
+    }
+    EXPECT_EQ(query.s4_info[0], 200u);
+    EXPECT_EQ(query.s4_addr, sent.s4_addr) << "the caller's address was replaced";
+
+    aov_sensor_list off = sensorList(3);
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_SENSOR_OFF, &off), 0);
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_STOP, nullptr), 0);
+    EXPECT_TRUE(node_->finish());
+    EXPECT_EQ(node_->close(fd), 0);
+    EXPECT_TRUE(divergences_.empty());
+    const aovsim::DriverStatus status = node_->status();
+    EXPECT_EQ(status.stats.requests, 5u);
+    EXPECT_EQ(status.stats.failed_requests, 1u);
+    EXPECT_EQ(status.stats.dequeued, 1u);
+    EXPECT_EQ(node_->progress().events, 1u);
+    EXPECT_EQ(node_->progress().total, 1u);
+}
+
+TEST_F(ReplayNodeTest, WritesOnlyTheAreasTheRecordingKept) {
+    compose();
+    const int fd = node_->open(O_RDWR);
+    StartRecord start(0);
+    ASSERT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
+    aov_sensor_list on = sensorList(3);
+    ASSERT_EQ(node_->ioctl(fd, AOV_IOC_SENSOR_ON, &on), -EINVAL);
+    std::vector<uint8_t> event(sizeof(aov_event), 0xEE);
+    aov_event_query query = dequeueSent(event.data());
+    ASSERT_TRUE(readable(fd));
+    ASSERT_EQ(node_->ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+
+    const aov_section_desc& s1 = aov_event_sections[0];
+    const aov_section_desc& s4 = aov_event_sections[3];
+    EXPECT_EQ(std::memcmp(event.data() + s1.data_offset, event_.s1.data(), 100), 0);
+    EXPECT_EQ(std::memcmp(event.data() + s4.data_offset, event_.s4.data(), 200), 0);
+    // Behind the kept bytes, and in every other area, the buffer is as it was.
+    EXPECT_EQ(event[s1.data_offset + 100], 0xEE);
+    EXPECT_EQ(event[s4.data_offset + 200], 0xEE);
+    for (size_t s : {1, 2, 4, 5, 6, 7, 8, 9}) {
+        const aov_section_desc& section = aov_event_sections[s];
+        for (size_t at = 0; at < section.data_size; at += 97) {
+            ASSERT_EQ(event[section.data_offset + at], 0xEE) << "section " << s + 1;
+        }
+    }
+    // The areas' digests, as aov-rec dump prints the recorded ones.
+    EXPECT_EQ(
+        node_->lastAreaDigests(event.data()),
+        "s1 100 " +
+            [&] {
+                char hex[17];
+                std::snprintf(
+                    hex, sizeof(hex), "%016llx",
+                    static_cast<unsigned long long>(aovrec::fnv1a64(event_.s1.data(), 100)));
+                return std::string(hex);
+            }() +
+            ", s4 200 " +
+            [&] {
+                char hex[17];
+                std::snprintf(
+                    hex, sizeof(hex), "%016llx",
+                    static_cast<unsigned long long>(aovrec::fnv1a64(event_.s4.data(), 200)));
+                return std::string(hex);
+            }());
+}
+
+TEST_F(ReplayNodeTest, ARequestWaitsForTheDequeueTheRecordingHasBeforeIt) {
+    compose();
+    const int fd = node_->open(O_RDWR);
+    StartRecord start(0);
+    ASSERT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
+    aov_sensor_list on = sensorList(3);
+    ASSERT_EQ(node_->ioctl(fd, AOV_IOC_SENSOR_ON, &on), -EINVAL);
+    // SENSOR_OFF from another thread, before the recorded event is taken.
+    auto off = std::async(std::launch::async, [this, fd] {
+        aov_sensor_list list = sensorList(3);
+        return node_->ioctl(fd, AOV_IOC_SENSOR_OFF, &list);
+    });
+    std::vector<uint8_t> event(sizeof(aov_event));
+    aov_event_query query = dequeueSent(event.data());
+    ASSERT_TRUE(readable(fd));
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+    ASSERT_EQ(off.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+        << "SENSOR_OFF was not answered after the dequeue";
+    EXPECT_EQ(off.get(), 0);
+    EXPECT_TRUE(divergences_.empty()) << divergences_[0].library;
+}
+
+TEST_F(ReplayNodeTest, AStartWithOtherBytesIsTheFirstDivergence) {
+    compose();
+    const int fd = node_->open(O_RDWR);
+    StartRecord start(2);
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), -EPROTO);
+    ASSERT_EQ(divergences_.size(), 1u);
+    const ReplayDivergence& d = divergences_[0];
+    EXPECT_EQ(d.request, 2u);
+    EXPECT_EQ(d.record, 1u);
+    EXPECT_NE(d.library.find("START "), std::string::npos) << d.library;
+    EXPECT_NE(d.library.find("aov_mode 2"), std::string::npos) << d.library;
+    EXPECT_NE(d.recorded.find("aov_mode 0"), std::string::npos) << d.recorded;
+    // Nothing is answered from the recording after it, and it is said once.
+    aov_sensor_list on = sensorList(3);
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_SENSOR_ON, &on), -EPROTO);
+    EXPECT_FALSE(node_->finish());
+    EXPECT_EQ(divergences_.size(), 1u);
+}
+
+TEST_F(ReplayNodeTest, OtherIdsOrARequestTheRecordingLacksDiverge) {
+    compose();
+    const int fd = node_->open(O_RDWR);
+    StartRecord start(0);
+    ASSERT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
+    aov_sensor_list on = sensorList(4);
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_SENSOR_ON, &on), -EPROTO);
+    ASSERT_EQ(divergences_.size(), 1u);
+    EXPECT_NE(divergences_[0].library.find("SENSOR_ON count 1 ids [4]"), std::string::npos)
+        << divergences_[0].library;
+    EXPECT_NE(divergences_[0].recorded.find("SENSOR_ON count 1 ids [3]"), std::string::npos)
+        << divergences_[0].recorded;
+}
+
+TEST_F(ReplayNodeTest, RequestsTheLibraryNeverSentDivergeAtTheEnd) {
+    compose();
+    const int fd = node_->open(O_RDWR);
+    StartRecord start(0);
+    ASSERT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
+    EXPECT_FALSE(node_->finish());
+    ASSERT_EQ(divergences_.size(), 1u);
+    EXPECT_EQ(divergences_[0].library, "(no more requests)");
+    EXPECT_NE(divergences_[0].recorded.find("SENSOR_ON"), std::string::npos);
+}
+
+TEST(ReplayNodeInput, ACutOrDamagedRecordingIsRefusedWithOneLine) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.open("/dev/kelo_aov", O_RDWR, kFd);
+    const StartRecord start(0);
+    b.ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
+    std::vector<uint8_t> whole = recording.bytes();
+    std::string problem;
+    ASSERT_TRUE(load(whole, &problem)) << problem;
+
+    std::vector<uint8_t> cut(whole.begin(), whole.end() - 10);
+    EXPECT_FALSE(load(cut, &problem));
+    EXPECT_NE(problem.find("cut off"), std::string::npos) << problem;
+    EXPECT_EQ(problem.find('\n'), std::string::npos);
+
+    std::vector<uint8_t> damaged = whole;
+    damaged[damaged.size() - 3] ^= 0x40;
+    EXPECT_FALSE(load(damaged, &problem));
+    EXPECT_FALSE(problem.empty());
+
+    std::vector<uint8_t> text(100, 'x');
+    EXPECT_FALSE(load(text, &problem));
+    EXPECT_FALSE(problem.empty());
+
+    EXPECT_FALSE(ReplayNode::loadFile("/nonexistent/aov.rec", 0, &problem));
+    EXPECT_EQ(problem.rfind("/nonexistent/aov.rec: ", 0), 0u) << problem;
+}
+
+TEST(ReplayNodeInput, ARecordingWithoutAnOpenOfTheNodeIsRefused) {
+    Composed recording;
+    const StartRecord start(0);
+    recording.b().ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
+    std::vector<uint8_t> bytes = recording.bytes();
+    std::string problem;
+    EXPECT_FALSE(load(bytes, &problem));
+    EXPECT_NE(problem.find("no successful open"), std::string::npos) << problem;
+}
+
+}  // namespace
+
+namespace {
+
+using aovsimtool::Options;
+using aovsimtool::ParseOutcome;
+
+ParseOutcome parse(std::vector<std::string> args, Options* options, std::string* message) {
+    args.insert(args.begin(), "aov-sim");
+    std::vector<const char*> argv;
+    for (const std::string& arg : args) {
+        argv.push_back(arg.c_str());
+    }
+    return aovsimtool::parseOptions(static_cast<int>(argv.size()), argv.data(), options, message);
+}
+
+TEST(ReplayOptions, SpeedIsMaxOrAPositiveFactorAndNeedsAReplay) {
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({"--replay", "a.rec"}, &o, &message), ParseOutcome::kRun) << message;
+    EXPECT_TRUE(o.replay_given);
+    EXPECT_EQ(o.replay_path, "a.rec");
+    EXPECT_EQ(o.replay_speed, 1);
+    ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "max"}, &o, &message), ParseOutcome::kRun);
+    EXPECT_EQ(o.replay_speed, 0);
+    ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "2.5"}, &o, &message), ParseOutcome::kRun);
+    EXPECT_EQ(o.replay_speed, 2.5);
+
+    const std::vector<std::vector<std::string>> bad = {
+        {"--replay", "a.rec", "--speed", "0"},
+        {"--replay", "a.rec", "--speed", "-1"},
+        {"--replay", "a.rec", "--speed", "fast"},
+        {"--replay", "a.rec", "--speed", "1e9"},
+        {"--speed", "max"},
+        {"--replay", ""},
+        {"--replay", "a.rec", "--kernel", "fuse"},
+        {"--replay", "a.rec", "--kernel", "fuse", "--kdev", "/tmp"}};
+    for (const auto& args : bad) {
+        Options refused;
+        EXPECT_EQ(parse(args, &refused, &message), ParseOutcome::kError) << args.back();
+        EXPECT_EQ(message.find('\n'), std::string::npos) << message;
+        EXPECT_TRUE(message.rfind("--speed", 0) == 0 || message.rfind("--replay", 0) == 0)
+            << message;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,640 @@
+#include "ReplayNode.h"
+
+#include <fcntl.h>
+#include <linux/ioctl.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include "kelo_aov.h"
+
+namespace aovsimtool {
+
+namespace {
+
+using aovrec::Record;
+using aovrec::RecordType;
+
+// How long a request waits for a dequeue that the recording has before it:
+// the monitor's thread takes the event once the descriptor turns readable.
+constexpr std::chrono::seconds kDequeueWait{2};
+// An event that follows a START is not made ready sooner after it than in the
+// recording, up to this long: the library allocates its event buffer in the
+// background after a START, and a recorded session gave it that time.
+constexpr std::chrono::milliseconds kStartHoldLimit{200};
+
+uint32_t wordAt(const uint8_t* bytes, size_t offset) {
+    uint32_t v;
+    std::memcpy(&v, bytes + offset, sizeof(v));
+    return v;
+}
+
+int32_t intAt(const uint8_t* bytes, size_t offset) {
+    return static_cast<int32_t>(wordAt(bytes, offset));
+}
+
+// Whether byte `at` of a request's record is an address in the caller's
+// memory. Addresses differ between a recorded run and its replay (another
+// process, another heap), so they are left out of the comparison; every
+// other byte of the record as sent must be the same. Only the dequeue record
+// carries addresses: its ten data-area pointers.
+bool isAddressByte(unsigned int request, size_t at) {
+    if (request != AOV_IOC_DEQUEUE_EVENT) {
+        return false;
+    }
+    for (const aov_section_desc& section : aov_event_sections) {
+        if (at >= section.query_addr_offset && at < section.query_addr_offset + sizeof(void*)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// FNV-1a 64 over the bytes that are compared.
+uint64_t comparedDigest(unsigned int request, const uint8_t* bytes, size_t size) {
+    uint64_t h = 0xcbf29ce484222325ull;
+    for (size_t i = 0; i < size; ++i) {
+        if (!isAddressByte(request, i)) {
+            h = (h ^ bytes[i]) * 0x100000001b3ull;
+        }
+    }
+    return h;
+}
+
+// Bytes of a request's record that the recorder keeps.
+size_t recordBytes(unsigned int request) {
+    return std::min<size_t>(_IOC_SIZE(request), aovrec::kMaxArgBytes);
+}
+
+std::string describeRecord(const Record& r) {
+    switch (r.type) {
+        case RecordType::Open:
+            return "open " + r.path;
+        case RecordType::Close:
+            return "close";
+        case RecordType::Ioctl:
+            if ((r.arg_flags & aovrec::kArgUnreadable) != 0) {
+                return describeRequest(r.request, nullptr, 0) + " (record unreadable when sent)";
+            }
+            return describeRequest(r.request, (r.arg_flags & aovrec::kArgNull) ? nullptr : r.sent,
+                                   r.sent_len);
+        default:
+            return aovrec::recordTypeName(r.type);
+    }
+}
+
+int answerOf(const aovrec::CallInfo& call) {
+    if (call.result >= 0) {
+        return call.result;
+    }
+    return call.err > 0 ? -call.err : -EIO;
+}
+
+timespec toTimespec(std::chrono::steady_clock::time_point at) {
+    const auto ns = std::max<int64_t>(
+        1, std::chrono::duration_cast<std::chrono::nanoseconds>(at.time_since_epoch()).count());
+    return timespec{static_cast<time_t>(ns / 1000000000), static_cast<long>(ns % 1000000000)};
+}
+
+class FileFactory {
+  public:
+    explicit FileFactory(std::string path) : path_(std::move(path)) {}
+    std::unique_ptr<aovrec::ByteSource> operator()(std::string* why) const {
+        auto file = std::make_unique<aovrec::FileSource>();
+        if (!file->open(path_, why)) {
+            return nullptr;
+        }
+        return file;
+    }
+
+  private:
+    std::string path_;
+};
+
+}  // namespace
+
+std::string describeRequest(unsigned int request, const uint8_t* bytes, size_t size) {
+    const char* name = aovrec::requestName(request);
+    char text[256];
+    std::string out;
+    if (name != nullptr) {
+        out = name;
+    } else {
+        std::snprintf(text, sizeof(text), "ioctl 0x%08x", request);
+        out = text;
+    }
+    if (bytes == nullptr) {
+        return _IOC_SIZE(request) > 0 ? out + " (no record)" : out;
+    }
+    if (request == AOV_IOC_START && size >= AOV_START_RECORD_SIZE) {
+        std::snprintf(text, sizeof(text),
+                      " sensor_id %d scenario %d frame_rate %d frame_info_sel %d aov_mode %d "
+                      "sensor_idx %d",
+                      intAt(bytes, AOV_START_SENSOR_ID), intAt(bytes, AOV_START_SCENARIO),
+                      intAt(bytes, AOV_START_FRAME_RATE), intAt(bytes, AOV_START_FRAME_INFO_SEL),
+                      intAt(bytes, AOV_START_AOV_MODE), intAt(bytes, AOV_START_SENSOR_IDX));
+        out += text;
+    } else if ((request == AOV_IOC_SENSOR_ON || request == AOV_IOC_SENSOR_OFF) &&
+               size >= sizeof(aov_sensor_list)) {
+        const uint32_t count = wordAt(bytes, 0);
+        out += " count " + std::to_string(count) + " ids [";
+        const uint32_t shown = std::min<uint32_t>(count, 8);
+        for (uint32_t i = 0; i < shown; ++i) {
+            out += (i > 0 ? ", " : "") + std::to_string(intAt(bytes, 4 + 4 * i));
+        }
+        out += count > shown ? ", ...]" : "]";
+    }
+    std::snprintf(text, sizeof(text), " (%zu bytes%s, fnv1a64 %016" PRIx64 ")", size,
+                  request == AOV_IOC_DEQUEUE_EVENT ? " without the addresses" : "",
+                  comparedDigest(request, bytes, size));
+    return out + text;
+}
+
+std::shared_ptr<ReplayNode> ReplayNode::loadFile(const std::string& path, double speed,
+                                                 std::string* problem) {
+    std::shared_ptr<ReplayNode> node = load(FileFactory(path), speed, problem);
+    if (!node) {
+        *problem = path + ": " + *problem;
+    }
+    return node;
+}
+
+std::shared_ptr<ReplayNode> ReplayNode::load(SourceFactory factory, double speed,
+                                             std::string* problem) {
+    std::shared_ptr<ReplayNode> node(new ReplayNode(speed));
+    // First pass: the whole file must read, and hold requests.
+    std::unique_ptr<aovrec::ByteSource> source = factory(problem);
+    if (!source) {
+        return nullptr;
+    }
+    aovrec::SessionReader check(*source);
+    if (!check.start()) {
+        *problem = check.error();
+        return nullptr;
+    }
+    Record record;
+    aovrec::SessionReader::Next next;
+    bool opened = false;
+    while ((next = check.next(&record)) == aovrec::SessionReader::Next::Record) {
+        if (node->skippedLocked(record)) {
+            continue;
+        }
+        if (record.type == RecordType::Open && record.call.result >= 0) {
+            opened = true;
+        } else if (record.type == RecordType::Ioctl) {
+            ++node->total_requests_;
+            if (record.request == AOV_IOC_DEQUEUE_EVENT) {
+                ++node->total_events_;
+                node->last_event_ns_ = record.call.begin_ns;
+            }
+        }
+    }
+    if (next == aovrec::SessionReader::Next::Cut) {
+        *problem = "the recording is cut off (" + check.error() + ")";
+        return nullptr;
+    }
+    if (next == aovrec::SessionReader::Next::Bad) {
+        *problem = check.error();
+        return nullptr;
+    }
+    if (!opened) {
+        *problem = "the recording holds no successful open of the node";
+        return nullptr;
+    }
+    node->skipped_fds_.clear();
+    // Second pass: the replay itself, as a stream.
+    node->source_ = factory(problem);
+    if (!node->source_) {
+        return nullptr;
+    }
+    node->reader_ = std::make_unique<aovrec::SessionReader>(*node->source_);
+    if (!node->reader_->start()) {
+        *problem = node->reader_->error();
+        return nullptr;
+    }
+    node->header_ = node->reader_->header();
+    node->factory_ = std::move(factory);
+    std::lock_guard<std::mutex> guard(node->mutex_);
+    node->advanceLocked();
+    return node;
+}
+
+ReplayNode::~ReplayNode() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+}
+
+void ReplayNode::setDivergenceHandler(std::function<void(const ReplayDivergence&)> handler) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    on_divergence_ = std::move(handler);
+}
+
+bool ReplayNode::diverged(ReplayDivergence* out) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (diverged_ && out != nullptr) {
+        *out = divergence_;
+    }
+    return diverged_;
+}
+
+void ReplayNode::advanceLocked() {
+    has_current_ = false;
+    for (;;) {
+        const aovrec::SessionReader::Next next = reader_->next(&current_);
+        if (next == aovrec::SessionReader::Next::Record) {
+            if (skippedLocked(current_)) {
+                continue;
+            }
+            has_current_ = true;
+            break;
+        }
+        if (next != aovrec::SessionReader::Next::End) {
+            read_problem_ = reader_->error();
+        }
+        break;
+    }
+    armLocked();
+    advanced_.notify_all();
+}
+
+bool ReplayNode::skippedLocked(const Record& r) {
+    switch (r.type) {
+        case RecordType::Open:
+            // A driver's node is opened, never created: an open that creates
+            // the path is the desk making a mount point (aov-sim --kernel
+            // fuse binds its node over it), not the library; its descriptor's
+            // calls are skipped with it.
+            if ((r.open_flags & O_CREAT) != 0) {
+                if (r.call.result >= 0) {
+                    skipped_fds_.push_back(r.call.result);
+                }
+                return true;
+            }
+            return false;
+        case RecordType::Close:
+        case RecordType::Ioctl: {
+            const auto it = std::find(skipped_fds_.begin(), skipped_fds_.end(), r.call.fd);
+            if (it == skipped_fds_.end()) {
+                return false;
+            }
+            if (r.type == RecordType::Close) {
+                skipped_fds_.erase(it);
+            }
+            return true;
+        }
+        default:
+            return true;  // readiness calls: the monitor makes its own
+    }
+}
+
+void ReplayNode::armLocked() {
+    if (fd_ < 0) {
+        return;
+    }
+    if (has_current_ && current_.type == RecordType::Ioctl &&
+        current_.request == AOV_IOC_DEQUEUE_EVENT) {
+        const uint64_t at_ns = current_.call.begin_ns;
+        Clock::time_point at = Clock::now();
+        if (speed_ > 0 && at_ns > origin_ns_) {
+            at = std::max(
+                at, replay_origin_ + std::chrono::duration_cast<Clock::duration>(
+                                         std::chrono::duration<double, std::nano>(
+                                             static_cast<double>(at_ns - origin_ns_) / speed_)));
+        }
+        if (after_start_) {
+            const auto gap = std::chrono::nanoseconds(
+                at_ns > start_answered_ns_ ? at_ns - start_answered_ns_ : 0);
+            at = std::max(at, start_answered_at_ + std::min<Clock::duration>(gap, kStartHoldLimit));
+        }
+        ready_at_ = at;
+        // A timer that has expired stays readable until it is read: events
+        // that are due one after another cost no call.
+        const Clock::time_point now = Clock::now();
+        if (timer_set_ && timer_at_ <= now && at <= now) {
+            return;
+        }
+        itimerspec when{};
+        when.it_value = toTimespec(at);
+        ::timerfd_settime(fd_, TFD_TIMER_ABSTIME, &when, nullptr);
+        timer_set_ = true;
+        timer_at_ = at;
+        return;
+    }
+    if (timer_set_) {
+        uint64_t ticks;
+        while (::read(fd_, &ticks, sizeof(ticks)) > 0) {
+        }
+        itimerspec off{};
+        ::timerfd_settime(fd_, 0, &off, nullptr);
+        timer_set_ = false;
+    }
+}
+
+int ReplayNode::open(int flags) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (diverged_) {
+        return -EPROTO;
+    }
+    ++requests_;
+    if (!has_current_ || current_.type != RecordType::Open ||
+        (static_cast<int>(current_.open_flags) & O_ACCMODE) != (flags & O_ACCMODE)) {
+        char text[64];
+        std::snprintf(text, sizeof(text), "open (flags 0x%x)", static_cast<unsigned>(flags));
+        return divergeLocked(lock, text);
+    }
+    int result = answerOf(current_.call);
+    if (result >= 0) {
+        if (fd_ >= 0) {
+            result = -EBUSY;  // the replay keeps one descriptor of the node
+        } else {
+            fd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+            result = fd_ >= 0 ? fd_ : -errno;
+            origin_ns_ = current_.call.begin_ns;
+            replay_origin_ = Clock::now();
+        }
+    }
+    advanceLocked();
+    return result;
+}
+
+int ReplayNode::close(int fd) {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (fd < 0 || fd != fd_) {
+        return -EBADF;
+    }
+    ::close(fd_);
+    fd_ = -1;
+    timer_set_ = false;
+    // The close comes as the process exits; it is answered, not checked.
+    if (!diverged_ && has_current_ && current_.type == RecordType::Close) {
+        const int result = answerOf(current_.call);
+        advanceLocked();
+        return result;
+    }
+    return 0;
+}
+
+bool ReplayNode::matchesLocked(unsigned int request, const void* arg) const {
+    if (!has_current_ || current_.type != RecordType::Ioctl || current_.request != request) {
+        return false;
+    }
+    const bool recorded_null = (current_.arg_flags & aovrec::kArgNull) != 0;
+    if (recorded_null != (arg == nullptr)) {
+        return false;
+    }
+    if (arg == nullptr || (current_.arg_flags & aovrec::kArgUnreadable) != 0) {
+        return true;
+    }
+    const size_t size = recordBytes(request);
+    if (current_.sent_len != size) {
+        return false;
+    }
+    const auto* bytes = static_cast<const uint8_t*>(arg);
+    if (request != AOV_IOC_DEQUEUE_EVENT) {
+        return std::memcmp(bytes, current_.sent, size) == 0;
+    }
+    for (size_t i = 0; i < size; ++i) {
+        if (bytes[i] != current_.sent[i] && !isAddressByte(request, i)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int ReplayNode::ioctl(int fd, unsigned int request, void* arg) {
+    const Clock::time_point began = Clock::now();
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (diverged_) {
+        return -EPROTO;
+    }
+    if (fd < 0 || fd != fd_) {
+        return -EBADF;
+    }
+    ++requests_;
+    for (;;) {
+        if (matchesLocked(request, arg)) {
+            return answerLocked(request, arg, began);
+        }
+        // Another thread's request can come before a dequeue that the
+        // recording has first; the monitor takes the event once the
+        // descriptor turns readable.
+        if (request != AOV_IOC_DEQUEUE_EVENT && has_current_ &&
+            current_.type == RecordType::Ioctl && current_.request == AOV_IOC_DEQUEUE_EVENT) {
+            const uint64_t index = current_.index;
+            const Clock::time_point deadline = std::max(ready_at_, Clock::now()) + kDequeueWait;
+            if (advanced_.wait_until(lock, deadline, [this, index] {
+                    return diverged_ || !has_current_ || current_.index != index;
+                })) {
+                if (diverged_) {
+                    return -EPROTO;
+                }
+                continue;
+            }
+        }
+        return divergeLocked(lock, describeRequest(request, static_cast<const uint8_t*>(arg),
+                                                   arg != nullptr ? recordBytes(request) : 0));
+    }
+}
+
+int ReplayNode::answerLocked(unsigned int request, void* arg, Clock::time_point began) {
+    const Record& r = current_;
+    const int result = answerOf(r.call);
+    ++stats_.requests;
+    if (result < 0) {
+        ++stats_.failed_requests;
+    }
+    if (request == AOV_IOC_START && result >= 0) {
+        started_ = true;
+        after_start_ = true;
+        start_answered_ns_ = r.call.end_ns;
+        start_answered_at_ = Clock::now();
+    } else if (request == AOV_IOC_STOP) {
+        started_ = false;
+    } else if (request == AOV_IOC_DEQUEUE_EVENT) {
+        if (events_++ == 0) {
+            first_event_at_ = began;
+        }
+        after_start_ = false;
+        if (result >= 0 && arg != nullptr && r.back_len >= sizeof(aov_event_query)) {
+            auto* query = static_cast<uint8_t*>(arg);
+            // The words as the driver wrote them; the addresses stay the caller's.
+            void* addresses[AOV_SECTION_COUNT];
+            for (size_t s = 0; s < AOV_SECTION_COUNT; ++s) {
+                std::memcpy(&addresses[s], query + aov_event_sections[s].query_addr_offset,
+                            sizeof(void*));
+            }
+            std::memcpy(query, r.back, sizeof(aov_event_query));
+            for (size_t s = 0; s < AOV_SECTION_COUNT; ++s) {
+                std::memcpy(query + aov_event_sections[s].query_addr_offset, &addresses[s],
+                            sizeof(void*));
+            }
+            last_area_count_ = 0;
+            for (uint8_t i = 0; i < r.area_count; ++i) {
+                const aovrec::AreaView& area = r.areas[i];
+                const aov_section_desc& section = aov_event_sections[area.section - 1];
+                const uint32_t length = std::min(area.length, section.data_size);
+                void* to = addresses[area.section - 1];
+                if (to == nullptr) {
+                    continue;
+                }
+                std::memcpy(to, area.data, length);
+                last_areas_[last_area_count_++] = Area{area.section, length};
+            }
+            ++stats_.dequeued;
+            last_.sequence = wordAt(r.back, 0);
+            last_.produced_at = ready_at_;
+            last_.scripted = -1;
+            last_.dequeue_began = began;
+            last_.dequeue_ended = Clock::now();
+        }
+    }
+    advanceLocked();
+    return result;
+}
+
+int ReplayNode::divergeLocked(std::unique_lock<std::mutex>& lock, const std::string& library) {
+    diverged_ = true;
+    divergence_.request = requests_;
+    divergence_.record = has_current_ ? current_.index : reader_->records();
+    divergence_.library = library;
+    divergence_.recorded = has_current_ ? describeRecord(current_)
+                           : read_problem_.empty()
+                               ? "(no more requests)"
+                               : "(the recording could not be read: " + read_problem_ + ")";
+    if (fd_ >= 0) {
+        has_current_ = false;
+        armLocked();  // never readable again
+    }
+    const ReplayDivergence copy = divergence_;
+    auto handler = on_divergence_;
+    advanced_.notify_all();
+    lock.unlock();
+    if (handler) {
+        handler(copy);
+    }
+    return -EPROTO;
+}
+
+bool ReplayNode::finish() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    if (diverged_) {
+        return false;
+    }
+    if (has_current_ && current_.type != RecordType::Close) {
+        ++requests_;
+        divergeLocked(lock, "(no more requests)");
+        return false;
+    }
+    return true;
+}
+
+ReplayProgress ReplayNode::progress() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    ReplayProgress p;
+    p.events = events_;
+    p.total = total_events_;
+    const Clock::time_point now = Clock::now();
+    if (events_ >= total_events_ || fd_ < 0) {
+        return p;
+    }
+    if (speed_ > 0) {
+        const double end_s = static_cast<double>(last_event_ns_ - origin_ns_) / 1e9 / speed_;
+        const double elapsed = std::chrono::duration<double>(now - replay_origin_).count();
+        p.seconds_left = std::max(0.0, end_s - elapsed);
+    } else if (events_ > 0) {
+        const double elapsed = std::chrono::duration<double>(now - first_event_at_).count();
+        p.seconds_left =
+            elapsed / static_cast<double>(events_) * static_cast<double>(total_events_ - events_);
+    }
+    return p;
+}
+
+aovsim::DriverStatus ReplayNode::status() const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    aovsim::DriverStatus status;
+    status.started = started_;
+    status.stats = stats_;
+    status.last = last_;
+    return status;
+}
+
+std::string ReplayNode::lastAreaDigests(const uint8_t* event) const {
+    std::lock_guard<std::mutex> guard(mutex_);
+    if (last_area_count_ == 0) {
+        return "no areas";
+    }
+    std::string out;
+    char text[64];
+    for (uint8_t i = 0; i < last_area_count_; ++i) {
+        const Area& a = last_areas_[i];
+        std::snprintf(
+            text, sizeof(text), "%ss%u %u %016" PRIx64, i > 0 ? ", " : "", a.section, a.length,
+            aovrec::fnv1a64(event + aov_event_sections[a.section - 1].data_offset, a.length));
+        out += text;
+    }
+    return out;
+}
+
+std::string ReplayNode::describe() const {
+    std::string speed = "max";
+    if (speed_ > 0) {
+        char text[32];
+        std::snprintf(text, sizeof(text), "%g", speed_);
+        speed = text;
+    }
+    return std::to_string(total_requests_) + " requests, " + std::to_string(total_events_) +
+           " events, content " + aovrec::contentModeName(header_.content) + ", speed " + speed;
+}
+
+namespace {
+std::atomic<bool> g_progress_shown{false};
+}  // namespace
+
+ReplayProgressLine::ReplayProgressLine(const ReplayNode& node, FILE* out) : node_(node), out_(out) {
+    g_progress_shown = true;
+    thread_ = std::thread(&ReplayProgressLine::run, this);
+}
+
+ReplayProgressLine::~ReplayProgressLine() {
+    {
+        std::lock_guard<std::mutex> guard(mutex_);
+        stop_ = true;
+    }
+    stop_cv_.notify_all();
+    thread_.join();
+    g_progress_shown = false;
+    std::fputs("\r\033[K", out_);
+    std::fflush(out_);
+}
+
+const char* ReplayProgressLine::clearsProgress() {
+    return g_progress_shown ? "\r\033[K" : "";
+}
+
+void ReplayProgressLine::run() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    while (!stop_cv_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; })) {
+        const ReplayProgress p = node_.progress();
+        std::fprintf(out_, "\r\033[Kreplay: %llu of %llu events, %.1f s left",
+                     static_cast<unsigned long long>(p.events),
+                     static_cast<unsigned long long>(p.total), p.seconds_left);
+        std::fflush(out_);
+    }
+}
+
+bool ReplayProbe::read(aovsim::DriverStatus* status) {
+    *status = node_.status();
+    return true;
+}
+
+const char* ReplayProbe::missingFigures() const {
+    return "events produced, overwritten, lost or discarded by the driver are not in a recording";
+}
+
+}  // namespace aovsimtool

@@ -1,0 +1,193 @@
+#pragma once
+
+// A driver that answers from a recorded session (aov-rec's session file):
+// each request of the library is checked against the one the recording has
+// next and gets the recorded result and errno; a dequeue gets the recorded
+// header and info words and the data areas the recording kept. The node's
+// descriptor (a timerfd) turns readable when the recording's next request is
+// a dequeue and its recorded time has come, relative to the session's start
+// and scaled by the speed.
+//
+// The recording is read as a stream, one record in memory at a time; a first
+// pass over the whole file (load) checks it and counts what it holds, so that
+// a damaged or cut file is refused before the session begins.
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "DriverProbe.h"
+#include "SessionReader.h"
+#include "aovhost/Binding.h"
+#include "aovsim/SimDriver.h"
+
+namespace aovsimtool {
+
+// The recording's first request that the library did not send: what the
+// library sent instead (or that it sent nothing more), beside the recorded one.
+struct ReplayDivergence {
+    uint64_t request = 0;  // 1-based count of requests on the node, the divergent one included
+    uint64_t record = 0;   // its position in the recording (0-based, as aov-rec dump numbers it)
+    std::string library;   // decoded, one line
+    std::string recorded;  // decoded, one line
+};
+
+// Where the replay stands, for a progress line.
+struct ReplayProgress {
+    uint64_t events = 0;  // dequeues answered
+    uint64_t total = 0;   // dequeues in the recording
+    double seconds_left = 0;
+};
+
+class ReplayNode final : public aovhost::EmulatedNode {
+  public:
+    // A fresh reader of the recording's bytes, from the start; null with a
+    // one-line reason when the bytes cannot be had.
+    using SourceFactory = std::function<std::unique_ptr<aovrec::ByteSource>(std::string* why)>;
+
+    // Checks the whole recording and positions the node at its first request.
+    // `speed`: recorded time is divided by it; 0 means as fast as the library
+    // takes the events. Null with a one-line `problem` when the recording
+    // cannot be replayed (unreadable, damaged, cut off, without requests).
+    static std::shared_ptr<ReplayNode> load(SourceFactory source, double speed,
+                                            std::string* problem);
+    static std::shared_ptr<ReplayNode> loadFile(const std::string& path, double speed,
+                                                std::string* problem);
+    ~ReplayNode() override;
+    ReplayNode(const ReplayNode&) = delete;
+    ReplayNode& operator=(const ReplayNode&) = delete;
+
+    int open(int flags) override;
+    int close(int fd) override;
+    int ioctl(int fd, unsigned int request, void* arg) override;
+
+    // Called once, on the first divergence, outside the node's lock (aov-sim
+    // ends the run there). Without one, the node answers the divergent
+    // request and every later one with -EPROTO. Set it before the node is opened.
+    void setDivergenceHandler(std::function<void(const ReplayDivergence&)> handler);
+    // The first divergence, if there was one.
+    bool diverged(ReplayDivergence* out) const;
+    // At the end of the session: a request the recording still has that the
+    // library never sent counts as a divergence (a close of the node, which
+    // comes as the process exits, does not). True when the whole recording
+    // was replayed without divergence.
+    bool finish();
+
+    ReplayProgress progress() const;
+    // The driver's side as the replay saw it; what the recording cannot tell
+    // (events produced, overwritten, discarded) stays 0.
+    aovsim::DriverStatus status() const;
+    // "s1 4096 0123456789abcdef, s4 ..." for the areas the last answered
+    // dequeue wrote, digested (FNV-1a 64, as aov-rec dump prints them) from
+    // `event`, the buffer they were written into; "no areas" when it kept none.
+    std::string lastAreaDigests(const uint8_t* event) const;
+
+    const aovrec::FileHeader& header() const { return header_; }
+    // "1234 requests, 1000 events, content written, speed max".
+    std::string describe() const;
+
+  private:
+    struct Area {
+        uint8_t section;
+        uint32_t length;
+    };
+    using Clock = std::chrono::steady_clock;
+
+    explicit ReplayNode(double speed) : speed_(speed) {}
+    // Moves to the recording's next request (open, close or ioctl).
+    void advanceLocked();
+    // Whether the replay passes over `r` (not a call the library makes on the node).
+    bool skippedLocked(const aovrec::Record& r);
+    // Arms the descriptor for the current record when it is a dequeue.
+    void armLocked();
+    bool matchesLocked(unsigned int request, const void* arg) const;
+    int answerLocked(unsigned int request, void* arg, Clock::time_point began);
+    int divergeLocked(std::unique_lock<std::mutex>& lock, const std::string& library);
+
+    const double speed_;
+    SourceFactory factory_;
+    std::unique_ptr<aovrec::ByteSource> source_;
+    std::unique_ptr<aovrec::SessionReader> reader_;
+    aovrec::FileHeader header_;
+
+    mutable std::mutex mutex_;
+    std::condition_variable advanced_;
+    aovrec::Record current_;
+    bool has_current_ = false;
+    std::vector<int32_t> skipped_fds_;  // recorded descriptors whose calls are skipped
+    std::string read_problem_;          // the file changed since it was checked
+    int fd_ = -1;
+    std::function<void(const ReplayDivergence&)> on_divergence_;
+    bool diverged_ = false;
+    ReplayDivergence divergence_;
+
+    // Recorded times (ns) and their replay counterparts.
+    uint64_t origin_ns_ = 0;
+    Clock::time_point replay_origin_;
+    uint64_t last_event_ns_ = 0;
+    uint64_t start_answered_ns_ = 0;  // recorded end of the last START answered
+    Clock::time_point start_answered_at_;
+    bool after_start_ = false;
+    Clock::time_point ready_at_;  // of the current dequeue
+    bool timer_set_ = false;      // the descriptor's timer is armed or has expired
+    Clock::time_point timer_at_;  // when it expires
+
+    uint64_t total_events_ = 0;
+    uint64_t total_requests_ = 0;
+    uint64_t requests_ = 0;
+    uint64_t events_ = 0;
+    bool started_ = false;
+    aovsim::DriverStats stats_;
+    aovsim::DequeueMark last_;
+    Area last_areas_[aovrec::kSections] = {};
+    uint8_t last_area_count_ = 0;
+    Clock::time_point first_event_at_;
+};
+
+// The replay's driver figures for aov-sim's report.
+class ReplayProbe final : public DriverProbe {
+  public:
+    explicit ReplayProbe(const ReplayNode& node) : node_(node) {}
+    bool read(aovsim::DriverStatus* status) override;
+    const char* missingFigures() const override;
+
+  private:
+    const ReplayNode& node_;
+};
+
+// On a terminal, the replay's progress on one line rewritten four times a
+// second ("replay: 120 of 10000 events, 3.2 s left") until destroyed, when
+// the line is cleared. Other output clears the line first (clearsProgress).
+class ReplayProgressLine {
+  public:
+    ReplayProgressLine(const ReplayNode& node, FILE* out);
+    ~ReplayProgressLine();
+    ReplayProgressLine(const ReplayProgressLine&) = delete;
+    ReplayProgressLine& operator=(const ReplayProgressLine&) = delete;
+
+    // What a line written while a progress line is shown begins with.
+    static const char* clearsProgress();
+
+  private:
+    void run();
+
+    const ReplayNode& node_;
+    FILE* const out_;
+    std::mutex mutex_;
+    std::condition_variable stop_cv_;
+    bool stop_ = false;
+    std::thread thread_;
+};
+
+// Decodes a request as sent, for a divergence line: "SENSOR_ON count 1 ids [2]".
+std::string describeRequest(unsigned int request, const uint8_t* bytes, size_t size);
+
+}  // namespace aovsimtool
