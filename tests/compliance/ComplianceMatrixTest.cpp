@@ -24,12 +24,10 @@ namespace {
 class KdevNode : public ::testing::Test {
   protected:
     void SetUp() override {
-        const std::string why = aovtest::fuseUnavailable();
-        if (!why.empty()) {
-            GTEST_SKIP() << why;
+        aovtest::enterFuseSandboxOrSkip(&sandbox_, "aov-compliance");
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        std::string problem;
-        ASSERT_TRUE(sandbox_.enter("aov-compliance", &problem)) << problem;
         dir_ = sandbox_.dir();
     }
     void TearDown() override { server_.kill(); }

@@ -99,12 +99,10 @@ void expectCleanSessionWithoutFigures(const SimRun& run, const std::string& why)
 class ServedNode : public ::testing::Test {
   protected:
     void SetUp() override {
-        const std::string why = aovtest::fuseUnavailable();
-        if (!why.empty()) {
-            GTEST_SKIP() << why;
+        aovtest::enterFuseSandboxOrSkip(&sandbox_, "aov-any-node");
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        std::string problem;
-        ASSERT_TRUE(sandbox_.enter("aov-any-node", &problem)) << problem;
         dir_ = sandbox_.dir();
     }
     void TearDown() override {

@@ -612,12 +612,10 @@ INSTANTIATE_TEST_SUITE_P(
 class UserStartedServer : public ::testing::Test {
   protected:
     void SetUp() override {
-        const std::string why = aovtest::fuseUnavailable();
-        if (!why.empty()) {
-            GTEST_SKIP() << why;
+        aovtest::enterFuseSandboxOrSkip(&sandbox_, "aov-kdev-e2e");
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        std::string problem;
-        ASSERT_TRUE(sandbox_.enter("aov-kdev-e2e", &problem)) << problem;
         dir_ = sandbox_.dir();
     }
     void TearDown() override { server_.kill(); }

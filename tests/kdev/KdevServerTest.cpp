@@ -36,13 +36,10 @@ struct Seen {
 class KdevServerTest : public ::testing::Test {
   protected:
     void SetUp() override {
-        const std::string why = aovtest::fuseUnavailable();
-        if (!why.empty()) {
-            GTEST_SKIP() << why;
+        aovtest::enterFuseSandboxOrSkip(&sandbox_, "aov-kdev-test");
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        std::string problem;
-        ASSERT_TRUE(sandbox_.enter("aov-kdev-test", &problem)) << problem;
-
         dir_ = sandbox_.dir();
         auto trace = std::make_shared<aovsim::Trace>();
         aovsim::DriverConfig config;
@@ -54,6 +51,7 @@ class KdevServerTest : public ::testing::Test {
             std::lock_guard<std::mutex> guard(seen_.mutex);
             seen_.requests.push_back(request);
         });
+        std::string problem;
         if (!server_->mount(dir_, &problem)) {
             GTEST_SKIP() << "cannot mount FUSE here: " << problem;
         }

@@ -257,12 +257,10 @@ void PrintTo(const RoundTripCase& c, std::ostream* out) {
 class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
   protected:
     void SetUp() override {
-        const std::string why = aovtest::fuseUnavailable();
-        if (!why.empty()) {
-            GTEST_SKIP() << why;
+        aovtest::enterFuseSandboxOrSkip(&sandbox_, "aov-rec-kdev");
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
         }
-        std::string problem;
-        ASSERT_TRUE(sandbox_.enter("aov-rec-kdev", &problem)) << problem;
         dir_ = sandbox_.dir();
         session_ = tempPath(std::string(GetParam().name) + ".rec");
     }

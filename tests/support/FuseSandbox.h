@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "gtest/gtest.h"
+
 namespace aovtest {
 
 // Why FUSE tests cannot run here (no root, no usable /dev/fuse); empty when they can.
@@ -28,5 +30,17 @@ class MountSandbox {
   private:
     std::string dir_;
 };
+
+// For a fixture's SetUp: skips the test where FUSE tests cannot run, else
+// enters `sandbox` (failing the test when it cannot). SetUp then returns when
+// IsSkipped() or HasFatalFailure().
+inline void enterFuseSandboxOrSkip(MountSandbox* sandbox, const std::string& prefix) {
+    const std::string why = fuseUnavailable();
+    if (!why.empty()) {
+        GTEST_SKIP() << why;
+    }
+    std::string problem;
+    ASSERT_TRUE(sandbox->enter(prefix, &problem)) << problem;
+}
 
 }  // namespace aovtest
