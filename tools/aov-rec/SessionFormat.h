@@ -109,6 +109,10 @@ class ByteWriter {
     void u32(uint32_t v) { le(v, 4); }
     void u64(uint64_t v) { le(v, 8); }
     void put(const void* bytes, size_t n) {
+        // An empty payload may come as a null pointer, which memcpy must not see.
+        if (n == 0) {
+            return;
+        }
         if (uint8_t* at = reserve(n)) {
             std::memcpy(at, bytes, n);
         }
