@@ -353,6 +353,19 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
     EXPECT_EQ(callbackAreas.size(), static_cast<size_t>(3));
 
     if (c.scenario.empty()) {
+        // On a terminal the replay shows how far it got, and clears that
+        // line again before it ends.
+        const ProcessResult shown = runProcessOnTerminal(AOV_SIM_PATH, replayArgs);
+        ASSERT_EQ(shown.exit_code, 0) << shown.output;
+        const size_t first = shown.output.find("\r\033[Kreplay: ");
+        ASSERT_NE(first, std::string::npos) << "no progress line on a terminal:\n" << shown.output;
+        EXPECT_NE(shown.output.find(" events, ", first), std::string::npos) << shown.output;
+        EXPECT_NE(shown.output.find(" s left", first), std::string::npos) << shown.output;
+        const size_t last = shown.output.rfind("replay: ");
+        EXPECT_NE(shown.output.find("\r\033[K", last), std::string::npos)
+            << "the last progress line stays on the terminal:\n"
+            << shown.output;
+
         // Another aov_mode makes the library send another START.
         replayArgs.insert(replayArgs.end(), {"--aov-mode", "1"});
         const ProcessResult diverged = runProcess(AOV_SIM_PATH, replayArgs);

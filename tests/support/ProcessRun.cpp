@@ -1,6 +1,7 @@
 #include "ProcessRun.h"
 
 #include <fcntl.h>
+#include <pty.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,13 +14,14 @@
 
 extern char** environ;
 
-ProcessResult runProcess(const std::string& program, const std::vector<std::string>& args,
-                         const std::vector<std::string>& environment, size_t keep) {
+namespace {
+
+// Runs the program with its output going to fds[1] and reads it from fds[0];
+// closes both.
+ProcessResult runWithOutput(const int fds[2], const std::string& program,
+                            const std::vector<std::string>& args,
+                            const std::vector<std::string>& environment, size_t keep) {
     ProcessResult result;
-    int fds[2];
-    if (::pipe2(fds, O_CLOEXEC) != 0) {
-        return result;
-    }
     std::vector<char*> argv{const_cast<char*>(program.c_str())};
     for (const std::string& arg : args) {
         argv.push_back(const_cast<char*>(arg.c_str()));
@@ -66,6 +68,7 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
         if (n < 0 && errno == EINTR) {
             continue;
         }
+        // A terminal's reading side says EIO once the program's side is closed.
         if (n <= 0) {
             break;
         }
@@ -86,4 +89,26 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
     }
     result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
+}
+
+}  // namespace
+
+ProcessResult runProcess(const std::string& program, const std::vector<std::string>& args,
+                         const std::vector<std::string>& environment, size_t keep) {
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) {
+        return ProcessResult{};
+    }
+    return runWithOutput(fds, program, args, environment, keep);
+}
+
+ProcessResult runProcessOnTerminal(const std::string& program, const std::vector<std::string>& args,
+                                   const std::vector<std::string>& environment, size_t keep) {
+    int fds[2];
+    if (::openpty(&fds[0], &fds[1], nullptr, nullptr, nullptr) != 0) {
+        return ProcessResult{};
+    }
+    ::fcntl(fds[0], F_SETFD, FD_CLOEXEC);
+    ::fcntl(fds[1], F_SETFD, FD_CLOEXEC);
+    return runWithOutput(fds, program, args, environment, keep);
 }

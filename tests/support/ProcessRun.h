@@ -20,3 +20,9 @@ constexpr std::chrono::seconds kRunLimit{90};
 
 ProcessResult runProcess(const std::string& program, const std::vector<std::string>& args,
                          const std::vector<std::string>& environment = {}, size_t keep = 64 * 1024);
+
+// The same with the program's standard output and error on a terminal (a
+// pseudo-terminal the test reads), for what a program shows only there.
+ProcessResult runProcessOnTerminal(const std::string& program, const std::vector<std::string>& args,
+                                   const std::vector<std::string>& environment = {},
+                                   size_t keep = 64 * 1024);

@@ -618,14 +618,15 @@ const char* ReplayProgressLine::clearsProgress() {
 }
 
 void ReplayProgressLine::run() {
+    // Shown at once (the total is known from the start), then every quarter second.
     std::unique_lock<std::mutex> lock(mutex_);
-    while (!stop_cv_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; })) {
+    do {
         const ReplayProgress p = node_.progress();
         std::fprintf(out_, "\r\033[Kreplay: %llu of %llu events, %.1f s left",
                      static_cast<unsigned long long>(p.events),
                      static_cast<unsigned long long>(p.total), p.seconds_left);
         std::fflush(out_);
-    }
+    } while (!stop_cv_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; }));
 }
 
 bool ReplayProbe::read(aovsim::DriverStatus* status) {
