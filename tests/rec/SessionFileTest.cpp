@@ -293,6 +293,8 @@ TEST(SessionFile, ContentModesKeepAllAreasTheWrittenOnesOrNone) {
             EXPECT_EQ(r[1].areas[0].length, c.first_area);
         }
         EXPECT_EQ(r[1].back_len, sizeof(aov_event_query)) << "words are kept in every mode";
+        // The close after it carries nothing of the dequeue.
+        EXPECT_EQ(r[2].sent_len + r[2].back_len + r[2].area_count, 0);
     }
 }
 

@@ -220,6 +220,8 @@ SessionReader::Next SessionReader::next(Record* out) {
     if (frame.type == 0 || frame.type > kLastRecordType) {
         return fail(Next::Bad, where + "unknown record type " + number(frame.type));
     }
+    // Nothing of the previous record may show through a record of another type.
+    *out = Record{};
     out->index = records_;
     out->offset = at;
     if (!decode(frame.type, payload, frame.raw_len, out)) {
