@@ -129,7 +129,7 @@ class SessionReader {
     uint64_t offset_ = 0;
     std::vector<uint8_t> stored_;
     std::vector<uint8_t> raw_;
-    void* dctx_ = nullptr;
+    [[maybe_unused]] void* dctx_ = nullptr;  // unused in a build without zstd
     bool done_ = false;
 };
 

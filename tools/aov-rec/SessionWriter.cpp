@@ -15,10 +15,12 @@
 namespace aovrec {
 namespace {
 
+#if AOV_REC_HAVE_ZSTD
 // Payloads below this size are written as they are.
 constexpr size_t kCompressFrom = 1024;
 // zstd's fastest regular level: recording sits in the caller's path.
 constexpr int kZstdLevel = 1;
+#endif
 
 bool writeAll(int fd, const iovec* parts, int count, size_t total) {
     const ssize_t n = ::writev(fd, parts, count);
