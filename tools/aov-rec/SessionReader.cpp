@@ -6,12 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#ifndef AOV_REC_HAVE_ZSTD
-#define AOV_REC_HAVE_ZSTD 0
-#endif
-#if AOV_REC_HAVE_ZSTD
-#include <zstd.h>
-#endif
+#include "Zstd.h"
 
 #include "kelo_aov.h"
 

@@ -5,12 +5,7 @@
 
 #include <cerrno>
 
-#ifndef AOV_REC_HAVE_ZSTD
-#define AOV_REC_HAVE_ZSTD 0
-#endif
-#if AOV_REC_HAVE_ZSTD
-#include <zstd.h>
-#endif
+#include "Zstd.h"
 
 namespace aovrec {
 namespace {
