@@ -68,6 +68,7 @@ class Recording {
         aovrec::recordClose(aovrec::monotonicNs(), fd, result, errno);
     }
     std::vector<Record> read(SessionReader::Next* last = nullptr) {
+        EXPECT_TRUE(aovrec::drain()) << "the writer thread did not finish within its limit";
         bytes_ = readFile(path_);
         source_ = std::make_unique<aovrec::MemorySource>(bytes_.data(), bytes_.size());
         reader_ = std::make_unique<SessionReader>(*source_);
