@@ -336,6 +336,11 @@ void submitLocked(RecordType type, const ByteWriter& out, int slot) {
         // Nothing is queued: the writer thread is idle and stays so while
         // the lock is held; this thread writes.
         pthread_mutex_unlock(&g_rec.queue_lock);
+        // The writer thread may have failed since this record was begun.
+        if (g_rec.state.load() == State::Failed) {
+            releaseSlot(slot);
+            return;
+        }
         if (!g_rec.writer.write(type, data, out.size())) {
             fail("cannot write the session file", errno);
         }
