@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/ioctl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
@@ -217,6 +218,13 @@ void startWriterLocked() {
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    // Ordinary scheduling whatever the caller's: the writer is background
+    // work and must not run at a real-time thread's priority.
+    sched_param param{};
+    param.sched_priority = 0;
+    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
+    pthread_attr_setschedparam(&attr, &param);
     pthread_t thread;
     g_rec.writer_started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
     pthread_attr_destroy(&attr);
