@@ -8,7 +8,9 @@
 // A call on any other descriptor costs one lookup in a byte array and the
 // real call. Recorded calls keep their results and errno as the process saw
 // them; a file that cannot be written stops the recording (said once on
-// standard error) and the process goes on.
+// standard error) and the process goes on. A dequeue with data areas is
+// written by a writer thread of the recorder's own, in call order with the
+// other records; drain() waits until it has written everything queued.
 
 #include <poll.h>
 #include <sys/epoll.h>
