@@ -218,15 +218,25 @@ void startWriterLocked() {
     pthread_attr_t attr;
     pthread_attr_init(&attr);
     pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    // Ordinary scheduling whatever the caller's: the writer is background
-    // work and must not run at a real-time thread's priority.
+    // Background scheduling whatever the caller's: the writer never runs at
+    // a real-time thread's priority, and (batch) waking it does not preempt
+    // the thread that hands it a record on a busy core. Where the policy is
+    // refused, ordinary scheduling.
     sched_param param{};
     param.sched_priority = 0;
     pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-    pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
     pthread_attr_setschedparam(&attr, &param);
     pthread_t thread;
-    g_rec.writer_started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
+    bool started = false;
+#ifdef SCHED_BATCH
+    started = pthread_attr_setschedpolicy(&attr, SCHED_BATCH) == 0 &&
+              pthread_create(&thread, &attr, writerMain, nullptr) == 0;
+#endif
+    if (!started) {
+        pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
+        started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
+    }
+    g_rec.writer_started = started;
     pthread_attr_destroy(&attr);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     if (g_rec.writer_started) {
@@ -371,10 +381,13 @@ void submitLocked(RecordType type, const ByteWriter& out, int slot) {
     q.data = data;
     ++g_rec.queue_count;
     ++g_rec.handed_off;
-    if (g_rec.writer_waiting) {
+    const bool wake = g_rec.writer_waiting;
+    pthread_mutex_unlock(&g_rec.queue_lock);
+    // Woken after the unlock, the writer does not wake into a held lock
+    // only to sleep on it until this thread lets go (a second wake-up).
+    if (wake) {
         pthread_cond_signal(&g_rec.queue_work);
     }
-    pthread_mutex_unlock(&g_rec.queue_lock);
 }
 
 // Takes the lock unless this thread is already inside (a signal handler).
