@@ -1,8 +1,9 @@
 // Cost of the session recorder (tools/aov-rec), its core linked directly and
 // given the real calls, each figure next to its baseline from the same run:
 //  - BM_Rec_Passthrough_*: an ioctl on a descriptor that is not the node
-//    (FIONREAD on a pipe), bare and through the recorder's wrapper while a
-//    recording runs;
+//    (FIONREAD on a pipe), bare (in a single-threaded process, and with the
+//    recorder's writer thread alive) and through the recorder's wrapper
+//    while a recording runs;
 //  - BM_Rec_HeaderOnly_*: a dequeue whose event has no content, answered at
 //    once by a driver function, unrecorded and recorded;
 //  - BM_Rec_Content_*: a dequeue whose event has content in the five basic
@@ -158,6 +159,15 @@ void BM_Rec_Passthrough_BareIoctl(benchmark::State& state) {
     runBareKernelIoctl(state);
 }
 BENCHMARK(BM_Rec_Passthrough_BareIoctl);
+
+// The same once a recording has started the writer thread: the process has
+// a second thread from then on (the camera process has many), and the kernel
+// then counts a reference on every descriptor a system call looks up.
+void BM_Rec_Passthrough_BareIoctlWithWriterThread(benchmark::State& state) {
+    BenchRecording rec(aovrec::ContentMode::Written, true);
+    runBareKernelIoctl(state);
+}
+BENCHMARK(BM_Rec_Passthrough_BareIoctlWithWriterThread);
 
 void BM_Rec_Passthrough_ThroughRecorder(benchmark::State& state) {
     BenchRecording rec(aovrec::ContentMode::Written, true);
