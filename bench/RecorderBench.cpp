@@ -1,15 +1,20 @@
 // Cost of the session recorder (tools/aov-rec), its core linked directly and
 // given the real calls, each figure next to its baseline from the same run:
 //  - BM_Rec_Passthrough_*: an ioctl on a descriptor that is not the node
-//    (FIONREAD on a pipe), bare and through the recorder's wrapper while a
-//    recording runs;
+//    (FIONREAD on a pipe), bare (in a single-threaded process, and with the
+//    recorder's writer thread alive) and through the recorder's wrapper
+//    while a recording runs;
 //  - BM_Rec_HeaderOnly_*: a dequeue whose event has no content, answered at
 //    once by a driver function, unrecorded and recorded;
 //  - BM_Rec_Content_*: a dequeue whose event has content in the five basic
 //    areas (1,218,648 bytes), unrecorded, recorded (written areas, with and
 //    without zstd; the driver's fill pattern and incompressible bytes), and
 //    the copy of those bytes (memcpy) as the baseline, and their write to a
-//    file, the floor of writing them as they come.
+//    file. _Recorded is the latency the dequeue's caller sees while the
+//    writer thread keeps up: the timing pauses after each dequeue until the
+//    writer has written it. _Sustained is the rate of dequeues back to back,
+//    bound by the writer thread (its items per second; the time of each
+//    includes waiting for a free buffer).
 // The session file goes to $AOV_REC_BENCH_DIR (default /tmp) and is started
 // afresh every so many iterations, outside the timing.
 
@@ -58,6 +63,13 @@ class BenchRecording {
             stop();
             start();
             state.ResumeTiming();
+        }
+    }
+    // The same without pausing the timing (the caller pauses it).
+    void rotateUntimed(int64_t every) {
+        if (++count_ % every == 0) {
+            stop();
+            start();
         }
     }
     int fd() const { return fd_; }
@@ -147,6 +159,15 @@ void BM_Rec_Passthrough_BareIoctl(benchmark::State& state) {
     runBareKernelIoctl(state);
 }
 BENCHMARK(BM_Rec_Passthrough_BareIoctl);
+
+// The same once a recording has started the writer thread: the process has
+// a second thread from then on (the camera process has many), and the kernel
+// then counts a reference on every descriptor a system call looks up.
+void BM_Rec_Passthrough_BareIoctlWithWriterThread(benchmark::State& state) {
+    BenchRecording rec(aovrec::ContentMode::Written, true);
+    runBareKernelIoctl(state);
+}
+BENCHMARK(BM_Rec_Passthrough_BareIoctlWithWriterThread);
 
 void BM_Rec_Passthrough_ThroughRecorder(benchmark::State& state) {
     BenchRecording rec(aovrec::ContentMode::Written, true);
@@ -254,7 +275,10 @@ void BM_Rec_Content_Recorded(benchmark::State& state) {
         aov_event_query q = buffer.query();
         benchmark::DoNotOptimize(aovrec::ioctlHook(answer, rec.fd(), AOV_IOC_DEQUEUE_EVENT, &q));
         benchmark::DoNotOptimize(q);
-        rec.rotate(state, 64);
+        state.PauseTiming();
+        aovrec::drain();
+        rec.rotateUntimed(64);
+        state.ResumeTiming();
     }
     state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * basicAreaBytes()));
 }
@@ -264,6 +288,35 @@ BENCHMARK(BM_Rec_Content_Recorded)
     ->Args({0, 0})
     ->Args({1, 1})
     ->Args({0, 1});
+
+// Args as above. Each file is drained inside the timing before the next.
+void BM_Rec_Content_Sustained(benchmark::State& state) {
+    EventBuffer buffer;
+    fillAreas(buffer, state.range(1) != 0);
+    g_content = true;
+    BenchRecording rec(aovrec::ContentMode::Written, state.range(0) != 0);
+    int64_t count = 0;
+    for (auto _ : state) {
+        aov_event_query q = buffer.query();
+        benchmark::DoNotOptimize(aovrec::ioctlHook(answer, rec.fd(), AOV_IOC_DEQUEUE_EVENT, &q));
+        benchmark::DoNotOptimize(q);
+        if (++count % 64 == 0) {
+            aovrec::drain();
+            state.PauseTiming();
+            rec.rotateUntimed(1);
+            state.ResumeTiming();
+        }
+    }
+    aovrec::drain();
+    state.SetItemsProcessed(state.iterations());
+    state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * basicAreaBytes()));
+}
+BENCHMARK(BM_Rec_Content_Sustained)
+    ->ArgNames({"zstd", "random"})
+    ->Args({1, 0})
+    ->Args({0, 0})
+    ->Args({1, 1})
+    ->UseRealTime();
 
 }  // namespace
 

@@ -1,17 +1,25 @@
 // The session file through the recorder's core and back through the reader:
 // what each call leaves in the file, content modes, a file cut at every
-// byte, and files whose lengths and fields lie.
+// byte, and files whose lengths and fields lie; the writer thread (order
+// while it is busy or blocked, exit, write failure) and when a data area is
+// copied directly.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <deque>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -68,6 +76,7 @@ class Recording {
         aovrec::recordClose(aovrec::monotonicNs(), fd, result, errno);
     }
     std::vector<Record> read(SessionReader::Next* last = nullptr) {
+        EXPECT_TRUE(aovrec::drain()) << "the writer thread did not finish within its limit";
         bytes_ = readFile(path_);
         source_ = std::make_unique<aovrec::MemorySource>(bytes_.data(), bytes_.size());
         reader_ = std::make_unique<SessionReader>(*source_);
@@ -540,6 +549,407 @@ TEST(SessionFile, TheWrittenAreaRuleCapsAtTheAreaAndSkipsUnwrittenSections) {
     EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::All, 5, 0), aov_event_sections[5].data_size);
     EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::None, 5, 100), 0u);
     EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::All, 10, 0), 0u);
+}
+
+// A dequeue answered as answerDequeue does, numbered in its first header word.
+std::atomic<uint32_t> g_dequeues{0};
+int answerNumbered(int fd, unsigned long request, void* arg) {
+    const int result = answerDequeue(fd, request, arg);
+    static_cast<aov_event_query*>(arg)->header[0] = ++g_dequeues;
+    return result;
+}
+
+// A readiness record whose timeout names it.
+void smallRecord(int fd, int name) {
+    pollfd p{fd, POLLIN, 0};
+    aovrec::recordPoll(aovrec::WaitKind::Poll, aovrec::monotonicNs(), &p, 1, name, 0, 0);
+}
+
+// Whether an area holds what answerDequeue put there (section 3: nothing).
+bool filledAsAnswered(const aovrec::AreaView& area) {
+    const size_t s = area.section - 1u;
+    const uint8_t fill = s == 2 ? 0 : static_cast<uint8_t>(0x40 + s);
+    const uint32_t want =
+        s == 3 ? aov_event_sections[3].data_size : static_cast<uint32_t>((s + 1) * 100);
+    if (area.length != want) {
+        return false;
+    }
+    for (uint32_t i = 0; i < area.length; ++i) {
+        if (area.data[i] != fill) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// What a record says: "D<n>" for a dequeue numbered n whose nine areas came
+// out whole, "P<timeout>" for a readiness record, "open", "close", or what
+// is wrong with it.
+std::string describe(const Record& r) {
+    if (r.type == RecordType::Open || r.type == RecordType::Close) {
+        return r.type == RecordType::Open ? "open" : "close";
+    }
+    if (r.type == RecordType::Poll) {
+        return "P" + std::to_string(r.timeout_ms);
+    }
+    if (r.type == RecordType::Ioctl && r.back_len == sizeof(aov_event_query)) {
+        bool whole = r.area_count == 9;
+        for (uint8_t i = 0; whole && i < r.area_count; ++i) {
+            whole = filledAsAnswered(r.areas[i]);
+        }
+        return "D" + std::to_string(word(r.back, 0)) + (whole ? "" : " damaged");
+    }
+    return "unexpected record type " + std::to_string(static_cast<int>(r.type));
+}
+
+std::vector<std::string> describeAll(const std::vector<Record>& records) {
+    std::vector<std::string> out;
+    for (const Record& r : records) {
+        out.push_back(describe(r));
+    }
+    return out;
+}
+
+// The records of a file's bytes, described; `error` tells why reading stopped early.
+std::vector<std::string> describeBytes(const std::vector<uint8_t>& bytes, std::string* error) {
+    aovrec::MemorySource source(bytes.data(), bytes.size());
+    SessionReader reader(source);
+    std::vector<std::string> out;
+    if (!reader.start()) {
+        *error = reader.error();
+        return out;
+    }
+    Record r;
+    SessionReader::Next next;
+    while ((next = reader.next(&r)) == SessionReader::Next::Record) {
+        out.push_back(describe(r));
+    }
+    if (next != SessionReader::Next::End) {
+        *error = reader.error();
+    }
+    return out;
+}
+
+TEST(WriterThread, RecordsFromTwoThreadsComeOutCompleteAndEachThreadsInCallOrder) {
+    Recording rec(ContentMode::Written);
+    const int fd = rec.openNode();
+    g_dequeues = 0;
+    constexpr int kDequeues = 30;
+    constexpr int kSmall = 150;
+    std::thread other([fd] {
+        for (int i = 0; i < kSmall; ++i) {
+            smallRecord(fd, i);
+        }
+    });
+    std::vector<Dequeue> buffers(2);
+    for (int i = 0; i < kDequeues; ++i) {
+        Dequeue& dq = buffers[static_cast<size_t>(i % 2)];
+        aov_event_query query = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+    }
+    other.join();
+    rec.closeNode(fd);
+    const std::vector<std::string> got = describeAll(rec.read());
+    std::vector<std::string> dequeues, small;
+    for (const std::string& item : got) {
+        if (item[0] == 'D' || item[0] == 'P') {
+            (item[0] == 'D' ? dequeues : small).push_back(item);
+        }
+    }
+    ASSERT_EQ(got.size(), size_t{2 + kDequeues + kSmall});
+    EXPECT_EQ(got.front(), "open");
+    EXPECT_EQ(got.back(), "close");
+    ASSERT_EQ(dequeues.size(), size_t{kDequeues});
+    for (int i = 0; i < kDequeues; ++i) {
+        EXPECT_EQ(dequeues[static_cast<size_t>(i)], "D" + std::to_string(i + 1));
+    }
+    ASSERT_EQ(small.size(), size_t{kSmall});
+    for (int i = 0; i < kSmall; ++i) {
+        EXPECT_EQ(small[static_cast<size_t>(i)], "P" + std::to_string(i));
+    }
+    const aovrec::RecorderStats stats = aovrec::stats();
+    EXPECT_EQ(stats.written, got.size());
+    EXPECT_GE(stats.handed_off, uint64_t{kDequeues}) << "every content dequeue is queued";
+}
+
+// A session file that is a pipe: the writer thread blocks in its write
+// until the test reads, so the records after a content dequeue are queued
+// for certain.
+class PipeSession {
+  public:
+    PipeSession() {
+        path_ = ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_pipe.rec";
+        ::unlink(path_.c_str());
+        EXPECT_EQ(::mkfifo(path_.c_str(), 0600), 0) << std::strerror(errno);
+        reader_ = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        EXPECT_GE(reader_, 0) << std::strerror(errno);
+    }
+    ~PipeSession() {
+        if (drainer_.joinable()) {
+            drainer_.join();
+        }
+        closeReader();
+    }
+    const std::string& path() const { return path_; }
+    void closeReader() {
+        if (reader_ >= 0) {
+            ::close(reader_);
+            reader_ = -1;
+        }
+    }
+    // Reads on another thread until the writer closes its end.
+    void startReading() {
+        drainer_ = std::thread([this] {
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+            uint8_t chunk[65536];
+            while (std::chrono::steady_clock::now() < deadline) {
+                pollfd p{reader_, POLLIN, 0};
+                if (::poll(&p, 1, 100) <= 0) {
+                    continue;
+                }
+                const ssize_t n = ::read(reader_, chunk, sizeof(chunk));
+                if (n == 0) {
+                    ended_ = true;
+                    return;
+                }
+                if (n > 0) {
+                    bytes_.insert(bytes_.end(), chunk, chunk + n);
+                }
+            }
+        });
+    }
+    // The bytes once the writer's end is closed; false after 30 s without that.
+    bool finish(std::vector<uint8_t>* bytes) {
+        drainer_.join();
+        *bytes = bytes_;
+        return ended_;
+    }
+
+  private:
+    std::string path_;
+    int reader_ = -1;
+    std::thread drainer_;
+    std::vector<uint8_t> bytes_;
+    bool ended_ = false;
+};
+
+TEST(WriterThread, WhileTheWriterIsBlockedSmallRecordsQueueBehindTheContentInCallOrder) {
+    PipeSession pipe;
+    std::vector<uint8_t> bytes;
+    {
+        // Uncompressed: each dequeue is far more than the pipe holds.
+        Recording rec(ContentMode::Written, false, pipe.path());
+        const int fd = rec.openNode();
+        ASSERT_FALSE(aovrec::stats().failed);
+        g_dequeues = 0;
+        Dequeue dq;
+        // Both content buffers and twelve queue entries, none written yet.
+        for (int round = 0; round < 2; ++round) {
+            aov_event_query query = dq.query;
+            ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+            for (int i = 0; i < 5; ++i) {
+                smallRecord(fd, round * 5 + i);
+            }
+        }
+        pipe.startReading();
+        aov_event_query query = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+        smallRecord(fd, 10);
+        rec.closeNode(fd);
+        const aovrec::RecorderStats stats = aovrec::stats();
+        EXPECT_GE(stats.handed_off, 12u) << "the records behind the blocked write were queued";
+        EXPECT_EQ(stats.written, 16u);
+        aovrec::configure(aovrec::RecorderConfig{});  // closes the writer's end
+        ASSERT_TRUE(pipe.finish(&bytes)) << "the session file was not closed within 30 s";
+    }
+    std::string error;
+    const std::vector<std::string> got = describeBytes(bytes, &error);
+    EXPECT_EQ(error, "");
+    const std::vector<std::string> want = {"open", "D1", "P0", "P1", "P2", "P3", "P4",  "D2",
+                                           "P5",   "P6", "P7", "P8", "P9", "D3", "P10", "close"};
+    EXPECT_EQ(got, want);
+}
+
+TEST(WriterThread, ANormalExitWritesWhatIsStillQueued) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    // The child process runs this test again: the path comes from the parent.
+    if (std::getenv("AOVREC_EXIT_TEST_FILE") == nullptr) {
+        const std::string path =
+            ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_exit.rec";
+        ::setenv("AOVREC_EXIT_TEST_FILE", path.c_str(), 1);
+    }
+    const std::string path = std::getenv("AOVREC_EXIT_TEST_FILE");
+    EXPECT_EXIT(
+        {
+            aovrec::RecorderConfig config;
+            config.file = path.c_str();
+            config.content = ContentMode::Written;
+            config.compress = false;
+            config.node = kNode;
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            Dequeue dq;
+            for (int i = 0; i < 8; ++i) {
+                aov_event_query query = dq.query;
+                aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query);
+            }
+            smallRecord(fd, 7);
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    std::string error;
+    const std::vector<std::string> got = describeBytes(readFile(path), &error);
+    ::unlink(path.c_str());
+    EXPECT_EQ(error, "");
+    const std::vector<std::string> want = {"open", "D1", "D2", "D3", "D4",
+                                           "D5",   "D6", "D7", "D8", "P7"};
+    EXPECT_EQ(got, want);
+}
+
+// Standard error into a file for the length of a test.
+class CapturedStderr {
+  public:
+    CapturedStderr() {
+        path_ = ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_stderr";
+        file_ = ::open(path_.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        saved_ = ::dup(2);
+        ::dup2(file_, 2);
+    }
+    ~CapturedStderr() { restore(); }
+    std::string text() {
+        restore();
+        const std::vector<uint8_t> bytes = readFile(path_);
+        ::unlink(path_.c_str());
+        return std::string(bytes.begin(), bytes.end());
+    }
+
+  private:
+    void restore() {
+        if (saved_ >= 0) {
+            ::dup2(saved_, 2);
+            ::close(saved_);
+            ::close(file_);
+            saved_ = -1;
+        }
+    }
+    std::string path_;
+    int file_ = -1;
+    int saved_ = -1;
+};
+
+TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
+    PipeSession pipe;
+    CapturedStderr err;
+    {
+        Recording rec(ContentMode::Written, false, pipe.path());
+        const int fd = rec.openNode();
+        ASSERT_FALSE(aovrec::stats().failed);
+        pipe.closeReader();  // the next write fails (EPIPE; SIGPIPE stays blocked there)
+        for (int i = 0; i < 3; ++i) {
+            Dequeue dq;
+            errno = 0;
+            EXPECT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query),
+                      0);
+            EXPECT_EQ(dq.query.header[1], 11u) << "the caller gets the driver's answer";
+            EXPECT_TRUE(aovrec::drain());
+            EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+            EXPECT_EQ(errno, EIO);
+        }
+        EXPECT_TRUE(aovrec::stats().failed);
+        EXPECT_FALSE(aovrec::g_armed.load());
+        rec.closeNode(fd);
+    }
+    const std::string text = err.text();
+    const std::string line = "aov-rec: recording stopped: cannot write the session file: ";
+    EXPECT_NE(text.find(line), std::string::npos) << text;
+    EXPECT_EQ(text.find(line), text.rfind(line)) << text;
+}
+
+// An event buffer of its own pages, so that parts of it can be made unreadable.
+struct MappedDequeue {
+    MappedDequeue() {
+        room = ::mmap(nullptr, sizeof(aov_event), PROT_READ | PROT_WRITE,
+                      MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        EXPECT_NE(room, MAP_FAILED);
+        for (const aov_section_desc& section : aov_event_sections) {
+            void* area = static_cast<uint8_t*>(room) + section.data_offset;
+            std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
+                        sizeof(area));
+        }
+    }
+    ~MappedDequeue() { ::munmap(room, sizeof(aov_event)); }
+    void* room = MAP_FAILED;
+    aov_event_query query{};
+};
+
+// The driver answers section 1 at this address instead of the one sent.
+void* g_moved_area = nullptr;
+int answerElsewhere(int fd, unsigned long request, void* arg) {
+    const int result = answerDequeue(fd, request, arg);
+    std::memcpy(static_cast<uint8_t*>(arg) + aov_event_sections[0].query_addr_offset, &g_moved_area,
+                sizeof(g_moved_area));
+    return result;
+}
+
+TEST(AreaCopy, OnlyAreasTheDriverWroteWhereTheCallerAskedAndOnceVerifiedAreCopiedDirectly) {
+    Recording rec(ContentMode::Written);
+    const int fd = rec.openNode();
+    MappedDequeue first;
+    const aovrec::RecorderStats before = aovrec::stats();
+    // First event: each of the nine areas is read by the kernel, then copied.
+    aov_event_query q1 = first.query;
+    ASSERT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &q1), 0);
+    const aovrec::RecorderStats once = aovrec::stats();
+    EXPECT_EQ(once.areas_checked - before.areas_checked, 9u);
+    EXPECT_EQ(once.areas_direct - before.areas_direct, 0u);
+    aov_event_query q2 = first.query;
+    ASSERT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &q2), 0);
+    const aovrec::RecorderStats twice = aovrec::stats();
+    EXPECT_EQ(twice.areas_checked - once.areas_checked, 0u);
+    EXPECT_EQ(twice.areas_direct - once.areas_direct, 9u);
+
+    // The verified section 1 of the first buffer becomes unreadable; the
+    // driver answers with that address for a record that named another.
+    ASSERT_EQ(::mprotect(first.room, 4096, PROT_NONE), 0);
+    MappedDequeue second;
+    g_moved_area = static_cast<uint8_t*>(first.room) + aov_event_sections[0].data_offset;
+    aov_event_query q3 = second.query;
+    ASSERT_EQ(aovrec::trackedIoctl(answerElsewhere, fd, AOV_IOC_DEQUEUE_EVENT, &q3), 0);
+    // A sent address that is not mapped (section 3, which the driver says
+    // it wrote but does not touch) in a record that is otherwise verified.
+    void* hole = ::mmap(nullptr, 1 << 20, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(hole, MAP_FAILED);
+    aov_event_query q4 = second.query;
+    std::memcpy(reinterpret_cast<uint8_t*>(&q4) + aov_event_sections[2].query_addr_offset, &hole,
+                sizeof(hole));
+    ASSERT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &q4), 0);
+    const aovrec::RecorderStats after = aovrec::stats();
+    rec.closeNode(fd);
+    ::munmap(hole, 1 << 20);
+
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 6u);
+    for (size_t i = 1; i <= 4; ++i) {
+        for (uint8_t a = 0; a < r[i].area_count; ++a) {
+            EXPECT_TRUE(filledAsAnswered(r[i].areas[a]))
+                << "dequeue " << i << " section " << int{r[i].areas[a].section};
+        }
+    }
+    EXPECT_EQ(r[1].area_count, 9);
+    EXPECT_EQ(r[2].area_count, 9);
+    // Section 1 moved to unreadable memory: read by the kernel, left out.
+    ASSERT_EQ(r[3].area_count, 8);
+    EXPECT_NE(r[3].areas[0].section, 1);
+    // Section 3 unmapped where the caller sent it: left out as well.
+    ASSERT_EQ(r[4].area_count, 8);
+    for (uint8_t a = 0; a < r[4].area_count; ++a) {
+        EXPECT_NE(r[4].areas[a].section, 3);
+    }
+    // Of the second buffer's areas, each was read by the kernel the first
+    // time: the moved one and the hole twice over.
+    EXPECT_EQ(after.areas_checked - twice.areas_checked, 9u + 1u + 1u);
+    EXPECT_EQ(after.areas_direct - twice.areas_direct, 7u);
 }
 
 }  // namespace

@@ -67,6 +67,12 @@ __attribute__((constructor)) void startRecorder() {
     aovrec::configureFromEnvironment();
 }
 
+// After the program's own exit handlers (whose calls on the node are
+// recorded too): what the writer thread still has queued goes to the file.
+__attribute__((destructor)) void finishRecorder() {
+    aovrec::drain();
+}
+
 }  // namespace
 
 #define AOVREC_MODE(flags)                           \

@@ -3,12 +3,14 @@
 #include <fcntl.h>
 #include <linux/ioctl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -29,6 +31,32 @@ namespace {
 constexpr size_t kMaxConfigPath = 4096;
 constexpr int kMaxWatches = 32;
 
+// Every record but a dequeue with data areas fits this (an open of the
+// longest path is 4,137 bytes, an ioctl with both records 2,090).
+constexpr size_t kSmallRecord = 8192;
+// Payload buffers of content dequeues: one being written, one being filled.
+constexpr int kContentSlots = 2;
+constexpr int kSmallSlot = -1;
+// Records queued for the writer thread at most.
+constexpr size_t kQueueLength = 16;
+// Data-area ranges known to be readable.
+constexpr size_t kVerifiedRanges = 16;
+// How long drain() waits for the writer thread.
+constexpr time_t kDrainLimitSeconds = 10;
+
+// A record handed to the writer thread.
+struct Queued {
+    RecordType type = RecordType::Open;
+    uint32_t size = 0;
+    int slot = kSmallSlot;  // the content buffer it occupies, if any
+    const uint8_t* data = nullptr;
+};
+
+struct Range {
+    uintptr_t start = 0;
+    size_t length = 0;
+};
+
 // One node descriptor registered with an epoll descriptor, and the data the
 // registration returns with its events.
 struct Watch {
@@ -39,7 +67,17 @@ struct Watch {
 
 enum class State { Off, Armed, Recording, Failed };
 
-// Everything below g_lock is guarded by it, except `state`, which is atomic.
+// Records are built under `lock`, in the order the calls reach it, and
+// written in that order: a content dequeue (megabytes to compress and write)
+// is queued for the writer thread, which compresses, checks and writes it
+// while the caller goes on. Any other record is written by its caller when
+// nothing is queued (no thread wake-up), else queued behind the others. The
+// session writer is used by one thread at a time: the writer thread while
+// anything is queued, a caller (holding `lock`) only when nothing is.
+//
+// Everything is guarded by `lock` except the atomics and what is marked as
+// guarded by `queue_lock` (always taken after `lock`; the writer thread takes
+// only `queue_lock`).
 struct Recorder {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     std::atomic<State> state{State::Off};
@@ -49,17 +87,43 @@ struct Recorder {
     ContentMode content = ContentMode::Written;
     bool compress = true;
     int out_fd = -1;
-    uint8_t* payload = nullptr;  // kMaxPayload bytes, mapped at the first node open
+    // Mapped at the first node open: the content buffers, the writer's room
+    // for compressed frames, the small record being built, the queue's room.
+    uint8_t* slots[kContentSlots] = {};
     uint8_t* work = nullptr;
     size_t work_size = 0;
+    uint8_t* small = nullptr;
+    uint8_t* queue_bytes = nullptr;  // kQueueLength small records
     SessionWriter writer;
+    bool writer_started = false;  // the writer thread runs (for good)
     Watch watches[kMaxWatches];
+    Range verified[kVerifiedRanges];
+    size_t verified_next = 0;
     std::atomic<uint64_t> dropped{0};
+    std::atomic<uint64_t> areas_checked{0};
+    std::atomic<uint64_t> areas_direct{0};
     std::atomic<bool> direct_copy{false};  // process_vm_readv refused: copy directly
-    pid_t pid = 0;
+    std::atomic<bool> forked_child{false};
+
+    pthread_mutex_t queue_lock = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t queue_work = PTHREAD_COND_INITIALIZER;  // the writer waits for records
+    pthread_cond_t queue_room = PTHREAD_COND_INITIALIZER;  // callers and drain() wait for it
+    Queued queue[kQueueLength];                            // guarded by queue_lock
+    size_t queue_head = 0;                                 // guarded by queue_lock
+    size_t queue_count = 0;              // queued and being written; guarded by queue_lock
+    bool slot_busy[kContentSlots] = {};  // guarded by queue_lock
+    bool writer_waiting = false;         // guarded by queue_lock
+    uint64_t handed_off = 0;             // guarded by queue_lock
 };
 
-Recorder g_rec;
+// Never destroyed: the writer thread may still run while the process exits.
+union RecorderRoom {
+    constexpr RecorderRoom() : rec() {}
+    ~RecorderRoom() {}
+    Recorder rec;
+};
+RecorderRoom g_room;
+Recorder& g_rec = g_room.rec;
 
 // Set while a thread is inside the recorder: a signal handler's call on the
 // node then passes through unrecorded instead of waiting for the lock.
@@ -87,13 +151,12 @@ void say(const char* a, const char* b = "", const char* c = "", const char* d = 
     }
 }
 
-// Stops the recording for good after a failure, saying so once.
+// Stops the recording for good after a failure, saying so once. Called by
+// callers and by the writer thread.
 void fail(const char* what, int err) {
-    State expected = g_rec.state.load();
-    if (expected == State::Failed) {
+    if (g_rec.state.exchange(State::Failed) == State::Failed) {
         return;
     }
-    g_rec.state.store(State::Failed);
     g_armed.store(false);
     char reason[128];
     const char* text = ::strerror_r(err, reason, sizeof(reason));
@@ -101,10 +164,86 @@ void fail(const char* what, int err) {
 }
 
 void onForkChild() {
-    // The child's calls would mix with the parent's in one file.
+    // The child's calls would mix with the parent's in one file. The writer
+    // thread is not in the child: nothing of the queue is touched there (its
+    // lock may have been held by the thread at the fork).
+    g_rec.forked_child.store(true);
     g_rec.state.store(State::Off);
     g_armed.store(false);
     t_tid = 0;
+}
+
+// The writer thread: writes the queued records in order, for good.
+void* writerMain(void*) {
+    t_inside = true;
+    pthread_mutex_lock(&g_rec.queue_lock);
+    for (;;) {
+        while (g_rec.queue_count == 0) {
+            g_rec.writer_waiting = true;
+            pthread_cond_wait(&g_rec.queue_work, &g_rec.queue_lock);
+            g_rec.writer_waiting = false;
+        }
+        const Queued q = g_rec.queue[g_rec.queue_head];
+        pthread_mutex_unlock(&g_rec.queue_lock);
+        // After a failure the queue is emptied without writing.
+        if (g_rec.state.load() != State::Failed && !g_rec.writer.write(q.type, q.data, q.size)) {
+            fail("cannot write the session file", errno);
+        }
+        pthread_mutex_lock(&g_rec.queue_lock);
+        if (q.slot != kSmallSlot) {
+            g_rec.slot_busy[q.slot] = false;
+        }
+        g_rec.queue_head = (g_rec.queue_head + 1) % kQueueLength;
+        --g_rec.queue_count;
+        pthread_cond_broadcast(&g_rec.queue_room);
+    }
+    return nullptr;
+}
+
+void drainAtExit() {
+    drain();
+}
+
+// Starts the writer thread once, with every signal blocked in it: a
+// handler never runs there. Without it every record is written by its
+// caller. Under the lock.
+void startWriterLocked() {
+    if (g_rec.writer_started) {
+        return;
+    }
+    sigset_t all;
+    sigset_t old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    pthread_attr_t attr;
+    pthread_attr_init(&attr);
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    // Background scheduling whatever the caller's: the writer never runs at
+    // a real-time thread's priority, and (batch) waking it does not preempt
+    // the thread that hands it a record on a busy core. Where the policy is
+    // refused, ordinary scheduling.
+    sched_param param{};
+    param.sched_priority = 0;
+    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
+    pthread_attr_setschedparam(&attr, &param);
+    pthread_t thread;
+    bool started = false;
+#ifdef SCHED_BATCH
+    started = pthread_attr_setschedpolicy(&attr, SCHED_BATCH) == 0 &&
+              pthread_create(&thread, &attr, writerMain, nullptr) == 0;
+#endif
+    if (!started) {
+        pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
+        started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
+    }
+    g_rec.writer_started = started;
+    pthread_attr_destroy(&attr);
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+    if (g_rec.writer_started) {
+        // A normal exit writes what is queued (the preload library drains
+        // once more after every other exit handler).
+        std::atexit(drainAtExit);
+    }
 }
 
 // Opens the file and writes its header, at the first node open. Under the lock.
@@ -127,16 +266,30 @@ bool startLocked() {
         }
     }
     path[at] = '\0';
-    if (g_rec.payload == nullptr) {
+    if (g_rec.small == nullptr) {
         g_rec.work_size = SessionWriter::workBytes();
-        void* room = ::mmap(nullptr, kMaxPayload + g_rec.work_size, PROT_READ | PROT_WRITE,
-                            MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        const size_t bytes = kContentSlots * size_t{kMaxPayload} + g_rec.work_size +
+                             (kQueueLength + 1) * kSmallRecord;
+        void* room =
+            ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (room == MAP_FAILED) {
             fail("no memory for its buffers", errno);
             return false;
         }
-        g_rec.payload = static_cast<uint8_t*>(room);
-        g_rec.work = g_rec.work_size > 0 ? g_rec.payload + kMaxPayload : nullptr;
+        uint8_t* at = static_cast<uint8_t*>(room);
+        for (uint8_t*& slot : g_rec.slots) {
+            slot = at;
+            at += kMaxPayload;
+        }
+        g_rec.work = g_rec.work_size > 0 ? at : nullptr;
+        at += g_rec.work_size;
+        g_rec.small = at;
+        g_rec.queue_bytes = at + kSmallRecord;
+    }
+    if (!drain()) {
+        // The writer thread is stuck in a write of the previous recording.
+        fail("the previous session file is still being written", EBUSY);
+        return false;
     }
     const int fd = static_cast<int>(
         ::syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
@@ -156,17 +309,84 @@ bool startLocked() {
         return false;
     }
     g_rec.out_fd = fd;
+    startWriterLocked();
     g_rec.state.store(State::Recording);
     return true;
 }
 
-void writeLocked(RecordType type, const ByteWriter& out) {
-    if (out.overflow()) {
-        g_rec.dropped.fetch_add(1);
+void releaseSlot(int slot) {
+    if (slot == kSmallSlot) {
         return;
     }
-    if (!g_rec.writer.write(type, g_rec.payload, out.size())) {
-        fail("cannot write the session file", errno);
+    pthread_mutex_lock(&g_rec.queue_lock);
+    g_rec.slot_busy[slot] = false;
+    pthread_mutex_unlock(&g_rec.queue_lock);
+}
+
+// A free content buffer, waiting for the writer thread if both are queued.
+// Under the lock.
+int takeSlotLocked() {
+    pthread_mutex_lock(&g_rec.queue_lock);
+    for (;;) {
+        for (int i = 0; i < kContentSlots; ++i) {
+            if (!g_rec.slot_busy[i]) {
+                g_rec.slot_busy[i] = true;
+                pthread_mutex_unlock(&g_rec.queue_lock);
+                return i;
+            }
+        }
+        pthread_cond_wait(&g_rec.queue_room, &g_rec.queue_lock);
+    }
+}
+
+// Writes the record built in `slot` (or the small record) or queues it for
+// the writer thread. Under the lock, so records keep the order in which
+// they were built.
+void submitLocked(RecordType type, const ByteWriter& out, int slot) {
+    if (out.overflow()) {
+        g_rec.dropped.fetch_add(1);
+        releaseSlot(slot);
+        return;
+    }
+    const uint8_t* data = slot == kSmallSlot ? g_rec.small : g_rec.slots[slot];
+    pthread_mutex_lock(&g_rec.queue_lock);
+    if (!g_rec.writer_started || (slot == kSmallSlot && g_rec.queue_count == 0)) {
+        // Nothing is queued: the writer thread is idle and stays so while
+        // the lock is held; this thread writes.
+        pthread_mutex_unlock(&g_rec.queue_lock);
+        // The writer thread may have failed since this record was begun.
+        if (g_rec.state.load() == State::Failed) {
+            releaseSlot(slot);
+            return;
+        }
+        if (!g_rec.writer.write(type, data, out.size())) {
+            fail("cannot write the session file", errno);
+        }
+        releaseSlot(slot);
+        return;
+    }
+    while (g_rec.queue_count == kQueueLength) {
+        pthread_cond_wait(&g_rec.queue_room, &g_rec.queue_lock);
+    }
+    const size_t index = (g_rec.queue_head + g_rec.queue_count) % kQueueLength;
+    Queued& q = g_rec.queue[index];
+    q.type = type;
+    q.size = static_cast<uint32_t>(out.size());
+    q.slot = slot;
+    if (slot == kSmallSlot) {
+        uint8_t* room = g_rec.queue_bytes + index * kSmallRecord;
+        std::memcpy(room, data, out.size());
+        data = room;
+    }
+    q.data = data;
+    ++g_rec.queue_count;
+    ++g_rec.handed_off;
+    const bool wake = g_rec.writer_waiting;
+    pthread_mutex_unlock(&g_rec.queue_lock);
+    // Woken after the unlock, the writer does not wake into a held lock
+    // only to sleep on it until this thread lets go (a second wake-up).
+    if (wake) {
+        pthread_cond_signal(&g_rec.queue_work);
     }
 }
 
@@ -249,18 +469,77 @@ void forgetWatchesLocked(int epfd, int fd) {
     }
 }
 
-// Area bytes kept of one section of a dequeue answer, into the payload.
-void putAreas(ByteWriter& out, size_t count_at, const uint8_t* back, size_t back_len) {
-    if (back_len < sizeof(aov_event_query) || g_rec.content == ContentMode::None) {
-        return;
+// Whether [at, at + size) lies in a range read successfully before.
+bool verifiedLocked(const void* at, size_t size) {
+    const auto start = reinterpret_cast<uintptr_t>(at);
+    for (const Range& r : g_rec.verified) {
+        if (r.length >= size && start >= r.start && start - r.start <= r.length - size) {
+            return true;
+        }
     }
+    return false;
+}
+
+void rememberLocked(const void* at, size_t size) {
+    const auto start = reinterpret_cast<uintptr_t>(at);
+    for (Range& r : g_rec.verified) {
+        if (r.start == start) {
+            r.length = r.length > size ? r.length : size;
+            return;
+        }
+    }
+    g_rec.verified[g_rec.verified_next] = Range{start, size};
+    g_rec.verified_next = (g_rec.verified_next + 1) % kVerifiedRanges;
+}
+
+// The address of section `s`'s data area in a dequeue record.
+const void* areaAddress(const uint8_t* record, size_t s) {
+    const void* area;
+    std::memcpy(&area, record + aov_event_sections[s].query_addr_offset, sizeof(area));
+    return area;
+}
+
+uint32_t firstInfoWord(const uint8_t* record, size_t s) {
+    uint32_t word;
+    std::memcpy(&word, record + aov_event_sections[s].query_info_offset, sizeof(word));
+    return word;
+}
+
+// Area bytes a dequeue answer asks to keep; 0 for a header-only event.
+uint64_t contentBytes(const uint8_t* back, size_t back_len) {
+    if (back_len < sizeof(aov_event_query) || g_rec.content == ContentMode::None) {
+        return 0;
+    }
+    uint64_t total = 0;
+    for (size_t s = 0; s < kSections; ++s) {
+        if (areaAddress(back, s) != nullptr) {
+            total += keptAreaBytes(g_rec.content, s, firstInfoWord(back, s));
+        }
+    }
+    return total;
+}
+
+// Area bytes kept of each section of a successful dequeue's answer `back`,
+// into the payload; `sent` is the record as the caller sent it.
+//
+// An area is copied with memcpy only when the driver has just written it
+// for this caller: the dequeue succeeded, the answer points where the
+// caller's record pointed (so the address is the process's own, not one
+// the driver made up), the driver says it wrote the area (its first info
+// word), and the range was once read through process_vm_readv. The kernel
+// has then just written that memory on the process's behalf, and the
+// process keeps reusing one event buffer, so after its first event every
+// area is a plain copy. Anything else, an address the process got wrong
+// included, is read by the kernel (process_vm_readv) and left out when it
+// cannot be read: the recorder never faults where the process would not.
+// What remains is a process that unmaps its buffer and still dequeues into
+// it, with a driver that claims to have written there.
+void putAreas(ByteWriter& out, size_t count_at, const uint8_t* back, const uint8_t* sent,
+              size_t sent_len) {
     uint8_t count = 0;
     for (size_t s = 0; s < kSections; ++s) {
-        const aov_section_desc& section = aov_event_sections[s];
-        uint32_t first_word;
-        std::memcpy(&first_word, back + section.query_info_offset, sizeof(first_word));
-        const void* area;
-        std::memcpy(&area, back + section.query_addr_offset, sizeof(area));
+        const uint32_t first_word = firstInfoWord(back, s);
+        const void* area = areaAddress(back, s);
         const uint32_t kept = keptAreaBytes(g_rec.content, s, first_word);
         if (kept == 0 || area == nullptr) {
             continue;
@@ -274,10 +553,18 @@ void putAreas(ByteWriter& out, size_t count_at, const uint8_t* back, size_t back
         if (room == nullptr) {
             return;
         }
-        if (!safeCopy(room, area, kept)) {
-            // Unreadable: the area is left out.
-            out.truncate(head_at);
-            continue;
+        const bool as_sent = sent_len >= sizeof(aov_event_query) && areaAddress(sent, s) == area;
+        if (as_sent && first_word != 0 && verifiedLocked(area, kept)) {
+            std::memcpy(room, area, kept);
+            g_rec.areas_direct.fetch_add(1, std::memory_order_relaxed);
+        } else {
+            g_rec.areas_checked.fetch_add(1, std::memory_order_relaxed);
+            if (!safeCopy(room, area, kept)) {
+                // Unreadable: the area is left out.
+                out.truncate(head_at);
+                continue;
+            }
+            rememberLocked(area, kept);
         }
         ++count;
     }
@@ -293,6 +580,9 @@ uint64_t monotonicNs() {
 }
 
 void configure(const RecorderConfig& config) {
+    if (g_rec.forked_child.load()) {
+        return;  // a forked child is not recorded
+    }
     pthread_mutex_lock(&g_rec.lock);
     copyPath(g_rec.file, config.file);
     copyPath(g_rec.node, config.node != nullptr ? config.node : "/dev/kelo_aov");
@@ -303,6 +593,11 @@ void configure(const RecorderConfig& config) {
     }
     g_rec.content = config.content;
     g_rec.compress = config.compress;
+    // The previous recording's queued records go to its file.
+    drain();
+    for (Range& r : g_rec.verified) {
+        r = Range{};
+    }
     if (g_rec.out_fd >= 0) {
         ::syscall(SYS_close, g_rec.out_fd);
         g_rec.out_fd = -1;
@@ -336,14 +631,39 @@ void configureFromEnvironment() {
     configure(config);
 }
 
+bool drain() {
+    if (g_rec.forked_child.load()) {
+        return true;
+    }
+    timespec deadline;
+    ::clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += kDrainLimitSeconds;
+    pthread_mutex_lock(&g_rec.queue_lock);
+    while (g_rec.queue_count > 0 &&
+           pthread_cond_timedwait(&g_rec.queue_room, &g_rec.queue_lock, &deadline) != ETIMEDOUT) {
+    }
+    const bool drained = g_rec.queue_count == 0;
+    pthread_mutex_unlock(&g_rec.queue_lock);
+    return drained;
+}
+
 RecorderStats stats() {
     RecorderStats s;
+    if (g_rec.forked_child.load()) {
+        return s;
+    }
     pthread_mutex_lock(&g_rec.lock);
+    drain();
     s.started = g_rec.out_fd >= 0;
     s.failed = g_rec.state.load() == State::Failed;
+    pthread_mutex_lock(&g_rec.queue_lock);
     s.written = g_rec.writer.records();
+    s.handed_off = g_rec.handed_off;
+    pthread_mutex_unlock(&g_rec.queue_lock);
     pthread_mutex_unlock(&g_rec.lock);
     s.dropped = g_rec.dropped.load();
+    s.areas_checked = g_rec.areas_checked.load();
+    s.areas_direct = g_rec.areas_direct.load();
     return s;
 }
 
@@ -370,14 +690,14 @@ void recordOpen(uint64_t begin_ns, int dirfd, const char* path, int flags, mode_
     {
         Scope scope;
         if (scope.held()) {
-            ByteWriter out(g_rec.payload, kMaxPayload);
+            ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);
             out.u32(static_cast<uint32_t>(flags));
             out.u32(static_cast<uint32_t>(mode));
             const size_t length = strnlen(path, kMaxPath);
             out.u16(static_cast<uint16_t>(length));
             out.put(path, length);
-            writeLocked(RecordType::Open, out);
+            submitLocked(RecordType::Open, out, kSmallSlot);
         }
     }
     errno = err;
@@ -403,9 +723,9 @@ void recordClose(uint64_t begin_ns, int fd, int result, int err) {
     {
         Scope scope;
         if (scope.held()) {
-            ByteWriter out(g_rec.payload, kMaxPayload);
+            ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);
-            writeLocked(RecordType::Close, out);
+            submitLocked(RecordType::Close, out, kSmallSlot);
         }
     }
     errno = err;
@@ -457,7 +777,7 @@ void recordPoll(WaitKind kind, uint64_t begin_ns, const pollfd* fds, nfds_t n, i
     {
         Scope scope;
         if (scope.held()) {
-            ByteWriter out(g_rec.payload, kMaxPayload);
+            ByteWriter out(g_rec.small, kSmallRecord);
             WaitPayload wait(out, call, kind, timeout_ms);
             for (nfds_t i = 0; i < n && !wait.full(); ++i) {
                 if (fdHas(fds[i].fd, kFdNode)) {
@@ -466,7 +786,7 @@ void recordPoll(WaitKind kind, uint64_t begin_ns, const pollfd* fds, nfds_t n, i
                 }
             }
             wait.finish();
-            writeLocked(RecordType::Poll, out);
+            submitLocked(RecordType::Poll, out, kSmallSlot);
         }
     }
     errno = err;
@@ -512,13 +832,13 @@ void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_eve
     {
         Scope scope;
         if (scope.held()) {
-            ByteWriter out(g_rec.payload, kMaxPayload);
+            ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);
             out.u32(static_cast<uint32_t>(op));
             out.u32(static_cast<uint32_t>(fd));
             out.u32(events);
             out.u64(data);
-            writeLocked(RecordType::EpollCtl, out);
+            submitLocked(RecordType::EpollCtl, out, kSmallSlot);
         }
     }
     errno = err;
@@ -530,7 +850,7 @@ void recordEpollWait(WaitKind kind, uint64_t begin_ns, int epfd, const epoll_eve
     {
         Scope scope;
         if (scope.held()) {
-            ByteWriter out(g_rec.payload, kMaxPayload);
+            ByteWriter out(g_rec.small, kSmallRecord);
             WaitPayload wait(out, call, kind, timeout_ms);
             for (int i = 0; i < result && !wait.full(); ++i) {
                 for (const Watch& w : g_rec.watches) {
@@ -541,7 +861,7 @@ void recordEpollWait(WaitKind kind, uint64_t begin_ns, int epfd, const epoll_eve
                 }
             }
             wait.finish();
-            writeLocked(RecordType::EpollWait, out);
+            submitLocked(RecordType::EpollWait, out, kSmallSlot);
         }
     }
     errno = err;
@@ -574,33 +894,32 @@ int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
     {
         Scope scope;
         if (scope.held()) {
-            ByteWriter out(g_rec.payload, kMaxPayload);
+            uint8_t back[kMaxArgBytes];
+            size_t back_len = 0;
+            if (result >= 0 && (dir & _IOC_READ) != 0 && arg != nullptr && sent_len > 0) {
+                // The driver has just written this record: it is readable.
+                std::memcpy(back, arg, sent_len);
+                back_len = sent_len;
+            }
+            // A dequeue with data areas is built in a content buffer and
+            // written by the writer thread.
+            const bool content = code == AOV_IOC_DEQUEUE_EVENT && contentBytes(back, back_len) > 0;
+            const int slot = content ? takeSlotLocked() : kSmallSlot;
+            ByteWriter out = content ? ByteWriter(g_rec.slots[slot], kMaxPayload)
+                                     : ByteWriter(g_rec.small, kSmallRecord);
             putCall(out, call);
             out.u32(code);
             out.u8(flags);
             const size_t count_at = out.size();
             out.u8(0);
             out.u16(static_cast<uint16_t>(sent_len));
-            const size_t back_len_at = out.size();
-            out.u16(0);
+            out.u16(static_cast<uint16_t>(back_len));
             out.put(sent, sent_len);
-            size_t back_len = 0;
-            const uint8_t* back = nullptr;
-            if (result >= 0 && (dir & _IOC_READ) != 0 && arg != nullptr && sent_len > 0) {
-                // The driver has just written this record: it is readable.
-                uint8_t* room = out.reserve(sent_len);
-                if (room != nullptr) {
-                    std::memcpy(room, arg, sent_len);
-                    back = room;
-                    back_len = sent_len;
-                    out.at(back_len_at)[0] = static_cast<uint8_t>(back_len);
-                    out.at(back_len_at)[1] = static_cast<uint8_t>(back_len >> 8);
-                }
+            out.put(back, back_len);
+            if (content) {
+                putAreas(out, count_at, back, sent, sent_len);
             }
-            if (code == AOV_IOC_DEQUEUE_EVENT && back != nullptr) {
-                putAreas(out, count_at, back, back_len);
-            }
-            writeLocked(RecordType::Ioctl, out);
+            submitLocked(RecordType::Ioctl, out, slot);
         }
     }
     errno = err;

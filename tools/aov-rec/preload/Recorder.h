@@ -8,7 +8,9 @@
 // A call on any other descriptor costs one lookup in a byte array and the
 // real call. Recorded calls keep their results and errno as the process saw
 // them; a file that cannot be written stops the recording (said once on
-// standard error) and the process goes on.
+// standard error) and the process goes on. A dequeue with data areas is
+// written by a writer thread of the recorder's own, in call order with the
+// other records; drain() waits until it has written everything queued.
 
 #include <poll.h>
 #include <sys/epoll.h>
@@ -60,15 +62,25 @@ struct RecorderConfig {
 // starts a new recording at the next node open.
 void configure(const RecorderConfig& config);
 void configureFromEnvironment();
-// Records still to be written as the recording stands (for tests): whether
-// the file was opened and how many records were written or dropped.
+// The recording as it stands once everything queued is written (for tests
+// and benchmarks): whether the file was opened, how many records were
+// written or dropped, how many went through the writer thread, and how the
+// dequeues' data areas were read.
 struct RecorderStats {
     bool started = false;
     bool failed = false;
     uint64_t written = 0;
-    uint64_t dropped = 0;  // calls made from inside the recorder (a signal handler)
+    uint64_t dropped = 0;        // calls made from inside the recorder (a signal handler)
+    uint64_t handed_off = 0;     // records queued for the writer thread
+    uint64_t areas_checked = 0;  // data areas read through process_vm_readv
+    uint64_t areas_direct = 0;   // data areas copied directly (see putAreas)
 };
 RecorderStats stats();
+
+// Waits, for a few seconds at most, until every record queued for the writer
+// thread is written. True when none is left. Called at a normal exit, by
+// stats() and before a new recording starts; a crash loses what is queued.
+bool drain();
 
 bool isNodePath(const char* path);
 
