@@ -226,14 +226,15 @@ std::vector<std::string> recordedAreas(const std::string& dump) {
         for (size_t at = line.find("{\"section\":"); at != std::string::npos;
              at = line.find("{\"section\":", at + 1)) {
             const size_t bytes = line.find("\"bytes\":", at);
-            const size_t digest = line.find("\"fnv1a64\":\"", at);
+            const std::string digest_key = "\"xxh64\":\"";
+            const size_t digest = line.find(digest_key, at);
             if (bytes == std::string::npos || digest == std::string::npos) {
                 break;
             }
             areas += (areas.empty() ? "s" : ", s") +
                      line.substr(at + 11, line.find(',', at) - at - 11) + " " +
                      line.substr(bytes + 8, line.find(',', bytes) - bytes - 8) + " " +
-                     line.substr(digest + 11, 16);
+                     line.substr(digest + digest_key.size(), 16);
         }
         events.push_back(areas.empty() ? "no areas" : areas);
     }

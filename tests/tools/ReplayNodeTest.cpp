@@ -222,7 +222,7 @@ TEST_F(ReplayNodeTest, WritesOnlyTheAreasTheRecordingKept) {
                 char hex[17];
                 std::snprintf(
                     hex, sizeof(hex), "%016llx",
-                    static_cast<unsigned long long>(aovrec::fnv1a64(event_.s1.data(), 100)));
+                    static_cast<unsigned long long>(aovrec::digest(event_.s1.data(), 100)));
                 return std::string(hex);
             }() +
             ", s4 200 " +
@@ -230,7 +230,7 @@ TEST_F(ReplayNodeTest, WritesOnlyTheAreasTheRecordingKept) {
                 char hex[17];
                 std::snprintf(
                     hex, sizeof(hex), "%016llx",
-                    static_cast<unsigned long long>(aovrec::fnv1a64(event_.s4.data(), 200)));
+                    static_cast<unsigned long long>(aovrec::digest(event_.s4.data(), 200)));
                 return std::string(hex);
             }());
 }

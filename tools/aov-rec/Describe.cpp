@@ -1,5 +1,5 @@
 // aov-rec dump and info: a session file as JSON lines without payloads
-// (FNV-1a 64 digests instead), and as a summary.
+// (XXH64 digests instead), and as a summary.
 
 #include <sys/epoll.h>
 
@@ -126,7 +126,7 @@ std::string describe(const Record& r, uint64_t start_ns) {
             }
             if (r.sent_len > 0) {
                 out += ",\"sent\":{\"bytes\":" + std::to_string(r.sent_len) +
-                       ",\"fnv1a64\":" + hex64(fnv1a64(r.sent, r.sent_len)) + "}";
+                       ",\"xxh64\":" + hex64(digest(r.sent, r.sent_len)) + "}";
             }
             if ((r.request == AOV_IOC_SENSOR_ON || r.request == AOV_IOC_SENSOR_OFF) &&
                 r.sent_len >= 4) {
@@ -134,7 +134,7 @@ std::string describe(const Record& r, uint64_t start_ns) {
             }
             if (r.back_len > 0) {
                 out += ",\"back\":{\"bytes\":" + std::to_string(r.back_len) +
-                       ",\"fnv1a64\":" + hex64(fnv1a64(r.back, r.back_len)) + "}";
+                       ",\"xxh64\":" + hex64(digest(r.back, r.back_len)) + "}";
             }
             if (r.request == AOV_IOC_DEQUEUE_EVENT && r.back_len >= sizeof(aov_event_query)) {
                 out += dequeueWords(r);
@@ -145,7 +145,7 @@ std::string describe(const Record& r, uint64_t start_ns) {
                     const AreaView& a = r.areas[i];
                     out += (i > 0 ? ",{\"section\":" : "{\"section\":") +
                            std::to_string(a.section) + ",\"bytes\":" + std::to_string(a.length) +
-                           ",\"fnv1a64\":" + hex64(fnv1a64(a.data, a.length)) + "}";
+                           ",\"xxh64\":" + hex64(digest(a.data, a.length)) + "}";
                 }
                 out += "]";
             }
@@ -216,7 +216,7 @@ int runDump(const std::string& path, FILE* out, FILE* err) {
     const FileHeader& h = reader.header();
     std::fprintf(out,
                  "{\"format\":%u,\"content\":\"%s\",\"compression\":\"%s\",\"pid\":%u,"
-                 "\"start_ns\":%" PRIu64 ",\"digest\":\"fnv1a64\"}\n",
+                 "\"start_ns\":%" PRIu64 ",\"digest\":\"xxh64\"}\n",
                  h.version, contentModeName(h.content),
                  h.compression == Compression::Zstd ? "zstd" : "none", h.pid, h.start_ns);
     Record record;

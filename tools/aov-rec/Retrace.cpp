@@ -240,12 +240,12 @@ class Retracer {
         for (uint8_t i = 0; i < r.area_count; ++i) {
             const AreaView& a = r.areas[i];
             const aov_section_desc& section = aov_event_sections[a.section - 1];
-            const uint64_t live = fnv1a64(event_.get() + section.data_offset, a.length);
-            const uint64_t recorded = fnv1a64(a.data, a.length);
+            const uint64_t live = digest(event_.get() + section.data_offset, a.length);
+            const uint64_t recorded = digest(a.data, a.length);
             if (live != recorded) {
                 char detail[160];
                 std::snprintf(detail, sizeof(detail),
-                              "section %u, first %u bytes: fnv1a64 %016" PRIx64
+                              "section %u, first %u bytes: xxh64 %016" PRIx64
                               ", recorded %016" PRIx64,
                               a.section, a.length, live, recorded);
                 differ(r, "area", detail);

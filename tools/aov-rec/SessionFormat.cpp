@@ -46,16 +46,6 @@ uint32_t crc32(const void* data, size_t size, uint32_t crc) {
     return ~crc;
 }
 
-uint64_t fnv1a64(const void* data, size_t size) {
-    const auto* p = static_cast<const uint8_t*>(data);
-    uint64_t hash = 0xCBF29CE484222325ull;
-    for (size_t i = 0; i < size; ++i) {
-        hash ^= p[i];
-        hash *= 0x100000001B3ull;
-    }
-    return hash;
-}
-
 namespace {
 
 constexpr uint64_t kP1 = 11400714785074694791ull;

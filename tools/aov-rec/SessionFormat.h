@@ -75,9 +75,13 @@ struct FrameHeader {
 };
 
 uint32_t crc32(const void* data, size_t size, uint32_t crc = 0);
-uint64_t fnv1a64(const void* data, size_t size);
 // The 64-bit xxHash of `data` (XXH64 with `seed`).
 uint64_t xxh64(const void* data, size_t size, uint64_t seed);
+// The digest the tools print and compare bytes by: XXH64 with seed 0, what
+// `xxhsum -H64` prints for the same bytes.
+inline uint64_t digest(const void* data, size_t size) {
+    return xxh64(data, size, 0);
+}
 // A frame's check value: XXH64 of the stored payload, seeded with XXH64 of
 // the frame header's first 12 bytes, cut to its low 32 bits.
 uint32_t frameCheck(const uint8_t head[kFrameHeaderSize], const void* stored, size_t size);

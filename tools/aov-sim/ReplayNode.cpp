@@ -55,15 +55,15 @@ bool isAddressByte(unsigned int request, size_t at) {
     return false;
 }
 
-// FNV-1a 64 over the bytes that are compared.
+// The digest of the bytes that are compared: a dequeue's addresses count as
+// zero.
 uint64_t comparedDigest(unsigned int request, const uint8_t* bytes, size_t size) {
-    uint64_t h = 0xcbf29ce484222325ull;
+    uint8_t masked[aovrec::kMaxArgBytes];
+    size = std::min(size, sizeof(masked));
     for (size_t i = 0; i < size; ++i) {
-        if (!isAddressByte(request, i)) {
-            h = (h ^ bytes[i]) * 0x100000001b3ull;
-        }
+        masked[i] = isAddressByte(request, i) ? 0 : bytes[i];
     }
-    return h;
+    return aovrec::digest(masked, size);
 }
 
 // Bytes of a request's record that the recorder keeps.
@@ -149,7 +149,7 @@ std::string describeRequest(unsigned int request, const uint8_t* bytes, size_t s
         }
         out += count > shown ? ", ...]" : "]";
     }
-    std::snprintf(text, sizeof(text), " (%zu bytes%s, fnv1a64 %016" PRIx64 ")", size,
+    std::snprintf(text, sizeof(text), " (%zu bytes%s, xxh64 %016" PRIx64 ")", size,
                   request == AOV_IOC_DEQUEUE_EVENT ? " without the addresses" : "",
                   comparedDigest(request, bytes, size));
     return out + text;
@@ -575,7 +575,7 @@ std::string ReplayNode::lastAreaDigests(const uint8_t* event) const {
         const Area& a = last_areas_[i];
         std::snprintf(
             text, sizeof(text), "%ss%u %u %016" PRIx64, i > 0 ? ", " : "", a.section, a.length,
-            aovrec::fnv1a64(event + aov_event_sections[a.section - 1].data_offset, a.length));
+            aovrec::digest(event + aov_event_sections[a.section - 1].data_offset, a.length));
         out += text;
     }
     return out;

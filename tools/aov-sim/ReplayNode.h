@@ -86,7 +86,7 @@ class ReplayNode final : public aovhost::EmulatedNode {
     // (events produced, overwritten, discarded) stays 0.
     aovsim::DriverStatus status() const;
     // "s1 4096 0123456789abcdef, s4 ..." for the areas the last answered
-    // dequeue wrote, digested (FNV-1a 64, as aov-rec dump prints them) from
+    // dequeue wrote, digested (XXH64, as aov-rec dump prints them) from
     // `event`, the buffer they were written into; "no areas" when it kept none.
     std::string lastAreaDigests(const uint8_t* event) const;
 
