@@ -109,18 +109,25 @@ TEST_F(UnderTheRecorder, AProgramSeesTheSameResultsAndErrnoAsWithoutIt) {
 
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
-    // Two opens of the node, its ioctls, the poll, the refused epoll_ctl and
-    // two closes; nothing of the other file or of the calls after the close.
+    // Two opens of the node, its ioctls, the two polls, the refused epoll_ctl
+    // and two closes; nothing of the other file or of the calls after the close.
     EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 2u) << dump.output;
     EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 4u) << dump.output;
     EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 2u) << dump.output;
-    EXPECT_EQ(count(dump.output, "\"call\":\"poll\""), 1u) << dump.output;
+    EXPECT_EQ(count(dump.output, "\"call\":\"poll\""), 2u) << dump.output;
     EXPECT_EQ(count(dump.output, "\"call\":\"epoll_ctl\""), 1u) << dump.output;
     EXPECT_NE(dump.output.find("\"result\":-1,\"errno\":1,\"op\":\"ADD\""), std::string::npos);
     EXPECT_NE(dump.output.find("\"request\":\"START\",\"code\":\"0x40c84800\",\"arg_unreadable\""),
               std::string::npos)
         << dump.output;
     EXPECT_EQ(dump.output.find(other_), std::string::npos);
+
+    // Of the two polls, the one that found the file readable counts as a readiness.
+    const ProcessResult info = rec({"info", session_});
+    ASSERT_EQ(info.exit_code, 0) << info.output;
+    EXPECT_NE(info.output.find("; node ready 1 times\n"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("\n  START                 2  failed 2\n"), std::string::npos)
+        << info.output;
 }
 
 TEST_F(UnderTheRecorder, AFileThatCannotBeWrittenIsSaidOnceAndTheProgramGoesOn) {
@@ -157,7 +164,7 @@ TEST_F(UnderTheRecorder, ACutRecordingPrintsItsWholeRecordsThenEndsInExitTwo) {
     const ProcessResult cut = rec({"dump", session_});
     EXPECT_EQ(cut.exit_code, 2);
     EXPECT_EQ(count(cut.output, "\n"), count(full.output, "\n"));
-    EXPECT_NE(cut.output.find("aov-rec: " + session_ + ": record 9 at byte"), std::string::npos)
+    EXPECT_NE(cut.output.find("aov-rec: " + session_ + ": record 10 at byte"), std::string::npos)
         << cut.output;
     EXPECT_NE(cut.output.find("cut off"), std::string::npos);
     EXPECT_EQ(rec({"info", session_}).exit_code, 2);
