@@ -170,6 +170,21 @@ TEST_F(UnderTheRecorder, ACutRecordingPrintsItsWholeRecordsThenEndsInExitTwo) {
     EXPECT_EQ(rec({"info", session_}).exit_code, 2);
 }
 
+// An output that is not a regular file (/dev/null, a pipe) is written to,
+// never removed: as root that would replace a device node with a file.
+TEST_F(UnderTheRecorder, AnOutputThatIsNotARegularFileStaysInPlace) {
+    const std::string pipe = tempPath("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0) << std::strerror(errno);
+    // The client's file is not the node here: nothing opens the pipe.
+    const ProcessResult r = rec({"record", "-o", pipe, "--", AOV_REC_CLIENT_PATH, node_, other_});
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    struct stat info {};
+    ASSERT_EQ(::lstat(pipe.c_str(), &info), 0) << "the pipe given as the output was removed";
+    EXPECT_TRUE(S_ISFIFO(info.st_mode)) << "the pipe given as the output was replaced";
+    EXPECT_NE(r.output.find("aov-rec: session written to " + pipe), std::string::npos) << r.output;
+    ::unlink(pipe.c_str());
+}
+
 TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
     const std::string text = tempPath("text");
     writeText(text, "not a session at all, just some text");
