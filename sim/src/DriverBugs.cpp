@@ -20,6 +20,7 @@ constexpr Named kBugs[] = {
     {DriverBug::kHangSensorOff, "hang-sensor-off"},
     {DriverBug::kBlockEmptyDequeue, "block-empty-dequeue"},
     {DriverBug::kKeepSessionOnClose, "keep-session-on-close"},
+    {DriverBug::kOverrunBuffer, "overrun-buffer"},
 };
 
 }  // namespace

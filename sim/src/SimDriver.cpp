@@ -472,9 +472,11 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     for (int s = 0; s < sections; ++s) {
         const aov_section_desc& section = aov_event_sections[s];
         const auto number = static_cast<uint32_t>(s + 1);
-        // With kOverrunArea, section 2's area gets 64 bytes more than it holds.
-        const uint32_t length =
-            section.data_size + (s == 1 && has(bugs_, DriverBug::kOverrunArea) ? 64u : 0u);
+        // With kOverrunArea, section 2's area gets 64 bytes more than it holds;
+        // with kOverrunBuffer, section 10's, the last of the event buffer.
+        const bool overrun = (s == 1 && has(bugs_, DriverBug::kOverrunArea)) ||
+                             (s == AOV_SECTION_COUNT - 1 && has(bugs_, DriverBug::kOverrunBuffer));
+        const uint32_t length = section.data_size + (overrun ? 64u : 0u);
         if (user.write(areaAddressOf(query, section), length, [&](uint8_t* bytes) {
                 writeSectionContent(bytes, length, seq, number);
             }) != 0) {

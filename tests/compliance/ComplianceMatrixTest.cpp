@@ -138,6 +138,10 @@ const Fault kFaults[] = {
     Fault{"keep-session-on-close",
           "lifecycle: second session works: FAIL (expected START to "
           "succeed, got EBUSY"},
+    Fault{"overrun-buffer",
+          "dequeue: writes stay inside the areas: FAIL (expected writes only inside the ten "
+          "areas, got 64 bytes written after section 10's area, past the end of the event "
+          "buffer"},
 };
 
 std::string faultTestName(const ::testing::TestParamInfo<Fault>& info) {

@@ -1,5 +1,6 @@
 // The guarded call: a call that answers, one that never does, one whose
-// process dies, and a descriptor handed over from the child.
+// process dies, and a descriptor handed over from the child; the report's
+// plain and TAP lines.
 
 #include <fcntl.h>
 #include <signal.h>
@@ -105,4 +106,31 @@ TEST(ComplianceReport, PlainAndTapLinesAndTotals) {
               "# aov-compliance: 0 passed, 1 failed, 1 warnings, 0 skipped\n");
     std::fclose(out);
     std::free(text);
+}
+// A skipped check keeps TAP's SKIP directive, the plan counts the checks
+// shown, and the requests' notes come with -v only.
+TEST(ComplianceReport, TapSkipsThePlanAndNotesOnlyWhenVerbose) {
+    for (const bool verbose : {false, true}) {
+        char* text = nullptr;
+        size_t size = 0;
+        std::FILE* out = ::open_memstream(&text, &size);
+        {
+            aovcompliance::Report report(out, aovcompliance::Report::Format::kTap, verbose, "");
+            report.begin();
+            report.check("open", "O_RDWR open", aovcompliance::Verdict::kOk);
+            report.note("START -> 0 in 12 us");
+            report.check("dequeue", "x", aovcompliance::Verdict::kSkip, "no event");
+            report.end();
+        }
+        std::fflush(out);
+        EXPECT_EQ(std::string(text, size),
+                  std::string("TAP version 13\n"
+                              "ok 1 - open: O_RDWR open\n") +
+                      (verbose ? "# START -> 0 in 12 us\n" : "") +
+                      "ok 2 - dequeue: x # SKIP no event\n"
+                      "1..2\n"
+                      "# aov-compliance: 1 passed, 0 failed, 0 warnings, 1 skipped\n");
+        std::fclose(out);
+        std::free(text);
+    }
 }

@@ -43,6 +43,10 @@ int main(int argc, char** argv) {
     pollfd p{fd, POLLIN, 0};
     show("poll", ::poll(&p, 1, 0));
     std::printf("revents %d\n", p.revents);
+    // A wait for what a file never reports: it times out, nothing ready.
+    pollfd priority{fd, POLLPRI, 0};
+    show("poll priority", ::poll(&priority, 1, 0));
+    std::printf("revents %d\n", priority.revents);
     const int ep = ::epoll_create1(0);
     epoll_event ev{};
     ev.events = EPOLLIN;

@@ -2,9 +2,10 @@
 // without it; dump, info and retrace on good, cut and hostile files; and the
 // round trip of a session through a real FUSE node: recorded under aov-rec,
 // replayed through the library by aov-sim --replay, retraced against a fresh
-// aov-kdev.
+// aov-kdev; and the same recording edited, each change found.
 
 #include <fcntl.h>
+#include <linux/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <deque>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -23,8 +25,13 @@
 #include "FuseSandbox.h"
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
+#include "SessionBuilder.h"
+#include "SessionReader.h"
+#include "kelo_aov.h"
 
 namespace {
+
+using aovrec::RecordType;
 
 std::string tempPath(const std::string& name) {
     return ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_" + name;
@@ -102,18 +109,25 @@ TEST_F(UnderTheRecorder, AProgramSeesTheSameResultsAndErrnoAsWithoutIt) {
 
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
-    // Two opens of the node, its ioctls, the poll, the refused epoll_ctl and
-    // two closes; nothing of the other file or of the calls after the close.
+    // Two opens of the node, its ioctls, the two polls, the refused epoll_ctl
+    // and two closes; nothing of the other file or of the calls after the close.
     EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 2u) << dump.output;
     EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 4u) << dump.output;
     EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 2u) << dump.output;
-    EXPECT_EQ(count(dump.output, "\"call\":\"poll\""), 1u) << dump.output;
+    EXPECT_EQ(count(dump.output, "\"call\":\"poll\""), 2u) << dump.output;
     EXPECT_EQ(count(dump.output, "\"call\":\"epoll_ctl\""), 1u) << dump.output;
     EXPECT_NE(dump.output.find("\"result\":-1,\"errno\":1,\"op\":\"ADD\""), std::string::npos);
     EXPECT_NE(dump.output.find("\"request\":\"START\",\"code\":\"0x40c84800\",\"arg_unreadable\""),
               std::string::npos)
         << dump.output;
     EXPECT_EQ(dump.output.find(other_), std::string::npos);
+
+    // Of the two polls, the one that found the file readable counts as a readiness.
+    const ProcessResult info = rec({"info", session_});
+    ASSERT_EQ(info.exit_code, 0) << info.output;
+    EXPECT_NE(info.output.find("; node ready 1 times\n"), std::string::npos) << info.output;
+    EXPECT_NE(info.output.find("\n  START                 2  failed 2\n"), std::string::npos)
+        << info.output;
 }
 
 TEST_F(UnderTheRecorder, AFileThatCannotBeWrittenIsSaidOnceAndTheProgramGoesOn) {
@@ -150,10 +164,25 @@ TEST_F(UnderTheRecorder, ACutRecordingPrintsItsWholeRecordsThenEndsInExitTwo) {
     const ProcessResult cut = rec({"dump", session_});
     EXPECT_EQ(cut.exit_code, 2);
     EXPECT_EQ(count(cut.output, "\n"), count(full.output, "\n"));
-    EXPECT_NE(cut.output.find("aov-rec: " + session_ + ": record 9 at byte"), std::string::npos)
+    EXPECT_NE(cut.output.find("aov-rec: " + session_ + ": record 10 at byte"), std::string::npos)
         << cut.output;
     EXPECT_NE(cut.output.find("cut off"), std::string::npos);
     EXPECT_EQ(rec({"info", session_}).exit_code, 2);
+}
+
+// An output that is not a regular file (/dev/null, a pipe) is written to,
+// never removed: as root that would replace a device node with a file.
+TEST_F(UnderTheRecorder, AnOutputThatIsNotARegularFileStaysInPlace) {
+    const std::string pipe = tempPath("pipe");
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0) << std::strerror(errno);
+    // The client's file is not the node here: nothing opens the pipe.
+    const ProcessResult r = rec({"record", "-o", pipe, "--", AOV_REC_CLIENT_PATH, node_, other_});
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    struct stat info {};
+    ASSERT_EQ(::lstat(pipe.c_str(), &info), 0) << "the pipe given as the output was removed";
+    EXPECT_TRUE(S_ISFIFO(info.st_mode)) << "the pipe given as the output was replaced";
+    EXPECT_NE(r.output.find("aov-rec: session written to " + pipe), std::string::npos) << r.output;
+    ::unlink(pipe.c_str());
 }
 
 TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
@@ -237,6 +266,54 @@ std::vector<std::string> recordedAreas(const std::string& dump) {
                      line.substr(digest + digest_key.size(), 16);
         }
         events.push_back(areas.empty() ? "no areas" : areas);
+    }
+    return events;
+}
+
+// The header and info words of each successful dequeue in `aov-rec dump`'s
+// lines, as aov-sim's event lines show them: "header=[...] s1_info=N s4_info=[...]".
+std::vector<std::string> recordedWords(const std::string& dump) {
+    auto list = [](const std::string& line, size_t open) {
+        const size_t close = line.find(']', open);
+        std::string items = line.substr(open + 1, close - open - 1);
+        std::string out;
+        for (const char c : items) {
+            out += c == ',' ? std::string(", ") : std::string(1, c);
+        }
+        return "[" + out + "]";
+    };
+    std::vector<std::string> events;
+    for (const std::string& line : linesOf(dump, "{\"i\":")) {
+        if (line.find("\"request\":\"DEQUEUE_EVENT\"") == std::string::npos ||
+            line.find("\"result\":0,") == std::string::npos) {
+            continue;
+        }
+        const size_t header = line.find("\"header\":[");
+        const size_t info = line.find("\"info\":[[");
+        if (header == std::string::npos || info == std::string::npos) {
+            events.push_back("no words: " + line);
+            continue;
+        }
+        // The info words of sections 1 and 4.
+        size_t s1 = info + 8;
+        size_t s4 = s1;
+        for (int i = 0; i < 3; ++i) {
+            s4 = line.find('[', s4 + 1);
+        }
+        const std::string s1Words = list(line, s1);
+        events.push_back("header=" + list(line, header + 9) + " s1_info=" +
+                         s1Words.substr(1, s1Words.size() - 2) + " s4_info=" + list(line, s4));
+    }
+    return events;
+}
+
+// The words of aov-sim's event lines, without the event number and what follows the words.
+std::vector<std::string> deliveredWords(const std::string& output) {
+    std::vector<std::string> events;
+    for (const std::string& line : linesOf(
+             output, "[evt ", {}, {" s6_info", " content ", " scripted event", " no content"})) {
+        const size_t at = line.find(" header=");
+        events.push_back(at == std::string::npos ? line : line.substr(at + 1));
     }
     return events;
 }
@@ -352,6 +429,24 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
     EXPECT_EQ(callbackAreas, recordedAreas(dump.output));
     EXPECT_EQ(callbackAreas.size(), static_cast<size_t>(3));
+    // The dump's words of each event are those the live run's callback got.
+    EXPECT_EQ(recordedWords(dump.output), deliveredWords(recorded.output));
+
+    if (c.scenario.empty()) {
+        // Three events with content, every request answered.
+        EXPECT_NE(info.output.find("\n  START                 1  failed 0\n"), std::string::npos)
+            << info.output;
+        EXPECT_NE(info.output.find("\n  DEQUEUE_EVENT         3  failed 0\n"), std::string::npos)
+            << info.output;
+        EXPECT_NE(info.output.find("\nevents: 3 dequeued, 3 with the content flag, "),
+                  std::string::npos)
+            << info.output;
+        const size_t ready = info.output.find("; node ready ");
+        ASSERT_NE(ready, std::string::npos) << info.output;
+        EXPECT_GE(std::atoi(info.output.c_str() + ready + 13), 3)
+            << "each event was preceded by a readiness the monitor saw\n"
+            << info.output;
+    }
 
     if (c.scenario.empty()) {
         // On a terminal the replay shows how far it got, and clears that
@@ -418,5 +513,171 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<RoundTripCase>& info) {
         return std::string(info.param.name);
     });
+
+// Changes made to a recording before it is retraced or replayed.
+struct Edits {
+    bool words = false;           // the first dequeue with areas: header[5] and its last area
+    bool refused_first = false;   // an unknown request, refused with EINVAL, after the open
+    bool request_at_end = false;  // the same before the node's last close
+};
+
+constexpr uint32_t kUnknownRequest = _IO('H', 5);
+
+// Writes the open, close and ioctl records of `from` to `to` through the
+// session builder, with `edits`; the readiness records are left out.
+std::string rewrite(const std::string& from, const std::string& to, const Edits& edits) {
+    aovrec::FileSource source;
+    std::string why;
+    if (!source.open(from, &why)) {
+        return why;
+    }
+    aovrec::SessionReader reader(source);
+    if (!reader.start()) {
+        return reader.error();
+    }
+    std::vector<aovrec::Record> records;
+    std::deque<std::vector<uint8_t>> kept;
+    auto own = [&kept](const uint8_t* data, size_t size) -> const uint8_t* {
+        kept.emplace_back(data, data + size);
+        return kept.back().data();
+    };
+    aovrec::Record r;
+    aovrec::SessionReader::Next next;
+    while ((next = reader.next(&r)) == aovrec::SessionReader::Next::Record) {
+        r.sent = own(r.sent, r.sent_len);
+        r.back = own(r.back, r.back_len);
+        for (uint8_t i = 0; i < r.area_count; ++i) {
+            r.areas[i].data = own(r.areas[i].data, r.areas[i].length);
+        }
+        records.push_back(r);
+    }
+    if (next != aovrec::SessionReader::Next::End) {
+        return reader.error();
+    }
+    // The library's descriptor: the node opened without creating it.
+    int node = -1;
+    size_t last_close = records.size();
+    for (size_t i = 0; i < records.size(); ++i) {
+        const aovrec::Record& x = records[i];
+        if (node < 0 && x.type == RecordType::Open && (x.open_flags & O_CREAT) == 0 &&
+            x.call.result >= 0) {
+            node = x.call.result;
+        } else if (x.type == RecordType::Close && x.call.fd == node) {
+            last_close = i;
+        }
+    }
+    if (node < 0 || last_close == records.size()) {
+        return "no open and close of the node in " + from;
+    }
+    const int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return to + ": " + std::strerror(errno);
+    }
+    aovrec::SessionBuilder b(fd, reader.header().content, reader.header().compression);
+    bool words_done = !edits.words;
+    auto result = [](const aovrec::Record& x) {
+        return x.call.result >= 0 ? x.call.result : -x.call.err;
+    };
+    for (size_t i = 0; i < records.size(); ++i) {
+        const aovrec::Record& x = records[i];
+        if (i == last_close && edits.request_at_end) {
+            b.ioctl(node, kUnknownRequest, nullptr, 0, -EINVAL);
+        }
+        if (x.type == RecordType::Open) {
+            b.open(x.path.c_str(), static_cast<int>(x.open_flags), result(x));
+        } else if (x.type == RecordType::Close) {
+            b.close(x.call.fd, result(x));
+        } else if (x.type == RecordType::Ioctl) {
+            std::vector<uint8_t> back(x.back, x.back + x.back_len);
+            std::vector<aovrec::SessionBuilder::Area> areas;
+            std::vector<std::vector<uint8_t>> data;
+            for (uint8_t a = 0; a < x.area_count; ++a) {
+                data.emplace_back(x.areas[a].data, x.areas[a].data + x.areas[a].length);
+            }
+            if (!words_done && x.request == AOV_IOC_DEQUEUE_EVENT && x.call.result >= 0 &&
+                x.area_count > 0 && back.size() >= sizeof(aov_event_query) &&
+                !data.back().empty()) {
+                uint32_t flag;
+                std::memcpy(&flag, back.data() + 20, sizeof(flag));
+                ++flag;
+                std::memcpy(back.data() + 20, &flag, sizeof(flag));
+                data.back()[0] ^= 0x01;
+                words_done = true;
+            }
+            for (uint8_t a = 0; a < x.area_count; ++a) {
+                areas.push_back({x.areas[a].section, data[a].data(), x.areas[a].length});
+            }
+            const bool null_arg = (x.arg_flags & aovrec::kArgNull) != 0;
+            b.ioctl(x.call.fd, x.request, null_arg ? nullptr : x.sent, x.sent_len, result(x),
+                    back.data(), back.size(), areas.data(), areas.size());
+        }
+        if (x.type == RecordType::Open && x.call.result == node && edits.refused_first) {
+            b.ioctl(node, kUnknownRequest, nullptr, 0, -EINVAL);
+        }
+    }
+    const bool ok = b.ok();
+    ::close(fd);
+    if (!words_done) {
+        return "no dequeue with areas in " + from;
+    }
+    return ok ? "" : "cannot write " + to;
+}
+
+// A recorded session, edited: retraced against a fresh aov-kdev, each change
+// is a difference; replayed, a request left over at the end is a divergence.
+class EditedRecording : public FuseRoundTrip {};
+
+TEST_P(EditedRecording, RetraceFindsEveryChangeAndReplayTheRequestLeftOver) {
+    ASSERT_EQ(rec({"record", "-o", session_, "--", AOV_SIM_PATH, "--kernel", "fuse", "--events",
+                   "3", "--timeout", "10"})
+                  .exit_code,
+              0);
+    const std::string plain = tempPath("plain.rec");
+    const std::string edited = tempPath("edited.rec");
+    const std::string leftOver = tempPath("left-over.rec");
+    ASSERT_EQ(rewrite(session_, plain, Edits{}), "");
+    ASSERT_EQ(rewrite(session_, edited, Edits{true, true, false}), "");
+    ASSERT_EQ(rewrite(session_, leftOver, Edits{false, false, true}), "");
+
+    // Without its readiness records, each dequeue that got an event still
+    // waits for the node to be ready.
+    startKdev({});
+    const ProcessResult same = rec({"retrace", plain, "-d", dir_ + "/kelo_aov"});
+    EXPECT_EQ(same.exit_code, 0) << same.output;
+    EXPECT_NE(same.output.find(", 0 differences\n"), std::string::npos) << same.output;
+    stopKdev();
+
+    startKdev({});
+    const ProcessResult changed = rec({"retrace", edited, "-d", dir_ + "/kelo_aov"});
+    stopKdev();
+    EXPECT_EQ(changed.exit_code, 1) << changed.output;
+    EXPECT_NE(changed.output.find("(result): ioctl 0x00004805: result -1 (Inappropriate ioctl for "
+                                  "device), recorded -1 (Invalid argument)"),
+              std::string::npos)
+        << changed.output;
+    EXPECT_NE(changed.output.find("(words): DEQUEUE_EVENT: header[5] "), std::string::npos)
+        << changed.output;
+    EXPECT_NE(changed.output.find("(area): DEQUEUE_EVENT: section "), std::string::npos)
+        << changed.output;
+    EXPECT_NE(changed.output.find(", 3 differences\n"), std::string::npos) << changed.output;
+
+    const ProcessResult replayed = runProcess(
+        AOV_SIM_PATH, {"--replay", leftOver, "--speed", "max", "--events", "3", "--timeout", "10"});
+    EXPECT_EQ(replayed.exit_code, 1) << replayed.output;
+    EXPECT_NE(
+        replayed.output.find("\n  library:  (no more requests)\n  recorded: ioctl 0x00004805"),
+        std::string::npos)
+        << replayed.output;
+    for (const std::string& path : {plain, edited, leftOver}) {
+        ::unlink(path.c_str());
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(AovRec, EditedRecording,
+                         ::testing::Values(RoundTripCase{
+                             "DefaultScenario", {}, "", "written", "2"}),
+                         [](const ::testing::TestParamInfo<RoundTripCase>& info) {
+                             return std::string(info.param.name);
+                         });
 
 }  // namespace

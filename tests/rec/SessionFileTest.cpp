@@ -7,12 +7,15 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -332,6 +335,120 @@ TEST(SessionFile, MemoryThatCannotBeReadIsLeftOutAndTheCallStillHappens) {
     }
 }
 
+// A failed request keeps the record it sent and nothing of an answer, and a
+// request that succeeds leaves no errno in its record, whatever errno held
+// before it.
+TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
+    Recording rec(ContentMode::Written);
+    const int fd = rec.openNode();
+    Dequeue failing;
+    const aov_event_query sent = failing.query;
+    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_DEQUEUE_EVENT, &failing.query), -1);
+    EXPECT_EQ(errno, EIO);
+    Dequeue dq;
+    errno = EAGAIN;  // left over from an earlier call of the process
+    EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+    rec.closeNode(fd);
+
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 4u);
+    EXPECT_EQ(r[1].call.result, -1);
+    EXPECT_EQ(r[1].call.err, EIO);
+    ASSERT_EQ(r[1].sent_len, sizeof(sent));
+    EXPECT_EQ(std::memcmp(r[1].sent, &sent, sizeof(sent)), 0);
+    EXPECT_EQ(r[1].back_len, 0u) << "a failed dequeue has no answer";
+    EXPECT_EQ(r[1].area_count, 0);
+    EXPECT_EQ(r[2].call.result, 0);
+    EXPECT_EQ(r[2].call.err, 0) << "a successful call recorded with a stale errno";
+    EXPECT_EQ(r[2].area_count, 9);
+}
+
+TEST(SessionFile, AreasThatDoNotCompressAreKeptAsTheyAre) {
+    if (!aovrec::SessionWriter::zstdAvailable()) {
+        GTEST_SKIP() << "built without zstd";
+    }
+    Recording rec(ContentMode::All);
+    const int fd = rec.openNode();
+    Dequeue dq;
+    // Noise in every area: compressed, the record would grow.
+    uint64_t x = 0x9E3779B97F4A7C15ull;
+    for (uint8_t& byte : dq.buffer) {
+        x ^= x << 13;
+        x ^= x >> 7;
+        x ^= x << 17;
+        byte = static_cast<uint8_t>(x);
+    }
+    const std::vector<uint8_t> noise = dq.buffer;
+    auto answerWords = [](int, unsigned long, void* arg) -> int {
+        static_cast<aov_event_query*>(arg)->header[5] = 1;
+        return 0;
+    };
+    ASSERT_EQ(aovrec::trackedIoctl(answerWords, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+    rec.closeNode(fd);
+    SessionReader::Next last;
+    const std::vector<Record> r = rec.read(&last);
+    EXPECT_EQ(last, SessionReader::Next::End) << "the file does not read back whole";
+    ASSERT_EQ(r.size(), 3u);
+    ASSERT_EQ(r[1].area_count, 10);
+    for (uint8_t i = 0; i < r[1].area_count; ++i) {
+        const aov_section_desc& section = aov_event_sections[r[1].areas[i].section - 1];
+        ASSERT_EQ(r[1].areas[i].length, section.data_size);
+        EXPECT_EQ(
+            std::memcmp(r[1].areas[i].data, noise.data() + section.data_offset, section.data_size),
+            0)
+            << "section " << int{r[1].areas[i].section};
+    }
+}
+
+// The file's name (%p), the node's path under AOV_DEV_DIR and compression,
+// as a recorded process's environment gives them.
+TEST(SessionFile, TheEnvironmentChoosesTheFileTheNodeAndCompression) {
+    const std::string dir = ::testing::TempDir();
+    const std::string pattern = dir + "aovrec_env_%p.rec";
+    const std::string file = dir + "aovrec_env_" + std::to_string(::getpid()) + ".rec";
+    const std::string devDir = "/aov-rec-test-devdir";
+    ::unsetenv(aovrec::kEnvNode);
+    ::unsetenv(aovrec::kEnvContent);
+    ::setenv("AOV_DEV_DIR", devDir.c_str(), 1);
+    ::setenv(aovrec::kEnvFile, pattern.c_str(), 1);
+    for (const char* zstd : {static_cast<const char*>(nullptr), "0"}) {
+        if (zstd == nullptr) {
+            ::unsetenv(aovrec::kEnvCompress);
+        } else {
+            ::setenv(aovrec::kEnvCompress, zstd, 1);
+        }
+        ::unlink(file.c_str());
+        aovrec::configureFromEnvironment();
+        EXPECT_TRUE(aovrec::isNodePath("/dev/kelo_aov"));
+        EXPECT_TRUE(aovrec::isNodePath((devDir + "/kelo_aov").c_str()));
+        EXPECT_FALSE(aovrec::isNodePath((devDir + "/other").c_str()));
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, (devDir + "/kelo_aov").c_str(), O_RDWR,
+                           0, fd, 0);
+        ::close(fd);
+        aovrec::forgetOnClose(fd);
+        ASSERT_TRUE(aovrec::drain());
+        const std::vector<uint8_t> bytes = readFile(file);
+        aovrec::configure(aovrec::RecorderConfig{});
+        aovrec::MemorySource source(bytes.data(), bytes.size());
+        SessionReader reader(source);
+        ASSERT_TRUE(reader.start()) << file << ": " << reader.error();
+        EXPECT_EQ(reader.header().pid, static_cast<uint32_t>(::getpid()));
+        EXPECT_EQ(reader.header().content, ContentMode::Written);
+        const bool compressed = zstd == nullptr && aovrec::SessionWriter::zstdAvailable();
+        EXPECT_EQ(reader.header().compression,
+                  compressed ? aovrec::Compression::Zstd : aovrec::Compression::None)
+            << "AOV_REC_ZSTD " << (zstd == nullptr ? "unset" : zstd);
+        Record r;
+        ASSERT_EQ(reader.next(&r), SessionReader::Next::Record) << reader.error();
+        EXPECT_EQ(r.path, devDir + "/kelo_aov");
+        ::unlink(file.c_str());
+    }
+    ::unsetenv(aovrec::kEnvFile);
+    ::unsetenv(aovrec::kEnvCompress);
+    ::unsetenv("AOV_DEV_DIR");
+}
+
 TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
     Recording rec(ContentMode::Written, true, "/nonexistent-dir/session.rec");
     const int fd = rec.openNode();
@@ -459,6 +576,8 @@ TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
     };
     std::vector<uint8_t> bad_crc = frame(2, std::vector<uint8_t>(aovrec::kCallInfoSize), 32);
     bad_crc.back() ^= 1;
+    std::vector<uint8_t> retyped = frame(4, std::vector<uint8_t>(aovrec::kCallInfoSize + 8), 40);
+    retyped[8] = 6;
     const std::vector<Case> cases = {
         {"a length of 4 GiB", frame(2, {}, 0xFFFFFFFFu), "over the limit"},
         {"a raw length that differs from the stored one", frame(2, {1, 2, 3}, 4),
@@ -476,6 +595,9 @@ TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
         {"an area of section 11", frame(3, ioctlPayload(1, 11, 0), 50), "malformed ioctl record"},
         {"an area longer than the record", frame(3, ioctlPayload(1, 1, 100), 50),
          "malformed ioctl record"},
+        {"one section kept twice", frame(3, ioctlPayload(2, 1, 0), 58), "malformed ioctl record"},
+        {"a poll record's type changed to epoll_wait (their payloads look alike)", retyped,
+         "checksum mismatch"},
     };
     for (const Case& c : cases) {
         std::vector<uint8_t> file = header();
@@ -864,6 +986,55 @@ TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
     const std::string line = "aov-rec: recording stopped: cannot write the session file: ";
     EXPECT_NE(text.find(line), std::string::npos) << text;
     EXPECT_EQ(text.find(line), text.rfind(line)) << text;
+}
+
+// A disk that fills up mid-recording (a file size limit here): the write
+// that is cut short stops the recording at once, said once, and the
+// process's requests keep their own results and errno.
+TEST(WriterThread, AFullDiskStopsTheRecordingAndTheCallerKeepsItsErrno) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path =
+        ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_full.rec";
+    EXPECT_EXIT(
+        {
+            std::signal(SIGXFSZ, SIG_IGN);
+            aovrec::RecorderConfig config;
+            config.file = path.c_str();
+            config.compress = false;
+            config.node = kNode;
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            struct stat info {};
+            ::stat(path.c_str(), &info);
+            // Room for one more STOP record (58 bytes) and half of the next.
+            const rlim_t limit = static_cast<rlim_t>(info.st_size) + 58 + 29;
+            rlimit fsize{};
+            fsize.rlim_cur = limit;
+            fsize.rlim_max = limit;
+            ::setrlimit(RLIMIT_FSIZE, &fsize);
+            bool ok = true;
+            for (int i = 0; i < 3; ++i) {
+                errno = 0;
+                const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+                if (result != -1 || errno != EIO) {
+                    std::fprintf(stderr, "STOP %d: %d errno %d, expected -1 errno EIO\n", i, result,
+                                 errno);
+                    ok = false;
+                }
+                if (i == 1 && !aovrec::stats().failed) {
+                    std::fprintf(stderr, "the write cut short did not stop the recording\n");
+                    ok = false;
+                }
+            }
+            std::exit(ok ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0),
+        "aov-rec: recording stopped: cannot write the session file: No space left on device");
+    std::string error;
+    describeBytes(readFile(path), &error);
+    ::unlink(path.c_str());
+    EXPECT_NE(error.find("cut off"), std::string::npos) << error;
 }
 
 // An event buffer of its own pages, so that parts of it can be made unreadable.

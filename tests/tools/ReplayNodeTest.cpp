@@ -1,6 +1,7 @@
 // The replaying driver of aov-sim --replay in process: it answers in the
 // recorded order, writes only the areas the recording kept, refuses a cut
-// recording, and stops at the first request that is not the recorded one.
+// recording, and stops at the first request that is not the recorded one;
+// events come at the recorded pace divided by the speed.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -78,13 +79,14 @@ class Composed {
     std::unique_ptr<aovrec::SessionBuilder> builder_;
 };
 
-std::shared_ptr<ReplayNode> load(std::vector<uint8_t>& bytes, std::string* problem) {
+std::shared_ptr<ReplayNode> load(std::vector<uint8_t>& bytes, std::string* problem,
+                                 double speed = 0) {
     auto* data = &bytes;
     return ReplayNode::load(
         [data](std::string*) -> std::unique_ptr<aovrec::ByteSource> {
             return std::make_unique<aovrec::MemorySource>(data->data(), data->size());
         },
-        0, problem);
+        speed, problem);
 }
 
 bool readable(int fd) {
@@ -299,6 +301,54 @@ TEST_F(ReplayNodeTest, RequestsTheLibraryNeverSentDivergeAtTheEnd) {
     ASSERT_EQ(divergences_.size(), 1u);
     EXPECT_EQ(divergences_[0].library, "(no more requests)");
     EXPECT_NE(divergences_[0].recorded.find("SENSOR_ON"), std::string::npos);
+}
+
+TEST_F(ReplayNodeTest, AnOpenWithAnotherAccessModeIsADivergence) {
+    compose();
+    EXPECT_EQ(node_->open(O_RDONLY), -EPROTO);
+    ASSERT_EQ(divergences_.size(), 1u);
+    EXPECT_EQ(divergences_[0].library, "open (flags 0x0)");
+    EXPECT_EQ(divergences_[0].recorded, "open /dev/kelo_aov");
+}
+
+TEST_F(ReplayNodeTest, ANullRecordWhereTheRecordingHasOneIsADivergence) {
+    compose();
+    const int fd = node_->open(O_RDWR);
+    ASSERT_GE(fd, 0);
+    StartRecord start(0);
+    ASSERT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
+    EXPECT_EQ(node_->ioctl(fd, AOV_IOC_SENSOR_ON, nullptr), -EPROTO);
+    ASSERT_EQ(divergences_.size(), 1u);
+    EXPECT_EQ(divergences_[0].library, "SENSOR_ON (no record)");
+    EXPECT_NE(divergences_[0].recorded.find("SENSOR_ON count 1 ids [3]"), std::string::npos)
+        << divergences_[0].recorded;
+}
+
+// An event recorded 1,000 s after the open: at speed 1 it is far off, at
+// speed 1,000,000 it is due within a millisecond, at max at once.
+TEST(ReplayNodePace, AnEventIsDueAtItsRecordedTimeDividedByTheSpeed) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.open("/dev/kelo_aov", O_RDWR, kFd);
+    b.advance(1000ull * 1000000000ull);
+    std::vector<uint8_t> other(sizeof(aov_event));
+    RecordedEvent event;
+    event.record(b, other.data());
+    std::vector<uint8_t> bytes = recording.bytes();
+    for (const double speed : {1.0, 1e6, 0.0}) {
+        std::string problem;
+        std::shared_ptr<ReplayNode> node = load(bytes, &problem, speed);
+        ASSERT_TRUE(node) << problem;
+        const int fd = node->open(O_RDWR);
+        ASSERT_GE(fd, 0);
+        if (speed == 1.0) {
+            EXPECT_FALSE(readableNow(fd)) << "an event 1,000 s off is ready at speed 1";
+            EXPECT_GT(node->progress().seconds_left, 900.0);
+        } else {
+            EXPECT_TRUE(readable(fd)) << "the event was not ready at speed " << speed;
+        }
+        EXPECT_EQ(node->close(fd), 0);
+    }
 }
 
 TEST(ReplayNodeInput, ACutOrDamagedRecordingIsRefusedWithOneLine) {

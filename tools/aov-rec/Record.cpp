@@ -52,8 +52,13 @@ int runRecord(const std::string& out_path, ContentMode content,
         return kExitBadInput;
     }
     const std::string file = absolute(out_path);
-    // The previous recording must not be taken for this one's.
-    if (::unlink(file.c_str()) != 0 && errno != ENOENT) {
+    // The previous recording must not be taken for this one's. Only a
+    // regular file is removed: an output such as /dev/null, a pipe or a
+    // link stays what it is (as root, removing /dev/null would leave the
+    // recorder to create a regular file in its place).
+    struct stat before {};
+    const bool regular = ::lstat(file.c_str(), &before) == 0 && S_ISREG(before.st_mode);
+    if (regular && ::unlink(file.c_str()) != 0 && errno != ENOENT) {
         std::fprintf(err, "aov-rec: %s: %s\n", file.c_str(), std::strerror(errno));
         return kExitBadInput;
     }
@@ -124,6 +129,9 @@ int runRecord(const std::string& out_path, ContentMode content,
     struct stat info {};
     if (::stat(file.c_str(), &info) != 0) {
         std::fprintf(err, "aov-rec: %s never opened the node; nothing recorded\n", argv[0]);
+    } else if (!S_ISREG(info.st_mode)) {
+        std::fprintf(err, "aov-rec: session written to %s, if %s opened the node\n", file.c_str(),
+                     argv[0]);
     } else {
         std::fprintf(err, "aov-rec: session recorded in %s (%lld bytes)\n", file.c_str(),
                      static_cast<long long>(info.st_size));

@@ -20,6 +20,7 @@ enum class DriverBug : uint32_t {
     kHangSensorOff = 1u << 7,       // SENSOR_OFF never returns
     kBlockEmptyDequeue = 1u << 8,   // a dequeue with nothing pending never returns
     kKeepSessionOnClose = 1u << 9,  // closing the node leaves its session running
+    kOverrunBuffer = 1u << 10,      // writes 64 bytes past section 10's area: past the event buffer
 };
 
 // A set of DriverBug bits.
