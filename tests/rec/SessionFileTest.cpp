@@ -988,6 +988,44 @@ TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
     EXPECT_EQ(text.find(line), text.rfind(line)) << text;
 }
 
+// Records three failing STOPs with the session file limited to its size
+// after the open record plus `room` bytes, then exits: 0 when the calls kept
+// their results and errno and the recording stopped at the second at the
+// latest. The size limit is finite from the start, as a process's would be.
+[[noreturn]] void stopsAtASizeLimit(const std::string& path, rlim_t room) {
+    std::signal(SIGXFSZ, SIG_DFL);
+    rlimit fsize{};
+    fsize.rlim_cur = 1 << 20;
+    fsize.rlim_max = 1 << 20;
+    ::setrlimit(RLIMIT_FSIZE, &fsize);
+    aovrec::RecorderConfig config;
+    config.file = path.c_str();
+    config.compress = false;
+    config.node = kNode;
+    aovrec::configure(config);
+    const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+    struct stat info {};
+    ::stat(path.c_str(), &info);
+    fsize.rlim_cur = static_cast<rlim_t>(info.st_size) + room;
+    fsize.rlim_max = fsize.rlim_cur;
+    ::setrlimit(RLIMIT_FSIZE, &fsize);
+    bool ok = true;
+    for (int i = 0; i < 3; ++i) {
+        errno = 0;
+        const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+        if (result != -1 || errno != EIO) {
+            std::fprintf(stderr, "STOP %d: %d errno %d, expected -1 errno EIO\n", i, result, errno);
+            ok = false;
+        }
+        if (i == 1 && !aovrec::stats().failed) {
+            std::fprintf(stderr, "the failed write did not stop the recording\n");
+            ok = false;
+        }
+    }
+    std::exit(ok ? 0 : 1);
+}
+
 // A disk that fills up mid-recording (a file size limit here): the write
 // that is cut short stops the recording at once, said once, and the
 // process's requests keep their own results and errno.
@@ -995,25 +1033,39 @@ TEST(WriterThread, AFullDiskStopsTheRecordingAndTheCallerKeepsItsErrno) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const std::string path =
         ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_full.rec";
+    // Room for one more STOP record (58 bytes) and half of the next.
+    EXPECT_EXIT(
+        stopsAtASizeLimit(path, 58 + 29), ::testing::ExitedWithCode(0),
+        "aov-rec: recording stopped: cannot write the session file: No space left on device");
+    std::string error;
+    describeBytes(readFile(path), &error);
+    ::unlink(path.c_str());
+    EXPECT_NE(error.find("cut off"), std::string::npos) << error;
+}
+
+// A write at the size limit raises SIGXFSZ, whose default action would end
+// the process.
+TEST(WriterThread, AFileAtItsSizeLimitStopsTheRecordingAndTheProcessGoesOn) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path =
+        ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_limit.rec";
+    EXPECT_EXIT(stopsAtASizeLimit(path, 0), ::testing::ExitedWithCode(0),
+                "aov-rec: recording stopped: cannot write the session file: ");
+    ::unlink(path.c_str());
+}
+
+// A session file that is a pipe whose reader has gone: a record its caller
+// writes raises SIGPIPE, which must not end the process.
+TEST(WriterThread, APipeWhoseReaderHasGoneStopsTheRecordingAndTheProcessGoesOn) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_EXIT(
         {
-            std::signal(SIGXFSZ, SIG_IGN);
-            aovrec::RecorderConfig config;
-            config.file = path.c_str();
-            config.compress = false;
-            config.node = kNode;
-            aovrec::configure(config);
-            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
-            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
-            struct stat info {};
-            ::stat(path.c_str(), &info);
-            // Room for one more STOP record (58 bytes) and half of the next.
-            const rlim_t limit = static_cast<rlim_t>(info.st_size) + 58 + 29;
-            rlimit fsize{};
-            fsize.rlim_cur = limit;
-            fsize.rlim_max = limit;
-            ::setrlimit(RLIMIT_FSIZE, &fsize);
-            bool ok = true;
+            std::signal(SIGPIPE, SIG_DFL);
+            PipeSession pipe;
+            Recording rec(ContentMode::Written, false, pipe.path());
+            const int fd = rec.openNode();
+            bool ok = !aovrec::stats().failed;
+            pipe.closeReader();
             for (int i = 0; i < 3; ++i) {
                 errno = 0;
                 const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
@@ -1022,19 +1074,15 @@ TEST(WriterThread, AFullDiskStopsTheRecordingAndTheCallerKeepsItsErrno) {
                                  errno);
                     ok = false;
                 }
-                if (i == 1 && !aovrec::stats().failed) {
-                    std::fprintf(stderr, "the write cut short did not stop the recording\n");
-                    ok = false;
-                }
+            }
+            if (!aovrec::stats().failed) {
+                std::fprintf(stderr, "the failed write did not stop the recording\n");
+                ok = false;
             }
             std::exit(ok ? 0 : 1);
         },
         ::testing::ExitedWithCode(0),
-        "aov-rec: recording stopped: cannot write the session file: No space left on device");
-    std::string error;
-    describeBytes(readFile(path), &error);
-    ::unlink(path.c_str());
-    EXPECT_NE(error.find("cut off"), std::string::npos) << error;
+        "aov-rec: recording stopped: cannot write the session file: ");
 }
 
 // An event buffer of its own pages, so that parts of it can be made unreadable.

@@ -5,6 +5,8 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -87,6 +89,7 @@ struct Recorder {
     ContentMode content = ContentMode::Written;
     bool compress = true;
     int out_fd = -1;
+    bool output_may_signal = false;  // a write to it can raise SIGPIPE or SIGXFSZ
     // Mapped at the first node open: the content buffers, the writer's room
     // for compressed frames, the small record being built, the queue's room.
     uint8_t* slots[kContentSlots] = {};
@@ -204,6 +207,59 @@ void drainAtExit() {
     drain();
 }
 
+// A pipe whose reader has gone raises SIGPIPE on a write, and a file at
+// the process's size limit SIGXFSZ; by default either ends the process.
+// While a caller writes such an output, both are blocked, and one that the
+// write raised is taken back before they are unblocked: the write fails
+// (EPIPE, EFBIG), the recording stops, the process goes on. The writer
+// thread blocks every signal for good. A size limit first set while a
+// recording runs is not seen: the check is made when the file is opened.
+class QuietWrite {
+  public:
+    explicit QuietWrite(bool needed) : active_(needed) {
+        if (!active_) {
+            return;
+        }
+        sigset_t both;
+        sigemptyset(&both);
+        sigaddset(&both, SIGPIPE);
+        sigaddset(&both, SIGXFSZ);
+        pthread_sigmask(SIG_BLOCK, &both, &old_);
+        sigpending(&before_);
+    }
+    ~QuietWrite() {
+        if (!active_) {
+            return;
+        }
+        sigset_t now;
+        sigpending(&now);
+        for (const int sig : {SIGPIPE, SIGXFSZ}) {
+            if (sigismember(&now, sig) == 1 && sigismember(&before_, sig) == 0) {
+                sigset_t one;
+                sigemptyset(&one);
+                sigaddset(&one, sig);
+                const timespec none{0, 0};
+                sigtimedwait(&one, nullptr, &none);
+            }
+        }
+        pthread_sigmask(SIG_SETMASK, &old_, nullptr);
+    }
+    QuietWrite(const QuietWrite&) = delete;
+    QuietWrite& operator=(const QuietWrite&) = delete;
+
+  private:
+    bool active_;
+    sigset_t old_{};
+    sigset_t before_{};
+};
+
+bool outputMaySignal(int fd) {
+    struct stat info {};
+    rlimit size{};
+    return ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
+           ::getrlimit(RLIMIT_FSIZE, &size) != 0 || size.rlim_cur != RLIM_INFINITY;
+}
+
 // Starts the writer thread once, with every signal blocked in it: a
 // handler never runs there. Without it every record is written by its
 // caller. Under the lock.
@@ -302,8 +358,15 @@ bool startLocked() {
     header.compression = g_rec.compress ? Compression::Zstd : Compression::None;
     header.start_ns = monotonicNs();
     header.pid = static_cast<uint32_t>(::getpid());
-    if (!g_rec.writer.begin(fd, header, g_rec.work, g_rec.work_size)) {
-        const int err = errno;
+    g_rec.output_may_signal = outputMaySignal(fd);
+    int err = 0;
+    {
+        QuietWrite quiet(g_rec.output_may_signal);
+        if (!g_rec.writer.begin(fd, header, g_rec.work, g_rec.work_size)) {
+            err = errno != 0 ? errno : EIO;
+        }
+    }
+    if (err != 0) {
         ::syscall(SYS_close, fd);
         fail(path, err);
         return false;
@@ -359,8 +422,15 @@ void submitLocked(RecordType type, const ByteWriter& out, int slot) {
             releaseSlot(slot);
             return;
         }
-        if (!g_rec.writer.write(type, data, out.size())) {
-            fail("cannot write the session file", errno);
+        int err = 0;
+        {
+            QuietWrite quiet(g_rec.output_may_signal);
+            if (!g_rec.writer.write(type, data, out.size())) {
+                err = errno != 0 ? errno : EIO;
+            }
+        }
+        if (err != 0) {
+            fail("cannot write the session file", err);
         }
         releaseSlot(slot);
         return;
