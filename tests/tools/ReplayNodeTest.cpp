@@ -25,6 +25,14 @@
 
 namespace {
 
+// A digest as the tools print it.
+std::string digestText(const void* data, size_t size) {
+    char hex[17];
+    std::snprintf(hex, sizeof(hex), "%016llx",
+                  static_cast<unsigned long long>(aovrec::digest(data, size)));
+    return hex;
+}
+
 using aovsimtool::ReplayDivergence;
 using aovsimtool::ReplayNode;
 
@@ -217,24 +225,9 @@ TEST_F(ReplayNodeTest, WritesOnlyTheAreasTheRecordingKept) {
         }
     }
     // The areas' digests, as aov-rec dump prints the recorded ones.
-    EXPECT_EQ(
-        node_->lastAreaDigests(event.data()),
-        "s1 100 " +
-            [&] {
-                char hex[17];
-                std::snprintf(
-                    hex, sizeof(hex), "%016llx",
-                    static_cast<unsigned long long>(aovrec::digest(event_.s1.data(), 100)));
-                return std::string(hex);
-            }() +
-            ", s4 200 " +
-            [&] {
-                char hex[17];
-                std::snprintf(
-                    hex, sizeof(hex), "%016llx",
-                    static_cast<unsigned long long>(aovrec::digest(event_.s4.data(), 200)));
-                return std::string(hex);
-            }());
+    EXPECT_EQ(node_->lastAreaDigests(event.data()), "s1 100 " + digestText(event_.s1.data(), 100) +
+                                                        ", s4 200 " +
+                                                        digestText(event_.s4.data(), 200));
 }
 
 TEST_F(ReplayNodeTest, ARequestWaitsForTheDequeueTheRecordingHasBeforeIt) {
