@@ -33,10 +33,14 @@ class KdevNode : public ::testing::Test {
     void TearDown() override { server_.kill(); }
 
     // Starts aov-kdev and waits, with a limit, until it serves.
-    void start(const std::string& fault) {
+    void start(const std::string& fault, const char* scenario = nullptr) {
         std::vector<std::string> extra = {"--quiet"};
         if (!fault.empty()) {
             extra.insert(extra.end(), {"--fault", fault});
+        }
+        if (scenario != nullptr) {
+            extra.insert(extra.end(),
+                         {"--scenario", std::string(AOV_COMPLIANCE_TEST_DIR "/") + scenario});
         }
         std::string problem;
         ASSERT_TRUE(server_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
@@ -96,7 +100,8 @@ TEST_F(KdevNode, TapOutputAndOneCategory) {
 
 struct Fault {
     const char* name;
-    const char* line;  // the check's line as the fault must make it
+    const char* line;                // the check's line as the fault must make it
+    const char* scenario = nullptr;  // aov-kdev's scenario, if not its streaming default
 };
 
 void PrintTo(const Fault& fault, std::ostream* out) {
@@ -106,7 +111,7 @@ void PrintTo(const Fault& fault, std::ostream* out) {
 class FaultMatrix : public KdevNode, public ::testing::WithParamInterface<Fault> {};
 
 TEST_P(FaultMatrix, TheCheckNamedForTheFaultCatchesIt) {
-    start(GetParam().name);
+    start(GetParam().name, GetParam().scenario);
     const ProcessResult run = check();
     EXPECT_TRUE(hasLine(run.output, GetParam().line)) << run.output;
     const bool warnOnly = std::string(GetParam().line).find(": WARN") != std::string::npos;
@@ -134,7 +139,12 @@ const Fault kFaults[] = {
           "requests: SENSOR_OFF with 64 ids: FAIL (expected an answer within 2000 ms, got "
           "none: the request blocks)\naov-compliance: stopped: SENSOR_OFF with 64 ids never "
           "returned; later checks not run\naov-compliance: 28 passed, 1 failed"},
-    Fault{"block-empty-dequeue", "dequeue: nothing pending returns promptly: WARN"},
+    // Three events a session, all taken before the queue is drained (the
+    // first, the one the faulting dequeue loses, the one after it): nothing
+    // can arrive between the drained poll and the empty dequeue, as an event
+    // of a streaming sensor could on a slow machine.
+    Fault{"block-empty-dequeue", "dequeue: nothing pending returns promptly: WARN",
+          "three-events.json"},
     Fault{"keep-session-on-close",
           "lifecycle: second session works: FAIL (expected START to "
           "succeed, got EBUSY"},
