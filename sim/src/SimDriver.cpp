@@ -352,8 +352,12 @@ int SimDriver::stop(bool byRequest) {
     }
     const bool keepTimer = byRequest && has(bugs_, DriverBug::kEventsAfterStop) && wasStarted;
     if (keepTimer) {
-        aov::MutexLock guard(mutex_);
-        timer_after_stop_ = true;
+        {
+            aov::MutexLock guard(mutex_);
+            timer_after_stop_ = true;
+        }
+        // The frame in flight at STOP is queued at once, then the timer's.
+        produceEvent();
     } else {
         timer_.stop();
         aov::MutexLock guard(mutex_);

@@ -15,7 +15,7 @@ enum class DriverBug : uint32_t {
     kAcceptWrongSize = 1u << 2,     // matches requests on their number only, whatever the size
     kNoReadiness = 1u << 3,         // the node never polls readable
     kReadableAfterDrain = 1u << 4,  // the node stays readable once the queue is empty
-    kEventsAfterStop = 1u << 5,     // the frame timer keeps queueing events after STOP
+    kEventsAfterStop = 1u << 5,     // events keep being queued after STOP, the first at once
     kIgnoreAreaFault = 1u << 6,     // an area it cannot write is skipped, the dequeue succeeds
     kHangSensorOff = 1u << 7,       // SENSOR_OFF never returns
     kBlockEmptyDequeue = 1u << 8,   // a dequeue with nothing pending never returns
