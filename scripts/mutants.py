@@ -149,9 +149,10 @@ def find_sites(path, text):
 
     for m in _INTEGER_RE.finditer(masked):
         digits = m.group(1)
-        value = int(digits, 16) if digits[:2].lower() == "0x" else int(digits)
+        base = 16 if digits[:2].lower() == "0x" else (8 if len(digits) > 1 and digits[0] == "0" else 10)
+        value = int(digits, base)
         changed = 1 if value == 0 else (0 if value == 1 else value + 1)
-        shown = hex(changed) if digits[:2].lower() == "0x" else str(changed)
+        shown = {16: hex(changed), 8: "0" + oct(changed)[2:], 10: str(changed)}[base]
         add(m.start(1), m.end(1), shown, "constant")
 
     for m in _CALL_RE.finditer(masked):

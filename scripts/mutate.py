@@ -37,7 +37,7 @@ import mutants  # noqa: E402
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 # "  3/9 Test  #3: Name .....***Timeout   1.00 sec": the name, then what ctest
 # says of the test after the run of dots.
-TEST_LINE = re.compile(r"^\s*\d+/\d+ Test\s+#\d+: (\S+)(.*)\s[\d.]+ sec\s*$", re.M)
+TEST_LINE = re.compile(r"^\s*\d+/\d+ Test\s+#\d+: (.*)\s[\d.]+ sec\s*$", re.M)
 
 
 def run(cmd, timeout=None):
@@ -71,8 +71,10 @@ def test_outcomes(regex, per_test):
 
 def parse_outcomes(output):
     outcomes = {}
-    for name, rest in TEST_LINE.findall(output):
-        outcomes[name] = re.split(r" \.+", rest)[-1].strip().strip("*")
+    for line in TEST_LINE.findall(output):
+        # A parametrised name may hold spaces: "P/T.Case/1  # GetParam() = 16-byte object <...>".
+        parts = re.split(r" \.+", line)
+        outcomes[parts[0].strip()] = parts[-1].strip().strip("*")
     return outcomes
 
 

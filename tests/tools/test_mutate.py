@@ -58,6 +58,8 @@ class WhereFaultsAreSeeded(unittest.TestCase):
         self.assertIn(("return", "true", "false"), found)
         self.assertIn(("return", "-1", "0"), found)
         self.assertIn(("constant", "0", "1"), found)
+        self.assertIn(("constant", "0644", "0645"), changes("int mode = 0644;\n"))
+        self.assertIn(("constant", "0x1C", "0x1d"), changes("int at = 0x1C;\n"))
         # A returned value is changed by the return rule only.
         self.assertNotIn(("constant", "1", "0"), found)
 
@@ -87,7 +89,7 @@ CTEST_OUTPUT = """Test project /tmp/ct/b
 4/8 Test #6: Missing.NotRun .....................***Not Run   0.00 sec
 5/8 Test #1: Good.Pass ..........................   Passed    0.00 sec
 6/8 Test #7: Skip.Me ............................***Skipped   0.00 sec
-7/8 Test #8: P/Param.Case/X  # GetParam() = X ...   Passed    0.00 sec
+7/8 Test #8: P/Param.Case/X  # GetParam() = 16-byte object <01-00> ...   Passed    0.00 sec
 8/8 Test #3: Slow.Hang ..........................***Timeout   1.00 sec
 """
 
@@ -97,12 +99,13 @@ class HowOutcomesAreJudged(unittest.TestCase):
         self.assertEqual(mutate.parse_outcomes(CTEST_OUTPUT), {
             "Bad.Fail": "Failed", "Seg.Crash": "Exception: SegFault",
             "Abrt.Abort": "Subprocess aborted***Exception:", "Missing.NotRun": "Not Run",
-            "Good.Pass": "Passed", "Skip.Me": "Skipped", "P/Param.Case/X": "Passed",
+            "Good.Pass": "Passed", "Skip.Me": "Skipped",
+            "P/Param.Case/X  # GetParam() = 16-byte object <01-00>": "Passed",
             "Slow.Hang": "Timeout"})
 
     def test_only_tests_that_passed_unseeded_decide(self):
         outcomes = mutate.parse_outcomes(CTEST_OUTPUT)
-        self.assertEqual(mutate.judge({"Good.Pass", "P/Param.Case/X"}, outcomes),
+        self.assertEqual(mutate.judge({"Good.Pass"}, outcomes),
                          ("survived", []))
         self.assertEqual(mutate.judge({"Good.Pass", "Bad.Fail"}, outcomes),
                          ("caught", ["Bad.Fail"]))
