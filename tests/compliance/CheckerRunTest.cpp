@@ -142,12 +142,14 @@ TEST_F(KdevNode, ANodeReadableWithNothingPendingSkipsTheChecksThatNeedReadiness)
 // The TAP of one run, written to a file that prove reads through `cat`.
 class ProveReadsTheTap : public KdevNode {
   protected:
-    ProcessResult prove(const std::string& fault) {
-        start(fault);
+    // `shown`: -v for every line, --directives for the SKIP lines only.
+    ProcessResult prove(const std::string& fault, const char* scenario = nullptr,
+                        const char* shown = "-v") {
+        start(fault, scenario);
         const ProcessResult run = check({"--tap"});
         const std::string file = dir_ + ".tap";
         std::ofstream(file) << run.output;
-        ProcessResult read = runProcess(AOV_PROVE_PATH, {"-v", "-e", "cat", file});
+        ProcessResult read = runProcess(AOV_PROVE_PATH, {shown, "-e", "cat", file});
         std::printf("prove:\n%s", read.output.c_str());
         ::unlink(file.c_str());
         EXPECT_EQ(read.output.find("Parse errors"), std::string::npos) << read.output;
@@ -159,6 +161,16 @@ class ProveReadsTheTap : public KdevNode {
 TEST_F(ProveReadsTheTap, ACleanRunPasses) {
     const ProcessResult read = prove("");
     EXPECT_EQ(read.exit_code, 0) << read.output;
+    EXPECT_NE(read.output.find("Result: PASS"), std::string::npos) << read.output;
+}
+
+TEST_F(ProveReadsTheTap, ASkippedCheckIsReadAsASkipDirective) {
+    const ProcessResult read = prove("", "no-content.json", "--directives");
+    EXPECT_EQ(read.exit_code, 0) << read.output;
+    EXPECT_NE(read.output.find("\nok 28 - dequeue: faulting area refused with EFAULT # SKIP no "
+                               "event carried content\nok\n"),
+              std::string::npos)
+        << read.output;
     EXPECT_NE(read.output.find("Result: PASS"), std::string::npos) << read.output;
 }
 

@@ -102,7 +102,7 @@ void emptyDequeueCheck(Context& ctx, const Drain& drain) {
         case Drain::End::kStopped:
             return;
         case Drain::End::kStorm:
-            ctx.skip(id, "the queue never drained");
+            // Decided once the stream has stopped (emptyDequeueAfterStopCheck).
             return;
         case Drain::End::kReadableEmpty:
             // The drain's last dequeue found nothing pending and answered.
@@ -143,6 +143,34 @@ void emptyDequeueCheck(Context& ctx, const Drain& drain) {
                         msText(longest) +
                         ": it waits for the next event instead of answering; a monitor that "
                         "misreads readiness would stall");
+}
+
+void emptyDequeueAfterStopCheck(Context& ctx) {
+    const CheckId id = CheckId::kEmptyDequeue;
+    if (ctx.reported(id)) {
+        return;
+    }
+    if (!ctx.reported(CheckId::kNothingAfterStop) || ctx.troubled(CheckId::kNothingAfterStop)) {
+        ctx.skip(id, "the queue never drained, and the node was not quiet after STOP");
+        return;
+    }
+    const CallResult r = ctx.dequeue(false);
+    if (r.status == CallResult::Status::kTimedOut) {
+        ctx.warn(id, "expected an answer within " + std::to_string(ctx.options().timeout_ms) +
+                         " ms, got none: the dequeue blocks with nothing pending (stream stopped "
+                         "first)");
+        return;
+    }
+    if (!ctx.answered(id, r)) {
+        return;
+    }
+    if (r.value < 0) {
+        ctx.pass(id,
+                 "stream stopped first: returned " + resultText(r) + " in " + msText(r.elapsed_us));
+    } else {
+        ctx.problem(id, "expected a negative result with nothing pending after STOP, got " +
+                            resultText(r) + " (stream stopped first)");
+    }
 }
 
 void faultingAreaChecks(Context& ctx, const Drain& drain) {

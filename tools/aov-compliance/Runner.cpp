@@ -85,6 +85,12 @@ void sessionChecks(Context& ctx) {
         return;
     }
     nothingAfterStopCheck(ctx);
+    if (ctx.stopped()) {
+        return;
+    }
+    if (started) {
+        emptyDequeueAfterStopCheck(ctx);
+    }
 }
 
 }  // namespace

@@ -55,8 +55,11 @@ void nothingAfterStopCheck(Context& ctx);
 // The pending event into the library's layout, writes inside the areas, the
 // record untouched.
 void pendingEventChecks(Context& ctx);
-// Nothing pending returns promptly, after the drain.
+// Nothing pending returns promptly, after the drain. A queue that never
+// drained leaves the check to emptyDequeueAfterStopCheck.
 void emptyDequeueCheck(Context& ctx, const Drain& drain);
+// The same once the stream has stopped, when the drain could not decide it.
+void emptyDequeueAfterStopCheck(Context& ctx);
 // The faulting area refused, then the next event dequeued. Both SKIP when the
 // drain showed that readiness does not say when an event is pending.
 void faultingAreaChecks(Context& ctx, const Drain& drain);
