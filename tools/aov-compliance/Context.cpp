@@ -62,7 +62,6 @@ void Context::record(CheckId id, Verdict verdict, const std::string& detail) {
     if (verdict == Verdict::kFail || verdict == Verdict::kWarn) {
         for (CheckId earlier : spec(id).after) {
             if (earlier != CheckId::kCount && troubled(earlier)) {
-                knock_on_[i] = true;
                 text = "after: " + std::string(spec(earlier).name) +
                        (text.empty() ? std::string() : "; " + text);
                 break;

@@ -101,7 +101,6 @@ class Context {
     int last_error_ = 0;
     std::string stop_reason_;
     int verdicts_[kCheckCount] = {};
-    bool knock_on_[kCheckCount] = {};
 };
 
 }  // namespace aovcompliance

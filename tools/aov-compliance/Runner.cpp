@@ -121,7 +121,9 @@ int runChecks(const Options& options, std::FILE* out) {
     if (!ctx.stopped() && selected(report, Category::kLifecycle)) {
         lifecycleChecks(ctx);
     }
-    if (!ctx.stopped() && ctx.fd() >= 0) {
+    // The node is closed by a child even after a stop: this process must not
+    // end holding it, as its exit would run the driver's FLUSH here.
+    if (ctx.fd() >= 0) {
         const CallResult closed = ctx.close(ctx.fd());
         if (closed.status == CallResult::Status::kTimedOut) {
             ctx.stop("the close at the end of the run never returned: FLUSH or release blocks");
