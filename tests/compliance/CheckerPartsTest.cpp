@@ -3,6 +3,7 @@
 // hung call or a vanished driver), the arena's damage reports, and whole runs
 // against paths that are no AOV node.
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -175,6 +176,24 @@ TEST(CheckerVerdicts, AHungCallFailsTheCheckAndStopsTheRunAVanishedDriverOnlySto
     EXPECT_TRUE(ctx.answered(CheckId::kStop, refused));
     EXPECT_FALSE(ctx.stopped());
     EXPECT_EQ(memory.text(), "");
+}
+
+TEST(CheckerVerdicts, AnOpenWhoseProcessCouldNotCloseItsCopyLeavesNoDescriptorBehind) {
+    Options options;
+    MemoryReport memory;
+    Context ctx(options, memory.report());
+    int ends[2];
+    ASSERT_EQ(::pipe(ends), 0);
+    CallResult r;
+    r.status = CallResult::Status::kCloseHung;
+    r.value = ends[0];
+    r.passed_fd = ends[0];
+    EXPECT_FALSE(ctx.openAnswered(CheckId::kOpenReadWrite, r));
+    EXPECT_TRUE(ctx.stopped());
+    EXPECT_EQ(::fcntl(ends[0], F_GETFD), -1) << "the handed-over descriptor was closed";
+    EXPECT_EQ(memory.text().rfind("open: O_RDWR open: FAIL (the call returned ", 0), 0u)
+        << memory.text();
+    ::close(ends[1]);
 }
 
 TEST(CheckerText, ReadinessBitsAndResultsAreNamed) {

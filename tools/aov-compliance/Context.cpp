@@ -148,6 +148,16 @@ bool Context::answered(CheckId id, const CallResult& r) {
     return false;
 }
 
+bool Context::openAnswered(CheckId id, const CallResult& r) {
+    if (answered(id, r)) {
+        return true;
+    }
+    if (r.passed_fd >= 0) {
+        (void)close(r.passed_fd);
+    }
+    return false;
+}
+
 CallResult Context::request(unsigned long code, void* arg) {
     const int fd = fd_;
     return guard_.run(options_.timeout_ms,

@@ -66,6 +66,11 @@ class Context {
     // returned, or a driver that went away (ENOTCONN, ENODEV).
     bool answered(CheckId id, const CallResult& r);
 
+    // answered() for an open: a descriptor the open handed over although the
+    // call is not judged (its process could not close its own copy) is closed
+    // here, in a child, so that this process never ends holding it.
+    bool openAnswered(CheckId id, const CallResult& r);
+
     // --- calls, each in a guarded child under the request limit --------------
     CallResult request(unsigned long code, void* arg);
     // open(node, O_RDWR); the descriptor in passed_fd.

@@ -130,7 +130,7 @@ void lifecycleChecks(Context& ctx) {
     }
 
     r = ctx.openNode();
-    if (!ctx.answered(CheckId::kReopenAfterClose, r)) {
+    if (!ctx.openAnswered(CheckId::kReopenAfterClose, r)) {
         return;
     }
     if (r.value < 0) {

@@ -30,7 +30,7 @@ void openNodeChecks(Context& ctx) {
         return;
     }
     CallResult r = ctx.openNode();
-    if (!ctx.answered(CheckId::kOpenReadWrite, r)) {
+    if (!ctx.openAnswered(CheckId::kOpenReadWrite, r)) {
         ctx.stop("the node cannot be opened");
         return;
     }
@@ -51,7 +51,7 @@ void openNodeChecks(Context& ctx) {
 
     // The library opens the node once per process; either answer is fine.
     r = ctx.openNode();
-    if (!ctx.answered(CheckId::kSecondOpen, r)) {
+    if (!ctx.openAnswered(CheckId::kSecondOpen, r)) {
         return;
     }
     if (r.value >= 0) {
@@ -84,7 +84,7 @@ void openNodeChecks(Context& ctx) {
         return;
     }
     r = ctx.openNode();
-    if (!ctx.answered(CheckId::kCloseReopen, r)) {
+    if (!ctx.openAnswered(CheckId::kCloseReopen, r)) {
         return;
     }
     if (r.value >= 0) {
