@@ -244,6 +244,23 @@ TEST_F(CheckerOnPipes, ANodeThatKnowsNoAovRequestStopsTheRunAtStop) {
     EXPECT_EQ(closeNull(), 0);
 }
 
+TEST_F(CheckerOnPipes, ALifecycleOnANodeThatRefusesStartSaysWhatFailedAtEachStep) {
+    options_.node = "/dev/null";
+    nullNode();
+    lifecycleChecks(*ctx_);
+    EXPECT_EQ(takeText(),
+              "lifecycle: START twice: FAIL (expected the first START to succeed, got ENOTTY)\n"
+              "lifecycle: close while started: OK\n"
+              "lifecycle: reopen after close while started: OK\n"
+              "lifecycle: second session works: FAIL (expected START to succeed, got ENOTTY)\n");
+    EXPECT_EQ(::fcntl(null_, F_GETFD), -1) << "closed by the check, in a child";
+    null_ = -1;
+    ASSERT_GE(ctx_->fd(), 0) << "the reopened descriptor";
+    const CallResult closed = ctx_->close(ctx_->fd());
+    EXPECT_EQ(closed.value, 0);
+    EXPECT_EQ(ctx_->fd(), -1);
+}
+
 TEST_F(CheckerOnPipes, WithoutADescriptorTheLifecycleChecksSayWhy) {
     lifecycleChecks(*ctx_);
     EXPECT_EQ(takeText(),

@@ -42,6 +42,10 @@ void secondSession(Context& ctx) {
     }
     std::string problem;
     const bool event = w == Wait::kReadable;
+    if (w == Wait::kOther) {
+        problem = "expected an event within " + std::to_string(ctx.options().event_timeout_ms) +
+                  " ms, got " + pollBitsText(bits);
+    }
     if (event) {
         r = ctx.dequeue(false);
         if (!ctx.answered(id, r)) {
@@ -61,7 +65,7 @@ void secondSession(Context& ctx) {
     if (!problem.empty()) {
         ctx.problem(id, problem);
     } else if (!event) {
-        ctx.skip(id, noEventWhy(ctx));
+        ctx.skip(id, noEventWhy(ctx));  // nothing signalled at all
     } else {
         ctx.pass(id);
     }
