@@ -123,6 +123,27 @@ TEST(CheckerVerdicts, AKnockOnFollowsAWarningTooButNotAPassOrSkip) {
               "requests: SENSOR_OFF with 64 ids: WARN (z)\n");
 }
 
+TEST(CheckerVerdicts, AKnockOnNamesTheFirstEarlierCheckOnlyAndTheFirstStopReasonStays) {
+    Options options;
+    MemoryReport memory;
+    Context ctx(options, memory.report());
+    ctx.fail(CheckId::kPendingDequeued, "a");
+    ctx.fail(CheckId::kNotReadableDrained, "b");
+    ctx.fail(CheckId::kFaultingArea, "c");
+    ctx.fail(CheckId::kWorksAfterFault, "d");
+    EXPECT_EQ(memory.text(),
+              "dequeue: pending event dequeued into the library's layout: FAIL (a)\n"
+              "readiness: not readable once drained: FAIL (after: pending event dequeued into "
+              "the library's layout; b)\n"
+              "dequeue: faulting area refused with EFAULT: FAIL (after: not readable once "
+              "drained; c)\n"
+              "dequeue: works after a faulting area: FAIL (after: faulting area refused with "
+              "EFAULT; d)\n");
+    ctx.stop("first");
+    ctx.stop("second");
+    EXPECT_EQ(ctx.stopReason(), "first");
+}
+
 TEST(CheckerVerdicts, AHungCallFailsTheCheckAndStopsTheRunAVanishedDriverOnlyStopsIt) {
     Options options;
     options.timeout_ms = 1500;

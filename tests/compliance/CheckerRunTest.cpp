@@ -139,6 +139,31 @@ TEST_F(KdevNode, ANodeReadableWithNothingPendingSkipsTheChecksThatNeedReadiness)
     EXPECT_EQ(lastLine(run.output), "aov-compliance: 35 passed, 1 failed, 0 warnings, 2 skipped");
 }
 
+TEST_F(KdevNode, ANodeThatNeverSignalsSkipsTheEventChecksSayingWhy) {
+    start("no-readiness");
+    const ProcessResult run = check({"--event-timeout-ms", "500"});
+    EXPECT_EQ(run.exit_code, 1) << run.output;
+    EXPECT_TRUE(hasLine(run.output,
+                        "readiness: poll readable with an event pending: FAIL (expected POLLIN "
+                        "within 500 ms, got 0 while a dequeue returned an event"))
+        << run.output;
+    const auto found = verdicts(run.output);
+    for (const char* check :
+         {"dequeue: pending event dequeued into the library's layout",
+          "dequeue: writes stay inside the areas",
+          "dequeue: record's padding and addresses untouched",
+          "readiness: epoll readable (empty mask, then modified)",
+          "readiness: not readable once drained", "dequeue: nothing pending returns promptly",
+          "dequeue: faulting area refused with EFAULT", "dequeue: works after a faulting area"}) {
+        EXPECT_TRUE(
+            hasLine(run.output, std::string(check) + ": SKIP (the node does not signal readiness)"))
+            << check << "\n"
+            << run.output;
+    }
+    EXPECT_EQ(found.size(), aovcompliance::kCheckCount) << run.output;
+    EXPECT_EQ(lastLine(run.output), "aov-compliance: 28 passed, 1 failed, 0 warnings, 9 skipped");
+}
+
 // The TAP of one run, written to a file that prove reads through `cat`.
 class ProveReadsTheTap : public KdevNode {
   protected:
