@@ -89,6 +89,19 @@ TEST_F(KdevNode, ChecksThatCannotRunSaySkipAndTheExitCodeIsFour) {
     EXPECT_EQ(verdicts(run.output).size(), aovcompliance::kCheckCount) << run.output;
 }
 
+TEST_F(KdevNode, OneCategoryCountsOnlyItsOwnChecksInTheTotalsAndTheExitCode) {
+    // The skipped check is a dequeue check: the requests alone all pass.
+    start("", "no-content.json");
+    const ProcessResult requests = check({"--only", "requests"});
+    EXPECT_EQ(requests.exit_code, 0) << requests.output;
+    EXPECT_EQ(lastLine(requests.output),
+              "aov-compliance: 19 passed, 0 failed, 0 warnings, 0 skipped");
+    const ProcessResult dequeue = check({"--only", "dequeue"});
+    EXPECT_EQ(dequeue.exit_code, 4) << dequeue.output;
+    EXPECT_EQ(lastLine(dequeue.output),
+              "aov-compliance: 5 passed, 0 failed, 0 warnings, 1 skipped");
+}
+
 TEST_F(KdevNode, ADriverThatGoesAwayEndsTheRunWithOneLineAndTheTotals) {
     start("");
     server_.kill();  // the node stays, its server is gone: every call gets ENOTCONN
