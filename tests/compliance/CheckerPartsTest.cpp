@@ -50,9 +50,9 @@ class MemoryReport {
 TEST(CheckTable, DeclaresEachCheckOnceInItsOwnRowWithAFailOrWarnVerdict) {
     std::set<std::string> names;
     for (size_t i = 0; i < kCheckCount; ++i) {
-        const CheckSpec& check = checkTable()[i];
+        const CheckEntry& check = checkTable()[i];
         EXPECT_EQ(static_cast<size_t>(check.id), i) << check.name;
-        EXPECT_EQ(&spec(check.id), &check);
+        EXPECT_EQ(&entry(check.id), &check);
         EXPECT_TRUE(names.insert(check.name).second) << "twice: " << check.name;
         EXPECT_TRUE(check.problem == Verdict::kFail || check.problem == Verdict::kWarn)
             << check.name;

@@ -44,7 +44,7 @@ std::map<std::string, std::string> verdicts(const std::string& output) {
     return found;
 }
 
-std::string key(const aovcompliance::CheckSpec& check) {
+std::string key(const aovcompliance::CheckEntry& check) {
     return std::string(aovcompliance::categoryName(check.category)) + ": " + check.name;
 }
 

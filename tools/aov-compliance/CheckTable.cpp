@@ -15,7 +15,7 @@ constexpr Category kDeq = Category::kDequeue;
 constexpr Category kRdy = Category::kReadiness;
 constexpr Category kLife = Category::kLifecycle;
 
-const CheckSpec kTable[kCheckCount] = {
+const CheckEntry kTable[kCheckCount] = {
     {C::kOpenReadWrite, kOpen, "O_RDWR open", F},
     {C::kSecondOpen, kOpen, "second open while held", F},
     {C::kCloseReopen, kOpen, "close and reopen", F},
@@ -84,11 +84,11 @@ const char* const kCategoryNames[] = {"open", "requests", "dequeue", "readiness"
 
 }  // namespace
 
-const CheckSpec& spec(CheckId id) {
+const CheckEntry& entry(CheckId id) {
     return kTable[static_cast<size_t>(id)];
 }
 
-const CheckSpec* checkTable() {
+const CheckEntry* checkTable() {
     return kTable;
 }
 

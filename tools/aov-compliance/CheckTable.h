@@ -60,7 +60,7 @@ enum class CheckId {
 constexpr size_t kCheckCount = static_cast<size_t>(CheckId::kCount);
 constexpr size_t kMaxAfter = 3;
 
-struct CheckSpec {
+struct CheckEntry {
     CheckId id;
     Category category;
     const char* name;
@@ -69,12 +69,12 @@ struct CheckSpec {
     CheckId after[kMaxAfter] = {CheckId::kCount, CheckId::kCount, CheckId::kCount};
 };
 
-const CheckSpec& spec(CheckId id);
+const CheckEntry& entry(CheckId id);
 const char* categoryName(Category category);
 // False when `name` is not a category.
 bool categoryNamed(const char* name, Category* category);
 
 // The table itself, for the tests: kCheckCount rows in CheckId order.
-const CheckSpec* checkTable();
+const CheckEntry* checkTable();
 
 }  // namespace aovcompliance

@@ -60,16 +60,16 @@ void Context::record(CheckId id, Verdict verdict, const std::string& detail) {
     }
     std::string text = detail;
     if (verdict == Verdict::kFail || verdict == Verdict::kWarn) {
-        for (CheckId earlier : spec(id).after) {
+        for (CheckId earlier : entry(id).after) {
             if (earlier != CheckId::kCount && troubled(earlier)) {
-                text = "after: " + std::string(spec(earlier).name) +
+                text = "after: " + std::string(entry(earlier).name) +
                        (text.empty() ? std::string() : "; " + text);
                 break;
             }
         }
     }
     verdicts_[i] = static_cast<int>(verdict);
-    report_.check(categoryName(spec(id).category), spec(id).name, verdict, text);
+    report_.check(categoryName(entry(id).category), entry(id).name, verdict, text);
 }
 
 void Context::pass(CheckId id, const std::string& note) {
@@ -77,7 +77,7 @@ void Context::pass(CheckId id, const std::string& note) {
 }
 
 void Context::problem(CheckId id, const std::string& detail) {
-    record(id, spec(id).problem, detail);
+    record(id, entry(id).problem, detail);
 }
 
 void Context::fail(CheckId id, const std::string& detail) {
@@ -110,7 +110,7 @@ void Context::stop(const std::string& reason) {
 }
 
 bool Context::answered(CheckId id, const CallResult& r) {
-    const char* name = spec(id).name;
+    const char* name = entry(id).name;
     switch (r.status) {
         case CallResult::Status::kReturned:
             report_.note(std::string(name) + " -> " + resultText(r) + " in " +

@@ -179,7 +179,7 @@ void faultingAreaChecks(Context& ctx, const Drain& drain) {
     if (drain.end == Drain::End::kReadableEmpty || drain.end == Drain::End::kStorm) {
         // A dequeue here could find nothing pending and fail for that alone.
         const std::string why = "readiness does not say when an event is pending (after: " +
-                                std::string(spec(CheckId::kNotReadableDrained).name) + ")";
+                                std::string(entry(CheckId::kNotReadableDrained).name) + ")";
         ctx.skip(id, why);
         ctx.skip(after, why);
         return;

@@ -135,7 +135,7 @@ int runChecks(const Options& options, std::FILE* out) {
     }
     // Every check of the categories shown has a line, whatever happened.
     for (size_t i = 0; i < kCheckCount; ++i) {
-        const CheckSpec& check = checkTable()[i];
+        const CheckEntry& check = checkTable()[i];
         if (selected(report, check.category) && !ctx.reported(check.id)) {
             ctx.skip(check.id, "not reached");
         }
