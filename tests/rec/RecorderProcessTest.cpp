@@ -130,15 +130,40 @@ TEST_F(UnderTheRecorder, AProgramSeesTheSameResultsAndErrnoAsWithoutIt) {
         << info.output;
 }
 
-TEST_F(UnderTheRecorder, AFileThatCannotBeWrittenIsSaidOnceAndTheProgramGoesOn) {
+TEST_F(UnderTheRecorder, AFileThatCannotBeWrittenIsSaidOnceWithANonZeroExitAndTheProgramGoesOn) {
     const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_});
     const ProcessResult recorded =
         rec({"record", "-o", "/nonexistent-dir/s.rec", "--", AOV_REC_CLIENT_PATH, node_, other_},
             {"AOV_REC_NODE=" + node_});
-    EXPECT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(recorded.exit_code, 3) << recorded.output;
     EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
     EXPECT_EQ(count(recorded.output, "aov-rec: recording stopped: /nonexistent-dir/s.rec: "), 1u)
         << recorded.output;
+    EXPECT_EQ(count(recorded.output, "aov-rec: "), 1u) << recorded.output;
+
+    const ProcessResult full =
+        rec({"record", "-o", "/dev/full", "--", AOV_REC_CLIENT_PATH, node_, other_},
+            {"AOV_REC_NODE=" + node_});
+    EXPECT_EQ(full.exit_code, 3) << full.output;
+    EXPECT_EQ(withoutRecLines(full.output), bare.output);
+    EXPECT_EQ(
+        count(full.output, "aov-rec: recording stopped: /dev/full: No space left on device\n"), 1u)
+        << full.output;
+    EXPECT_EQ(count(full.output, "aov-rec: "), 1u) << full.output;
+}
+
+TEST_F(UnderTheRecorder, AFileNothingWasRecordedIntoStaysAsItWasAndTheLineNamesTheNode) {
+    writeText(session_, "an earlier session");
+    const ProcessResult r =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, other_, other_},
+            {"AOV_REC_NODE=" + node_});
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_EQ(readText(session_), "an earlier session");
+    EXPECT_NE(r.output.find("never opened the node " + node_ +
+                            "; nothing recorded "
+                            "(AOV_REC_NODE=PATH or AOV_DEV_DIR=DIR watches another)"),
+              std::string::npos)
+        << r.output;
 }
 
 TEST_F(UnderTheRecorder, TheCommandsExitStatusIsHandedBack) {
@@ -181,7 +206,7 @@ TEST_F(UnderTheRecorder, AnOutputThatIsNotARegularFileStaysInPlace) {
     struct stat info {};
     ASSERT_EQ(::lstat(pipe.c_str(), &info), 0) << "the pipe given as the output was removed";
     EXPECT_TRUE(S_ISFIFO(info.st_mode)) << "the pipe given as the output was replaced";
-    EXPECT_NE(r.output.find("aov-rec: session written to " + pipe), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("nothing recorded"), std::string::npos) << r.output;
     ::unlink(pipe.c_str());
 }
 
@@ -204,6 +229,15 @@ TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
         EXPECT_EQ(r.exit_code, 2) << c.args[0];
         EXPECT_EQ(r.output, c.line);
     }
+    for (const char* command : {"record", "dump", "info", "retrace"}) {
+        const ProcessResult help = rec({command, "--help"});
+        EXPECT_EQ(help.exit_code, 0) << command << ": " << help.output;
+        EXPECT_EQ(help.output.rfind(std::string("usage: aov-rec ") + command, 0), 0u)
+            << help.output;
+    }
+    const ProcessResult recordHelp = rec({"record", "--help"});
+    EXPECT_NE(recordHelp.output.find("AOV_REC_NODE"), std::string::npos) << recordHelp.output;
+    EXPECT_NE(recordHelp.output.find("AOV_DEV_DIR"), std::string::npos) << recordHelp.output;
     const ProcessResult usage = rec({"record", "--content", "some", "--", "true"});
     EXPECT_EQ(usage.exit_code, 2);
     EXPECT_EQ(usage.output.rfind("aov-rec: --content must be all, written or none, not some\n", 0),
