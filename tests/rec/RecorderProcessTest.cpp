@@ -210,6 +210,81 @@ TEST_F(UnderTheRecorder, AnOutputThatIsNotARegularFileStaysInPlace) {
     ::unlink(pipe.c_str());
 }
 
+// Every path that reaches the node counts, and every duplicate of its
+// descriptors; a number that stopped being the node's (dup2 over it,
+// close_range) is not taken for it.
+TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatLeftItIsNot) {
+    const std::string link = tempPath("link");
+    ASSERT_EQ(::symlink(node_.c_str(), link.c_str()), 0) << std::strerror(errno);
+    const std::vector<std::string> args = {node_, other_, "paths", link};
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, args);
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    std::vector<std::string> recordArgs = {"record", "-o", session_, "--", AOV_REC_CLIENT_PATH};
+    recordArgs.insert(recordArgs.end(), args.begin(), args.end());
+    const ProcessResult recorded = rec(recordArgs, {"AOV_REC_NODE=" + node_});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    // Opens by the symlink, "//", /proc/self/fd/N and openat from the directory.
+    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 4u) << dump.output;
+    EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
+    // Those four and dup, F_DUPFD and dup2; not the other file's.
+    EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 7u) << dump.output;
+    // Five closes, the node's number replaced by dup2, the one close_range closed.
+    EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 7u) << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":90,"), std::string::npos) << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":100,"), std::string::npos) << dump.output;
+    ::unlink(link.c_str());
+}
+
+// Calls given memory they cannot read fail with EFAULT as without the
+// recorder, which reads nothing of theirs it cannot.
+TEST_F(UnderTheRecorder, CallsGivenUnreadableMemoryFailAsWithoutTheRecorder) {
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_, "bad-pointers"});
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    EXPECT_EQ(count(bare.output, " errno 14\n"), 4u) << bare.output;
+    const ProcessResult recorded =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "bad-pointers"},
+            {"AOV_REC_NODE=" + node_});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    EXPECT_NE(dump.output.find("\"request\":\"DEQUEUE_EVENT\",\"code\""), std::string::npos)
+        << dump.output;
+    EXPECT_NE(dump.output.find("\"arg_unreadable\":true"), std::string::npos) << dump.output;
+}
+
+// A child that the recorded program forks and execs records into a file of
+// its own; the parent's file keeps the parent's calls only.
+TEST_F(UnderTheRecorder, AnExecdChildRecordsIntoAFileOfItsOwnAndLeavesTheParentsAlone) {
+    const ProcessResult recorded =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "exec-child"},
+            {"AOV_REC_NODE=" + node_});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    const size_t at = recorded.output.find("child ");
+    ASSERT_NE(at, std::string::npos) << recorded.output;
+    const std::string child = std::to_string(std::atoi(recorded.output.c_str() + at + 6));
+    EXPECT_NE(recorded.output.find("child " + child + " exited 0"), std::string::npos);
+    const std::string childFile = session_ + "." + child;
+    EXPECT_NE(recorded.output.find("aov-rec: session recorded in " + session_ + " ("),
+              std::string::npos)
+        << recorded.output;
+    EXPECT_NE(recorded.output.find("aov-rec: session recorded in " + childFile + " ("),
+              std::string::npos)
+        << recorded.output;
+    for (const std::string& file : {session_, childFile}) {
+        const ProcessResult dump = rec({"dump", file});
+        ASSERT_EQ(dump.exit_code, 0) << file << "\n" << dump.output;
+        EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 2u) << dump.output;
+        EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 2u) << dump.output;
+    }
+    EXPECT_NE(rec({"dump", childFile}).output.find("\"pid\":" + child + ","), std::string::npos);
+    EXPECT_EQ(rec({"dump", session_}).output.find("\"pid\":" + child + ","), std::string::npos);
+    ::unlink(childFile.c_str());
+}
+
 TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
     const std::string text = tempPath("text");
     writeText(text, "not a session at all, just some text");

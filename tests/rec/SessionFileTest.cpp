@@ -9,11 +9,14 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -21,6 +24,7 @@
 #include <deque>
 #include <fstream>
 #include <iterator>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -52,7 +56,8 @@ std::vector<uint8_t> readFile(const std::string& path) {
 // made by the test on descriptors of /dev/null.
 class Recording {
   public:
-    explicit Recording(ContentMode mode, bool compress = true, std::string path = "") {
+    explicit Recording(ContentMode mode, bool compress = true, std::string path = "",
+                       int stall_limit_ms = 60000) {
         static int serial = 0;
         path_ = path.empty() ? ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_" +
                                    std::to_string(++serial) + ".rec"
@@ -62,7 +67,7 @@ class Recording {
         config.content = mode;
         config.compress = compress;
         config.node = kNode;
-        config.stall_limit_ms = 60000;  // order, not a stall, is tested here
+        config.stall_limit_ms = stall_limit_ms;
         aovrec::configure(config);
     }
     ~Recording() {
@@ -712,6 +717,9 @@ std::string describe(const Record& r) {
     if (r.type == RecordType::Poll) {
         return "P" + std::to_string(r.timeout_ms);
     }
+    if (r.type == RecordType::Ioctl && r.request == AOV_IOC_STOP) {
+        return "STOP";
+    }
     if (r.type == RecordType::Ioctl && r.back_len == sizeof(aov_event_query)) {
         bool whole = r.area_count == 9;
         for (uint8_t i = 0; whole && i < r.area_count; ++i) {
@@ -1184,5 +1192,159 @@ INSTANTIATE_TEST_SUITE_P(SessionFile, AreaCopy, ::testing::Bool(),
                              return info.param ? std::string("ThroughAPipe")
                                                : std::string("ThroughProcessVmReadv");
                          });
+
+// A session file on a pipe whose reader is alive but reads nothing: the
+// calls keep going. Content that finds no free buffer within the stall
+// limit is dropped and the record says so; call records are not dropped
+// but, once the queue is full for the limit, the recording stops.
+TEST(StalledOutput, ContentIsDroppedAndCountedAndTheCallRecordKept) {
+    PipeSession pipe;
+    std::vector<uint8_t> bytes;
+    uint64_t dropped = 0;
+    {
+        Recording rec(ContentMode::Written, false, pipe.path(), 20);
+        const int fd = rec.openNode();
+        g_dequeues = 0;
+        // Each is far more than the pipe holds: the first blocks the writer,
+        // the second waits in the other buffer, the third finds none.
+        for (int i = 0; i < 3; ++i) {
+            Dequeue dq;
+            ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query),
+                      0);
+            EXPECT_EQ(dq.query.header[0], static_cast<uint32_t>(i + 1));
+        }
+        pipe.startReading();
+        rec.closeNode(fd);
+        const aovrec::RecorderStats stats = aovrec::stats();
+        dropped = stats.content_dropped;
+        EXPECT_FALSE(stats.failed);
+        aovrec::configure(aovrec::RecorderConfig{});
+        ASSERT_TRUE(pipe.finish(&bytes)) << "the session file was not closed within 30 s";
+    }
+    EXPECT_EQ(dropped, 1u);
+    aovrec::MemorySource source(bytes.data(), bytes.size());
+    SessionReader reader(source);
+    ASSERT_TRUE(reader.start()) << reader.error();
+    std::vector<std::string> got;
+    Record r;
+    while (reader.next(&r) == SessionReader::Next::Record) {
+        const bool flagged = (r.arg_flags & aovrec::kArgContentDropped) != 0;
+        got.push_back(describe(r) + (r.type == RecordType::Ioctl && flagged ? " dropped" : ""));
+    }
+    const std::vector<std::string> want = {"open", "D1", "D2", "D3 damaged dropped", "close"};
+    EXPECT_EQ(got, want);
+}
+
+TEST(StalledOutput, ACallNeverWaitsLongerThanTheLimitAndTheRecordingStopsOnce) {
+    PipeSession pipe;
+    CapturedStderr err;
+    {
+        Recording rec(ContentMode::Written, false, pipe.path(), 20);
+        const int fd = rec.openNode();
+        // More call records than the queue holds, none taken by the reader.
+        for (int i = 0; i < 6000; ++i) {
+            errno = 0;
+            ASSERT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+            ASSERT_EQ(errno, EIO);
+        }
+        EXPECT_TRUE(aovrec::stats().failed);
+        rec.closeNode(fd);
+        pipe.closeReader();  // lets the writer's blocked write end
+    }
+    const std::string text = err.text();
+    const std::string line = "took nothing within the stall limit";
+    EXPECT_NE(text.find(line), std::string::npos) << text;
+    EXPECT_EQ(text.find(line), text.rfind(line)) << text;
+}
+
+// Waits up to 30 s for a child to exit; its exit code, or -1 (killed then).
+int waitChild(pid_t pid) {
+    const int pidfd = static_cast<int>(::syscall(SYS_pidfd_open, pid, 0));
+    if (pidfd >= 0) {
+        pollfd p{pidfd, POLLIN, 0};
+        const int ready = ::poll(&p, 1, 30000);
+        ::close(pidfd);
+        if (ready <= 0) {
+            ::kill(pid, SIGKILL);
+        }
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Set by the test's own fork handler, which runs before the recorder's.
+std::mutex g_fork_mutex;
+std::condition_variable g_fork_cv;
+bool g_fork_watch = false;
+bool g_fork_begun = false;
+bool g_lock_held = false;
+
+void forkBegins() {
+    std::lock_guard<std::mutex> lock(g_fork_mutex);
+    if (g_fork_watch) {
+        g_fork_begun = true;
+        g_fork_cv.notify_all();
+    }
+}
+
+void holdUntilForkBegins(void*) {
+    std::unique_lock<std::mutex> lock(g_fork_mutex);
+    g_lock_held = true;
+    g_fork_cv.notify_all();
+    g_fork_cv.wait_for(lock, std::chrono::seconds(30), [] { return g_fork_begun; });
+}
+
+// Another thread holds the recorder's lock when fork() is called: the fork
+// waits for it, and the child's calls on an inherited node descriptor take
+// a lock that works, into a file of the child's own.
+TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
+    Recording rec(ContentMode::Written);
+    const int fd = rec.openNode();
+    ASSERT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+    static const bool registered = pthread_atfork(forkBegins, nullptr, nullptr) == 0;
+    ASSERT_TRUE(registered);
+    {
+        std::lock_guard<std::mutex> lock(g_fork_mutex);
+        g_fork_watch = true;
+        g_fork_begun = false;
+        g_lock_held = false;
+    }
+    std::thread holder([] { aovrec::withRecorderLocked(holdUntilForkBegins, nullptr); });
+    {
+        std::unique_lock<std::mutex> lock(g_fork_mutex);
+        ASSERT_TRUE(g_fork_cv.wait_for(lock, std::chrono::seconds(30), [] { return g_lock_held; }))
+            << "the other thread never took the recorder's lock";
+    }
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        // In the child: a call and a close on the inherited descriptor.
+        const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+        rec.closeNode(fd);
+        const bool drained = aovrec::drain();
+        const std::string own = std::string(aovrec::sessionPath());
+        const bool named =
+            own.size() > 0 && own.substr(own.rfind('.') + 1) == std::to_string(::getpid());
+        ::_exit(result == -1 && drained && named ? 0 : 1);
+    }
+    holder.join();
+    {
+        std::lock_guard<std::mutex> lock(g_fork_mutex);
+        g_fork_watch = false;
+    }
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(waitChild(pid), 0) << "the child's calls did not go through";
+    const std::string parentFile = aovrec::sessionPath();
+    const std::string childFile = parentFile + "." + std::to_string(pid);
+    rec.closeNode(fd);
+    // The parent's file: its open, its STOP, its close; the child's: its own two.
+    const std::vector<Record> parent = rec.read();
+    EXPECT_EQ(describeAll(parent), (std::vector<std::string>{"open", "STOP", "close"}));
+    std::string error;
+    EXPECT_EQ(describeBytes(readFile(childFile), &error),
+              (std::vector<std::string>{"STOP", "close"}));
+    EXPECT_EQ(error, "");
+    ::unlink(childFile.c_str());
+}
 
 }  // namespace
