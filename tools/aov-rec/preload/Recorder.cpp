@@ -50,7 +50,8 @@ struct Recorder {
     int out_fd = -1;
     uint8_t small[kSmallRecord] = {};
     SessionWriter writer;
-    bool fork_locked = false;  // the fork's prepare handler took `lock`
+    bool fork_locked = false;           // the fork's prepare handler took `lock`
+    std::atomic<bool> stopping{false};  // the stop has been said
     std::atomic<uint64_t> dropped{0};
     std::atomic<uint64_t> content_dropped{0};
 };
@@ -106,14 +107,17 @@ bool tellStatus(const char* word, const char* a, const char* b = "", const char*
 // Stops the recording for good after a failure, saying so once. Called by
 // callers and by the writer thread; takes no lock but the queue's.
 void fail(const char* what, const char* detail) {
-    if (g_rec.state.exchange(State::Failed) == State::Failed) {
+    if (g_rec.stopping.exchange(true)) {
         return;
     }
-    g_armed.store(false);
-    queueDiscard();
+    // Said before the recording is marked stopped: whoever sees it stopped
+    // (a drain, an exit) finds the line already out.
     if (!tellStatus("stop", what, ": ", detail)) {
         say("recording stopped: ", what, ": ", detail);
     }
+    g_rec.state.store(State::Failed);
+    g_armed.store(false);
+    queueDiscard();
 }
 
 void failErrno(const char* what, int err) {
@@ -302,6 +306,7 @@ void forkChild() {
         g_rec.out_fd = -1;
     }
     const bool on = g_rec.file[0] != '\0';
+    g_rec.stopping.store(false);
     g_rec.state.store(on ? State::Armed : State::Off);
     g_armed.store(on);
     g_rec.path[0] = '\0';
@@ -337,6 +342,7 @@ void configure(const RecorderConfig& config) {
     }
     g_rec.path[0] = '\0';
     const bool on = g_rec.file[0] != '\0';
+    g_rec.stopping.store(false);
     g_rec.state.store(on ? State::Armed : State::Off);
     g_armed.store(on);
     static bool fork_handlers = false;
