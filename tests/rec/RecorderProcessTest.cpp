@@ -571,6 +571,13 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
             << "the last progress line stays on the terminal:\n"
             << shown.output;
 
+        // Without --events the recording's own count, at a paced speed
+        // within the wait it announces.
+        const ProcessResult own = runProcess(AOV_SIM_PATH, {"--replay", session_, "--speed", "2"});
+        EXPECT_EQ(own.exit_code, 0) << own.output;
+        EXPECT_NE(own.output.find("waiting for 3 events (at most "), std::string::npos)
+            << own.output;
+
         // Another aov_mode makes the library send another START.
         replayArgs.insert(replayArgs.end(), {"--aov-mode", "1"});
         const ProcessResult diverged = runProcess(AOV_SIM_PATH, replayArgs);
