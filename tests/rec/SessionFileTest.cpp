@@ -1128,6 +1128,21 @@ class AreaCopy : public ::testing::TestWithParam<bool> {
     void TearDown() override { aovrec::forcePipeCopies(false); }
 };
 
+// As answerDequeue, without touching section 4's area (it may not be writable).
+int answerWithoutSection4(int fd, unsigned long request, void* arg) {
+    auto* query = static_cast<aov_event_query*>(arg);
+    void* s4;
+    std::memcpy(&s4, reinterpret_cast<uint8_t*>(query) + aov_event_sections[3].query_addr_offset,
+                sizeof(s4));
+    void* none = nullptr;
+    std::memcpy(reinterpret_cast<uint8_t*>(query) + aov_event_sections[3].query_addr_offset, &none,
+                sizeof(none));
+    const int result = answerDequeue(fd, request, arg);
+    std::memcpy(reinterpret_cast<uint8_t*>(query) + aov_event_sections[3].query_addr_offset, &s4,
+                sizeof(s4));
+    return result;
+}
+
 TEST_P(AreaCopy, AreasTheProcessCannotReadAreLeftOutWhereverTheDriverPointed) {
     Recording rec(ContentMode::Written);
     const int fd = rec.openNode();
@@ -1156,13 +1171,24 @@ TEST_P(AreaCopy, AreasTheProcessCannotReadAreLeftOutWhereverTheDriverPointed) {
     std::memcpy(reinterpret_cast<uint8_t*>(&q4) + aov_event_sections[2].query_addr_offset, &hole,
                 sizeof(hole));
     ASSERT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &q4), 0);
+    // One page in the middle of section 4's large area cannot be read.
+    const aov_section_desc& s4 = aov_event_sections[3];
+    const auto s4Start = reinterpret_cast<uintptr_t>(second.room) + s4.data_offset;
+    void* s4Page = reinterpret_cast<void*>((s4Start + s4.data_size / 2) & ~uintptr_t{4095});
+    aov_event_query q5 = second.query;
+    ASSERT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &q5), 0);
+    ASSERT_EQ(::mprotect(s4Page, 4096, PROT_NONE), 0);
+    aov_event_query q6 = second.query;
+    // The driver says it wrote the area again but leaves it as it was.
+    ASSERT_EQ(aovrec::trackedIoctl(answerWithoutSection4, fd, AOV_IOC_DEQUEUE_EVENT, &q6), 0);
+    ASSERT_EQ(::mprotect(s4Page, 4096, PROT_READ | PROT_WRITE), 0);
     const aovrec::RecorderStats after = aovrec::stats();
     rec.closeNode(fd);
     ::munmap(hole, 1 << 20);
 
     const std::vector<Record> r = rec.read();
-    ASSERT_EQ(r.size(), 6u);
-    for (size_t i = 1; i <= 4; ++i) {
+    ASSERT_EQ(r.size(), 8u);
+    for (size_t i = 1; i <= 5; ++i) {
         for (uint8_t a = 0; a < r[i].area_count; ++a) {
             EXPECT_TRUE(filledAsAnswered(r[i].areas[a]))
                 << "dequeue " << i << " section " << int{r[i].areas[a].section};
@@ -1178,8 +1204,14 @@ TEST_P(AreaCopy, AreasTheProcessCannotReadAreLeftOutWhereverTheDriverPointed) {
     for (uint8_t a = 0; a < r[4].area_count; ++a) {
         EXPECT_NE(r[4].areas[a].section, 3);
     }
-    EXPECT_EQ(after.areas_read - twice.areas_read, 18u);
-    EXPECT_EQ(after.areas_unreadable - twice.areas_unreadable, 2u);
+    // Section 4 with a page that cannot be read: left out whole.
+    EXPECT_EQ(r[5].area_count, 9);
+    ASSERT_EQ(r[6].area_count, 8);
+    for (uint8_t a = 0; a < r[6].area_count; ++a) {
+        EXPECT_NE(r[6].areas[a].section, 4);
+    }
+    EXPECT_EQ(after.areas_read - twice.areas_read, 36u);
+    EXPECT_EQ(after.areas_unreadable - twice.areas_unreadable, 3u);
     if (GetParam()) {
         EXPECT_GT(after.pipe_copies, before.pipe_copies) << "the pipe was not used";
     } else {

@@ -1,10 +1,14 @@
 #pragma once
 
 // How the recorder turns a call into a record's payload, and how it reads
-// the process's memory for it: only through a copy that cannot fault
-// (process_vm_readv on itself, or, where that is refused, a pipe the kernel
-// copies through), so memory the process got wrong is left out instead of
-// crashing it.
+// the process's memory for it: only through a copy that cannot fault, so
+// memory the process got wrong is left out instead of crashing it. A small
+// range is copied by the kernel (process_vm_readv on the process itself, or,
+// where that is refused, through a pipe); a large one (a data area) has one
+// byte of each page read that way first and is then copied with memcpy,
+// several times cheaper than a copy by the kernel. Between the probe and the
+// copy the process could unmap the range from another thread; a process
+// that frees the event buffer it is dequeuing into is not covered.
 
 #include <cstddef>
 #include <cstdint>
