@@ -1,6 +1,7 @@
 #include "RecordEncoder.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -92,6 +93,21 @@ namespace {
 // where a page cannot be read instead of faulting.
 bool pagesReadable(const void* from, size_t size, bool through_pipe) {
     constexpr size_t kPage = 4096;
+#ifdef MADV_POPULATE_READ
+    if (!through_pipe) {
+        // One call for the whole range: the kernel faults it in readable as
+        // a read would, and fails where a read would fault.
+        const auto begin = reinterpret_cast<uintptr_t>(from) & ~(kPage - 1);
+        const uintptr_t end = reinterpret_cast<uintptr_t>(from) + size;
+        if (::madvise(reinterpret_cast<void*>(begin), end - begin, MADV_POPULATE_READ) == 0) {
+            return true;
+        }
+        if (errno == EFAULT || errno == ENOMEM) {
+            return false;
+        }
+        // An older kernel (EINVAL) or a sandbox: a byte of each page.
+    }
+#endif
     constexpr size_t kBatch = 256;
     const auto start = reinterpret_cast<uintptr_t>(from);
     const uintptr_t first = start & ~(kPage - 1);

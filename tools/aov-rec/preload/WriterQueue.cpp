@@ -19,6 +19,10 @@ constexpr int kContentSlots = 2;
 constexpr int kSmallSlot = -1;
 constexpr size_t kRingBytes = size_t{1} << 20;
 constexpr size_t kEntries = 4096;
+// Call records queued before the writer is woken for them, and how long
+// they wait for it at most.
+constexpr size_t kWakeAt = 64;
+constexpr long kLingerMs = 20;
 
 struct Entry {
     RecordType type = RecordType::Open;
@@ -45,6 +49,7 @@ struct Queue {
     size_t ring_used = 0;
     bool slot_busy[kContentSlots] = {};
     bool writer_waiting = false;
+    bool urgent = false;  // wake the writer: content, a drain, or records waiting too long
     bool thread_started = false;
     uint64_t handed_off = 0;
     SessionWriter* writer = nullptr;
@@ -80,7 +85,7 @@ void initSync() {
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    pthread_cond_init(&g_q.work, nullptr);
+    pthread_cond_init(&g_q.work, &attr);
     pthread_cond_init(&g_q.room, &attr);
     pthread_condattr_destroy(&attr);
 }
@@ -88,18 +93,40 @@ void initSync() {
 void* writerMain(void*) {
     pthread_mutex_lock(&g_q.lock);
     for (;;) {
-        while (g_q.count == 0) {
+        // Call records alone do not wake the writer (a wake-up costs the
+        // caller more than the record): it takes them within kLingerMs, at
+        // the next content record, when many are queued or on a drain.
+        while (g_q.count == 0 || (!g_q.urgent && g_q.count < kWakeAt)) {
             g_q.writer_waiting = true;
-            pthread_cond_wait(&g_q.work, &g_q.lock);
+            if (g_q.count == 0) {
+                pthread_cond_wait(&g_q.work, &g_q.lock);
+            } else {
+                const timespec linger = deadlineIn(kLingerMs);
+                if (pthread_cond_timedwait(&g_q.work, &g_q.lock, &linger) == ETIMEDOUT) {
+                    g_q.urgent = true;
+                }
+            }
             g_q.writer_waiting = false;
         }
-        const Entry e = g_q.entries[g_q.head];
+        g_q.urgent = false;
+        // Everything queued now is written without the lock, then freed at
+        // once: callers meet the lock held only briefly.
+        const size_t head = g_q.head;
+        const size_t batch = g_q.count;
         SessionWriter* writer = g_q.writer;
         const bool may_signal = g_q.may_signal;
         const WriteFailed on_fail = g_q.on_fail;
         pthread_mutex_unlock(&g_q.lock);
-        const uint8_t* data = e.slot == kSmallSlot ? g_q.ring + e.offset : g_q.slots[e.slot];
-        if (!g_q.discard.load() && writer != nullptr) {
+        size_t ring_freed = 0;
+        for (size_t i = 0; i < batch; ++i) {
+            const Entry& e = g_q.entries[(head + i) % kEntries];
+            if (e.slot == kSmallSlot) {
+                ring_freed += e.pad + e.size;
+            }
+            if (g_q.discard.load() || writer == nullptr) {
+                continue;
+            }
+            const uint8_t* data = e.slot == kSmallSlot ? g_q.ring + e.offset : g_q.slots[e.slot];
             int err = 0;
             {
                 QuietWrite quiet(may_signal);
@@ -112,16 +139,20 @@ void* writerMain(void*) {
             }
         }
         pthread_mutex_lock(&g_q.lock);
-        if (e.slot != kSmallSlot) {
-            g_q.slot_busy[e.slot] = false;
-        } else {
-            g_q.ring_used -= e.pad + e.size;
+        for (size_t i = 0; i < batch; ++i) {
+            const Entry& e = g_q.entries[(head + i) % kEntries];
+            if (e.slot != kSmallSlot) {
+                g_q.slot_busy[e.slot] = false;
+            }
         }
-        g_q.head = (g_q.head + 1) % kEntries;
-        --g_q.count;
+        g_q.ring_used -= ring_freed;
+        g_q.head = (head + batch) % kEntries;
+        g_q.count -= batch;
         if (g_q.count == 0) {
             g_q.ring_tail = 0;
             g_q.ring_used = 0;
+        } else if (g_q.count >= kWakeAt) {
+            g_q.urgent = true;
         }
         pthread_cond_broadcast(&g_q.room);
     }
@@ -236,7 +267,12 @@ uint8_t* queueTakeContent(int* slot) {
                 room = g_q.slots[i];
             }
         }
-        if (room != nullptr || g_q.discard.load() || !waitRoomLocked(deadline)) {
+        if (room != nullptr || g_q.discard.load()) {
+            break;
+        }
+        g_q.urgent = true;
+        pthread_cond_signal(&g_q.work);
+        if (!waitRoomLocked(deadline)) {
             break;
         }
     }
@@ -269,7 +305,11 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
             e.size = static_cast<uint32_t>(size);
             e.offset = static_cast<uint32_t>(offset);
             e.pad = static_cast<uint32_t>(pad);
-            const bool wake = pushLocked(e);
+            const bool waiting = pushLocked(e);
+            if (g_q.count >= kWakeAt || g_q.ring_used > kRingBytes / 2) {
+                g_q.urgent = true;
+            }
+            const bool wake = waiting && g_q.urgent;
             pthread_mutex_unlock(&g_q.lock);
             // Woken after the unlock, the writer does not wake into a held lock.
             if (wake) {
@@ -277,6 +317,8 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
             }
             return true;
         }
+        g_q.urgent = true;
+        pthread_cond_signal(&g_q.work);
         if (g_q.discard.load() || !waitRoomLocked(deadline)) {
             pthread_mutex_unlock(&g_q.lock);
             return false;
@@ -288,6 +330,8 @@ bool queueContent(RecordType type, int slot, size_t size) {
     const timespec deadline = deadlineIn(g_q.stall_limit_ms.load());
     pthread_mutex_lock(&g_q.lock);
     while (g_q.count >= kEntries) {
+        g_q.urgent = true;
+        pthread_cond_signal(&g_q.work);
         if (g_q.discard.load() || !waitRoomLocked(deadline)) {
             g_q.slot_busy[slot] = false;
             pthread_mutex_unlock(&g_q.lock);
@@ -298,6 +342,7 @@ bool queueContent(RecordType type, int slot, size_t size) {
     e.type = type;
     e.size = static_cast<uint32_t>(size);
     e.slot = slot;
+    g_q.urgent = true;
     const bool wake = pushLocked(e);
     pthread_mutex_unlock(&g_q.lock);
     if (wake) {
@@ -320,6 +365,10 @@ void queueResume() {
 bool queueDrain(int seconds) {
     const timespec deadline = deadlineIn(seconds * 1000L);
     pthread_mutex_lock(&g_q.lock);
+    if (g_q.count > 0) {
+        g_q.urgent = true;
+        pthread_cond_signal(&g_q.work);
+    }
     while (g_q.count > 0 && !g_q.discard.load() && waitRoomLocked(deadline)) {
     }
     // After a failure nothing more is written: nothing is left to wait for.
@@ -355,6 +404,7 @@ void queueForkChild() {
         busy = false;
     }
     g_q.writer_waiting = false;
+    g_q.urgent = false;
     g_q.thread_started = false;
     g_q.handed_off = 0;
     g_q.writer = nullptr;
