@@ -25,10 +25,11 @@ std::atomic<uint64_t> g_pipe_count{0};
 
 // Copies through a pipe of its own: write() reads the process's memory in
 // the kernel and fails with EFAULT where it cannot, never faulting. A new
-// pipe each time: nothing the process closes or a fork shares is used.
+// pipe each time: nothing the process closes or a fork shares is used. Both
+// ends never block: a chunk is at most what an empty pipe holds.
 bool pipeCopy(void* to, const void* from, size_t size) {
     int fds[2];
-    if (::syscall(SYS_pipe2, fds, O_CLOEXEC) != 0) {
+    if (::syscall(SYS_pipe2, fds, O_CLOEXEC | O_NONBLOCK) != 0) {
         return false;
     }
     g_pipe_count.fetch_add(1, std::memory_order_relaxed);
@@ -115,7 +116,7 @@ bool pagesReadable(const void* from, size_t size, bool through_pipe) {
     uint8_t scratch[kBatch];
     iovec remote[kBatch];
     int fds[2] = {-1, -1};
-    if (through_pipe && ::syscall(SYS_pipe2, fds, O_CLOEXEC) != 0) {
+    if (through_pipe && ::syscall(SYS_pipe2, fds, O_CLOEXEC | O_NONBLOCK) != 0) {
         return false;
     }
     bool ok = true;
