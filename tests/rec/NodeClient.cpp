@@ -100,6 +100,7 @@ int badPointers(const char* node) {
     timeval zero{0, 0};
     show("select bad set", ::select(fd + 1, set, nullptr, nullptr, &zero));
     show("ioctl bad record", ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, hole));
+    show("open bad path", ::open(static_cast<const char*>(hole), O_RDONLY));
     ::close(ep);
     show("close node", ::close(fd));
     return 0;

@@ -256,7 +256,7 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
 TEST_F(UnderTheRecorder, CallsGivenUnreadableMemoryFailAsWithoutTheRecorder) {
     const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_, "bad-pointers"});
     ASSERT_EQ(bare.exit_code, 0) << bare.output;
-    EXPECT_EQ(count(bare.output, " errno 14\n"), 4u) << bare.output;
+    EXPECT_EQ(count(bare.output, " errno 14\n"), 5u) << bare.output;
     const ProcessResult recorded =
         rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "bad-pointers"},
             {"AOV_REC_NODE=" + node_});

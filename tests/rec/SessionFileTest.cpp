@@ -328,17 +328,45 @@ TEST(SessionFile, MemoryThatCannotBeReadIsLeftOutAndTheCallStillHappens) {
     std::memcpy(reinterpret_cast<uint8_t*>(&dq.query) + aov_event_sections[2].query_addr_offset,
                 &hole, sizeof(hole));
     EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+    // A START record whose first half is readable and whose second half is
+    // not: the part that can be read is no record either.
+    auto* pages = static_cast<uint8_t*>(
+        ::mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(pages, MAP_FAILED);
+    ASSERT_EQ(::mprotect(pages + 4096, 4096, PROT_NONE), 0);
+    uint8_t* straddling = pages + 4096 - AOV_START_RECORD_SIZE / 2;
+    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_START, straddling), -1);
     rec.closeNode(fd);
     ::munmap(hole, 1 << 20);
+    ::munmap(pages, 8192);
 
     const std::vector<Record> r = rec.read();
-    ASSERT_EQ(r.size(), 4u);
+    ASSERT_EQ(r.size(), 5u);
     EXPECT_EQ(r[1].arg_flags, aovrec::kArgUnreadable);
     EXPECT_EQ(r[1].sent_len, 0u);
     EXPECT_EQ(r[2].area_count, 8);
     for (uint8_t i = 0; i < r[2].area_count; ++i) {
         EXPECT_NE(r[2].areas[i].section, 3);
     }
+    EXPECT_EQ(r[3].arg_flags, aovrec::kArgUnreadable);
+    EXPECT_EQ(r[3].sent_len, 0u);
+}
+
+// A wait that failed (here EINTR) reports nothing ready, whatever the
+// caller's entries held from an earlier wait.
+TEST(SessionFile, AFailedWaitReportsNothingReady) {
+    Recording rec(ContentMode::Written);
+    const int fd = rec.openNode();
+    pollfd stale{fd, POLLIN, POLLIN};
+    aovrec::recordPoll(aovrec::WaitKind::Poll, aovrec::monotonicNs(), &stale, 1, 10, -1, EINTR);
+    EXPECT_EQ(errno, EINTR);
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 3u);
+    ASSERT_EQ(r[1].entry_count, 1u);
+    EXPECT_EQ(r[1].call.err, EINTR);
+    EXPECT_EQ(r[1].entries[0].events, static_cast<uint32_t>(POLLIN));
+    EXPECT_EQ(r[1].entries[0].revents, 0u);
 }
 
 // A failed request keeps the record it sent and nothing of an answer, and a
