@@ -51,6 +51,9 @@ struct Queue {
     bool writer_waiting = false;
     bool urgent = false;  // wake the writer: content, a drain, or records waiting too long
     bool thread_started = false;
+    // In a forked child no thread is started (the parent may have had many
+    // when it forked): each record is written by its caller.
+    bool inline_writes = false;
     uint64_t handed_off = 0;
     SessionWriter* writer = nullptr;
     bool may_signal = false;
@@ -159,10 +162,32 @@ void* writerMain(void*) {
     return nullptr;
 }
 
+// Writes one record on the caller's thread (a forked child). Under the lock.
+bool writeInlineLocked(RecordType type, const uint8_t* data, size_t size) {
+    ++g_q.handed_off;
+    if (g_q.discard.load() || g_q.writer == nullptr) {
+        return true;
+    }
+    int err = 0;
+    {
+        QuietWrite quiet(g_q.may_signal);
+        if (!g_q.writer->write(type, data, size)) {
+            err = errno != 0 ? errno : EIO;
+        }
+    }
+    if (err != 0 && g_q.on_fail != nullptr) {
+        const WriteFailed on_fail = g_q.on_fail;
+        pthread_mutex_unlock(&g_q.lock);
+        on_fail(err);
+        pthread_mutex_lock(&g_q.lock);
+    }
+    return true;
+}
+
 // Starts the writer thread with every signal blocked in it, at background
 // priority where allowed (it never runs at a real-time caller's priority).
 bool startThreadLocked() {
-    if (g_q.thread_started) {
+    if (g_q.thread_started || g_q.inline_writes) {
         return true;
     }
     sigset_t all;
@@ -292,6 +317,11 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
     }
     const timespec deadline = deadlineIn(g_q.stall_limit_ms.load());
     pthread_mutex_lock(&g_q.lock);
+    if (g_q.inline_writes) {
+        writeInlineLocked(type, data, size);
+        pthread_mutex_unlock(&g_q.lock);
+        return true;
+    }
     for (;;) {
         const bool wrap = g_q.ring_tail + size > kRingBytes;
         const size_t pad = wrap ? kRingBytes - g_q.ring_tail : 0;
@@ -329,6 +359,12 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
 bool queueContent(RecordType type, int slot, size_t size) {
     const timespec deadline = deadlineIn(g_q.stall_limit_ms.load());
     pthread_mutex_lock(&g_q.lock);
+    if (g_q.inline_writes) {
+        writeInlineLocked(type, g_q.slots[slot], size);
+        g_q.slot_busy[slot] = false;
+        pthread_mutex_unlock(&g_q.lock);
+        return true;
+    }
     while (g_q.count >= kEntries) {
         g_q.urgent = true;
         pthread_cond_signal(&g_q.work);
@@ -406,6 +442,7 @@ void queueForkChild() {
     g_q.writer_waiting = false;
     g_q.urgent = false;
     g_q.thread_started = false;
+    g_q.inline_writes = true;
     g_q.handed_off = 0;
     g_q.writer = nullptr;
     g_q.discard.store(false);

@@ -74,7 +74,9 @@ class QuietWrite {
 bool outputMaySignal(int fd);
 
 // fork(): the queue's lock is taken before and released after in the
-// parent; the child gets a fresh, empty queue and no writer thread.
+// parent; the child gets a fresh, empty queue and never a writer thread
+// (starting a thread in the child of a process with many is not safe): each
+// of its records is written by the call that makes it.
 void queueForkPrepare();
 void queueForkParent();
 void queueForkChild();
