@@ -298,6 +298,37 @@ TEST_F(UnderTheRecorder, AnExecdChildRecordsIntoAFileOfItsOwnAndLeavesTheParents
     ::unlink(childFile.c_str());
 }
 
+// Dequeues whose areas the recorder dropped (its writer was behind) are
+// counted by info and marked by dump.
+TEST(AovRecInput, InfoCountsTheDequeuesWhoseContentWasDropped) {
+    const std::string path = tempPath("dropped.rec");
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0) << std::strerror(errno);
+    {
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::Written, aovrec::Compression::None);
+        b.open("/dev/kelo_aov", O_RDWR, 5);
+        aov_event_query answer{};
+        answer.header[5] = 1;
+        for (const uint8_t flags :
+             {uint8_t{0}, aovrec::kArgContentDropped, uint8_t{0}, aovrec::kArgContentDropped}) {
+            b.ioctl(5, AOV_IOC_DEQUEUE_EVENT, &answer, sizeof(answer), 0, &answer, sizeof(answer),
+                    nullptr, 0, flags);
+        }
+        b.close(5, 0);
+        ASSERT_TRUE(b.ok());
+    }
+    ::close(fd);
+    const ProcessResult info = rec({"info", path});
+    EXPECT_EQ(info.exit_code, 0) << info.output;
+    EXPECT_NE(info.output.find("\ncontent dropped: 2 dequeues kept without their areas"),
+              std::string::npos)
+        << info.output;
+    const ProcessResult dump = rec({"dump", path});
+    EXPECT_EQ(dump.exit_code, 0) << dump.output;
+    EXPECT_EQ(count(dump.output, "\"content_dropped\":true"), 2u) << dump.output;
+    ::unlink(path.c_str());
+}
+
 TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
     const std::string text = tempPath("text");
     writeText(text, "not a session at all, just some text");
