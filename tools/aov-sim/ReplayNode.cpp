@@ -10,6 +10,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "kelo_aov.h"
 
@@ -180,9 +181,32 @@ std::shared_ptr<ReplayNode> ReplayNode::load(SourceFactory factory, double speed
     Record record;
     aovrec::SessionReader::Next next;
     bool opened = false;
+    // A descriptor opened and closed without a request is a probe (aov-sim
+    // --node checks the node this way) once another open follows it.
+    std::map<int32_t, uint64_t> openedAt;
+    std::set<int32_t> requested;
+    std::vector<uint64_t> probes;
     while ((next = check.next(&record)) == aovrec::SessionReader::Next::Record) {
         if (node->skippedLocked(record)) {
             continue;
+        }
+        if (record.type == RecordType::Open && record.call.result >= 0) {
+            node->probe_records_.insert(probes.begin(), probes.end());
+            probes.clear();
+            openedAt[record.call.result] = record.index;
+            requested.erase(record.call.result);
+        } else if (record.type == RecordType::Close) {
+            const auto it = openedAt.find(record.call.fd);
+            if (it != openedAt.end() && requested.count(record.call.fd) == 0) {
+                probes.push_back(it->second);
+                probes.push_back(record.index);
+            }
+            if (it != openedAt.end()) {
+                openedAt.erase(it);
+            }
+        }
+        if (record.type == RecordType::Ioctl) {
+            requested.insert(record.call.fd);
         }
         if (record.type == RecordType::Open && record.call.result >= 0) {
             opened = true;
@@ -264,6 +288,9 @@ void ReplayNode::advanceLocked() {
 }
 
 bool ReplayNode::skippedLocked(const Record& r) {
+    if (probe_records_.count(r.index) != 0) {
+        return true;
+    }
     switch (r.type) {
         case RecordType::Open:
             // A driver's node is opened, never created: an open that creates
