@@ -1,0 +1,194 @@
+# Helpers of scripts/run-kernel.sh (sourced): building the module, packing
+# the guest's initramfs, booting it with a limit, and judging its output.
+
+die() {
+    echo "run-kernel: $*" >&2
+    exit 1
+}
+
+# The newest linux-headers-*-ARCH directory under DIR.
+latest_headers() {
+    local found
+    found=$(find "$1" -maxdepth 1 -name "linux-headers-*-$2" | sort -V | tail -n 1)
+    [ -n "$found" ] || die "no linux-headers-*-$2 under $1"
+    echo "$found"
+}
+
+# build_module DIR HEADERS ARCH CROSS: builds a copy of the driver in DIR.
+build_module() {
+    local dir=$1 headers=$2 march=$3 cross=$4 src=$1/module
+    mkdir -p "$src"
+    cp drivers/kelo_aov/kelo_aov.c drivers/kelo_aov/Kbuild "$src/"
+    local args=(-C "$headers" M="$src" AOV_INC="$repo/hw/aov/inc" W=1)
+    [ -z "$march" ] || args+=(ARCH="$march" CROSS_COMPILE="$cross")
+    make -s "${args[@]}" modules >"$dir/module-build.log" 2>&1 || {
+        cat "$dir/module-build.log" >&2
+        die "the module does not build against $headers"
+    }
+    if grep -E 'warning|error' "$dir/module-build.log" | grep -v 'Skipping BTF'; then
+        die "the module's build warns (above)"
+    fi
+    cp "$src/kelo_aov.ko" "$dir/"
+}
+
+# make_root ROOT BUSYBOX MODULE STRESS: the guest's file tree.
+make_root() {
+    local root=$1
+    mkdir -p "$root"/{bin,sbin,proc,sys,dev,tmp,aov,etc}
+    cp "$2" "$root/bin/busybox"
+    for applet in sh mount insmod rmmod sleep cat grep base64 dmesg poweroff sync uname; do
+        ln -sf busybox "$root/bin/$applet"
+    done
+    cp scripts/kernel/guest-init.sh "$root/init"
+    chmod +x "$root/init"
+    cp "$3" "$4" "$root/aov/"
+}
+
+# copy_with_libs FILE ROOT: FILE into ROOT/aov, the shared libraries it loads
+# at their own paths under ROOT.
+copy_with_libs() {
+    local file=$1 root=$2 lib
+    cp "$file" "$root/aov/"
+    while read -r lib; do
+        [ -n "$lib" ] || continue
+        mkdir -p "$root$(dirname "$lib")"
+        cp -L "$lib" "$root$lib"
+    done < <(ldd "$file" | grep -oE '/[^ ]+' || true)
+}
+
+# write_plan ROOT SESSION RECORD: what the guest runs.
+write_plan() {
+    {
+        echo "CYCLES=$CYCLES"
+        echo "CLOSES=$CLOSES"
+        echo "RUN_SESSION=$2"
+        echo "RUN_RECORD=$3"
+    } >"$1/aov/plan"
+    echo "$FAULTS" | awk 'NF >= 1 { print $1, ($2 == "-" ? "" : $2) }' >"$1/aov/faults"
+}
+
+pack_root() {
+    (cd "$1" && find . | cpio -o -H newc --quiet | gzip -1) >"$2"
+}
+
+# boot_guest NAME LIMIT LOG QEMU...: boots with a limit, console to LOG.
+boot_guest() {
+    local name=$1 limit=$2 log=$3 began=$SECONDS rc=0
+    shift 3
+    echo "run-kernel: $name: booting (limit $limit s)"
+    timeout -k 10 "$limit" "$@" </dev/null >"$log" 2>&1 || rc=$?
+    echo "run-kernel: $name: guest ran $((SECONDS - began)) s"
+    if [ "$rc" -eq 124 ] || [ "$rc" -eq 137 ]; then
+        echo "run-kernel: $name: the guest did not finish in $limit s and was killed; it stopped at: $(grep -a '^@@AOV step' "$log" | tail -n 1 || echo 'before the first step')" >&2
+    fi
+}
+
+# judge_guest NAME DIR: 0 when every step passed, the module loaded with each
+# fault, and the kernel log is clean.
+judge_guest() {
+    local name=$1 dir=$2 log=$2/console.log ok=0 line
+    tr -d '\r' <"$log" >"$dir/console.txt"
+    log=$dir/console.txt
+    if ! grep -aq '^@@AOV verdict' "$log"; then
+        echo "run-kernel: $name: no verdict; the guest stopped at: $(grep -a '^@@AOV step' "$log" | tail -n 1 || echo 'before the first step') (console: $log)" >&2
+        tail -n 20 "$log" >&2
+        verdicts+=("$name: FAIL")
+        return 1
+    fi
+    while read -r line; do
+        set -- $line
+        case "$3" in
+            # Which checks report a fault is compared with aov-kdev's later.
+            fault) [ "$5" != load-failed ] || { echo "run-kernel: $name: fault $4: the module did not load" >&2; ok=1; } ;;
+            *) [ "$4" = 0 ] || { echo "run-kernel: $name: step $3 failed (exit $4)" >&2; ok=1; } ;;
+        esac
+    done < <(grep -a '^@@AOV result' "$log")
+    local verdict
+    verdict=$(grep -a '^@@AOV verdict' "$log" | awk '{print $3}')
+    [ "$verdict" = 0 ] || ok=1
+    # The kernel log of the whole run, the faults included.
+    if sed -n '/^@@AOV step dmesg/,/^@@AOV result dmesg/p' "$log" |
+        grep -aE 'BUG|WARNING|Oops|leak' >"$dir/dmesg-problems.txt"; then
+        echo "run-kernel: $name: the kernel log reports problems:" >&2
+        cat "$dir/dmesg-problems.txt" >&2
+        ok=1
+    fi
+    grep -a '^@@AOV result' "$log" | sed "s/^@@AOV result/run-kernel: $name:/"
+    if [ "$ok" -eq 0 ]; then
+        verdicts+=("$name: PASS")
+    else
+        verdicts+=("$name: FAIL")
+    fi
+    return "$ok"
+}
+
+# host_replay DIR: the guest's recording, replayed by aov-sim and retraced
+# against aov-kdev on the host.
+host_replay() {
+    local dir=$1 rec=$1/session.rec
+    sed -n '/^@@AOV file session.rec begin/,/^@@AOV file session.rec end/p' "$dir/console.txt" |
+        grep -v '^@@AOV' | base64 -d >"$rec" || die "the recording did not come out of the guest whole"
+    "$tools/tools/aov-rec/aov-rec" info "$rec" >"$dir/rec-info.txt" || die "aov-rec info $rec failed"
+    cat "$dir/rec-info.txt"
+    "$tools/tools/aov-sim/aov-sim" --replay "$rec" --events 5 --speed max >"$dir/replay.txt" 2>&1 ||
+        { tail -n 20 "$dir/replay.txt" >&2; die "aov-sim --replay of the guest's recording failed"; }
+    grep -q 'events delivered 5' "$dir/replay.txt" || die "the replay did not deliver 5 events"
+    echo "run-kernel: replay: $(grep 'events delivered' "$dir/replay.txt")"
+    local mnt
+    mnt=$(mktemp -d)
+    "$tools/tools/aov-kdev/aov-kdev" --mount "$mnt" --quiet --exit-with-parent &
+    local kdev=$!
+    local i=0
+    while [ ! -e "$mnt/kelo_aov" ] && [ "$i" -lt 100 ]; do sleep 0.1; i=$((i + 1)); done
+    local rc=0
+    "$tools/tools/aov-rec/aov-rec" retrace "$rec" -d "$mnt/kelo_aov" >"$dir/retrace.txt" 2>&1 || rc=$?
+    kill "$kdev" 2>/dev/null || true
+    wait "$kdev" 2>/dev/null || true
+    umount "$mnt" 2>/dev/null || true
+    rmdir "$mnt" 2>/dev/null || true
+    cat "$dir/retrace.txt"
+    [ "$rc" -ne 2 ] || die "aov-rec retrace could not read the recording"
+    echo "run-kernel: retrace against aov-kdev: exit $rc (differences are listed above)"
+}
+
+# The checks that report a fault (FAIL or WARN), without their details, from
+# the checker's output on stdin.
+reported_checks() {
+    grep -aE '^[a-z]+: .*: (FAIL|WARN)' | sed -E 's/: (FAIL|WARN)( \(.*)?$/: \1/' | sort -u
+}
+
+# compare_faults NAME DIR: each fault of the matrix is reported in the guest
+# by the same checks as when aov-kdev injects it on the host.
+compare_faults() {
+    local name=$1 dir=$2 fault params scenario ok=0
+    mkdir -p "$dir/faults"
+    while read -r fault params scenario; do
+        [ -n "$fault" ] || continue
+        sed -n "/^@@AOV step fault $fault\$/,/^@@AOV result fault $fault /p" "$dir/console.txt" |
+            reported_checks >"$dir/faults/$fault.kernel"
+        local mnt args=(--quiet --exit-with-parent --fault "$fault")
+        [ "$scenario" = - ] || args+=(--scenario "$scenario")
+        mnt=$(mktemp -d)
+        "$tools/tools/aov-kdev/aov-kdev" --mount "$mnt" "${args[@]}" &
+        local kdev=$! i=0
+        while [ ! -e "$mnt/kelo_aov" ] && [ "$i" -lt 100 ]; do sleep 0.1; i=$((i + 1)); done
+        timeout 120 "$tools/tools/aov-compliance/aov-compliance" -d "$mnt/kelo_aov" --timeout-ms 2000 \
+            >"$dir/faults/$fault.kdev.out" 2>&1 || true
+        kill "$kdev" 2>/dev/null || true
+        wait "$kdev" 2>/dev/null || true
+        umount -l "$mnt" 2>/dev/null || true
+        rmdir "$mnt" 2>/dev/null || true
+        reported_checks <"$dir/faults/$fault.kdev.out" >"$dir/faults/$fault.kdev"
+        if [ ! -s "$dir/faults/$fault.kernel" ]; then
+            echo "run-kernel: $name: fault $fault: no check reports it in the guest" >&2
+            ok=1
+        elif ! cmp -s "$dir/faults/$fault.kernel" "$dir/faults/$fault.kdev"; then
+            echo "run-kernel: $name: fault $fault: reported by other checks than on aov-kdev (< kernel, > aov-kdev):" >&2
+            diff "$dir/faults/$fault.kernel" "$dir/faults/$fault.kdev" | grep '^[<>]' >&2 || true
+            ok=1
+        else
+            echo "run-kernel: $name: fault $fault: $(paste -sd ';' "$dir/faults/$fault.kernel"), as on aov-kdev"
+        fi
+    done <<<"$FAULTS"
+    return "$ok"
+}
