@@ -2,13 +2,16 @@
 # Boots Debian's kernel under QEMU (software emulation) with the reference AOV
 # driver and runs the project's tools against /dev/kelo_aov inside the guest:
 # the checker (clean and with every injected fault), a library session, a
-# recorded session (replayed and retraced on the host), start/stop and close
-# stress, rmmod, and a scan of the kernel log. Exit 0 only if all passed.
+# recorded session (replayed and retraced on the host), the library alone
+# (aov_ksession), start/stop and close stress, rmmod, and a scan of the
+# kernel log. Exit 0 only if all passed.
 #
 # Usage: scripts/run-kernel.sh [--arch x86_64|arm64|all] [--tools BUILD_DIR] [--out DIR]
 #   --tools  the host build whose tools go into the x86-64 guest (default build/debug)
 #   --out    where the module, initramfs and logs go (default build/kernel)
-# Installs its Debian packages first (root).
+# The Arm64 guest takes the static checker of build/arm64 (ARM64_COMPLIANCE) and
+# aov_ksession of build/arm64-libcxx (ARM64_LIBCXX_BUILD), as scripts/build-arm64.sh
+# builds them. Installs its Debian packages first (root).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$PWD
@@ -65,8 +68,9 @@ run_x86_64() {
     headers=$(latest_headers /usr/src amd64)
     kver=${headers##*/linux-headers-}
     [ -f "/boot/vmlinuz-$kver" ] || die "no /boot/vmlinuz-$kver for the headers $headers"
-    for tool in aov-compliance/aov-compliance aov-sim/aov-sim aov-rec/aov-rec aov-rec/libaov_rec_preload.so; do
-        [ -x "$tools/tools/$tool" ] || die "$tools/tools/$tool missing: build the tools first (cmake --build --preset debug)"
+    for tool in tools/aov-compliance/aov-compliance tools/aov-sim/aov-sim tools/aov-rec/aov-rec \
+        tools/aov-rec/libaov_rec_preload.so tests/kernel/aov_ksession; do
+        [ -x "$tools/$tool" ] || die "$tools/$tool missing: build the tools first (cmake --build --preset debug)"
     done
     rm -rf "$dir" && mkdir -p "$dir"
     build_module "$dir" "$headers" "" ""
@@ -74,10 +78,11 @@ run_x86_64() {
         -o "$dir/aov_kstress" tests/kernel/aov_kstress.c || die "aov_kstress does not build"
     local root=$dir/root
     make_root "$root" /bin/busybox "$dir/kelo_aov.ko" "$dir/aov_kstress"
-    for tool in aov-compliance/aov-compliance aov-sim/aov-sim aov-rec/aov-rec aov-rec/libaov_rec_preload.so; do
-        copy_with_libs "$tools/tools/$tool" "$root"
+    for tool in tools/aov-compliance/aov-compliance tools/aov-sim/aov-sim tools/aov-rec/aov-rec \
+        tools/aov-rec/libaov_rec_preload.so tests/kernel/aov_ksession; do
+        copy_with_libs "$tools/$tool" "$root"
     done
-    write_plan "$root" "1" "1"
+    write_plan "$root" 1 1 ""
     pack_root "$root" "$dir/initramfs.cpio.gz"
     boot_guest x86_64 "$GUEST_LIMIT_X86" "$dir/console.log" \
         qemu-system-x86_64 -m 1024 -smp 1 -nographic -no-reboot \
@@ -106,7 +111,14 @@ run_arm64() {
     [ -x "$compliance" ] && file -L "$compliance" | grep -q 'statically linked' ||
         die "arm64: no static aov-compliance at $compliance (scripts/build-arm64.sh builds it)"
     cp "$compliance" "$root/aov/"
-    write_plan "$root" "" ""
+    # The library's own session, as the device builds it (clang, libc++).
+    local arm64_build=${ARM64_LIBCXX_BUILD:-build/arm64-libcxx}
+    [ -x "$arm64_build/tests/kernel/aov_ksession" ] ||
+        die "arm64: no $arm64_build/tests/kernel/aov_ksession (scripts/build-arm64.sh builds it)"
+    copy_arm64_with_libs "$arm64_build/tests/kernel/aov_ksession" "$root" \
+        "$arm64_build/hw/aov" "$arm64_build/platform" \
+        build/arm64-libcxx-root/root/usr/lib/aarch64-linux-gnu /usr/aarch64-linux-gnu/lib
+    write_plan "$root" "" "" /lib/aarch64-linux-gnu
     pack_root "$root" "$dir/initramfs.cpio.gz"
     boot_guest arm64 "$GUEST_LIMIT_ARM64" "$dir/console.log" \
         qemu-system-aarch64 -M virt -cpu cortex-a57 -m 1024 -smp 1 -nographic -no-reboot \

@@ -40,7 +40,7 @@ make_root() {
     local root=$1
     mkdir -p "$root"/{bin,sbin,proc,sys,dev,tmp,aov,etc}
     cp "$2" "$root/bin/busybox"
-    for applet in sh mount insmod rmmod sleep cat grep base64 dmesg poweroff sync uname; do
+    for applet in sh mount insmod rmmod sleep cat grep base64 dmesg env poweroff sync uname; do
         ln -sf busybox "$root/bin/$applet"
     done
     cp scripts/kernel/guest-init.sh "$root/init"
@@ -60,13 +60,42 @@ copy_with_libs() {
     done < <(ldd "$file" | grep -oE '/[^ ]+' || true)
 }
 
-# write_plan ROOT SESSION RECORD: what the guest runs.
+# copy_arm64_with_libs FILE ROOT DIR...: an Arm64 program into ROOT/aov, the
+# shared libraries it needs (found in the DIRs) into ROOT/lib/aarch64-linux-gnu
+# and the dynamic loader into ROOT/lib.
+copy_arm64_with_libs() {
+    local file=$1 root=$2 lib path d current
+    shift 2
+    cp "$file" "$root/aov/"
+    mkdir -p "$root/lib/aarch64-linux-gnu"
+    local queue=("$file") seen=" "
+    while [ "${#queue[@]}" -gt 0 ]; do
+        current=${queue[0]}
+        queue=("${queue[@]:1}")
+        for lib in $(aarch64-linux-gnu-readelf -d "$current" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p'); do
+            case "$seen" in *" $lib "*) continue ;; esac
+            seen+="$lib "
+            path=""
+            for d in "$@"; do
+                if [ -e "$d/$lib" ]; then path=$d/$lib; break; fi
+            done
+            [ -n "$path" ] || die "arm64: $lib, needed by $(basename "$current"), is in none of: $*"
+            cp -L "$path" "$root/lib/aarch64-linux-gnu/$lib"
+            queue+=("$path")
+        done
+    done
+    cp -L /usr/aarch64-linux-gnu/lib/ld-linux-aarch64.so.1 "$root/lib/"
+}
+
+# write_plan ROOT SESSION RECORD LIBRARY_PATH: what the guest runs (aov-sim
+# sessions, a recording) and where its shared libraries are.
 write_plan() {
     {
         echo "CYCLES=$CYCLES"
         echo "CLOSES=$CLOSES"
         echo "RUN_SESSION=$2"
         echo "RUN_RECORD=$3"
+        echo "GUEST_LIBRARY_PATH=$4"
     } >"$1/aov/plan"
     echo "$FAULTS" | awk 'NF >= 1 { print $1, ($2 == "-" ? "" : $2) }' >"$1/aov/faults"
 }
