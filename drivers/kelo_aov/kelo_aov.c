@@ -63,7 +63,7 @@ module_param(content_every, uint, 0444);
 MODULE_PARM_DESC(content_every, "every n-th event carries section content (0: none)");
 
 static unsigned int session_events;
-module_param(session_events, uint, 0444);
+module_param(session_events, uint, 0644);
 MODULE_PARM_DESC(session_events, "events a session produces before the timer stops (0: no limit)");
 
 /*
@@ -185,10 +185,11 @@ static void aov_queue_event_locked(struct aov_device *dev)
 static void aov_tick(struct timer_list *timer)
 {
 	struct aov_device *dev = from_timer(dev, timer, timer);
+	unsigned int limit = READ_ONCE(session_events);
 	bool queued = false;
 
 	spin_lock(&dev->qlock);
-	if (dev->ticking && session_events && dev->sequence >= session_events)
+	if (dev->ticking && limit && dev->sequence >= limit)
 		dev->ticking = false;
 	if (dev->ticking) {
 		aov_queue_event_locked(dev);

@@ -112,7 +112,10 @@ if [ "$failed" -eq 0 ]; then
         # shellcheck disable=SC2086 # the parameters are separate words
         if load "$fault=1" $params; then
             aov-compliance -d "$NODE" --timeout-ms 2000
-            mark "result fault $fault $?"
+            rc=$?
+            grep -E '^(started|open_files|produced|dequeued) ' "$STATUS" | tr '\n' ' '
+            echo
+            mark "result fault $fault $rc"
         else
             mark "result fault $fault load-failed"
             failed=$((failed + 1))
