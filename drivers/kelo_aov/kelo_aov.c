@@ -280,8 +280,8 @@ static void aov_end_session(struct aov_device *dev, bool by_request)
 		aov_queue_event_locked(dev);	/* the frame in flight */
 	spin_unlock_bh(&dev->qlock);
 	dev->owner = NULL;
-	/* Blocked dequeues see the session gone. */
-	wake_up_interruptible(&dev->wq);
+	/* Pollers, and dequeues blocked killably, see the session gone. */
+	wake_up(&dev->wq);
 }
 
 static int aov_stop(struct aov_device *dev)

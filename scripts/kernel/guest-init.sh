@@ -107,6 +107,10 @@ if [ "$failed" -eq 0 ]; then
     check stop-discards aov_kstress "$NODE" "$STATUS" stop-discards
     check status-stress cat "$STATUS"
     check rmmod-while-open rmmod_while_open
+    # The blocking-dequeue bug still lets STOP end the wait.
+    check load-blocking load block_empty_dequeue=1 session_events=1 content_every=0
+    check blocked-stop aov_kstress "$NODE" "$STATUS" blocked-stop
+    check unload-blocking unload
     while read -r fault params <&4; do
         mark "step fault $fault"
         # shellcheck disable=SC2086 # the parameters are separate words

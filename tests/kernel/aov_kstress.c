@@ -9,16 +9,19 @@
  *   aov_kstress NODE STATUS close-loop N
  *   aov_kstress NODE STATUS queue DEPTH
  *   aov_kstress NODE STATUS stop-discards
+ *   aov_kstress NODE STATUS blocked-stop     (module loaded with the blocking-dequeue bug)
  *
  * STATUS is the driver's status file (debugfs), read for its counters.
  */
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -279,10 +282,91 @@ static int stopDiscards(void) {
     return failed;
 }
 
+/* The state letter of /proc/PID/stat ('D' while in an uninterruptible or killable wait). */
+static char processState(pid_t pid) {
+    char path[64];
+    char text[256];
+    snprintf(path, sizeof(path), "/proc/%d/stat", (int)pid);
+    FILE* file = fopen(path, "r");
+    if (file == NULL) {
+        return '?';
+    }
+    const size_t length = fread(text, 1, sizeof(text) - 1, file);
+    fclose(file);
+    text[length] = '\0';
+    const char* paren = strrchr(text, ')');
+    return paren != NULL && paren[1] == ' ' ? paren[2] : '?';
+}
+
+/* Waits up to kWaitLimitMs for the child's exit; its status, or -1 (then it is killed). */
+static int reap(pid_t pid) {
+    const long long until = nowMs() + kWaitLimitMs;
+    int status = 0;
+    while (waitpid(pid, &status, WNOHANG) == 0) {
+        if (nowMs() > until) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            return -1;
+        }
+        struct timespec tick = {0, 2 * 1000 * 1000};
+        nanosleep(&tick, NULL);
+    }
+    return status;
+}
+
+/*
+ * With the module's blocking-dequeue bug (block_empty_dequeue=1,
+ * session_events=1, content_every=0): a dequeue that blocks on an empty queue
+ * ends when the session is stopped, refused with EINVAL.
+ */
+static int blockedStop(void) {
+    const char* group = "blocked-stop";
+    aov_start_record record;
+    startRecord(record, 30);
+    const int fd = open(g_node, O_RDWR);
+    if (fd < 0) {
+        return failf(group, "open", fd);
+    }
+    const long long produced = counter("produced");
+    struct aov_event_query query;
+    int r = ioctl(fd, AOV_IOC_START, record);
+    if (r != 0 || waitCounter("produced", produced + 1) != 0 || dequeueHeader(fd, &query) != 0) {
+        close(fd);
+        return failf(group, "START and the session's one event", r);
+    }
+    const pid_t child = fork();
+    if (child == 0) {
+        r = dequeueHeader(fd, &query);
+        _exit(r == -1 && errno == EINVAL ? 0 : 1);
+    }
+    int failed = 0;
+    const long long until = nowMs() + kWaitLimitMs;
+    while (processState(child) != 'D' && nowMs() <= until) {
+        struct timespec tick = {0, 2 * 1000 * 1000};
+        nanosleep(&tick, NULL);
+    }
+    if (processState(child) != 'D') {
+        failed |= failf(group, "the empty dequeue blocks", processState(child));
+    }
+    ioctl(fd, AOV_IOC_STOP, NULL);
+    const int status = reap(child);
+    if (status == -1) {
+        failed |= failf(group, "the blocked dequeue ends at STOP (killed after the limit)", -1);
+    } else if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        failed |= failf(group, "the blocked dequeue refused with EINVAL", status);
+    }
+    close(fd);
+    if (!failed) {
+        printf("ok blocked-stop: a blocked dequeue ended at STOP\n");
+    }
+    return failed;
+}
+
 int main(int argc, char** argv) {
     if (argc < 4) {
         fprintf(stderr,
-                "usage: aov_kstress NODE STATUS cycles|close-loop|queue|stop-discards [N]\n");
+                "usage: aov_kstress NODE STATUS cycles|close-loop|queue|stop-discards|blocked-stop "
+                "[N]\n");
         return 64;
     }
     g_node = argv[1];
@@ -304,6 +388,9 @@ int main(int argc, char** argv) {
     }
     if (strcmp(what, "stop-discards") == 0) {
         return stopDiscards();
+    }
+    if (strcmp(what, "blocked-stop") == 0) {
+        return blockedStop();
     }
     fprintf(stderr, "aov_kstress: unknown check or count \"%s\"\n", what);
     return 64;
