@@ -83,7 +83,7 @@ run_x86_64() {
         tools/aov-rec/libaov_rec_preload.so tests/kernel/aov_ksession; do
         copy_with_libs "$tools/$tool" "$root"
     done
-    write_plan "$root" 1 1 ""
+    write_plan "$root" 1 1 /aov/lib
     pack_root "$root" "$dir/initramfs.cpio.gz"
     boot_guest x86_64 "$GUEST_LIMIT_X86" "$dir/console.log" \
         qemu-system-x86_64 -m 1024 -smp 1 -nographic -no-reboot \

@@ -14,6 +14,7 @@ STATUS=/sys/kernel/debug/kelo_aov/status
 MODULE=/aov/kelo_aov.ko
 failed=0
 . /aov/plan
+export LD_LIBRARY_PATH="$GUEST_LIBRARY_PATH"
 
 mark() { echo "@@AOV $*"; }
 
@@ -93,7 +94,7 @@ mark "begin $(uname -r) $(uname -m)"
 check load load
 if [ "$failed" -eq 0 ]; then
     check compliance compliance_clean
-    check library-session env LD_LIBRARY_PATH="$GUEST_LIBRARY_PATH" aov_ksession 5
+    check library-session aov_ksession 5
     [ -n "$RUN_SESSION" ] && check session session
     [ -n "$RUN_RECORD" ] && check record record
     check status cat "$STATUS"

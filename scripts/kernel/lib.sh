@@ -40,7 +40,7 @@ make_root() {
     local root=$1
     mkdir -p "$root"/{bin,sbin,proc,sys,dev,tmp,aov,etc}
     cp "$2" "$root/bin/busybox"
-    for applet in sh mount insmod rmmod sleep cat grep base64 dmesg env poweroff sync uname; do
+    for applet in sh mount insmod rmmod sleep cat grep base64 dmesg poweroff sync uname; do
         ln -sf busybox "$root/bin/$applet"
     done
     cp scripts/kernel/guest-init.sh "$root/init"
@@ -49,14 +49,21 @@ make_root() {
 }
 
 # copy_with_libs FILE ROOT: FILE into ROOT/aov, the shared libraries it loads
-# at their own paths under ROOT.
+# into ROOT/aov/lib (the guest's library path: the build's run paths need not
+# exist there) and the dynamic loader at its own path.
 copy_with_libs() {
     local file=$1 root=$2 lib
     cp "$file" "$root/aov/"
+    mkdir -p "$root/aov/lib"
     while read -r lib; do
         [ -n "$lib" ] || continue
-        mkdir -p "$root$(dirname "$lib")"
-        cp -L "$lib" "$root$lib"
+        case "$lib" in
+            */ld-linux*)
+                mkdir -p "$root$(dirname "$lib")"
+                cp -L "$lib" "$root$lib"
+                ;;
+            *) cp -L "$lib" "$root/aov/lib/" ;;
+        esac
     done < <(ldd "$file" | grep -oE '/[^ ]+' || true)
 }
 
