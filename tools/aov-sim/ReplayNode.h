@@ -107,6 +107,8 @@ class ReplayNode final : public aovhost::EmulatedNode {
     void advanceLocked();
     // Whether the replay passes over `r` (not a call the library makes on the node).
     bool skippedLocked(const aovrec::Record& r);
+    // Finds the opens and closes of a tool probing the node (probe_records_).
+    void markProbes(aovrec::ByteSource& source);
     // Arms the descriptor for the current record when it is a dequeue.
     void armLocked();
     bool matchesLocked(unsigned int request, const void* arg) const;
