@@ -383,6 +383,54 @@ TEST(ReplayNodeInput, ARecordingWithoutAnOpenOfTheNodeIsRefused) {
     EXPECT_NE(problem.find("no successful open"), std::string::npos) << problem;
 }
 
+// aov-sim --node checks the node before the library opens it: an open closed
+// without a request, and an O_PATH one to bind it, recorded ahead of the
+// session's own open.
+TEST(ReplayNodeProbes, OpensClosedWithoutARequestBeforeTheSessionAreSkipped) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, 3);
+    b.close(3, 0);
+    b.open("/dev/kelo_aov", O_PATH | O_CLOEXEC, 3);
+    b.open("/dev/kelo_aov", O_WRONLY | O_CREAT | O_CLOEXEC, 5);
+    b.close(5, 0);
+    b.close(3, 0);
+    b.open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, kFd);
+    const StartRecord start(0);
+    b.ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
+    b.ioctl(kFd, AOV_IOC_STOP, nullptr, 0, -EIO);
+    b.close(kFd, 0);
+    std::vector<uint8_t> bytes = recording.bytes();
+    std::string problem;
+    std::shared_ptr<ReplayNode> node = load(bytes, &problem);
+    ASSERT_TRUE(node) << problem;
+
+    const int fd = node->open(O_RDWR);
+    ASSERT_GE(fd, 0);
+    StartRecord library(0);
+    EXPECT_EQ(node->ioctl(fd, AOV_IOC_START, library.bytes), 0);
+    EXPECT_EQ(node->ioctl(fd, AOV_IOC_STOP, nullptr), -EIO);
+    EXPECT_FALSE(node->diverged(nullptr));
+    EXPECT_EQ(node->close(fd), 0);
+}
+
+// With no open after it, a descriptor closed without a request is the
+// library's own session (a start that was never sent), not a probe.
+TEST(ReplayNodeProbes, ARequestlessOpenWithNoLaterOpenIsTheLibrarys) {
+    Composed recording;
+    recording.b().open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, kFd);
+    recording.b().close(kFd, 0);
+    std::vector<uint8_t> bytes = recording.bytes();
+    std::string problem;
+    std::shared_ptr<ReplayNode> node = load(bytes, &problem);
+    ASSERT_TRUE(node) << problem;
+
+    const int fd = node->open(O_RDWR);
+    EXPECT_GE(fd, 0);
+    EXPECT_FALSE(node->diverged(nullptr));
+    EXPECT_EQ(node->close(fd), 0);
+}
+
 }  // namespace
 
 namespace {

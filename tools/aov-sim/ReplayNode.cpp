@@ -10,6 +10,7 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <map>
 
 #include "kelo_aov.h"
 
@@ -164,11 +165,53 @@ std::shared_ptr<ReplayNode> ReplayNode::loadFile(const std::string& path, double
     return node;
 }
 
+void ReplayNode::markProbes(aovrec::ByteSource& source) {
+    aovrec::SessionReader reader(source);
+    if (!reader.start()) {
+        return;  // the check that follows reports it
+    }
+    // A descriptor opened and closed without a request is a probe (aov-sim
+    // --node checks the node this way) once another open follows it.
+    std::map<int32_t, uint64_t> openedAt;
+    std::set<int32_t> requested;
+    std::vector<uint64_t> probes;
+    Record record;
+    while (reader.next(&record) == aovrec::SessionReader::Next::Record) {
+        if (skippedLocked(record)) {
+            continue;
+        }
+        if (record.type == RecordType::Open && record.call.result >= 0) {
+            probe_records_.insert(probes.begin(), probes.end());
+            probes.clear();
+            openedAt[record.call.result] = record.index;
+            requested.erase(record.call.result);
+        } else if (record.type == RecordType::Close) {
+            const auto it = openedAt.find(record.call.fd);
+            if (it != openedAt.end()) {
+                if (requested.count(record.call.fd) == 0) {
+                    probes.push_back(it->second);
+                    probes.push_back(record.index);
+                }
+                openedAt.erase(it);
+            }
+        } else if (record.type == RecordType::Ioctl) {
+            requested.insert(record.call.fd);
+        }
+    }
+    skipped_fds_.clear();
+}
+
 std::shared_ptr<ReplayNode> ReplayNode::load(SourceFactory factory, double speed,
                                              std::string* problem) {
     std::shared_ptr<ReplayNode> node(new ReplayNode(speed));
-    // First pass: the whole file must read, and hold requests.
+    // Probes first, so that every pass after this one passes over them.
     std::unique_ptr<aovrec::ByteSource> source = factory(problem);
+    if (!source) {
+        return nullptr;
+    }
+    node->markProbes(*source);
+    // First pass: the whole file must read, and hold requests.
+    source = factory(problem);
     if (!source) {
         return nullptr;
     }
@@ -275,6 +318,9 @@ void ReplayNode::advanceLocked() {
 }
 
 bool ReplayNode::skippedLocked(const Record& r) {
+    if (probe_records_.count(r.index) != 0) {
+        return true;
+    }
     switch (r.type) {
         case RecordType::Open:
             // A driver's node is opened, never created: an open that creates

@@ -20,6 +20,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -115,6 +116,8 @@ class ReplayNode final : public aovhost::EmulatedNode {
     void advanceLocked();
     // Whether the replay passes over `r` (not a call the library makes on the node).
     bool skippedLocked(const aovrec::Record& r);
+    // Finds the opens and closes of a tool probing the node (probe_records_).
+    void markProbes(aovrec::ByteSource& source);
     // Arms the descriptor for the current record when it is a dequeue.
     void armLocked();
     bool matchesLocked(unsigned int request, const void* arg) const;
@@ -132,7 +135,10 @@ class ReplayNode final : public aovhost::EmulatedNode {
     aovrec::Record current_;
     bool has_current_ = false;
     std::vector<int32_t> skipped_fds_;  // recorded descriptors whose calls are skipped
-    std::string read_problem_;          // the file changed since it was checked
+    // Opens and closes of descriptors closed without a request before a
+    // later open (a tool probing the node), by record index: skipped.
+    std::set<uint64_t> probe_records_;
+    std::string read_problem_;  // the file changed since it was checked
     int fd_ = -1;
     std::function<void(const ReplayDivergence&)> on_divergence_;
     bool diverged_ = false;

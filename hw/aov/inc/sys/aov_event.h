@@ -1,8 +1,13 @@
 #ifndef AOV_EVENT_H
 #define AOV_EVENT_H
 
+#ifdef __KERNEL__
+#include <linux/stddef.h>
+#include <linux/types.h>
+#else
 #include <stddef.h>
 #include <stdint.h>
+#endif
 
 // The event buffer handed to the system layer's callback. Each section's info
 // words sit right before its data area; the driver writes the data areas in

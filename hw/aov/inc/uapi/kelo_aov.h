@@ -9,7 +9,11 @@
 
 #include <linux/ioctl.h>
 #include <linux/types.h>
+#ifdef __KERNEL__
+#include <linux/stddef.h>
+#else
 #include <stddef.h>
+#endif
 
 #include "aov_event.h"
 
@@ -146,7 +150,7 @@ static inline const char* aov_ioc_name(unsigned int code) {
         case AOV_IOC_ULPOSC3_OFF:
             return "ULPOSC3_OFF";
         default:
-            return 0;
+            return NULL;
     }
 }
 
