@@ -436,7 +436,7 @@ void KdevServer::answerIoctl(fuse_req_t req, int fd, unsigned int request, void*
                             "(driver bug)");
             waiting_.push_back(
                 WaitingDequeue{req, fd, arg, pid, outSize,
-                               began + std::chrono::milliseconds(aovsim::kEmptyDequeueWaitMs)});
+                               began + std::chrono::milliseconds(faults_.empty_dequeue_wait_ms)});
             fuse_req_interrupt_func(req, Ops::interrupted, this);
             return;
         }
@@ -445,7 +445,9 @@ void KdevServer::answerIoctl(fuse_req_t req, int fd, unsigned int request, void*
         if (it != waiting_.end() && began < it->deadline) {
             return;  // still waiting
         }
-        forget(req);
+    }
+    if (retry) {
+        forget(req);  // answered below
     }
     if (aovsim::TimelineHooks* timeline = trace_->timeline()) {
         timeline->requestServed(request, began, std::chrono::steady_clock::now(), result);

@@ -48,6 +48,8 @@ struct ServerFaults {
     // The n-th DEQUEUE_EVENT is answered with more bytes than its code allows,
     // which the kernel refuses.
     uint32_t overlong_reply_at_dequeue = 0;
+    // How long a dequeue with nothing pending waits under kBlockEmptyDequeue.
+    uint32_t empty_dequeue_wait_ms = aovsim::kEmptyDequeueWaitMs;
 };
 
 // An ioctl as the server received it.
