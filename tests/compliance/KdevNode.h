@@ -29,7 +29,7 @@ class KdevInstance {
   public:
     // A checker's run against aov-kdev takes a few seconds; one still going
     // after this long is stuck in a request the server never answers.
-    static constexpr std::chrono::seconds kCheckLimit{30};
+    static constexpr std::chrono::seconds kCheckLimit{45};
 
     ~KdevInstance() { server_.kill(); }
 
