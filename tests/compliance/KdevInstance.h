@@ -1,8 +1,8 @@
 #pragma once
 
-// aov-compliance as a user runs it, against an aov-kdev in the test's own
-// mount namespace. Needs root and /dev/fuse; each case says when it skips.
-// The checker's output goes to the test log.
+// An aov-kdev with given driver bugs in a mount namespace of its own, and
+// aov-compliance run against it as a user runs it (root and /dev/fuse). The
+// checker's output goes to the test log.
 
 #include <chrono>
 #include <condition_variable>
@@ -93,35 +93,5 @@ class KdevInstance {
     bool stopped_server_ = false;
     aovsimtool::KdevLauncher server_;
 };
-
-// Skips where FUSE tests cannot run.
-class KdevNode : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        const std::string why = fuseUnavailable();
-        if (!why.empty()) {
-            GTEST_SKIP() << why;
-        }
-    }
-
-    void start(const std::string& fault, const char* scenario = nullptr) {
-        node_.start(fault.empty() ? std::vector<std::string>{} : std::vector<std::string>{fault},
-                    scenario);
-    }
-    ProcessResult check(std::vector<std::string> extra = {}) { return node_.check(extra); }
-
-    KdevInstance node_;
-};
-
-inline bool hasLine(const std::string& text, const std::string& line) {
-    return ("\n" + text).find("\n" + line) != std::string::npos;
-}
-
-inline std::string lastLine(const std::string& text) {
-    const size_t end = text.size() > 0 && text.back() == '\n' ? text.size() - 1 : text.size();
-    const size_t begin = text.rfind('\n', end == 0 ? 0 : end - 1);
-    return text.substr(begin == std::string::npos ? 0 : begin + 1,
-                       end - (begin == std::string::npos ? 0 : begin + 1));
-}
 
 }  // namespace aovtest
