@@ -1,9 +1,12 @@
 // The guarded call: a call that answers, one that never does, one whose
-// process dies, and a descriptor handed over from the child; the report's
-// plain and TAP lines.
+// process dies, a descriptor handed over from the child, and closes that run
+// in a child, one of them blocking; the report's plain and TAP lines.
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -13,8 +16,8 @@
 #include "Report.h"
 #include "gtest/gtest.h"
 
-using aovcompliance::CallResult;
-using aovcompliance::GuardedCaller;
+using aovsimtool::CallResult;
+using aovsimtool::GuardedCaller;
 
 TEST(GuardedCall, AnswersWithTheCallsResultAndErrno) {
     GuardedCaller caller;
@@ -25,7 +28,7 @@ TEST(GuardedCall, AnswersWithTheCallsResultAndErrno) {
     const CallResult failed = caller.run(5000, []() -> long { return ::close(-1); });
     ASSERT_TRUE(failed.failed());
     EXPECT_EQ(failed.error, EBADF);
-    EXPECT_EQ(aovcompliance::errnoName(failed.error), "EBADF");
+    EXPECT_EQ(aovsimtool::errnoName(failed.error), "EBADF");
 }
 
 TEST(GuardedCall, ACallThatNeverReturnsIsGivenUpAfterTheLimit) {
@@ -102,6 +105,7 @@ TEST(ComplianceReport, PlainAndTapLinesAndTotals) {
               "TAP version 13\n"
               "not ok 1 - requests: STOP # expected 0, got EIO\n"
               "ok 2 - requests: START # WARN got 1\n"
+              "1..2\n"
               "Bail out! STOP never returned\n"
               "# aov-compliance: 0 passed, 1 failed, 1 warnings, 0 skipped\n");
     std::fclose(out);
@@ -133,4 +137,93 @@ TEST(ComplianceReport, TapSkipsThePlanAndNotesOnlyWhenVerbose) {
         std::fclose(out);
         std::free(text);
     }
+}
+
+// A TCP socket whose peer never reads, with unsent data and SO_LINGER: its
+// last close blocks until the linger time ends. A real close that does not
+// return, without a driver.
+class LingeringSocket : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ASSERT_GE(listener_, 0);
+        const int small = 4096;
+        ::setsockopt(listener_, SOL_SOCKET, SO_RCVBUF, &small, sizeof(small));
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        ASSERT_EQ(::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        socklen_t length = sizeof(address);
+        ASSERT_EQ(::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length), 0);
+        ASSERT_EQ(::listen(listener_, 1), 0);
+        address_ = address;
+    }
+    void TearDown() override {
+        if (listener_ >= 0) {
+            ::close(listener_);
+        }
+    }
+
+    // Connects, fills the connection and sets a linger of 60 s; the socket,
+    // or -1. Only system calls: it also runs in a guarded child.
+    static long lingering(const sockaddr_in& address) {
+        const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const int small = 4096;
+        ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+        if (fd < 0 ||
+            ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+            return -1;
+        }
+        static char block[4096];
+        while (::send(fd, block, sizeof(block), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+        }
+        const linger stay{1, 60};
+        return ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &stay, sizeof(stay)) == 0 ? fd : -1;
+    }
+
+    int listener_ = -1;
+    sockaddr_in address_{};
+};
+
+TEST_F(LingeringSocket, ACloseThatBlocksRunsInTheChildAndTheDescriptorLeavesTheParent) {
+    GuardedCaller caller;
+    const int fd = static_cast<int>(lingering(address_));
+    ASSERT_GE(fd, 0);
+    const CallResult closed = caller.close(300, fd);
+    EXPECT_EQ(closed.status, CallResult::Status::kTimedOut);
+    EXPECT_TRUE(closed.hung());
+    EXPECT_EQ(caller.abandoned(), 1);
+    EXPECT_EQ(::fcntl(fd, F_GETFD), -1) << "the descriptor is gone from the parent";
+}
+
+TEST_F(LingeringSocket, ACallWhoseProcessCannotCloseWhatItHeldIsACloseHang) {
+    GuardedCaller caller;
+    const sockaddr_in address = address_;
+    // The call answers; the socket it leaves open lingers when its process
+    // closes it on the way out.
+    const CallResult r = caller.run(300, [address]() -> long { return lingering(address); });
+    EXPECT_EQ(r.status, CallResult::Status::kCloseHung);
+    EXPECT_GE(r.value, 0) << "the call's own answer is kept";
+    EXPECT_TRUE(r.hung());
+    EXPECT_FALSE(r.returned());
+    EXPECT_EQ(caller.abandoned(), 1);
+}
+
+TEST(GuardedCall, ACloseInTheChildSharesTheParentsTableAndReportsItsError) {
+    GuardedCaller caller;
+    int pipeEnds[2];
+    ASSERT_EQ(::pipe(pipeEnds), 0);
+    const CallResult closed = caller.close(5000, pipeEnds[1]);
+    ASSERT_EQ(closed.status, CallResult::Status::kReturned);
+    EXPECT_EQ(closed.value, 0);
+    // The write end was the only one: the parent's read end now sees the end.
+    char byte;
+    EXPECT_EQ(::read(pipeEnds[0], &byte, 1), 0);
+    // A descriptor number that is open nowhere (the freed one would be reused
+    // by the call's own socket).
+    const CallResult again = caller.close(5000, 1 << 20);
+    ASSERT_EQ(again.status, CallResult::Status::kReturned);
+    EXPECT_EQ(again.value, -1);
+    EXPECT_EQ(again.error, EBADF);
+    ::close(pipeEnds[0]);
 }

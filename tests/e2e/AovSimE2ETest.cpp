@@ -190,10 +190,7 @@ class Kernel : public ::testing::TestWithParam<const char*> {
   protected:
     void SetUp() override {
         if (std::string(GetParam()) == "fuse") {
-            const std::string why = aovtest::fuseUnavailable();
-            if (!why.empty()) {
-                GTEST_SKIP() << why;
-            }
+            aovtest::requireFuseOrSkip();
         }
     }
     RunResult run(std::vector<std::string> args) const {
@@ -563,8 +560,11 @@ class ScriptedEvents : public ::testing::TestWithParam<ScriptedCase> {};
 
 TEST_P(ScriptedEvents, ReachTheCallbackAsTheCopyRulesSay) {
     const ScriptedCase& c = GetParam();
-    if (std::string(c.kernel) == "fuse" && !aovtest::fuseUnavailable().empty()) {
-        GTEST_SKIP() << aovtest::fuseUnavailable();
+    if (std::string(c.kernel) == "fuse") {
+        aovtest::requireFuseOrSkip();
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
     }
     const RunResult run = runAovSim(
         {"--scenario", std::string(AOV_SIM_EXAMPLES) + "/scripted-events.json", "--events", "3",

@@ -1,17 +1,25 @@
 // A client of a node for the recorder's tests: makes a fixed series of calls
 // on NODE (and one on OTHER) and prints each call's result and errno, so that
 // a run under the recorder can be compared with a run without it.
-// Usage: aov_rec_node_client NODE OTHER
+// Usage: aov_rec_node_client NODE OTHER [paths LINK | bad-pointers | exec-child]
+//   paths LINK    reaches NODE by other paths (LINK is a symlink to it) and
+//                 by duplicates, and reuses a node descriptor's number
+//   bad-pointers  readiness calls given memory they cannot read
+//   exec-child    runs itself again (no mode) in a forked child, and waits
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/select.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <string>
 
 #include "kelo_aov.h"
 
@@ -22,12 +30,108 @@ void show(const char* what, long result) {
     errno = 0;
 }
 
+// One ioctl that every recorded node descriptor answers the same way.
+void ask(const char* what, int fd) {
+    int pending = -1;
+    show(what, ::ioctl(fd, FIONREAD, &pending));
+}
+
+int otherPaths(const char* node, const char* other, const char* link) {
+    const int a = ::open(link, O_RDONLY);
+    show("open symlink", a >= 0 ? 0 : -1);
+    ask("ioctl symlink", a);
+    // Readiness through select and pselect (a regular file is always ready).
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(a, &set);
+    timeval zero{0, 0};
+    show("select", ::select(a + 1, &set, nullptr, nullptr, &zero));
+    FD_ZERO(&set);
+    FD_SET(a, &set);
+    const timespec zeroTs{0, 0};
+    show("pselect", ::pselect(a + 1, &set, nullptr, nullptr, &zeroTs, nullptr));
+    const std::string doubled = std::string("/") + node;
+    const int b = ::open(doubled.c_str(), O_RDONLY);
+    show("open doubled slash", b >= 0 ? 0 : -1);
+    ask("ioctl doubled slash", b);
+    const std::string viaProc = "/proc/self/fd/" + std::to_string(a);
+    const int c = ::open(viaProc.c_str(), O_RDONLY);
+    show("open proc fd", c >= 0 ? 0 : -1);
+    ask("ioctl proc fd", c);
+    const std::string path(node);
+    const std::string dir = path.substr(0, path.rfind('/'));
+    const int dirfd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY);
+    const int d = ::openat(dirfd, path.substr(path.rfind('/') + 1).c_str(), O_RDONLY);
+    show("openat dirfd", d >= 0 ? 0 : -1);
+    ask("ioctl openat dirfd", d);
+    ::close(dirfd);
+    const int e = ::dup(a);
+    ask("ioctl dup", e);
+    const int f = ::fcntl(a, F_DUPFD_CLOEXEC, 100);
+    ask("ioctl fcntl dupfd", f);
+    const int g = ::dup2(a, 90);
+    ask("ioctl dup2", g);
+    // Numbers that stop being the node's: replaced by dup2, closed by close_range.
+    const int o = ::open(other, O_RDONLY);
+    show("dup2 other over node", ::dup2(o, g) == g ? 0 : -1);
+    ask("ioctl other at dup2", g);
+    show("close_range", ::close_range(100u, 100u, 0));
+    const int reused = ::fcntl(o, F_DUPFD, 100);
+    show("reuse closed number", reused == 100 ? 0 : -1);
+    ask("ioctl other at reused", reused);
+    for (const int fd : {a, b, c, d, e, g, o, reused}) {
+        ::close(fd);
+    }
+    return 0;
+}
+
+// Each call fails with EFAULT as it would without the recorder.
+int badPointers(const char* node) {
+    const int fd = ::open(node, O_RDWR);
+    show("open node", fd >= 0 ? 0 : -1);
+    void* hole = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    show("poll bad fds", ::poll(static_cast<pollfd*>(hole), 1, 0));
+    const timespec zero_ts{0, 0};
+    show("ppoll bad fds", ::ppoll(static_cast<pollfd*>(hole), 1, &zero_ts, nullptr));
+    const int ep = ::epoll_create1(0);
+    show("epoll_ctl bad event",
+         ::epoll_ctl(ep, EPOLL_CTL_ADD, fd, static_cast<epoll_event*>(hole)));
+    fd_set* set = static_cast<fd_set*>(hole);
+    timeval zero{0, 0};
+    show("select bad set", ::select(fd + 1, set, nullptr, nullptr, &zero));
+    show("ioctl bad record", ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, hole));
+    show("open bad path", ::open(static_cast<const char*>(hole), O_RDONLY));
+    ::close(ep);
+    show("close node", ::close(fd));
+    return 0;
+}
+
+int execChild(char* self, char* node, char* other) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        char* args[] = {self, node, other, nullptr};
+        ::execv(self, args);
+        ::_exit(127);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    std::printf("child %d exited %d\n", static_cast<int>(pid), WEXITSTATUS(status));
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 3) {
-        std::fprintf(stderr, "usage: aov_rec_node_client NODE OTHER\n");
+    if (argc < 3) {
+        std::fprintf(stderr, "usage: aov_rec_node_client NODE OTHER [MODE...]\n");
         return 2;
+    }
+    const std::string mode = argc > 3 ? argv[3] : "";
+    if (mode == "paths" && argc == 5) {
+        return otherPaths(argv[1], argv[2], argv[4]);
+    }
+    if (mode == "bad-pointers") {
+        return badPointers(argv[1]);
     }
     const int fd = ::open(argv[1], O_RDWR);
     show("open node", fd);
@@ -66,5 +170,9 @@ int main(int argc, char** argv) {
     show("close openat node", ::close(again));
     show("close epoll", ::close(ep));
     show("open missing node", ::open("/nonexistent/kelo_aov", O_RDWR));
+    if (mode == "exec-child") {
+        std::fflush(stdout);
+        return execChild(argv[0], argv[1], argv[2]);
+    }
     return 0;
 }

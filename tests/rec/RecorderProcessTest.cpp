@@ -130,15 +130,40 @@ TEST_F(UnderTheRecorder, AProgramSeesTheSameResultsAndErrnoAsWithoutIt) {
         << info.output;
 }
 
-TEST_F(UnderTheRecorder, AFileThatCannotBeWrittenIsSaidOnceAndTheProgramGoesOn) {
+TEST_F(UnderTheRecorder, AFileThatCannotBeWrittenIsSaidOnceWithANonZeroExitAndTheProgramGoesOn) {
     const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_});
     const ProcessResult recorded =
         rec({"record", "-o", "/nonexistent-dir/s.rec", "--", AOV_REC_CLIENT_PATH, node_, other_},
             {"AOV_REC_NODE=" + node_});
-    EXPECT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(recorded.exit_code, 3) << recorded.output;
     EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
     EXPECT_EQ(count(recorded.output, "aov-rec: recording stopped: /nonexistent-dir/s.rec: "), 1u)
         << recorded.output;
+    EXPECT_EQ(count(recorded.output, "aov-rec: "), 1u) << recorded.output;
+
+    const ProcessResult full =
+        rec({"record", "-o", "/dev/full", "--", AOV_REC_CLIENT_PATH, node_, other_},
+            {"AOV_REC_NODE=" + node_});
+    EXPECT_EQ(full.exit_code, 3) << full.output;
+    EXPECT_EQ(withoutRecLines(full.output), bare.output);
+    EXPECT_EQ(
+        count(full.output, "aov-rec: recording stopped: /dev/full: No space left on device\n"), 1u)
+        << full.output;
+    EXPECT_EQ(count(full.output, "aov-rec: "), 1u) << full.output;
+}
+
+TEST_F(UnderTheRecorder, AFileNothingWasRecordedIntoStaysAsItWasAndTheLineNamesTheNode) {
+    writeText(session_, "an earlier session");
+    const ProcessResult r =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, other_, other_},
+            {"AOV_REC_NODE=" + node_});
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_EQ(readText(session_), "an earlier session");
+    EXPECT_NE(r.output.find("never opened the node " + node_ +
+                            "; nothing recorded "
+                            "(AOV_REC_NODE=PATH or AOV_DEV_DIR=DIR watches another)"),
+              std::string::npos)
+        << r.output;
 }
 
 TEST_F(UnderTheRecorder, TheCommandsExitStatusIsHandedBack) {
@@ -181,8 +206,127 @@ TEST_F(UnderTheRecorder, AnOutputThatIsNotARegularFileStaysInPlace) {
     struct stat info {};
     ASSERT_EQ(::lstat(pipe.c_str(), &info), 0) << "the pipe given as the output was removed";
     EXPECT_TRUE(S_ISFIFO(info.st_mode)) << "the pipe given as the output was replaced";
-    EXPECT_NE(r.output.find("aov-rec: session written to " + pipe), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("nothing recorded"), std::string::npos) << r.output;
     ::unlink(pipe.c_str());
+}
+
+// Every path that reaches the node counts, and every duplicate of its
+// descriptors; a number that stopped being the node's (dup2 over it,
+// close_range) is not taken for it.
+TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatLeftItIsNot) {
+    const std::string link = tempPath("link");
+    ASSERT_EQ(::symlink(node_.c_str(), link.c_str()), 0) << std::strerror(errno);
+    const std::vector<std::string> args = {node_, other_, "paths", link};
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, args);
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    std::vector<std::string> recordArgs = {"record", "-o", session_, "--", AOV_REC_CLIENT_PATH};
+    recordArgs.insert(recordArgs.end(), args.begin(), args.end());
+    const ProcessResult recorded = rec(recordArgs, {"AOV_REC_NODE=" + node_});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    // Opens by the symlink, "//", /proc/self/fd/N and openat from the directory.
+    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 4u) << dump.output;
+    EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
+    // select and pselect on the node (the symlink's descriptor, whatever
+    // number it got), each found it readable.
+    const size_t firstOpen = dump.output.find("\"call\":\"open\"");
+    ASSERT_NE(firstOpen, std::string::npos) << dump.output;
+    const size_t resultAt = dump.output.find("\"result\":", firstOpen);
+    const std::string linkFd = std::to_string(std::atoi(dump.output.c_str() + resultAt + 9));
+    for (const std::string kind : {"select", "pselect"}) {
+        EXPECT_NE(dump.output.find("\"kind\":\"" + kind + "\",\"timeout_ms\":0,\"node\":[{\"fd\":" +
+                                   linkFd + ",\"events\":1,\"revents\":1}]"),
+                  std::string::npos)
+            << kind << "\n"
+            << dump.output;
+    }
+    // Those four and dup, F_DUPFD and dup2; not the other file's.
+    EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 7u) << dump.output;
+    // Five closes, the node's number replaced by dup2, the one close_range closed.
+    EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 7u) << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":90,"), std::string::npos) << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":100,"), std::string::npos) << dump.output;
+    ::unlink(link.c_str());
+}
+
+// Calls given memory they cannot read fail with EFAULT as without the
+// recorder, which reads nothing of theirs it cannot.
+TEST_F(UnderTheRecorder, CallsGivenUnreadableMemoryFailAsWithoutTheRecorder) {
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_, "bad-pointers"});
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    EXPECT_EQ(count(bare.output, " errno 14\n"), 5u) << bare.output;
+    const ProcessResult recorded =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "bad-pointers"},
+            {"AOV_REC_NODE=" + node_});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    EXPECT_NE(dump.output.find("\"request\":\"DEQUEUE_EVENT\",\"code\""), std::string::npos)
+        << dump.output;
+    EXPECT_NE(dump.output.find("\"arg_unreadable\":true"), std::string::npos) << dump.output;
+}
+
+// A child that the recorded program forks and execs records into a file of
+// its own; the parent's file keeps the parent's calls only.
+TEST_F(UnderTheRecorder, AnExecdChildRecordsIntoAFileOfItsOwnAndLeavesTheParentsAlone) {
+    const ProcessResult recorded =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "exec-child"},
+            {"AOV_REC_NODE=" + node_});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    const size_t at = recorded.output.find("child ");
+    ASSERT_NE(at, std::string::npos) << recorded.output;
+    const std::string child = std::to_string(std::atoi(recorded.output.c_str() + at + 6));
+    EXPECT_NE(recorded.output.find("child " + child + " exited 0"), std::string::npos);
+    const std::string childFile = session_ + "." + child;
+    EXPECT_NE(recorded.output.find("aov-rec: session recorded in " + session_ + " ("),
+              std::string::npos)
+        << recorded.output;
+    EXPECT_NE(recorded.output.find("aov-rec: session recorded in " + childFile + " ("),
+              std::string::npos)
+        << recorded.output;
+    for (const std::string& file : {session_, childFile}) {
+        const ProcessResult dump = rec({"dump", file});
+        ASSERT_EQ(dump.exit_code, 0) << file << "\n" << dump.output;
+        EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 2u) << dump.output;
+        EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 2u) << dump.output;
+    }
+    EXPECT_NE(rec({"dump", childFile}).output.find("\"pid\":" + child + ","), std::string::npos);
+    EXPECT_EQ(rec({"dump", session_}).output.find("\"pid\":" + child + ","), std::string::npos);
+    ::unlink(childFile.c_str());
+}
+
+// Dequeues whose areas the recorder dropped (its writer was behind) are
+// counted by info and marked by dump.
+TEST(AovRecInput, InfoCountsTheDequeuesWhoseContentWasDropped) {
+    const std::string path = tempPath("dropped.rec");
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0) << std::strerror(errno);
+    {
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::Written, aovrec::Compression::None);
+        b.open("/dev/kelo_aov", O_RDWR, 5);
+        aov_event_query answer{};
+        answer.header[5] = 1;
+        for (const uint8_t flags :
+             {uint8_t{0}, aovrec::kArgContentDropped, uint8_t{0}, aovrec::kArgContentDropped}) {
+            b.ioctl(5, AOV_IOC_DEQUEUE_EVENT, &answer, sizeof(answer), 0, &answer, sizeof(answer),
+                    nullptr, 0, flags);
+        }
+        b.close(5, 0);
+        ASSERT_TRUE(b.ok());
+    }
+    ::close(fd);
+    const ProcessResult info = rec({"info", path});
+    EXPECT_EQ(info.exit_code, 0) << info.output;
+    EXPECT_NE(info.output.find("\ncontent dropped: 2 dequeues kept without their areas"),
+              std::string::npos)
+        << info.output;
+    const ProcessResult dump = rec({"dump", path});
+    EXPECT_EQ(dump.exit_code, 0) << dump.output;
+    EXPECT_EQ(count(dump.output, "\"content_dropped\":true"), 2u) << dump.output;
+    ::unlink(path.c_str());
 }
 
 TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
@@ -204,6 +348,15 @@ TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
         EXPECT_EQ(r.exit_code, 2) << c.args[0];
         EXPECT_EQ(r.output, c.line);
     }
+    for (const char* command : {"record", "dump", "info", "retrace"}) {
+        const ProcessResult help = rec({command, "--help"});
+        EXPECT_EQ(help.exit_code, 0) << command << ": " << help.output;
+        EXPECT_EQ(help.output.rfind(std::string("usage: aov-rec ") + command, 0), 0u)
+            << help.output;
+    }
+    const ProcessResult recordHelp = rec({"record", "--help"});
+    EXPECT_NE(recordHelp.output.find("AOV_REC_NODE"), std::string::npos) << recordHelp.output;
+    EXPECT_NE(recordHelp.output.find("AOV_DEV_DIR"), std::string::npos) << recordHelp.output;
     const ProcessResult usage = rec({"record", "--content", "some", "--", "true"});
     EXPECT_EQ(usage.exit_code, 2);
     EXPECT_EQ(usage.output.rfind("aov-rec: --content must be all, written or none, not some\n", 0),
@@ -461,6 +614,13 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
         EXPECT_NE(shown.output.find("\r\033[K", last), std::string::npos)
             << "the last progress line stays on the terminal:\n"
             << shown.output;
+
+        // Without --events the recording's own count, at a paced speed
+        // within the wait it announces.
+        const ProcessResult own = runProcess(AOV_SIM_PATH, {"--replay", session_, "--speed", "2"});
+        EXPECT_EQ(own.exit_code, 0) << own.output;
+        EXPECT_NE(own.output.find("waiting for 3 events (at most "), std::string::npos)
+            << own.output;
 
         // Another aov_mode makes the library send another START.
         replayArgs.insert(replayArgs.end(), {"--aov-mode", "1"});

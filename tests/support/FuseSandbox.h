@@ -13,6 +13,24 @@ namespace aovtest {
 // Why FUSE tests cannot run here (no root, no usable /dev/fuse); empty when they can.
 std::string fuseUnavailable();
 
+// True in CI (CI=true): the machine has root and /dev/fuse, so a FUSE test
+// that cannot run is a failure there, never a skip.
+bool fuseRequired();
+
+// For a SetUp or a test body: where FUSE tests cannot run, skips the test, or
+// fails it when FUSE is required. The caller then returns when IsSkipped()
+// or HasFatalFailure().
+inline void requireFuseOrSkip() {
+    const std::string why = fuseUnavailable();
+    if (why.empty()) {
+        return;
+    }
+    if (fuseRequired()) {
+        FAIL() << why << " (CI=true: the FUSE tests must run here)";
+    }
+    GTEST_SKIP() << why;
+}
+
 class MountSandbox {
   public:
     MountSandbox() = default;
@@ -31,13 +49,13 @@ class MountSandbox {
     std::string dir_;
 };
 
-// For a fixture's SetUp: skips the test where FUSE tests cannot run, else
-// enters `sandbox` (failing the test when it cannot). SetUp then returns when
-// IsSkipped() or HasFatalFailure().
+// For a fixture's SetUp: skips the test where FUSE tests cannot run (fails it
+// in CI), else enters `sandbox` (failing the test when it cannot). SetUp then
+// returns when IsSkipped() or HasFatalFailure().
 inline void enterFuseSandboxOrSkip(MountSandbox* sandbox, const std::string& prefix) {
-    const std::string why = fuseUnavailable();
-    if (!why.empty()) {
-        GTEST_SKIP() << why;
+    requireFuseOrSkip();
+    if (::testing::Test::IsSkipped() || ::testing::Test::HasFatalFailure()) {
+        return;
     }
     std::string problem;
     ASSERT_TRUE(sandbox->enter(prefix, &problem)) << problem;

@@ -20,6 +20,7 @@
 #include "BoundedWait.h"
 #include "Options.h"
 #include "ReplayNode.h"
+#include "ReplayPlan.h"
 #include "SessionBuilder.h"
 #include "kelo_aov.h"
 
@@ -425,6 +426,78 @@ TEST(ReplayOptions, SpeedIsMaxOrAPositiveFactorAndNeedsAReplay) {
         EXPECT_EQ(message.find('\n'), std::string::npos) << message;
         EXPECT_TRUE(message.rfind("--speed", 0) == 0 || message.rfind("--replay", 0) == 0)
             << message;
+    }
+}
+
+// The plan counts the events the library gets (successful dequeues) and the
+// recorded time from the open to the last of them.
+TEST(ReplayPlan, CountsTheDeliveredEventsAndTheTimeToTheLastOfThem) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.advance(7000000000ull);  // before the open: not part of the span
+    b.open("/dev/kelo_aov", O_RDWR, kFd);
+    std::vector<uint8_t> other(sizeof(aov_event));
+    RecordedEvent event;
+    b.advance(2000000000ull);
+    event.record(b, other.data());
+    b.advance(500000000ull);
+    const aov_event_query sent = dequeueSent(other.data());
+    b.ioctl(kFd, AOV_IOC_DEQUEUE_EVENT, &sent, sizeof(sent), -EAGAIN);
+    b.advance(1000000000ull);
+    event.record(b, other.data());
+    b.advance(4000000000ull);
+    b.ioctl(kFd, AOV_IOC_DEQUEUE_EVENT, &sent, sizeof(sent), -EAGAIN);
+    b.close(kFd, 0);
+    std::vector<uint8_t> bytes = recording.bytes();
+    std::string problem;
+    std::shared_ptr<ReplayNode> node = load(bytes, &problem);
+    ASSERT_TRUE(node) << problem;
+    EXPECT_EQ(node->plan().events, 2u);
+    EXPECT_NEAR(node->plan().span_s, 3.5, 1e-6);
+}
+
+TEST(ReplayOptions, TheRecordingsOwnEventCountAndAWaitThatCoversItsPaceAreTaken) {
+    const aovsimtool::ReplayPlan plan{3, 10.0};
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "0.5"}, &o, &message), ParseOutcome::kRun);
+    ASSERT_EQ(aovsimtool::fitReplayOptions(plan, &o), "");
+    EXPECT_EQ(o.events, 3);
+    EXPECT_GE(o.timeout, 10.0 / 0.5 + aovsimtool::kReplaySlackSeconds);
+
+    Options fast;
+    ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "max", "--events", "2"}, &fast, &message),
+              ParseOutcome::kRun);
+    ASSERT_EQ(aovsimtool::fitReplayOptions(plan, &fast), "");
+    EXPECT_EQ(fast.events, 2);
+    EXPECT_EQ(fast.timeout, 0) << "at max speed the wait stays derived from the count";
+
+    Options timed;
+    ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "2", "--timeout", "60"}, &timed, &message),
+              ParseOutcome::kRun);
+    ASSERT_EQ(aovsimtool::fitReplayOptions(plan, &timed), "");
+    EXPECT_EQ(timed.timeout, 60) << "a long enough --timeout is kept";
+}
+
+TEST(ReplayOptions, WhatTheRecordingCannotGiveIsRefusedWithOneLine) {
+    const aovsimtool::ReplayPlan plan{3, 10.0};
+    struct Case {
+        std::vector<std::string> args;
+        std::string starts;
+    };
+    const std::vector<Case> cases = {
+        {{"--replay", "a.rec", "--events", "5"}, "--events 5: the recording holds 3 events"},
+        {{"--replay", "a.rec", "--speed", "1e-9"}, "--speed 1e-09: the recording's 10.000 s"},
+        {{"--replay", "a.rec", "--speed", "0.0001"}, "--speed 0.0001: the recording's 10.000 s"},
+        {{"--replay", "a.rec", "--speed", "0.5", "--timeout", "10"}, "--timeout 10: "},
+    };
+    for (const Case& c : cases) {
+        Options o;
+        std::string message;
+        ASSERT_EQ(parse(c.args, &o, &message), ParseOutcome::kRun) << message;
+        const std::string line = aovsimtool::fitReplayOptions(plan, &o);
+        EXPECT_EQ(line.rfind(c.starts, 0), 0u) << line;
+        EXPECT_EQ(line.find('\n'), std::string::npos) << line;
     }
 }
 

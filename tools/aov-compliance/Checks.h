@@ -20,8 +20,9 @@ struct Options {
 // The categories --only accepts.
 bool isCategory(const std::string& name);
 
-// Runs the checks against the node and writes the report to `out`; the exit
-// code: 0 without failures, 1 with.
+// Runs the checks against the node and writes the report to `out`. The exit
+// code: 0 when every check ran and none failed (warnings allowed), 1 after a
+// failure or a stopped run, 4 when nothing failed but checks were skipped.
 int runChecks(const Options& options, std::FILE* out);
 
 }  // namespace aovcompliance

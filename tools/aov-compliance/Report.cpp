@@ -65,8 +65,9 @@ void Report::note(const std::string& text) {
 
 void Report::bail(const std::string& why) {
     if (format_ == Format::kTap) {
-        // No plan: TAP reads a bail-out as the end of the run.
-        std::fprintf(out_, "Bail out! %s\n# ", why.c_str());
+        // The plan of the checks shown first, so that a consumer finds one,
+        // then the bail-out that ends the run.
+        std::fprintf(out_, "1..%d\nBail out! %s\n# ", number_, why.c_str());
     } else {
         std::fprintf(out_, "aov-compliance: stopped: %s\n", why.c_str());
     }

@@ -33,7 +33,9 @@ class Report {
                const std::string& detail = std::string());
     // A line shown with -v only.
     void note(const std::string& text);
-    // Ends the run early with `why` (a request that never returned), then the totals.
+    // Ends the run early with `why` (a request that never returned, a driver
+    // that went away, a path that is no AOV node), then the totals. TAP: the
+    // plan of the checks shown, then "Bail out!".
     void bail(const std::string& why);
     // The totals line (TAP: the plan and the totals as a comment).
     void end();

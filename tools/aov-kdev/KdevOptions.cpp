@@ -5,7 +5,9 @@
 
 #include "KdevOptions.h"
 
+#include <dirent.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -18,6 +20,36 @@
 namespace aovkdev {
 
 using aovsimtool::ParseOutcome;
+
+std::string mountPointProblem(const std::string& dir) {
+    // A FUSE file system's magic number: the directory is already served.
+    constexpr long kFuseMagic = 0x65735546;
+    struct statfs fs;
+    if (::statfs(dir.c_str(), &fs) != 0) {
+        return std::strerror(errno);
+    }
+    if (static_cast<long>(fs.f_type) == kFuseMagic) {
+        return "already served by a FUSE file system (another aov-kdev?)";
+    }
+    DIR* listing = ::opendir(dir.c_str());
+    if (listing == nullptr) {
+        return std::strerror(errno);
+    }
+    bool empty = true;
+    errno = 0;
+    while (const dirent* entry = ::readdir(listing)) {
+        if (std::strcmp(entry->d_name, ".") != 0 && std::strcmp(entry->d_name, "..") != 0) {
+            empty = false;
+            break;
+        }
+    }
+    const int error = errno;
+    ::closedir(listing);
+    if (empty && error != 0) {
+        return std::strerror(error);
+    }
+    return empty ? std::string() : "not empty (mounting would hide what it holds)";
+}
 
 aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, KdevOptions* options,
                                           std::string* message) {
@@ -117,6 +149,12 @@ aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, Kde
     if (!S_ISDIR(st.st_mode)) {
         *message = aovsimtool::oneLine("--mount " + aovsimtool::excerpt(o.mount_dir) +
                                        ": not a directory");
+        return ParseOutcome::kError;
+    }
+    const std::string problem = mountPointProblem(o.mount_dir);
+    if (!problem.empty()) {
+        *message =
+            aovsimtool::oneLine("--mount " + aovsimtool::excerpt(o.mount_dir) + ": " + problem);
         return ParseOutcome::kError;
     }
     return ParseOutcome::kRun;

@@ -20,6 +20,10 @@ struct KdevOptions {
     aovsim::DriverBugs bugs = 0;  // driver bugs made on purpose (--fault)
 };
 
+// Why `dir`, an existing directory, cannot be mounted on: already a FUSE
+// mount (served), or not empty; empty when it can.
+std::string mountPointProblem(const std::string& dir);
+
 // Parses the command line. On kHelp, `message` is the help text; on kError,
 // one line saying what is wrong and with which option.
 aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, KdevOptions* options,

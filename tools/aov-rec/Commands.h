@@ -13,6 +13,8 @@ namespace aovrec {
 
 // Exit status of bad input, shared by every subcommand.
 constexpr int kExitBadInput = 2;
+// aov-rec record: the command succeeded but a recording stopped.
+constexpr int kExitRecordingStopped = 3;
 
 int runRecord(const std::string& out_path, ContentMode content,
               const std::vector<std::string>& command, FILE* err);

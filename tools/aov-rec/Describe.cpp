@@ -69,6 +69,12 @@ const char* waitKindName(WaitKind kind) {
             return "epoll_wait";
         case WaitKind::EpollPwait:
             return "epoll_pwait";
+        case WaitKind::Select:
+            return "select";
+        case WaitKind::Pselect:
+            return "pselect";
+        case WaitKind::EpollPwait2:
+            return "epoll_pwait2";
     }
     return "?";
 }
@@ -123,6 +129,9 @@ std::string describe(const Record& r, uint64_t start_ns) {
             }
             if ((r.arg_flags & kArgUnreadable) != 0) {
                 out += ",\"arg_unreadable\":true";
+            }
+            if ((r.arg_flags & kArgContentDropped) != 0) {
+                out += ",\"content_dropped\":true";
             }
             if (r.sent_len > 0) {
                 out += ",\"sent\":{\"bytes\":" + std::to_string(r.sent_len) +
@@ -244,6 +253,7 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
     std::map<int, uint64_t> errors;
     std::set<uint32_t> threads;
     uint64_t events = 0, with_content = 0, areas = 0, area_bytes = 0, ready = 0, failed = 0;
+    uint64_t content_dropped = 0;
     uint64_t first = 0, last = 0;
     Record r;
     SessionReader::Next next;
@@ -265,6 +275,7 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
             Requests& q = requests[name != nullptr ? name : code];
             ++q.sent;
             q.failed += r.call.result < 0 ? 1 : 0;
+            content_dropped += (r.arg_flags & kArgContentDropped) != 0 ? 1 : 0;
             if (r.request == AOV_IOC_DEQUEUE_EVENT && r.call.result >= 0) {
                 ++events;
                 with_content += r.back_len >= 24 && wordAt(r.back, 20) != 0 ? 1 : 0;
@@ -301,6 +312,12 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
                  "events: %" PRIu64 " dequeued, %" PRIu64 " with the content flag, %" PRIu64
                  " areas kept (%" PRIu64 " bytes); node ready %" PRIu64 " times\n",
                  events, with_content, areas, area_bytes, ready);
+    if (content_dropped > 0) {
+        std::fprintf(out,
+                     "content dropped: %" PRIu64
+                     " dequeues kept without their areas (the writer was behind)\n",
+                     content_dropped);
+    }
     std::fprintf(out, "errors: %" PRIu64, failed);
     sep = " (";
     for (const auto& [code, count] : errors) {

@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -44,6 +45,18 @@ std::string absolute(const std::string& path) {
 
 }  // namespace
 
+std::string watchedNode() {
+    const char* node = std::getenv(kEnvNode);
+    if (node != nullptr && node[0] != '\0') {
+        return node;
+    }
+    const char* dir = std::getenv("AOV_DEV_DIR");
+    if (dir != nullptr && dir[0] != '\0') {
+        return std::string(dir) + "/kelo_aov or /dev/kelo_aov";
+    }
+    return "/dev/kelo_aov";
+}
+
 int runRecord(const std::string& out_path, ContentMode content,
               const std::vector<std::string>& command, FILE* err) {
     const std::string lib = selfDir() + "/" + kPreloadName;
@@ -52,34 +65,42 @@ int runRecord(const std::string& out_path, ContentMode content,
         return kExitBadInput;
     }
     const std::string file = absolute(out_path);
-    // The previous recording must not be taken for this one's. Only a
-    // regular file is removed: an output such as /dev/null, a pipe or a
-    // link stays what it is (as root, removing /dev/null would leave the
-    // recorder to create a regular file in its place).
-    struct stat before {};
-    const bool regular = ::lstat(file.c_str(), &before) == 0 && S_ISREG(before.st_mode);
-    if (regular && ::unlink(file.c_str()) != 0 && errno != ENOENT) {
-        std::fprintf(err, "aov-rec: %s: %s\n", file.c_str(), std::strerror(errno));
+    // The recorded processes say where they record, and why a recording
+    // stopped, in this file; the session file itself is replaced only by a
+    // process that records something.
+    const char* tmp = std::getenv("TMPDIR");
+    std::string status =
+        std::string(tmp != nullptr && tmp[0] != '\0' ? tmp : "/tmp") + "/aov-rec-status-XXXXXX";
+    const int status_fd = ::mkstemp(status.data());
+    if (status_fd < 0) {
+        std::fprintf(err, "aov-rec: %s: %s\n", status.c_str(), std::strerror(errno));
         return kExitBadInput;
     }
+    ::close(status_fd);
 
     std::vector<std::string> env;
     std::string preload = lib;
     std::string asan = "verify_asan_link_order=0";
+    const std::vector<std::string> ours = {kEnvFile, kEnvContent, kEnvParent, kEnvStatus};
     for (char** e = environ; *e != nullptr; ++e) {
         const std::string entry = *e;
+        bool own = false;
+        for (const std::string& name : ours) {
+            own = own || entry.rfind(name + "=", 0) == 0;
+        }
         if (entry.rfind("LD_PRELOAD=", 0) == 0) {
             preload += ":" + entry.substr(11);
         } else if (entry.rfind("ASAN_OPTIONS=", 0) == 0) {
             asan = entry.substr(13) + ":" + asan;
-        } else if (entry.rfind(std::string(kEnvFile) + "=", 0) != 0 &&
-                   entry.rfind(std::string(kEnvContent) + "=", 0) != 0) {
+        } else if (!own) {
             env.push_back(entry);
         }
     }
     env.push_back("LD_PRELOAD=" + preload);
     env.push_back(std::string(kEnvFile) + "=" + file);
     env.push_back(std::string(kEnvContent) + "=" + contentModeName(content));
+    env.push_back(std::string(kEnvParent) + "=" + std::to_string(::getpid()));
+    env.push_back(std::string(kEnvStatus) + "=" + status);
     // A sanitizer build's runtime wants to be loaded first; the recorder is.
     env.push_back("ASAN_OPTIONS=" + asan);
 
@@ -114,32 +135,69 @@ int runRecord(const std::string& out_path, ContentMode content,
     pid_t pid = -1;
     const int spawned = ::posix_spawnp(&pid, argv[0], nullptr, &attr, argv.data(), envp.data());
     posix_spawnattr_destroy(&attr);
-    int status = 0;
+    int status_code = 0;
     if (spawned == 0) {
-        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        while (::waitpid(pid, &status_code, 0) < 0 && errno == EINTR) {
         }
     }
     ::sigaction(SIGINT, &old_int, nullptr);
     ::sigaction(SIGQUIT, &old_quit, nullptr);
     if (spawned != 0) {
+        ::unlink(status.c_str());
         std::fprintf(err, "aov-rec: cannot run %s: %s\n", argv[0], std::strerror(spawned));
         return kExitBadInput;
     }
 
-    struct stat info {};
-    if (::stat(file.c_str(), &info) != 0) {
-        std::fprintf(err, "aov-rec: %s never opened the node; nothing recorded\n", argv[0]);
-    } else if (!S_ISREG(info.st_mode)) {
-        std::fprintf(err, "aov-rec: session written to %s, if %s opened the node\n", file.c_str(),
-                     argv[0]);
-    } else {
-        std::fprintf(err, "aov-rec: session recorded in %s (%lld bytes)\n", file.c_str(),
-                     static_cast<long long>(info.st_size));
+    // "start PID PATH" and "stop PID REASON" lines, in the order written.
+    std::vector<std::string> started;
+    std::vector<std::string> stopped;
+    if (FILE* in = std::fopen(status.c_str(), "r")) {
+        char line[8192];
+        while (std::fgets(line, sizeof(line), in) != nullptr) {
+            std::string text(line);
+            if (!text.empty() && text.back() == '\n') {
+                text.pop_back();
+            }
+            const size_t space = text.find(' ');
+            const size_t second = space == std::string::npos ? space : text.find(' ', space + 1);
+            if (second == std::string::npos) {
+                continue;
+            }
+            const std::string word = text.substr(0, space);
+            const std::string rest = text.substr(second + 1);
+            if (word == "start") {
+                started.push_back(rest);
+            } else if (word == "stop") {
+                stopped.push_back(rest);
+            }
+        }
+        std::fclose(in);
     }
-    if (WIFSIGNALED(status)) {
-        return 128 + WTERMSIG(status);
+    ::unlink(status.c_str());
+
+    for (const std::string& reason : stopped) {
+        std::fprintf(err, "aov-rec: recording stopped: %s\n", reason.c_str());
     }
-    return WEXITSTATUS(status);
+    if (started.empty() && stopped.empty()) {
+        std::fprintf(err,
+                     "aov-rec: %s never opened the node %s; nothing recorded (AOV_REC_NODE=PATH "
+                     "or AOV_DEV_DIR=DIR watches another)\n",
+                     argv[0], watchedNode().c_str());
+    }
+    for (const std::string& path : started) {
+        struct stat info {};
+        if (::stat(path.c_str(), &info) == 0 && S_ISREG(info.st_mode)) {
+            std::fprintf(err, "aov-rec: session recorded in %s (%lld bytes)\n", path.c_str(),
+                         static_cast<long long>(info.st_size));
+        } else {
+            std::fprintf(err, "aov-rec: session written to %s\n", path.c_str());
+        }
+    }
+    if (WIFSIGNALED(status_code)) {
+        return 128 + WTERMSIG(status_code);
+    }
+    const int code = WEXITSTATUS(status_code);
+    return code == 0 && !stopped.empty() ? kExitRecordingStopped : code;
 }
 
 }  // namespace aovrec

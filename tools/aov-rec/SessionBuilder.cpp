@@ -46,8 +46,8 @@ void SessionBuilder::close(int fd, int result) {
 }
 
 void SessionBuilder::ioctl(int fd, uint32_t request, const void* sent, size_t sent_len, int result,
-                           const void* back, size_t back_len, const Area* areas,
-                           size_t area_count) {
+                           const void* back, size_t back_len, const Area* areas, size_t area_count,
+                           uint8_t arg_flags) {
     if (result < 0) {
         back_len = 0;
         area_count = 0;
@@ -55,7 +55,7 @@ void SessionBuilder::ioctl(int fd, uint32_t request, const void* sent, size_t se
     ByteWriter out(payload_.data(), payload_.size());
     putCall(out, call(fd, result));
     out.u32(request);
-    out.u8(sent == nullptr ? kArgNull : 0);
+    out.u8(static_cast<uint8_t>((sent == nullptr ? kArgNull : 0) | arg_flags));
     out.u8(static_cast<uint8_t>(area_count));
     out.u16(static_cast<uint16_t>(sent == nullptr ? 0 : sent_len));
     out.u16(static_cast<uint16_t>(back_len));

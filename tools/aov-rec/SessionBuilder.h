@@ -31,9 +31,10 @@ class SessionBuilder {
     void close(int fd, int result);
     // `sent` null: a null argument. `back` is the record after the call
     // (for a dequeue: the driver's words), written only when the call succeeded.
+    // `arg_flags` are added to the record's argument flags (kArgContentDropped).
     void ioctl(int fd, uint32_t request, const void* sent, size_t sent_len, int result,
                const void* back = nullptr, size_t back_len = 0, const Area* areas = nullptr,
-               size_t area_count = 0);
+               size_t area_count = 0, uint8_t arg_flags = 0);
     // Appends raw bytes, as a writer cut off mid-record would leave them.
     bool writeRaw(const void* bytes, size_t size);
 

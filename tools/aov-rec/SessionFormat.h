@@ -27,9 +27,11 @@ constexpr size_t kSections = 10;
 constexpr uint16_t kFrameZstd = 1;  // the stored payload is one zstd frame
 
 // Ioctl argument flags.
-constexpr uint8_t kArgNull = 1;        // the argument pointer was null
-constexpr uint8_t kArgCut = 2;         // the record was longer than kMaxArgBytes
-constexpr uint8_t kArgUnreadable = 4;  // the record could not be read before the call
+constexpr uint8_t kArgNull = 1;            // the argument pointer was null
+constexpr uint8_t kArgCut = 2;             // the record was longer than kMaxArgBytes
+constexpr uint8_t kArgUnreadable = 4;      // the record could not be read before the call
+constexpr uint8_t kArgContentDropped = 8;  // the areas were dropped: the writer was behind
+constexpr uint8_t kArgFlagsKnown = 15;
 
 enum class ContentMode : uint8_t { None = 0, Written = 1, All = 2 };
 enum class Compression : uint8_t { None = 0, Zstd = 1 };
@@ -45,7 +47,16 @@ enum class RecordType : uint16_t {
 constexpr uint16_t kLastRecordType = 6;
 
 // Which call of a readiness record.
-enum class WaitKind : uint8_t { Poll = 0, Ppoll = 1, EpollWait = 2, EpollPwait = 3 };
+enum class WaitKind : uint8_t {
+    Poll = 0,
+    Ppoll = 1,
+    EpollWait = 2,
+    EpollPwait = 3,
+    Select = 4,
+    Pselect = 5,
+    EpollPwait2 = 6,
+};
+constexpr uint8_t kLastWaitKind = 6;
 
 struct FileHeader {
     uint16_t version = kVersion;

@@ -257,7 +257,7 @@ bool SessionReader::decode(uint16_t type, const uint8_t* payload, size_t size, R
             out->sent_len = in.u16();
             out->back_len = in.u16();
             if (areas > kSections || out->sent_len > kMaxArgBytes || out->back_len > kMaxArgBytes ||
-                (out->arg_flags & ~7u) != 0) {
+                (out->arg_flags & ~static_cast<unsigned>(kArgFlagsKnown)) != 0) {
                 return false;
             }
             out->sent = in.bytes(out->sent_len);
@@ -285,8 +285,7 @@ bool SessionReader::decode(uint16_t type, const uint8_t* payload, size_t size, R
             const uint8_t pad = in.u8();
             const uint16_t count = in.u16();
             out->timeout_ms = in.i32();
-            if (kind > static_cast<uint8_t>(WaitKind::EpollPwait) || pad != 0 ||
-                count > kMaxWaitEntries) {
+            if (kind > kLastWaitKind || pad != 0 || count > kMaxWaitEntries) {
                 return false;
             }
             out->wait_kind = static_cast<WaitKind>(kind);

@@ -17,6 +17,38 @@ constexpr char kUsage[] =
     "       aov-rec info FILE\n"
     "       aov-rec retrace FILE [-d PATH] [--ready-timeout MS]\n";
 
+constexpr char kRecordHelp[] =
+    "usage: aov-rec record [-o FILE] [--content all|written|none] -- COMMAND [ARGS...]\n"
+    "Runs COMMAND with the recorder preloaded and records its calls on the AOV node\n"
+    "into FILE (default aov-session.rec), replaced only once something is recorded.\n"
+    "The node is /dev/kelo_aov, DIR/kelo_aov when AOV_DEV_DIR=DIR is set, or the path\n"
+    "in AOV_REC_NODE; it is known by its identity, so any path or duplicate counts.\n"
+    "A child of COMMAND that uses the node records into FILE.PID.\n"
+    "  --content  data areas kept: all, written (what the driver wrote; default), none\n"
+    "Exit: COMMAND's status; 3 when it succeeded but a recording stopped; 2 on bad input.\n";
+constexpr char kDumpHelp[] =
+    "usage: aov-rec dump FILE\nPrints each record of a session file as one JSON line.\n";
+constexpr char kInfoHelp[] =
+    "usage: aov-rec info FILE\nSummarises a session file: calls, requests, events, errors,\n"
+    "and the dequeues whose areas were dropped.\n";
+constexpr char kRetraceHelp[] =
+    "usage: aov-rec retrace FILE [-d PATH] [--ready-timeout MS]\n"
+    "Sends the recorded requests to the node at PATH (default /dev/kelo_aov) and\n"
+    "prints where its answers differ from the recording.\n";
+
+bool asksHelp(int argc, char** argv) {
+    for (int i = 2; i < argc; ++i) {
+        const std::string arg = argv[i];
+        if (arg == "--") {
+            return false;
+        }
+        if (arg == "-h" || arg == "--help") {
+            return true;
+        }
+    }
+    return false;
+}
+
 int usage(const char* problem, const char* detail = "") {
     std::fprintf(stderr, "aov-rec: %s%s\n%s", problem, detail, kUsage);
     return aovrec::kExitBadInput;
@@ -99,6 +131,19 @@ int main(int argc, char** argv) {
         return usage("no command");
     }
     const std::string command = argv[1];
+    const struct {
+        const char* name;
+        const char* help;
+    } helps[] = {{"record", kRecordHelp},
+                 {"dump", kDumpHelp},
+                 {"info", kInfoHelp},
+                 {"retrace", kRetraceHelp}};
+    for (const auto& h : helps) {
+        if (command == h.name && asksHelp(argc, argv)) {
+            std::fputs(h.help, stdout);
+            return 0;
+        }
+    }
     if (command == "record") {
         return record(argc, argv);
     }
@@ -114,6 +159,10 @@ int main(int argc, char** argv) {
     }
     if (command == "-h" || command == "--help") {
         std::fputs(kUsage, stdout);
+        std::fputs(
+            "aov-rec COMMAND --help for each command; record watches /dev/kelo_aov, "
+            "DIR/kelo_aov under AOV_DEV_DIR=DIR, or AOV_REC_NODE=PATH\n",
+            stdout);
         return 0;
     }
     return usage("unknown command ", argv[1]);

@@ -180,20 +180,31 @@ std::shared_ptr<ReplayNode> ReplayNode::load(SourceFactory factory, double speed
     Record record;
     aovrec::SessionReader::Next next;
     bool opened = false;
+    uint64_t opened_ns = 0;
+    uint64_t delivered_ns = 0;
     while ((next = check.next(&record)) == aovrec::SessionReader::Next::Record) {
         if (node->skippedLocked(record)) {
             continue;
         }
         if (record.type == RecordType::Open && record.call.result >= 0) {
+            if (!opened) {
+                opened_ns = record.call.begin_ns;
+            }
             opened = true;
         } else if (record.type == RecordType::Ioctl) {
             ++node->total_requests_;
             if (record.request == AOV_IOC_DEQUEUE_EVENT) {
                 ++node->total_events_;
                 node->last_event_ns_ = record.call.begin_ns;
+                if (record.call.result >= 0) {
+                    ++node->plan_.events;
+                    delivered_ns = record.call.begin_ns;
+                }
             }
         }
     }
+    node->plan_.span_s =
+        delivered_ns > opened_ns ? static_cast<double>(delivered_ns - opened_ns) / 1e9 : 0;
     if (next == aovrec::SessionReader::Next::Cut) {
         *problem = "the recording is cut off (" + check.error() + ")";
         return nullptr;

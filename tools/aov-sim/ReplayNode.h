@@ -47,6 +47,14 @@ struct ReplayProgress {
     double seconds_left = 0;
 };
 
+// What a recording asks of a replay: the events the library gets (the
+// successful dequeues) and the recorded time from the node's open to the
+// last of them.
+struct ReplayPlan {
+    uint64_t events = 0;
+    double span_s = 0;
+};
+
 class ReplayNode final : public aovhost::EmulatedNode {
   public:
     // A fresh reader of the recording's bytes, from the start; null with a
@@ -82,6 +90,7 @@ class ReplayNode final : public aovhost::EmulatedNode {
     bool finish();
 
     ReplayProgress progress() const;
+    ReplayPlan plan() const { return plan_; }
     // The driver's side as the replay saw it; what the recording cannot tell
     // (events produced, overwritten, discarded) stays 0.
     aovsim::DriverStatus status() const;
@@ -133,6 +142,7 @@ class ReplayNode final : public aovhost::EmulatedNode {
     uint64_t origin_ns_ = 0;
     Clock::time_point replay_origin_;
     uint64_t last_event_ns_ = 0;
+    ReplayPlan plan_;
     uint64_t start_answered_ns_ = 0;  // recorded end of the last START answered
     Clock::time_point start_answered_at_;
     bool after_start_ = false;

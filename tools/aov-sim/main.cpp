@@ -13,6 +13,7 @@
 #include "FuseKernel.h"
 #include "Options.h"
 #include "ReplayNode.h"
+#include "ReplayPlan.h"
 #include "ScenarioFile.h"
 #include "SimReport.h"
 #include "SystemLayer.h"
@@ -122,6 +123,10 @@ int main(int argc, char** argv) {
         replay = aovsimtool::ReplayNode::loadFile(options.replay_path, options.replay_speed, &why);
         if (!replay) {
             return badInput(why);
+        }
+        const std::string unfit = aovsimtool::fitReplayOptions(replay->plan(), &options);
+        if (!unfit.empty()) {
+            return badInput(unfit);
         }
         replay->setDivergenceHandler(replayDiverged);
     }

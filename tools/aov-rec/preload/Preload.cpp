@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
+#include <sys/select.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -46,14 +47,35 @@ bool needsMode(int flags) {
 
 template <typename Call>
 int openVia(int dirfd, const char* path, int flags, mode_t mode, Call call) {
-    if (__builtin_expect(!g_armed.load(std::memory_order_relaxed), 1) ||
-        !aovrec::isNodePath(path)) {
+    if (__builtin_expect(!g_armed.load(std::memory_order_relaxed), 1)) {
         return call();
     }
     const uint64_t begin = aovrec::monotonicNs();
     const int result = call();
-    const int err = errno;
-    aovrec::recordOpen(begin, dirfd, path, flags, mode, result, err);
+    aovrec::recordOpen(begin, dirfd, path, flags, mode, result, errno);
+    return result;
+}
+
+// Whether a readiness call may concern the node: some node descriptor is open.
+bool nodeOpen() {
+    return g_node_fds.load(std::memory_order_relaxed) != 0;
+}
+
+bool tracked(int fd) {
+    return fdHas(fd, kFdNode | kFdEpoll);
+}
+
+// fcntl's third argument is an int or a pointer; both travel in one register.
+template <typename Fn>
+int fcntlVia(Fn fn, int fd, int cmd, void* arg) {
+    const bool dup = cmd == F_DUPFD || cmd == F_DUPFD_CLOEXEC;
+    if (__builtin_expect(!dup || !tracked(fd), 1)) {
+        return fn(fd, cmd, arg);
+    }
+    const int result = fn(fd, cmd, arg);
+    if (result >= 0) {
+        aovrec::recordDup(0, fd, result);
+    }
     return result;
 }
 
@@ -169,8 +191,7 @@ __attribute__((visibility("default"))) int ioctl(int fd, unsigned long request, 
 
 __attribute__((visibility("default"))) int poll(pollfd* fds, nfds_t n, int timeout) {
     AOVREC_NEXT(poll);
-    if (__builtin_expect(g_node_fds.load(std::memory_order_relaxed) == 0, 1) ||
-        !aovrec::anyNode(fds, n)) {
+    if (__builtin_expect(!nodeOpen(), 1)) {
         return fn(fds, n, timeout);
     }
     const uint64_t begin = aovrec::monotonicNs();
@@ -182,20 +203,52 @@ __attribute__((visibility("default"))) int poll(pollfd* fds, nfds_t n, int timeo
 __attribute__((visibility("default"))) int ppoll(pollfd* fds, nfds_t n, const timespec* ts,
                                                  const sigset_t* mask) {
     AOVREC_NEXT(ppoll);
-    if (__builtin_expect(g_node_fds.load(std::memory_order_relaxed) == 0, 1) ||
-        !aovrec::anyNode(fds, n)) {
+    if (__builtin_expect(!nodeOpen(), 1)) {
         return fn(fds, n, ts, mask);
-    }
-    // In ms, as poll's, capped at INT_MAX.
-    int timeout = -1;
-    if (ts != nullptr) {
-        timeout = ts->tv_sec > 2147482
-                      ? 2147483647
-                      : static_cast<int>(ts->tv_sec * 1000 + ts->tv_nsec / 1000000);
     }
     const uint64_t begin = aovrec::monotonicNs();
     const int result = fn(fds, n, ts, mask);
-    aovrec::recordPoll(aovrec::WaitKind::Ppoll, begin, fds, n, timeout, result, errno);
+    const int err = errno;
+    aovrec::recordPoll(aovrec::WaitKind::Ppoll, begin, fds, n, aovrec::timeoutMs(ts), result, err);
+    return result;
+}
+
+__attribute__((visibility("default"))) int select(int nfds, fd_set* read, fd_set* write,
+                                                  fd_set* except, timeval* tv) {
+    AOVREC_NEXT(select);
+    aovrec::SelectSets asked;
+    if (__builtin_expect(!nodeOpen(), 1) ||
+        !aovrec::copySelectSets(nfds, read, write, except, &asked)) {
+        return fn(nfds, read, write, except, tv);
+    }
+    // select changes the timeout it is given: read before the call.
+    timeval t{};
+    int timeout = -1;
+    if (tv != nullptr && aovrec::safeCopy(&t, tv, sizeof(t)) && t.tv_sec >= 0) {
+        timeout =
+            t.tv_sec > 2147482 ? 2147483647 : static_cast<int>(t.tv_sec * 1000 + t.tv_usec / 1000);
+    }
+    const uint64_t begin = aovrec::monotonicNs();
+    const int result = fn(nfds, read, write, except, tv);
+    aovrec::recordSelect(aovrec::WaitKind::Select, begin, nfds, asked, read, write, except, timeout,
+                         result, errno);
+    return result;
+}
+
+__attribute__((visibility("default"))) int pselect(int nfds, fd_set* read, fd_set* write,
+                                                   fd_set* except, const timespec* ts,
+                                                   const sigset_t* mask) {
+    AOVREC_NEXT(pselect);
+    aovrec::SelectSets asked;
+    if (__builtin_expect(!nodeOpen(), 1) ||
+        !aovrec::copySelectSets(nfds, read, write, except, &asked)) {
+        return fn(nfds, read, write, except, ts, mask);
+    }
+    const uint64_t begin = aovrec::monotonicNs();
+    const int result = fn(nfds, read, write, except, ts, mask);
+    const int err = errno;
+    aovrec::recordSelect(aovrec::WaitKind::Pselect, begin, nfds, asked, read, write, except,
+                         aovrec::timeoutMs(ts), result, err);
     return result;
 }
 
@@ -239,5 +292,101 @@ __attribute__((visibility("default"))) int epoll_pwait(int epfd, epoll_event* ev
     }
     return result;
 }
+
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 35)
+__attribute__((visibility("default"))) int epoll_pwait2(int epfd, epoll_event* events, int max,
+                                                        const timespec* timeout,
+                                                        const sigset_t* mask) {
+    AOVREC_NEXT(epoll_pwait2);
+    const bool watched = fdHas(epfd, kFdEpoll);
+    const uint64_t begin = watched ? aovrec::monotonicNs() : 0;
+    const int result = fn(epfd, events, max, timeout, mask);
+    if (__builtin_expect(watched || fdHas(epfd, kFdEpoll), 0)) {
+        const int err = errno;
+        aovrec::recordEpollWait(aovrec::WaitKind::EpollPwait2, begin, epfd, events,
+                                aovrec::timeoutMs(timeout), result, err);
+    }
+    return result;
+}
+#endif
+
+__attribute__((visibility("default"))) int dup(int fd) {
+    AOVREC_NEXT(dup);
+    if (__builtin_expect(!tracked(fd), 1)) {
+        return fn(fd);
+    }
+    const int result = fn(fd);
+    if (result >= 0) {
+        aovrec::recordDup(0, fd, result);
+    }
+    return result;
+}
+
+__attribute__((visibility("default"))) int dup2(int from, int to) {
+    AOVREC_NEXT(dup2);
+    if (__builtin_expect(!tracked(from) && !tracked(to), 1)) {
+        return fn(from, to);
+    }
+    const uint64_t begin = aovrec::monotonicNs();
+    const int result = fn(from, to);
+    if (result >= 0) {
+        aovrec::recordDup(begin, from, result);
+    }
+    return result;
+}
+
+__attribute__((visibility("default"))) int dup3(int from, int to, int flags) {
+    AOVREC_NEXT(dup3);
+    if (__builtin_expect(!tracked(from) && !tracked(to), 1)) {
+        return fn(from, to, flags);
+    }
+    const uint64_t begin = aovrec::monotonicNs();
+    const int result = fn(from, to, flags);
+    if (result >= 0) {
+        aovrec::recordDup(begin, from, result);
+    }
+    return result;
+}
+
+__attribute__((visibility("default"))) int fcntl(int fd, int cmd, ...) {
+    va_list ap;
+    va_start(ap, cmd);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    static int (*real)(int, int, ...) = nullptr;
+    auto* fn = next(&real, "fcntl");
+    return fcntlVia(fn, fd, cmd, arg);
+}
+
+#ifdef __GLIBC__
+int fcntl64(int fd, int cmd, ...);
+__attribute__((visibility("default"))) int fcntl64(int fd, int cmd, ...) {
+    va_list ap;
+    va_start(ap, cmd);
+    void* arg = va_arg(ap, void*);
+    va_end(ap);
+    static int (*real)(int, int, ...) = nullptr;
+    auto* fn = next(&real, "fcntl64");
+    return fcntlVia(fn, fd, cmd, arg);
+}
+#endif
+
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 34)
+__attribute__((visibility("default"))) int close_range(unsigned first, unsigned last, int flags) {
+    AOVREC_NEXT(close_range);
+    if (__builtin_expect(!nodeOpen(), 1) || (flags & CLOSE_RANGE_CLOEXEC) != 0) {
+        return fn(first, last, flags);
+    }
+    // Forgotten before the call: a number it frees may be reused at once by
+    // another thread.
+    constexpr int kMax = 64;
+    int fds[kMax];
+    const int n = aovrec::forgetRange(first, last, fds, kMax);
+    const uint64_t begin = aovrec::monotonicNs();
+    const int result = fn(first, last, flags);
+    aovrec::recordCloseRange(begin, fds, n, result, errno);
+    return result;
+}
+#endif
 
 }  // extern "C"

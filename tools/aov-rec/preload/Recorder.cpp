@@ -3,120 +3,57 @@
 #include <fcntl.h>
 #include <linux/ioctl.h>
 #include <pthread.h>
-#include <sched.h>
-#include <sys/mman.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <initializer_list>
 
 #include "SessionWriter.h"
+#include "WriterQueue.h"
 #include "kelo_aov.h"
 
 namespace aovrec {
 
-std::atomic<uint8_t> g_fd_flags[kMaxTrackedFd];
-std::atomic<int> g_node_fds{0};
 std::atomic<bool> g_armed{false};
 
 namespace {
 
 constexpr size_t kMaxConfigPath = 4096;
-constexpr int kMaxWatches = 32;
-
 // Every record but a dequeue with data areas fits this (an open of the
 // longest path is 4,137 bytes, an ioctl with both records 2,090).
 constexpr size_t kSmallRecord = 8192;
-// Payload buffers of content dequeues: one being written, one being filled.
-constexpr int kContentSlots = 2;
-constexpr int kSmallSlot = -1;
-// Records queued for the writer thread at most.
-constexpr size_t kQueueLength = 16;
-// Data-area ranges known to be readable.
-constexpr size_t kVerifiedRanges = 16;
 // How long drain() waits for the writer thread.
-constexpr time_t kDrainLimitSeconds = 10;
-
-// A record handed to the writer thread.
-struct Queued {
-    RecordType type = RecordType::Open;
-    uint32_t size = 0;
-    int slot = kSmallSlot;  // the content buffer it occupies, if any
-    const uint8_t* data = nullptr;
-};
-
-struct Range {
-    uintptr_t start = 0;
-    size_t length = 0;
-};
-
-// One node descriptor registered with an epoll descriptor, and the data the
-// registration returns with its events.
-struct Watch {
-    int epfd = -1;
-    int fd = -1;
-    uint64_t data = 0;
-};
+constexpr int kDrainLimitSeconds = 10;
 
 enum class State { Off, Armed, Recording, Failed };
 
 // Records are built under `lock`, in the order the calls reach it, and
-// written in that order: a content dequeue (megabytes to compress and write)
-// is queued for the writer thread, which compresses, checks and writes it
-// while the caller goes on. Any other record is written by its caller when
-// nothing is queued (no thread wake-up), else queued behind the others. The
-// session writer is used by one thread at a time: the writer thread while
-// anything is queued, a caller (holding `lock`) only when nothing is.
-//
-// Everything is guarded by `lock` except the atomics and what is marked as
-// guarded by `queue_lock` (always taken after `lock`; the writer thread takes
-// only `queue_lock`).
+// handed to the writer queue in that order. Everything is guarded by `lock`
+// except the atomics.
 struct Recorder {
     pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
     std::atomic<State> state{State::Off};
     char file[kMaxConfigPath] = {};
     char node[kMaxConfigPath] = {};
     char dev_node[kMaxConfigPath] = {};
+    char status[kMaxConfigPath] = {};
+    char path[kMaxConfigPath + 32] = {};  // the file this process writes
     ContentMode content = ContentMode::Written;
     bool compress = true;
+    bool owner = true;
+    pid_t owner_pid = 0;
     int out_fd = -1;
-    bool output_may_signal = false;  // a write to it can raise SIGPIPE or SIGXFSZ
-    // Mapped at the first node open: the content buffers, the writer's room
-    // for compressed frames, the small record being built, the queue's room.
-    uint8_t* slots[kContentSlots] = {};
-    uint8_t* work = nullptr;
-    size_t work_size = 0;
-    uint8_t* small = nullptr;
-    uint8_t* queue_bytes = nullptr;  // kQueueLength small records
+    uint8_t small[kSmallRecord] = {};
     SessionWriter writer;
-    bool writer_started = false;  // the writer thread runs (for good)
-    Watch watches[kMaxWatches];
-    Range verified[kVerifiedRanges];
-    size_t verified_next = 0;
+    bool fork_locked = false;           // the fork's prepare handler took `lock`
+    std::atomic<bool> stopping{false};  // the stop has been said
     std::atomic<uint64_t> dropped{0};
-    std::atomic<uint64_t> areas_checked{0};
-    std::atomic<uint64_t> areas_direct{0};
-    std::atomic<bool> direct_copy{false};  // process_vm_readv refused: copy directly
-    std::atomic<bool> forked_child{false};
-
-    pthread_mutex_t queue_lock = PTHREAD_MUTEX_INITIALIZER;
-    pthread_cond_t queue_work = PTHREAD_COND_INITIALIZER;  // the writer waits for records
-    pthread_cond_t queue_room = PTHREAD_COND_INITIALIZER;  // callers and drain() wait for it
-    Queued queue[kQueueLength];                            // guarded by queue_lock
-    size_t queue_head = 0;                                 // guarded by queue_lock
-    size_t queue_count = 0;              // queued and being written; guarded by queue_lock
-    bool slot_busy[kContentSlots] = {};  // guarded by queue_lock
-    bool writer_waiting = false;         // guarded by queue_lock
-    uint64_t handed_off = 0;             // guarded by queue_lock
+    std::atomic<uint64_t> content_dropped{0};
 };
 
 // Never destroyed: the writer thread may still run while the process exits.
@@ -131,14 +68,6 @@ Recorder& g_rec = g_room.rec;
 // Set while a thread is inside the recorder: a signal handler's call on the
 // node then passes through unrecorded instead of waiting for the lock.
 __thread bool t_inside __attribute__((tls_model("initial-exec"))) = false;
-__thread uint32_t t_tid __attribute__((tls_model("initial-exec"))) = 0;
-
-uint32_t threadId() {
-    if (t_tid == 0) {
-        t_tid = static_cast<uint32_t>(::syscall(SYS_gettid));
-    }
-    return t_tid;
-}
 
 void copyPath(char* to, const char* from) {
     to[0] = '\0';
@@ -154,155 +83,81 @@ void say(const char* a, const char* b = "", const char* c = "", const char* d = 
     }
 }
 
+// Appends one line to the status file; false when it cannot.
+bool tellStatus(const char* word, const char* a, const char* b = "", const char* c = "") {
+    if (g_rec.status[0] == '\0') {
+        return false;
+    }
+    char line[kMaxConfigPath + 256];
+    const int n = std::snprintf(line, sizeof(line), "%s %d %s%s%s\n", word,
+                                static_cast<int>(::getpid()), a, b, c);
+    if (n <= 0 || static_cast<size_t>(n) >= sizeof(line)) {
+        return false;
+    }
+    const int fd = static_cast<int>(
+        ::syscall(SYS_openat, AT_FDCWD, g_rec.status, O_WRONLY | O_APPEND | O_CLOEXEC));
+    if (fd < 0) {
+        return false;
+    }
+    const bool ok = ::syscall(SYS_write, fd, line, static_cast<size_t>(n)) == n;
+    ::syscall(SYS_close, fd);
+    return ok;
+}
+
 // Stops the recording for good after a failure, saying so once. Called by
-// callers and by the writer thread.
-void fail(const char* what, int err) {
-    if (g_rec.state.exchange(State::Failed) == State::Failed) {
+// callers and by the writer thread; takes no lock but the queue's.
+void fail(const char* what, const char* detail) {
+    if (g_rec.stopping.exchange(true)) {
         return;
     }
-    g_armed.store(false);
-    char reason[128];
-    const char* text = ::strerror_r(err, reason, sizeof(reason));
-    say("recording stopped: ", what, ": ", text);
-}
-
-void onForkChild() {
-    // The child's calls would mix with the parent's in one file. The writer
-    // thread is not in the child: nothing of the queue is touched there (its
-    // lock may have been held by the thread at the fork).
-    g_rec.forked_child.store(true);
-    g_rec.state.store(State::Off);
-    g_armed.store(false);
-    t_tid = 0;
-}
-
-// The writer thread: writes the queued records in order, for good.
-void* writerMain(void*) {
-    t_inside = true;
-    pthread_mutex_lock(&g_rec.queue_lock);
-    for (;;) {
-        while (g_rec.queue_count == 0) {
-            g_rec.writer_waiting = true;
-            pthread_cond_wait(&g_rec.queue_work, &g_rec.queue_lock);
-            g_rec.writer_waiting = false;
-        }
-        const Queued q = g_rec.queue[g_rec.queue_head];
-        pthread_mutex_unlock(&g_rec.queue_lock);
-        // After a failure the queue is emptied without writing.
-        if (g_rec.state.load() != State::Failed && !g_rec.writer.write(q.type, q.data, q.size)) {
-            fail("cannot write the session file", errno);
-        }
-        pthread_mutex_lock(&g_rec.queue_lock);
-        if (q.slot != kSmallSlot) {
-            g_rec.slot_busy[q.slot] = false;
-        }
-        g_rec.queue_head = (g_rec.queue_head + 1) % kQueueLength;
-        --g_rec.queue_count;
-        pthread_cond_broadcast(&g_rec.queue_room);
+    // Said before the recording is marked stopped: whoever sees it stopped
+    // (a drain, an exit) finds the line already out.
+    if (!tellStatus("stop", what, ": ", detail)) {
+        say("recording stopped: ", what, ": ", detail);
     }
-    return nullptr;
+    g_rec.state.store(State::Failed);
+    g_armed.store(false);
+    queueDiscard();
+}
+
+void failErrno(const char* what, int err) {
+    char reason[128];
+    fail(what, ::strerror_r(err, reason, sizeof(reason)));
+}
+
+void writeFailed(int err) {
+    failErrno("cannot write the session file", err);
 }
 
 void drainAtExit() {
     drain();
 }
 
-// A pipe whose reader has gone raises SIGPIPE on a write, and a file at
-// the process's size limit SIGXFSZ; by default either ends the process.
-// While a caller writes such an output, both are blocked, and one that the
-// write raised is taken back before they are unblocked: the write fails
-// (EPIPE, EFBIG), the recording stops, the process goes on. The writer
-// thread blocks every signal for good. A size limit first set while a
-// recording runs is not seen: the check is made when the file is opened.
-class QuietWrite {
-  public:
-    explicit QuietWrite(bool needed) : active_(needed) {
-        if (!active_) {
-            return;
+// Chooses the file this process writes: the configured one for its owner,
+// FILE.PID for any other process (a forked or exec'd child).
+void choosePathLocked() {
+    const pid_t pid = ::getpid();
+    size_t at = 0;
+    bool has_pid = false;
+    char* path = g_rec.path;
+    const size_t room = sizeof(g_rec.path);
+    for (const char* p = g_rec.file; *p != '\0' && at + 24 < room; ++p) {
+        if (p[0] == '%' && p[1] == 'p') {
+            at += static_cast<size_t>(std::snprintf(path + at, 12, "%d", static_cast<int>(pid)));
+            has_pid = true;
+            ++p;
+        } else {
+            path[at++] = *p;
         }
-        sigset_t both;
-        sigemptyset(&both);
-        sigaddset(&both, SIGPIPE);
-        sigaddset(&both, SIGXFSZ);
-        pthread_sigmask(SIG_BLOCK, &both, &old_);
-        sigpending(&before_);
     }
-    ~QuietWrite() {
-        if (!active_) {
-            return;
-        }
-        sigset_t now;
-        sigpending(&now);
-        for (const int sig : {SIGPIPE, SIGXFSZ}) {
-            if (sigismember(&now, sig) == 1 && sigismember(&before_, sig) == 0) {
-                sigset_t one;
-                sigemptyset(&one);
-                sigaddset(&one, sig);
-                const timespec none{0, 0};
-                sigtimedwait(&one, nullptr, &none);
-            }
-        }
-        pthread_sigmask(SIG_SETMASK, &old_, nullptr);
-    }
-    QuietWrite(const QuietWrite&) = delete;
-    QuietWrite& operator=(const QuietWrite&) = delete;
-
-  private:
-    bool active_;
-    sigset_t old_{};
-    sigset_t before_{};
-};
-
-bool outputMaySignal(int fd) {
-    struct stat info {};
-    rlimit size{};
-    return ::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) ||
-           ::getrlimit(RLIMIT_FSIZE, &size) != 0 || size.rlim_cur != RLIM_INFINITY;
-}
-
-// Starts the writer thread once, with every signal blocked in it: a
-// handler never runs there. Without it every record is written by its
-// caller. Under the lock.
-void startWriterLocked() {
-    if (g_rec.writer_started) {
-        return;
-    }
-    sigset_t all;
-    sigset_t old;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &old);
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-    // Background scheduling whatever the caller's: the writer never runs at
-    // a real-time thread's priority, and (batch) waking it does not preempt
-    // the thread that hands it a record on a busy core. Where the policy is
-    // refused, ordinary scheduling.
-    sched_param param{};
-    param.sched_priority = 0;
-    pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
-    pthread_attr_setschedparam(&attr, &param);
-    pthread_t thread;
-    bool started = false;
-#ifdef SCHED_BATCH
-    started = pthread_attr_setschedpolicy(&attr, SCHED_BATCH) == 0 &&
-              pthread_create(&thread, &attr, writerMain, nullptr) == 0;
-#endif
-    if (!started) {
-        pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
-        started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
-    }
-    g_rec.writer_started = started;
-    pthread_attr_destroy(&attr);
-    pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    if (g_rec.writer_started) {
-        // A normal exit writes what is queued (the preload library drains
-        // once more after every other exit handler).
-        std::atexit(drainAtExit);
+    path[at] = '\0';
+    if (!has_pid && !(g_rec.owner && pid == g_rec.owner_pid)) {
+        std::snprintf(path + at, room - at, ".%d", static_cast<int>(pid));
     }
 }
 
-// Opens the file and writes its header, at the first node open. Under the lock.
+// Opens the file and writes its header, at the first call on the node.
+// Under the lock.
 bool startLocked() {
     if (g_rec.state.load() == State::Recording) {
         return true;
@@ -310,47 +165,19 @@ bool startLocked() {
     if (g_rec.state.load() != State::Armed) {
         return false;
     }
-    char path[kMaxConfigPath + 16];
-    size_t at = 0;
-    for (const char* p = g_rec.file; *p != '\0' && at + 12 < sizeof(path); ++p) {
-        if (p[0] == '%' && p[1] == 'p') {
-            at += static_cast<size_t>(
-                std::snprintf(path + at, 12, "%d", static_cast<int>(::getpid())));
-            ++p;
-        } else {
-            path[at++] = *p;
-        }
-    }
-    path[at] = '\0';
-    if (g_rec.small == nullptr) {
-        g_rec.work_size = SessionWriter::workBytes();
-        const size_t bytes = kContentSlots * size_t{kMaxPayload} + g_rec.work_size +
-                             (kQueueLength + 1) * kSmallRecord;
-        void* room =
-            ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-        if (room == MAP_FAILED) {
-            fail("no memory for its buffers", errno);
-            return false;
-        }
-        uint8_t* at = static_cast<uint8_t*>(room);
-        for (uint8_t*& slot : g_rec.slots) {
-            slot = at;
-            at += kMaxPayload;
-        }
-        g_rec.work = g_rec.work_size > 0 ? at : nullptr;
-        at += g_rec.work_size;
-        g_rec.small = at;
-        g_rec.queue_bytes = at + kSmallRecord;
-    }
-    if (!drain()) {
-        // The writer thread is stuck in a write of the previous recording.
-        fail("the previous session file is still being written", EBUSY);
+    choosePathLocked();
+    if (!queueSetUp()) {
+        fail(g_rec.path, "no memory for the recorder's buffers");
         return false;
     }
-    const int fd = static_cast<int>(
-        ::syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
+    if (!queueDrain(kDrainLimitSeconds)) {
+        fail(g_rec.path, "the previous session file is still being written");
+        return false;
+    }
+    const int fd = static_cast<int>(::syscall(SYS_openat, AT_FDCWD, g_rec.path,
+                                              O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644));
     if (fd < 0) {
-        fail(path, errno);
+        failErrno(g_rec.path, errno);
         return false;
     }
     FileHeader header;
@@ -358,113 +185,44 @@ bool startLocked() {
     header.compression = g_rec.compress ? Compression::Zstd : Compression::None;
     header.start_ns = monotonicNs();
     header.pid = static_cast<uint32_t>(::getpid());
-    g_rec.output_may_signal = outputMaySignal(fd);
+    const bool may_signal = outputMaySignal(fd);
+    size_t work_size = 0;
+    uint8_t* work = queueWorkRoom(&work_size);
     int err = 0;
     {
-        QuietWrite quiet(g_rec.output_may_signal);
-        if (!g_rec.writer.begin(fd, header, g_rec.work, g_rec.work_size)) {
+        QuietWrite quiet(may_signal);
+        if (!g_rec.writer.begin(fd, header, work, work_size)) {
             err = errno != 0 ? errno : EIO;
         }
     }
     if (err != 0) {
         ::syscall(SYS_close, fd);
-        fail(path, err);
+        failErrno(g_rec.path, err);
         return false;
     }
     g_rec.out_fd = fd;
-    startWriterLocked();
+    if (!queueAttach(&g_rec.writer, may_signal, writeFailed)) {
+        fail(g_rec.path, "cannot start the writer thread");
+        return false;
+    }
+    static bool at_exit = false;
+    if (!at_exit) {
+        // A normal exit writes what is queued (the preload library drains
+        // once more after every other exit handler).
+        at_exit = std::atexit(drainAtExit) == 0;
+    }
+    tellStatus("start", g_rec.path);
     g_rec.state.store(State::Recording);
     return true;
 }
 
-void releaseSlot(int slot) {
-    if (slot == kSmallSlot) {
-        return;
-    }
-    pthread_mutex_lock(&g_rec.queue_lock);
-    g_rec.slot_busy[slot] = false;
-    pthread_mutex_unlock(&g_rec.queue_lock);
-}
-
-// A free content buffer, waiting for the writer thread if both are queued.
-// Under the lock.
-int takeSlotLocked() {
-    pthread_mutex_lock(&g_rec.queue_lock);
-    for (;;) {
-        for (int i = 0; i < kContentSlots; ++i) {
-            if (!g_rec.slot_busy[i]) {
-                g_rec.slot_busy[i] = true;
-                pthread_mutex_unlock(&g_rec.queue_lock);
-                return i;
-            }
-        }
-        pthread_cond_wait(&g_rec.queue_room, &g_rec.queue_lock);
-    }
-}
-
-// Writes the record built in `slot` (or the small record) or queues it for
-// the writer thread. Under the lock, so records keep the order in which
-// they were built.
-void submitLocked(RecordType type, const ByteWriter& out, int slot) {
-    if (out.overflow()) {
-        g_rec.dropped.fetch_add(1);
-        releaseSlot(slot);
-        return;
-    }
-    const uint8_t* data = slot == kSmallSlot ? g_rec.small : g_rec.slots[slot];
-    pthread_mutex_lock(&g_rec.queue_lock);
-    if (!g_rec.writer_started || (slot == kSmallSlot && g_rec.queue_count == 0)) {
-        // Nothing is queued: the writer thread is idle and stays so while
-        // the lock is held; this thread writes.
-        pthread_mutex_unlock(&g_rec.queue_lock);
-        // The writer thread may have failed since this record was begun.
-        if (g_rec.state.load() == State::Failed) {
-            releaseSlot(slot);
-            return;
-        }
-        int err = 0;
-        {
-            QuietWrite quiet(g_rec.output_may_signal);
-            if (!g_rec.writer.write(type, data, out.size())) {
-                err = errno != 0 ? errno : EIO;
-            }
-        }
-        if (err != 0) {
-            fail("cannot write the session file", err);
-        }
-        releaseSlot(slot);
-        return;
-    }
-    while (g_rec.queue_count == kQueueLength) {
-        pthread_cond_wait(&g_rec.queue_room, &g_rec.queue_lock);
-    }
-    const size_t index = (g_rec.queue_head + g_rec.queue_count) % kQueueLength;
-    Queued& q = g_rec.queue[index];
-    q.type = type;
-    q.size = static_cast<uint32_t>(out.size());
-    q.slot = slot;
-    if (slot == kSmallSlot) {
-        uint8_t* room = g_rec.queue_bytes + index * kSmallRecord;
-        std::memcpy(room, data, out.size());
-        data = room;
-    }
-    q.data = data;
-    ++g_rec.queue_count;
-    ++g_rec.handed_off;
-    const bool wake = g_rec.writer_waiting;
-    pthread_mutex_unlock(&g_rec.queue_lock);
-    // Woken after the unlock, the writer does not wake into a held lock
-    // only to sleep on it until this thread lets go (a second wake-up).
-    if (wake) {
-        pthread_cond_signal(&g_rec.queue_work);
-    }
-}
-
-// Takes the lock unless this thread is already inside (a signal handler).
+// Takes the lock unless this thread is already inside (a signal handler),
+// and starts the file if this is the first call to record.
 class Scope {
   public:
     Scope() {
-        if (t_inside || g_rec.state.load(std::memory_order_relaxed) != State::Recording) {
+        const State state = g_rec.state.load(std::memory_order_relaxed);
+        if (t_inside || (state != State::Recording && state != State::Armed)) {
             if (t_inside) {
                 g_rec.dropped.fetch_add(1);
             }
@@ -472,7 +230,7 @@ class Scope {
         }
         t_inside = true;
         pthread_mutex_lock(&g_rec.lock);
-        held_ = g_rec.state.load() == State::Recording;
+        held_ = startLocked();
         if (!held_) {
             pthread_mutex_unlock(&g_rec.lock);
             t_inside = false;
@@ -484,200 +242,112 @@ class Scope {
             t_inside = false;
         }
     }
+    Scope(const Scope&) = delete;
+    Scope& operator=(const Scope&) = delete;
     bool held() const { return held_; }
 
   private:
     bool held_ = false;
 };
 
-// Copies `size` bytes of this process's memory at `from`; false when that
-// memory cannot be read. Never faults: the kernel does the reading.
-bool safeCopy(void* to, const void* from, size_t size) {
-    if (size == 0) {
-        return true;
+// Hands the small record over; an output that has taken nothing for the
+// stall limit stops the recording. Under the lock.
+void submitSmallLocked(RecordType type, const ByteWriter& out) {
+    if (out.overflow()) {
+        g_rec.dropped.fetch_add(1);
+        return;
     }
-    if (from == nullptr) {
+    if (!queueSmall(type, g_rec.small, out.size())) {
+        fail(g_rec.path, "the output took nothing within the stall limit (a pipe nobody reads?)");
+    }
+}
+
+// Whether `path` names one of the configured node paths.
+bool namesNode(const char* path, int* index) {
+    if (path == nullptr) {
         return false;
     }
-    if (g_rec.direct_copy.load(std::memory_order_relaxed)) {
-        std::memcpy(to, from, size);
+    if (g_rec.node[0] != '\0' && std::strcmp(path, g_rec.node) == 0) {
+        *index = 0;
         return true;
     }
-    iovec local{to, size};
-    iovec remote{const_cast<void*>(from), size};
-    const ssize_t n = ::process_vm_readv(::getpid(), &local, 1, &remote, 1, 0);
-    if (n == static_cast<ssize_t>(size)) {
-        return true;
-    }
-    if (n < 0 && (errno == ENOSYS || errno == EPERM)) {
-        // A sandbox that refuses the call: the driver has used these
-        // addresses already, so reading them directly is what is left.
-        g_rec.direct_copy.store(true);
-        std::memcpy(to, from, size);
+    if (g_rec.dev_node[0] != '\0' && std::strcmp(path, g_rec.dev_node) == 0) {
+        *index = 1;
         return true;
     }
     return false;
 }
 
-CallInfo callInfo(uint64_t begin_ns, int fd, int result, int err) {
-    CallInfo call;
-    call.end_ns = monotonicNs();
-    // 0: the call was not timed (it became the node's only on its return).
-    call.begin_ns = begin_ns != 0 ? begin_ns : call.end_ns;
-    call.tid = threadId();
-    call.fd = fd;
-    call.result = result;
-    call.err = result < 0 ? err : 0;
-    return call;
+void forkPrepare() {
+    if (!t_inside) {
+        pthread_mutex_lock(&g_rec.lock);
+        g_rec.fork_locked = true;
+    }
+    queueForkPrepare();
 }
 
-void forgetWatchesLocked(int epfd, int fd) {
-    for (Watch& w : g_rec.watches) {
-        if ((epfd >= 0 && w.epfd == epfd) || (fd >= 0 && w.fd == fd)) {
-            w = Watch{};
-        }
+void forkParent() {
+    queueForkParent();
+    if (g_rec.fork_locked) {
+        g_rec.fork_locked = false;
+        pthread_mutex_unlock(&g_rec.lock);
     }
 }
 
-// Whether [at, at + size) lies in a range read successfully before.
-bool verifiedLocked(const void* at, size_t size) {
-    const auto start = reinterpret_cast<uintptr_t>(at);
-    for (const Range& r : g_rec.verified) {
-        if (r.length >= size && start >= r.start && start - r.start <= r.length - size) {
-            return true;
-        }
-    }
-    return false;
-}
-
-void rememberLocked(const void* at, size_t size) {
-    const auto start = reinterpret_cast<uintptr_t>(at);
-    for (Range& r : g_rec.verified) {
-        if (r.start == start) {
-            r.length = r.length > size ? r.length : size;
-            return;
-        }
-    }
-    g_rec.verified[g_rec.verified_next] = Range{start, size};
-    g_rec.verified_next = (g_rec.verified_next + 1) % kVerifiedRanges;
-}
-
-// The address of section `s`'s data area in a dequeue record.
-const void* areaAddress(const uint8_t* record, size_t s) {
-    const void* area;
-    std::memcpy(&area, record + aov_event_sections[s].query_addr_offset, sizeof(area));
-    return area;
-}
-
-uint32_t firstInfoWord(const uint8_t* record, size_t s) {
-    uint32_t word;
-    std::memcpy(&word, record + aov_event_sections[s].query_info_offset, sizeof(word));
-    return word;
-}
-
-// Area bytes a dequeue answer asks to keep; 0 for a header-only event.
-uint64_t contentBytes(const uint8_t* back, size_t back_len) {
-    if (back_len < sizeof(aov_event_query) || g_rec.content == ContentMode::None) {
-        return 0;
-    }
-    uint64_t total = 0;
-    for (size_t s = 0; s < kSections; ++s) {
-        if (areaAddress(back, s) != nullptr) {
-            total += keptAreaBytes(g_rec.content, s, firstInfoWord(back, s));
-        }
-    }
-    return total;
-}
-
-// Area bytes kept of each section of a successful dequeue's answer `back`,
-// into the payload; `sent` is the record as the caller sent it.
-//
-// An area is copied with memcpy only when the driver has just written it
-// for this caller: the dequeue succeeded, the answer points where the
-// caller's record pointed (so the address is the process's own, not one
-// the driver made up), the driver says it wrote the area (its first info
-// word), and the range was once read through process_vm_readv. The kernel
-// has then just written that memory on the process's behalf, and the
-// process keeps reusing one event buffer, so after its first event every
-// area is a plain copy. Anything else, an address the process got wrong
-// included, is read by the kernel (process_vm_readv) and left out when it
-// cannot be read: the recorder never faults where the process would not.
-// What remains is a process that unmaps its buffer and still dequeues into
-// it, with a driver that claims to have written there.
-void putAreas(ByteWriter& out, size_t count_at, const uint8_t* back, const uint8_t* sent,
-              size_t sent_len) {
-    uint8_t count = 0;
-    for (size_t s = 0; s < kSections; ++s) {
-        const uint32_t first_word = firstInfoWord(back, s);
-        const void* area = areaAddress(back, s);
-        const uint32_t kept = keptAreaBytes(g_rec.content, s, first_word);
-        if (kept == 0 || area == nullptr) {
-            continue;
-        }
-        const size_t head_at = out.size();
-        out.u8(static_cast<uint8_t>(s + 1));
-        out.u8(0);
-        out.u16(0);
-        out.u32(kept);
-        uint8_t* room = out.reserve(kept);
-        if (room == nullptr) {
-            return;
-        }
-        const bool as_sent = sent_len >= sizeof(aov_event_query) && areaAddress(sent, s) == area;
-        if (as_sent && first_word != 0 && verifiedLocked(area, kept)) {
-            std::memcpy(room, area, kept);
-            g_rec.areas_direct.fetch_add(1, std::memory_order_relaxed);
-        } else {
-            g_rec.areas_checked.fetch_add(1, std::memory_order_relaxed);
-            if (!safeCopy(room, area, kept)) {
-                // Unreadable: the area is left out.
-                out.truncate(head_at);
-                continue;
-            }
-            rememberLocked(area, kept);
-        }
-        ++count;
-    }
-    *out.at(count_at) = count;
-}
-
-}  // namespace
-
-uint64_t monotonicNs() {
-    timespec now;
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000ull + static_cast<uint64_t>(now.tv_nsec);
-}
-
-void configure(const RecorderConfig& config) {
-    if (g_rec.forked_child.load()) {
-        return;  // a forked child is not recorded
-    }
-    pthread_mutex_lock(&g_rec.lock);
-    copyPath(g_rec.file, config.file);
-    copyPath(g_rec.node, config.node != nullptr ? config.node : "/dev/kelo_aov");
-    g_rec.dev_node[0] = '\0';
-    if (config.node == nullptr && config.dev_dir != nullptr && config.dev_dir[0] != '\0' &&
-        std::strlen(config.dev_dir) + 10 < kMaxConfigPath) {
-        std::snprintf(g_rec.dev_node, kMaxConfigPath, "%s/kelo_aov", config.dev_dir);
-    }
-    g_rec.content = config.content;
-    g_rec.compress = config.compress;
-    // The previous recording's queued records go to its file.
-    drain();
-    for (Range& r : g_rec.verified) {
-        r = Range{};
-    }
+// The child: fresh locks, no writer thread, nothing of the parent's queue;
+// its own calls on the node go to a file of its own (FILE.PID).
+void forkChild() {
+    pthread_mutex_init(&g_rec.lock, nullptr);
+    g_rec.fork_locked = false;
+    queueForkChild();
+    threadIdReset();
     if (g_rec.out_fd >= 0) {
         ::syscall(SYS_close, g_rec.out_fd);
         g_rec.out_fd = -1;
     }
     const bool on = g_rec.file[0] != '\0';
+    g_rec.stopping.store(false);
     g_rec.state.store(on ? State::Armed : State::Off);
     g_armed.store(on);
-    static bool fork_handler = false;
-    if (!fork_handler) {
-        fork_handler = pthread_atfork(nullptr, nullptr, onForkChild) == 0;
+    g_rec.path[0] = '\0';
+}
+
+}  // namespace
+
+void configure(const RecorderConfig& config) {
+    pthread_mutex_lock(&g_rec.lock);
+    copyPath(g_rec.file, config.file);
+    copyPath(g_rec.node, config.node != nullptr ? config.node : "/dev/kelo_aov");
+    copyPath(g_rec.status, config.status);
+    g_rec.dev_node[0] = '\0';
+    if (config.node == nullptr && config.dev_dir != nullptr && config.dev_dir[0] != '\0' &&
+        std::strlen(config.dev_dir) + 10 < kMaxConfigPath) {
+        std::snprintf(g_rec.dev_node, kMaxConfigPath, "%s/kelo_aov", config.dev_dir);
+    }
+    identityReset();
+    identityFromPath(0, g_rec.node);
+    identityFromPath(1, g_rec.dev_node);
+    g_rec.content = config.content;
+    g_rec.compress = config.compress;
+    g_rec.owner = config.owner;
+    g_rec.owner_pid = ::getpid();
+    queueSetStallLimit(config.stall_limit_ms);
+    // The previous recording's queued records go to its file.
+    queueDrain(kDrainLimitSeconds);
+    queueResume();
+    watchClearLocked();
+    if (g_rec.out_fd >= 0) {
+        ::syscall(SYS_close, g_rec.out_fd);
+        g_rec.out_fd = -1;
+    }
+    g_rec.path[0] = '\0';
+    const bool on = g_rec.file[0] != '\0';
+    g_rec.stopping.store(false);
+    g_rec.state.store(on ? State::Armed : State::Off);
+    g_armed.store(on);
+    static bool fork_handlers = false;
+    if (!fork_handlers) {
+        fork_handlers = pthread_atfork(forkPrepare, forkParent, forkChild) == 0;
     }
     pthread_mutex_unlock(&g_rec.lock);
 }
@@ -698,90 +368,119 @@ void configureFromEnvironment() {
     const char* node = std::getenv(kEnvNode);
     config.node = node != nullptr && node[0] != '\0' ? node : nullptr;
     config.dev_dir = std::getenv("AOV_DEV_DIR");
+    config.status = std::getenv(kEnvStatus);
+    const char* stall = std::getenv(kEnvStallMs);
+    if (stall != nullptr && stall[0] != '\0') {
+        char* end = nullptr;
+        const long ms = std::strtol(stall, &end, 10);
+        if (*end != '\0' || ms <= 0 || ms > 600000) {
+            say("AOV_REC_STALL_MS must be 1 to 600000, not ", stall, "; recording off");
+            return;
+        }
+        config.stall_limit_ms = static_cast<int>(ms);
+    }
+    // The owner of the file is a child of AOV_REC_PARENT; without one, this
+    // process is, and its own children (exec'd or not) are not.
+    const char* parent = std::getenv(kEnvParent);
+    if (parent != nullptr && parent[0] != '\0') {
+        char* end = nullptr;
+        const long pid = std::strtol(parent, &end, 10);
+        config.owner = *end == '\0' && pid == static_cast<long>(::getppid());
+    } else {
+        char text[16];
+        std::snprintf(text, sizeof(text), "%d", static_cast<int>(::getppid()));
+        ::setenv(kEnvParent, text, 1);
+    }
     configure(config);
 }
 
 bool drain() {
-    if (g_rec.forked_child.load()) {
-        return true;
-    }
-    timespec deadline;
-    ::clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += kDrainLimitSeconds;
-    pthread_mutex_lock(&g_rec.queue_lock);
-    while (g_rec.queue_count > 0 &&
-           pthread_cond_timedwait(&g_rec.queue_room, &g_rec.queue_lock, &deadline) != ETIMEDOUT) {
-    }
-    const bool drained = g_rec.queue_count == 0;
-    pthread_mutex_unlock(&g_rec.queue_lock);
-    return drained;
+    return queueDrain(kDrainLimitSeconds);
 }
 
 RecorderStats stats() {
     RecorderStats s;
-    if (g_rec.forked_child.load()) {
-        return s;
-    }
     pthread_mutex_lock(&g_rec.lock);
     drain();
     s.started = g_rec.out_fd >= 0;
     s.failed = g_rec.state.load() == State::Failed;
-    pthread_mutex_lock(&g_rec.queue_lock);
     s.written = g_rec.writer.records();
-    s.handed_off = g_rec.handed_off;
-    pthread_mutex_unlock(&g_rec.queue_lock);
     pthread_mutex_unlock(&g_rec.lock);
+    s.handed_off = queueHandedOff();
     s.dropped = g_rec.dropped.load();
-    s.areas_checked = g_rec.areas_checked.load();
-    s.areas_direct = g_rec.areas_direct.load();
+    s.content_dropped = g_rec.content_dropped.load();
+    const CopyCounters copies = copyCounters();
+    s.areas_read = copies.areas_read;
+    s.areas_unreadable = copies.areas_unreadable;
+    s.pipe_copies = copies.pipe_copies;
     return s;
 }
 
-bool isNodePath(const char* path) {
-    return path != nullptr &&
-           (std::strcmp(path, g_rec.node) == 0 ||
-            (g_rec.dev_node[0] != '\0' && std::strcmp(path, g_rec.dev_node) == 0));
+const char* sessionPath() {
+    return g_rec.path;
+}
+
+void withRecorderLocked(void (*fn)(void*), void* arg) {
+    pthread_mutex_lock(&g_rec.lock);
+    fn(arg);
+    pthread_mutex_unlock(&g_rec.lock);
 }
 
 void recordOpen(uint64_t begin_ns, int dirfd, const char* path, int flags, mode_t mode, int result,
                 int err) {
-    const CallInfo call = callInfo(begin_ns, dirfd, result, err);
-    if (!t_inside) {
-        t_inside = true;
-        pthread_mutex_lock(&g_rec.lock);
-        const bool recording = startLocked();
-        pthread_mutex_unlock(&g_rec.lock);
-        t_inside = false;
-        if (recording && result >= 0 && result < kMaxTrackedFd) {
-            g_fd_flags[result].fetch_or(kFdNode);
-            g_node_fds.fetch_add(1);
-        }
+    if (!g_armed.load(std::memory_order_relaxed)) {
+        errno = err;
+        return;
     }
+    int index = -1;
+    bool node = false;
+    if (result >= 0) {
+        struct stat info {};
+        if (::fstat(result, &info) == 0) {
+            // The configured path itself re-learns the identity: a node
+            // mounted again is a new file system.
+            if (namesNode(path, &index)) {
+                identityLearn(index, info);
+                node = true;
+            } else {
+                node = identityMatches(info);
+            }
+        }
+    } else if (err != EFAULT) {
+        node = namesNode(path, &index);
+    }
+    if (!node) {
+        errno = err;
+        return;
+    }
+    const CallInfo call = callInfo(begin_ns, dirfd, result, err);
     {
         Scope scope;
         if (scope.held()) {
+            if (result >= 0) {
+                markNode(result);
+            }
             ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);
             out.u32(static_cast<uint32_t>(flags));
             out.u32(static_cast<uint32_t>(mode));
+            // The kernel has read the path (a failed open of an unreadable
+            // one never gets here).
             const size_t length = strnlen(path, kMaxPath);
             out.u16(static_cast<uint16_t>(length));
             out.put(path, length);
-            submitLocked(RecordType::Open, out, kSmallSlot);
+            submitSmallLocked(RecordType::Open, out);
         }
     }
     errno = err;
 }
 
 bool forgetOnClose(int fd) {
-    const uint8_t flags = g_fd_flags[fd].exchange(0);
-    if ((flags & kFdNode) != 0) {
-        g_node_fds.fetch_sub(1);
-    }
+    const uint8_t flags = forgetFd(fd);
     if (!t_inside) {
         t_inside = true;
         pthread_mutex_lock(&g_rec.lock);
-        forgetWatchesLocked((flags & kFdEpoll) != 0 ? fd : -1, (flags & kFdNode) != 0 ? fd : -1);
+        watchForgetLocked((flags & kFdEpoll) != 0 ? fd : -1, (flags & kFdNode) != 0 ? fd : -1);
         pthread_mutex_unlock(&g_rec.lock);
         t_inside = false;
     }
@@ -795,71 +494,93 @@ void recordClose(uint64_t begin_ns, int fd, int result, int err) {
         if (scope.held()) {
             ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);
-            submitLocked(RecordType::Close, out, kSmallSlot);
+            submitSmallLocked(RecordType::Close, out);
         }
     }
     errno = err;
 }
 
-bool anyNode(const pollfd* fds, nfds_t n) {
-    for (nfds_t i = 0; i < n; ++i) {
-        if (fdHas(fds[i].fd, kFdNode)) {
-            return true;
-        }
+void recordDup(uint64_t begin_ns, int from, int to) {
+    const int saved = errno;
+    const bool replaced_node = fdHas(to, kFdNode) && from != to;
+    if (replaced_node) {
+        forgetOnClose(to);
+        recordClose(begin_ns, to, 0, 0);
     }
-    return false;
+    followDup(from, to);
+    errno = saved;
 }
 
-// A readiness wait's payload: the call, the wait's kind and timeout, then
-// one entry for each of the node's descriptors it covered.
-class WaitPayload {
-  public:
-    WaitPayload(ByteWriter& out, const CallInfo& call, WaitKind kind, int timeout_ms) : out_(out) {
-        putCall(out, call);
-        out.u8(static_cast<uint8_t>(kind));
-        out.u8(0);
-        count_at_ = out.size();
-        out.u16(0);
-        out.u32(static_cast<uint32_t>(timeout_ms));
+int forgetRange(unsigned first, unsigned last, int* fds, int max) {
+    const int n = nodeFdsIn(first, last, fds, max);
+    const unsigned end = last < static_cast<unsigned>(kMaxTrackedFd) - 1
+                             ? last
+                             : static_cast<unsigned>(kMaxTrackedFd) - 1;
+    for (unsigned fd = first; fd <= end; ++fd) {
+        if (g_fd_flags[fd].load(std::memory_order_relaxed) != 0) {
+            forgetOnClose(static_cast<int>(fd));
+        }
     }
-    bool full() const { return count_ >= kMaxWaitEntries; }
-    void add(int fd, uint32_t events, uint32_t revents) {
-        out_.u32(static_cast<uint32_t>(fd));
-        out_.u32(events);
-        out_.u32(revents);
-        ++count_;
-    }
-    // Puts the entry count in its place.
-    void finish() {
-        out_.at(count_at_)[0] = static_cast<uint8_t>(count_);
-        out_.at(count_at_)[1] = static_cast<uint8_t>(count_ >> 8);
-    }
+    return n;
+}
 
-  private:
-    ByteWriter& out_;
-    size_t count_at_ = 0;
-    uint16_t count_ = 0;
-};
+void recordCloseRange(uint64_t begin_ns, const int* fds, int n, int result, int err) {
+    if (result == 0) {
+        for (int i = 0; i < n; ++i) {
+            recordClose(begin_ns, fds[i], 0, 0);
+        }
+    }
+    errno = err;
+}
 
 void recordPoll(WaitKind kind, uint64_t begin_ns, const pollfd* fds, nfds_t n, int timeout_ms,
                 int result, int err) {
     const CallInfo call = callInfo(begin_ns, -1, result, err);
-    {
+    // The entries, read in chunks that cannot fault; unreadable: no record
+    // (the call failed with EFAULT and touched no descriptor).
+    constexpr nfds_t kChunk = 64;
+    pollfd chunk[kChunk];
+    bool any = false;
+    for (nfds_t at = 0; at < n && !any; at += kChunk) {
+        const nfds_t count = n - at < kChunk ? n - at : kChunk;
+        if (!safeCopy(chunk, fds + at, count * sizeof(pollfd))) {
+            break;
+        }
+        for (nfds_t i = 0; i < count && !any; ++i) {
+            any = fdHas(chunk[i].fd, kFdNode);
+        }
+    }
+    if (any) {
         Scope scope;
         if (scope.held()) {
             ByteWriter out(g_rec.small, kSmallRecord);
             WaitPayload wait(out, call, kind, timeout_ms);
-            for (nfds_t i = 0; i < n && !wait.full(); ++i) {
-                if (fdHas(fds[i].fd, kFdNode)) {
-                    wait.add(fds[i].fd, static_cast<uint16_t>(fds[i].events),
-                             result > 0 ? static_cast<uint16_t>(fds[i].revents) : 0u);
+            for (nfds_t at = 0; at < n && !wait.full(); at += kChunk) {
+                const nfds_t count = n - at < kChunk ? n - at : kChunk;
+                if (!safeCopy(chunk, fds + at, count * sizeof(pollfd))) {
+                    break;
+                }
+                for (nfds_t i = 0; i < count && !wait.full(); ++i) {
+                    if (fdHas(chunk[i].fd, kFdNode)) {
+                        wait.add(chunk[i].fd, static_cast<uint16_t>(chunk[i].events),
+                                 result > 0 ? static_cast<uint16_t>(chunk[i].revents) : 0u);
+                    }
                 }
             }
             wait.finish();
-            submitLocked(RecordType::Poll, out, kSmallSlot);
+            submitSmallLocked(RecordType::Poll, out);
         }
     }
     errno = err;
+}
+
+int timeoutMs(const struct timespec* ts) {
+    timespec t{};
+    if (ts == nullptr || !safeCopy(&t, ts, sizeof(t)) || t.tv_sec < 0) {
+        return -1;
+    }
+    return t.tv_sec > 2147482 ? 2147483647
+                              : static_cast<int>(t.tv_sec * 1000 + t.tv_nsec / 1000000);
 }
 
 void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_event* event,
@@ -867,48 +588,27 @@ void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_eve
     const CallInfo call = callInfo(begin_ns, epfd, result, err);
     uint32_t events = 0;
     uint64_t data = 0;
-    if (event != nullptr && op != EPOLL_CTL_DEL) {
-        events = event->events;
-        data = event->data.u64;
-    }
-    if (!t_inside) {
-        t_inside = true;
-        pthread_mutex_lock(&g_rec.lock);
-        if (result == 0) {
-            Watch* slot = nullptr;
-            for (Watch& w : g_rec.watches) {
-                if (w.epfd == epfd && w.fd == fd) {
-                    slot = &w;
-                } else if (slot == nullptr && w.epfd < 0) {
-                    slot = &w;
-                }
-            }
-            if (op == EPOLL_CTL_DEL) {
-                for (Watch& w : g_rec.watches) {
-                    if (w.epfd == epfd && w.fd == fd) {
-                        w = Watch{};
-                    }
-                }
-            } else if (slot != nullptr) {
-                *slot = Watch{epfd, fd, data};
-                if (epfd >= 0 && epfd < kMaxTrackedFd) {
-                    g_fd_flags[epfd].fetch_or(kFdEpoll);
-                }
-            }
-        }
-        pthread_mutex_unlock(&g_rec.lock);
-        t_inside = false;
+    epoll_event copy{};
+    // Read only after a call that succeeded with it: it was readable then.
+    if (result == 0 && op != EPOLL_CTL_DEL && safeCopy(&copy, event, sizeof(copy))) {
+        events = copy.events;
+        data = copy.data.u64;
     }
     {
         Scope scope;
         if (scope.held()) {
+            if (result == 0 && op == EPOLL_CTL_DEL) {
+                watchRemoveLocked(epfd, fd);
+            } else if (result == 0) {
+                watchSetLocked(epfd, fd, data);
+            }
             ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);
             out.u32(static_cast<uint32_t>(op));
             out.u32(static_cast<uint32_t>(fd));
             out.u32(events);
             out.u64(data);
-            submitLocked(RecordType::EpollCtl, out, kSmallSlot);
+            submitSmallLocked(RecordType::EpollCtl, out);
         }
     }
     errno = err;
@@ -923,22 +623,79 @@ void recordEpollWait(WaitKind kind, uint64_t begin_ns, int epfd, const epoll_eve
             ByteWriter out(g_rec.small, kSmallRecord);
             WaitPayload wait(out, call, kind, timeout_ms);
             for (int i = 0; i < result && !wait.full(); ++i) {
-                for (const Watch& w : g_rec.watches) {
-                    if (w.epfd == epfd && w.fd >= 0 && w.data == events[i].data.u64) {
-                        wait.add(w.fd, 0, events[i].events);
-                        break;
-                    }
+                epoll_event e{};
+                if (!safeCopy(&e, events + i, sizeof(e))) {
+                    break;
+                }
+                const int fd = watchFindLocked(epfd, e.data.u64);
+                if (fd >= 0) {
+                    wait.add(fd, 0, e.events);
                 }
             }
             wait.finish();
-            submitLocked(RecordType::EpollWait, out, kSmallSlot);
+            submitSmallLocked(RecordType::EpollWait, out);
+        }
+    }
+    errno = err;
+}
+
+bool copySelectSets(int nfds, fd_set* read, fd_set* write, fd_set* except, SelectSets* out) {
+    const int n = nfds < 0 ? 0 : (nfds > FD_SETSIZE ? FD_SETSIZE : nfds);
+    const size_t bytes = (static_cast<size_t>(n) + 7) / 8;
+    fd_set* given[3] = {read, write, except};
+    bool any = false;
+    for (int s = 0; s < 3; ++s) {
+        FD_ZERO(&out->sets[s]);
+        out->given[s] = given[s] != nullptr && safeCopy(&out->sets[s], given[s], bytes);
+        for (int fd = 0; out->given[s] && fd < n && !any; ++fd) {
+            any = FD_ISSET(fd, &out->sets[s]) && fdHas(fd, kFdNode);
+        }
+    }
+    return any;
+}
+
+void recordSelect(WaitKind kind, uint64_t begin_ns, int nfds, const SelectSets& asked, fd_set* read,
+                  fd_set* write, fd_set* except, int timeout_ms, int result, int err) {
+    const CallInfo call = callInfo(begin_ns, -1, result, err);
+    SelectSets after;
+    if (result > 0) {
+        copySelectSets(nfds, read, write, except, &after);
+    }
+    const int n = nfds < 0 ? 0 : (nfds > FD_SETSIZE ? FD_SETSIZE : nfds);
+    constexpr uint32_t kBits[3] = {POLLIN, POLLOUT, POLLPRI};
+    {
+        Scope scope;
+        if (scope.held()) {
+            ByteWriter out(g_rec.small, kSmallRecord);
+            WaitPayload wait(out, call, kind, timeout_ms);
+            for (int fd = 0; fd < n && !wait.full(); ++fd) {
+                if (!fdHas(fd, kFdNode)) {
+                    continue;
+                }
+                uint32_t events = 0;
+                uint32_t revents = 0;
+                for (int s = 0; s < 3; ++s) {
+                    if (asked.given[s] && FD_ISSET(fd, &asked.sets[s])) {
+                        events |= kBits[s];
+                        if (result > 0 && after.given[s] && FD_ISSET(fd, &after.sets[s])) {
+                            revents |= kBits[s];
+                        }
+                    }
+                }
+                if (events != 0) {
+                    wait.add(fd, events, revents);
+                }
+            }
+            wait.finish();
+            submitSmallLocked(RecordType::Poll, out);
         }
     }
     errno = err;
 }
 
 int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
-    if (g_rec.state.load(std::memory_order_relaxed) != State::Recording || t_inside) {
+    const State state = g_rec.state.load(std::memory_order_relaxed);
+    if ((state != State::Recording && state != State::Armed) || t_inside) {
         return real(fd, request, arg);
     }
     const auto code = static_cast<uint32_t>(request);
@@ -947,6 +704,8 @@ int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
     uint8_t flags = arg == nullptr ? kArgNull : 0;
     size_t sent_len = 0;
     uint8_t sent[kMaxArgBytes];
+    // The record as sent: read before the call (the driver may change it),
+    // through the copy that cannot fault.
     if (arg != nullptr && dir != _IOC_NONE && size > 0) {
         sent_len = size < kMaxArgBytes ? size : kMaxArgBytes;
         if (size > kMaxArgBytes) {
@@ -961,22 +720,26 @@ int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
     const int result = real(fd, request, arg);
     const int err = errno;
     const CallInfo call = callInfo(begin_ns, fd, result, err);
+    uint8_t back[kMaxArgBytes];
+    size_t back_len = 0;
+    if (result >= 0 && (dir & _IOC_READ) != 0 && sent_len > 0 && safeCopy(back, arg, sent_len)) {
+        back_len = sent_len;
+    }
     {
         Scope scope;
         if (scope.held()) {
-            uint8_t back[kMaxArgBytes];
-            size_t back_len = 0;
-            if (result >= 0 && (dir & _IOC_READ) != 0 && arg != nullptr && sent_len > 0) {
-                // The driver has just written this record: it is readable.
-                std::memcpy(back, arg, sent_len);
-                back_len = sent_len;
+            // A dequeue with data areas is built in a content buffer; with
+            // none free, the areas are dropped and the record says so.
+            const bool content =
+                code == AOV_IOC_DEQUEUE_EVENT && contentBytes(g_rec.content, back, back_len) > 0;
+            int slot = -1;
+            uint8_t* room = content ? queueTakeContent(&slot) : nullptr;
+            if (content && room == nullptr) {
+                flags |= kArgContentDropped;
+                g_rec.content_dropped.fetch_add(1);
             }
-            // A dequeue with data areas is built in a content buffer and
-            // written by the writer thread.
-            const bool content = code == AOV_IOC_DEQUEUE_EVENT && contentBytes(back, back_len) > 0;
-            const int slot = content ? takeSlotLocked() : kSmallSlot;
-            ByteWriter out = content ? ByteWriter(g_rec.slots[slot], kMaxPayload)
-                                     : ByteWriter(g_rec.small, kSmallRecord);
+            ByteWriter out = room != nullptr ? ByteWriter(room, kMaxPayload)
+                                             : ByteWriter(g_rec.small, kSmallRecord);
             putCall(out, call);
             out.u32(code);
             out.u8(flags);
@@ -986,10 +749,18 @@ int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
             out.u16(static_cast<uint16_t>(back_len));
             out.put(sent, sent_len);
             out.put(back, back_len);
-            if (content) {
-                putAreas(out, count_at, back, sent, sent_len);
+            if (room != nullptr) {
+                putAreas(out, g_rec.content, count_at, back);
+                if (out.overflow()) {
+                    queueReleaseContent(slot);
+                    g_rec.dropped.fetch_add(1);
+                } else if (!queueContent(RecordType::Ioctl, slot, out.size())) {
+                    fail(g_rec.path,
+                         "the output took nothing within the stall limit (a pipe nobody reads?)");
+                }
+            } else {
+                submitSmallLocked(RecordType::Ioctl, out);
             }
-            submitLocked(RecordType::Ioctl, out, slot);
         }
     }
     errno = err;

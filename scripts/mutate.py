@@ -1,0 +1,174 @@
+#!/usr/bin/env python3
+"""Measures the tests with faults nobody chose: a random sample of seeded faults.
+
+Every C and C++ source file under the given paths (default: tools/) is scanned
+for places where a small fault fits (scripts/mutants.py: operators swapped,
+conditions negated, constants changed, calls and breaks removed, returned
+values swapped). A seeded random generator shuffles all of them; faults are
+then taken in that order, one at a time: applied, the debug preset rebuilt, the
+tests run, the file restored. A fault whose tree does not build says nothing
+about the tests and is passed over, until COUNT faults have built.
+
+The suite runs once unseeded first. A fault is caught when a test that passed
+unseeded does not pass with it (failed, crashed, not run, or ended by its time
+limit: a hang bounded by the limit counts as caught, and is shown as such); it
+survived when every such test still passes.
+
+    python3 scripts/mutate.py --seed 7 --count 40 [--paths tools/] [--tests REGEX]
+    python3 scripts/mutate.py --seed 7 --count 40 --list     # the sample, nothing run
+    python3 scripts/mutate.py --seed 7 --apply 12            # leave fault 12 in place
+
+Run it in a checkout of its own, configured with the debug preset: it edits the
+sources. It refuses to start while a file it could seed has uncommitted changes.
+"""
+
+import argparse
+import json
+import pathlib
+import random
+import re
+import subprocess
+import sys
+import time
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+import mutants  # noqa: E402
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+# "  3/9 Test  #3: Name .....***Timeout   1.00 sec": the name, then what ctest
+# says of the test after the run of dots.
+TEST_LINE = re.compile(r"^\s*\d+/\d+ Test\s+#\d+: (.*)\s[\d.]+ sec\s*$", re.M)
+
+
+def run(cmd, timeout=None):
+    return subprocess.run(cmd, cwd=ROOT, capture_output=True, text=True, timeout=timeout)
+
+
+def sources(paths):
+    files = []
+    for p in paths:
+        listed = run(["git", "ls-files", "--", p]).stdout.split()
+        files += [f for f in listed if f.endswith(mutants.SOURCE_SUFFIXES)]
+    return sorted(set(files))
+
+
+def sample(files, seed):
+    sites = []
+    for f in files:
+        sites += mutants.find_sites(f, (ROOT / f).read_text())
+    random.Random(seed).shuffle(sites)
+    return sites
+
+
+def test_outcomes(regex, per_test):
+    """Each test's outcome: 'Passed', or what ctest said instead."""
+    cmd = ["ctest", "--preset", "debug", "-j2", "--timeout", str(per_test)]
+    if regex:
+        cmd += ["-R", regex]
+    result = run(cmd)
+    return parse_outcomes(result.stdout)
+
+
+def parse_outcomes(output):
+    outcomes = {}
+    for line in TEST_LINE.findall(output):
+        # A parametrised name may hold spaces: "P/T.Case/1  # GetParam() = 16-byte object <...>".
+        parts = re.split(r" \.+", line)
+        outcomes[parts[0].strip()] = parts[-1].strip().strip("*")
+    return outcomes
+
+
+def judge(baseline, outcomes):
+    broken = sorted(name for name in baseline if outcomes.get(name) != "Passed")
+    if not broken:
+        return "survived", []
+    if all(outcomes.get(name, "").startswith("Timeout") for name in broken):
+        return "hung", broken
+    return "caught", broken
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--seed", type=int, required=True)
+    parser.add_argument("--count", type=int, default=40, help="faults that build (default 40)")
+    parser.add_argument("--paths", nargs="*", default=["tools/"])
+    parser.add_argument("--tests", default="", help="ctest -R regex (default: every test)")
+    parser.add_argument("--timeout", type=int, default=60, help="seconds per test (default 60)")
+    parser.add_argument("--list", action="store_true", help="print the sample and stop")
+    parser.add_argument("--apply", type=int, metavar="N", help="apply fault N of the sample and stop")
+    parser.add_argument("--report", type=pathlib.Path, help="write every outcome as JSON")
+    args = parser.parse_args()
+
+    files = sources(args.paths)
+    if not files:
+        sys.exit("mutate: no C or C++ sources under " + " ".join(args.paths))
+    sites = sample(files, args.seed)
+    print(f"mutate: seed {args.seed}, {len(sites)} places in {len(files)} files", flush=True)
+
+    if args.list:
+        for number, site in enumerate(sites[:args.count], 1):
+            text = (ROOT / site.path).read_text()
+            print(f"{number:3} {site.path}:{site.line} {site.describe(text)}")
+        return
+    if args.apply is not None:
+        if not 1 <= args.apply <= len(sites):
+            sys.exit(f"mutate: --apply takes 1 to {len(sites)}")
+        site = sites[args.apply - 1]
+        path = ROOT / site.path
+        text = path.read_text()
+        path.write_text(mutants.apply(text, site))
+        print(f"mutate: applied {site.path}:{site.line} {site.describe(text)}")
+        return
+
+    dirty = run(["git", "status", "--porcelain", "--"] + files).stdout.strip()
+    if dirty:
+        sys.exit("mutate: uncommitted changes in files it would seed:\n" + dirty)
+    if run(["cmake", "--build", "--preset", "debug", "-j2"]).returncode != 0:
+        sys.exit("mutate: the unseeded tree does not build")
+    began = time.monotonic()
+    outcomes = test_outcomes(args.tests, args.timeout)
+    baseline = {name for name, status in outcomes.items() if status == "Passed"}
+    if not baseline:
+        sys.exit("mutate: no test passed unseeded (is the debug preset configured?)")
+    print(f"mutate: unseeded, {len(baseline)} of {len(outcomes)} tests passed "
+          f"in {time.monotonic() - began:.0f} s", flush=True)
+
+    results, invalid = [], 0
+    for number, site in enumerate(sites, 1):
+        if len(results) == args.count:
+            break
+        path = ROOT / site.path
+        text = path.read_text()
+        path.write_text(mutants.apply(text, site))
+        try:
+            if run(["cmake", "--build", "--preset", "debug", "-j2"]).returncode != 0:
+                invalid += 1
+                continue
+            outcome, broken = judge(baseline, test_outcomes(args.tests, args.timeout))
+        finally:
+            path.write_text(text)
+        results.append({"number": number, "file": site.path, "line": site.line,
+                        "kind": site.kind, "change": site.describe(text),
+                        "outcome": outcome, "tests": broken})
+        shown = ", ".join(broken[:2]) + (" ..." if len(broken) > 2 else "")
+        print(f"{number:4} {outcome:8} {site.path}:{site.line} {site.describe(text)}" +
+              (f"  [{shown}]" if shown else ""), flush=True)
+
+    run(["cmake", "--build", "--preset", "debug", "-j2"])  # the build matches the sources again
+    caught = sum(r["outcome"] in ("caught", "hung") for r in results)
+    hung = sum(r["outcome"] == "hung" for r in results)
+    share = 100.0 * caught / len(results) if results else 0.0
+    print(f"mutate: seed {args.seed}: caught {caught} of {len(results)} ({share:.0f}%), "
+          f"{hung} of them by a time limit; {invalid} did not build")
+    for r in results:
+        if r["outcome"] == "survived":
+            print(f"  survived: #{r['number']} {r['file']}:{r['line']} {r['change']}")
+    if args.report:
+        args.report.write_text(json.dumps({"seed": args.seed, "paths": args.paths,
+                                           "results": results, "invalid": invalid}, indent=1))
+    if len(results) < args.count:
+        sys.exit(f"mutate: only {len(results)} faults built; fewer places than asked for")
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,274 @@
+// The checks' judgement against descriptors whose readiness and answers are
+// known without a driver: a pipe with data (POLLIN), an empty one (quiet), one
+// whose writer has gone (POLLHUP), and /dev/null (always readable). Every
+// AOV request gets ENOTTY from them, the answer of a node that finds nothing
+// to do; every wait here ends at once or finds nothing ever coming.
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include "Suite.h"
+#include "gtest/gtest.h"
+
+namespace aovcompliance {
+namespace {
+
+class CheckerOnPipes : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        options_.timeout_ms = 5000;
+        options_.event_timeout_ms = 1;  // nothing ever arrives on these
+        text_ = nullptr;
+        size_ = 0;
+        seen_ = 0;
+        out_ = ::open_memstream(&text_, &size_);
+        report_ = std::make_unique<Report>(out_, Report::Format::kPlain, false, "");
+        ctx_ = std::make_unique<Context>(options_, *report_);
+        ASSERT_TRUE(ctx_->arena().map());
+        ASSERT_EQ(::pipe2(ends_, O_CLOEXEC), 0);
+    }
+    void TearDown() override {
+        ctx_.reset();
+        report_.reset();
+        std::fclose(out_);
+        std::free(text_);
+        for (int& fd : ends_) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+            fd = -1;
+        }
+    }
+
+    // The node is the pipe's read end: `data` bytes waiting, the writer gone
+    // or not.
+    void pipeNode(bool data, bool hungUp) {
+        if (data) {
+            ASSERT_EQ(::write(ends_[1], "x", 1), 1);
+        }
+        if (hungUp) {
+            ::close(ends_[1]);
+            ends_[1] = -1;
+        }
+        ctx_->setFd(ends_[0]);
+    }
+    void nullNode() {
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        ctx_->setFd(fd);
+        null_ = fd;
+    }
+    std::string text() {
+        std::fflush(out_);
+        return std::string(text_, size_);
+    }
+    std::string takeText() {
+        const std::string all = text();
+        const std::string fresh = all.substr(seen_);
+        seen_ = all.size();
+        return fresh;
+    }
+    int closeNull() { return null_ >= 0 ? ::close(null_) : 0; }
+
+    Options options_;
+    char* text_ = nullptr;
+    size_t size_ = 0;
+    size_t seen_ = 0;
+    std::FILE* out_ = nullptr;
+    std::unique_ptr<Report> report_;
+    std::unique_ptr<Context> ctx_;
+    int ends_[2] = {-1, -1};
+    int null_ = -1;
+};
+
+TEST_F(CheckerOnPipes, BeforeStartAndAfterStopAnyWakingBitIsReadinessAndIsNamed) {
+    pipeNode(false, false);
+    notReadableBeforeStartCheck(*ctx_);
+    EXPECT_EQ(takeText(), "readiness: not readable before START: OK\n");
+
+    ASSERT_EQ(::write(ends_[1], "x", 1), 1);
+    nothingAfterStopCheck(*ctx_);
+    EXPECT_EQ(takeText(),
+              "readiness: nothing after STOP: FAIL (expected no readiness for 300 ms after STOP, "
+              "got POLLIN: the library no longer dequeues, so a monitor would spin)\n");
+}
+
+TEST_F(CheckerOnPipes, AHangUpWithoutInputCountsAsReadinessBeforeStart) {
+    pipeNode(false, true);
+    notReadableBeforeStartCheck(*ctx_);
+    EXPECT_EQ(takeText(),
+              "readiness: not readable before START: FAIL (expected no readiness, got POLLHUP: "
+              "a monitor would spin, as the library dequeues only once started)\n");
+    EXPECT_EQ(report_->totals().failed, 1);
+}
+
+TEST_F(CheckerOnPipes, TheDrainJudgesInputWithNothingToDequeueAndHangUps) {
+    pipeNode(false, false);
+    Drain drain = notReadableOnceDrainedCheck(*ctx_);
+    EXPECT_EQ(drain.end, Drain::End::kEmpty);
+    EXPECT_EQ(takeText(), "readiness: not readable once drained: OK\n");
+    emptyDequeueCheck(*ctx_, drain);
+    const std::string line = takeText();
+    EXPECT_EQ(line.rfind("dequeue: nothing pending returns promptly: OK (drained until empty: "
+                         "returned ENOTTY in ",
+                         0),
+              0u)
+        << line;
+}
+
+TEST_F(CheckerOnPipes, InputThatNoDequeueTakesFailsTheDrainAndSkipsTheFaultingChecks) {
+    pipeNode(true, false);
+    const Drain drain = notReadableOnceDrainedCheck(*ctx_);
+    EXPECT_EQ(drain.end, Drain::End::kReadableEmpty);
+    EXPECT_EQ(drain.empty.error, ENOTTY);
+    EXPECT_EQ(takeText(),
+              "readiness: not readable once drained: FAIL (expected no readiness with nothing to "
+              "dequeue, got POLLIN while a dequeue returned ENOTTY: the monitor would call the "
+              "library again and again)\n");
+    emptyDequeueCheck(*ctx_, drain);
+    EXPECT_EQ(takeText().rfind("dequeue: nothing pending returns promptly: OK (drained until "
+                               "empty: returned ENOTTY in ",
+                               0),
+              0u);
+    faultingAreaChecks(*ctx_, drain);
+    EXPECT_EQ(takeText(),
+              "dequeue: faulting area refused with EFAULT: SKIP (readiness does not say when an "
+              "event is pending (after: not readable once drained))\n"
+              "dequeue: works after a faulting area: SKIP (readiness does not say when an event "
+              "is pending (after: not readable once drained))\n");
+}
+
+TEST_F(CheckerOnPipes, AHangUpAfterTheDrainIsAFailureNamingTheBit) {
+    pipeNode(false, true);
+    const Drain drain = notReadableOnceDrainedCheck(*ctx_);
+    EXPECT_EQ(drain.end, Drain::End::kEmpty);
+    EXPECT_EQ(takeText(),
+              "readiness: not readable once drained: FAIL (expected no readiness with nothing to "
+              "dequeue, got POLLHUP: the monitor hears of it every time it waits, and would call "
+              "the library again and again)\n");
+    // Without an event the faulting checks cannot run; the hang-up is named.
+    faultingAreaChecks(*ctx_, drain);
+    EXPECT_EQ(takeText(),
+              "dequeue: faulting area refused with EFAULT: SKIP (the node signalled POLLHUP "
+              "instead of an event)\n"
+              "dequeue: works after a faulting area: SKIP (the node signalled POLLHUP instead of "
+              "an event)\n");
+}
+
+TEST_F(CheckerOnPipes, NoEventMeansSkipsNotFailures) {
+    pipeNode(false, false);
+    EXPECT_EQ(pollReadableCheck(*ctx_), Events::kNone);
+    EXPECT_EQ(takeText(),
+              "readiness: poll readable with an event pending: SKIP (no event within 1 ms of "
+              "START: events need a streaming sensor (on a device, start the sensor first))\n");
+    Drain drain;
+    drain.end = Drain::End::kEmpty;
+    faultingAreaChecks(*ctx_, drain);
+    EXPECT_EQ(takeText(),
+              "dequeue: faulting area refused with EFAULT: SKIP (no further event within 1 ms)\n"
+              "dequeue: works after a faulting area: SKIP (no further event within 1 ms)\n");
+    EXPECT_EQ(report_->totals().failed, 0);
+    EXPECT_EQ(report_->totals().skipped, 3);
+}
+
+TEST_F(CheckerOnPipes, EpollSeesInputAndNothingElse) {
+    pipeNode(true, false);
+    epollReadableCheck(*ctx_);
+    EXPECT_EQ(takeText(), "readiness: epoll readable (empty mask, then modified): OK\n");
+
+    CheckerOnPipes::TearDown();
+    CheckerOnPipes::SetUp();
+    pipeNode(false, false);
+    epollReadableCheck(*ctx_);
+    EXPECT_EQ(takeText(),
+              "readiness: epoll readable (empty mask, then modified): FAIL (expected EPOLLIN "
+              "within 1 ms with an event pending, got 0)\n");
+}
+
+TEST_F(CheckerOnPipes, AQueueThatNeverDrainedIsJudgedAfterStopOrSkipped) {
+    pipeNode(false, false);
+    Drain storm;
+    storm.end = Drain::End::kStorm;
+    emptyDequeueCheck(*ctx_, storm);
+    EXPECT_EQ(takeText(), "") << "left for after STOP";
+    emptyDequeueAfterStopCheck(*ctx_);
+    EXPECT_EQ(takeText(),
+              "dequeue: nothing pending returns promptly: SKIP (the queue never drained, and the "
+              "node was not quiet after STOP)\n");
+
+    CheckerOnPipes::TearDown();
+    CheckerOnPipes::SetUp();
+    pipeNode(false, false);
+    nothingAfterStopCheck(*ctx_);
+    EXPECT_EQ(takeText(), "readiness: nothing after STOP: OK\n");
+    emptyDequeueAfterStopCheck(*ctx_);
+    EXPECT_EQ(takeText().rfind("dequeue: nothing pending returns promptly: OK (stream stopped "
+                               "first: returned ENOTTY in ",
+                               0),
+              0u);
+    emptyDequeueAfterStopCheck(*ctx_);
+    EXPECT_EQ(takeText(), "") << "decided once";
+}
+
+TEST_F(CheckerOnPipes, RequestsThatMustSucceedOrBeRefusedAreJudgedByTheirAnswer) {
+    nullNode();
+    EXPECT_FALSE(ctx_->expectSuccess(CheckId::kStart, AOV_IOC_START, ctx_->arena().startRecord()));
+    EXPECT_EQ(ctx_->lastError(), ENOTTY);
+    ctx_->expectRefused(CheckId::kUnknownIo, _IO('H', 5), nullptr, ENOTTY);
+    ctx_->expectRefused(CheckId::kSensorOnCountZero, AOV_IOC_SENSOR_ON, ctx_->arena().sensorList(0),
+                        EINVAL);
+    ctx_->expectRefused(CheckId::kDequeueWrongSize, _IOC(_IOC_READ, 'H', 3, 208), nullptr, EAGAIN,
+                        "a note");
+    EXPECT_EQ(takeText(),
+              "requests: START: FAIL (expected 0, got ENOTTY)\n"
+              "requests: unknown code _IO('H', 5) refused: OK\n"
+              "requests: SENSOR_ON with count 0 refused: WARN (expected a negative result "
+              "(EINVAL), got ENOTTY)\n"
+              "requests: DEQUEUE_EVENT with size 208 refused: WARN (expected a negative result "
+              "(EAGAIN), got ENOTTY: a note)\n");
+    EXPECT_EQ(closeNull(), 0);
+}
+
+TEST_F(CheckerOnPipes, ANodeThatKnowsNoAovRequestStopsTheRunAtStop) {
+    nullNode();
+    stopWithoutStartCheck(*ctx_);
+    EXPECT_EQ(takeText(), "");
+    EXPECT_EQ(ctx_->stopReason(),
+              "/dev/kelo_aov is not an AOV node: it answers STOP with ENOTTY, as a file that "
+              "knows no AOV request does");
+    EXPECT_EQ(closeNull(), 0);
+}
+
+TEST_F(CheckerOnPipes, ALifecycleOnANodeThatRefusesStartSaysWhatFailedAtEachStep) {
+    options_.node = "/dev/null";
+    nullNode();
+    lifecycleChecks(*ctx_);
+    EXPECT_EQ(takeText(),
+              "lifecycle: START twice: FAIL (expected the first START to succeed, got ENOTTY)\n"
+              "lifecycle: close while started: OK\n"
+              "lifecycle: reopen after close while started: OK\n"
+              "lifecycle: second session works: FAIL (expected START to succeed, got ENOTTY)\n");
+    EXPECT_EQ(::fcntl(null_, F_GETFD), -1) << "closed by the check, in a child";
+    null_ = -1;
+    ASSERT_GE(ctx_->fd(), 0) << "the reopened descriptor";
+    const CallResult closed = ctx_->close(ctx_->fd());
+    EXPECT_EQ(closed.value, 0);
+    EXPECT_EQ(ctx_->fd(), -1);
+}
+
+TEST_F(CheckerOnPipes, WithoutADescriptorTheLifecycleChecksSayWhy) {
+    lifecycleChecks(*ctx_);
+    EXPECT_EQ(takeText(),
+              "lifecycle: START twice: SKIP (the node is not open)\n"
+              "lifecycle: close while started: SKIP (the node is not open)\n"
+              "lifecycle: reopen after close while started: SKIP (the node is not open)\n"
+              "lifecycle: second session works: SKIP (the node is not open)\n");
+}
+
+}  // namespace
+}  // namespace aovcompliance

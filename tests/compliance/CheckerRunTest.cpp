@@ -1,0 +1,236 @@
+// aov-compliance against aov-kdev: a clean run reports every check of the
+// table once and its exact totals; checks that cannot run say SKIP and the
+// exit code says so; a driver that goes away ends the run with one line; a
+// node that stays readable leaves the checks that depend on readiness
+// skipped, not failed; and the TAP of a clean, a failing and a stopped run is
+// read by a real TAP consumer (Perl's prove) without a parse error.
+
+#include <unistd.h>
+
+#include <cstdio>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "CheckTable.h"
+#include "KdevNode.h"
+#include "gtest/gtest.h"
+
+namespace {
+
+using aovcompliancetest::hasLine;
+using aovcompliancetest::KdevNode;
+using aovcompliancetest::lastLine;
+
+// "category: check" -> the verdict word of each check line.
+std::map<std::string, std::string> verdicts(const std::string& output) {
+    std::map<std::string, std::string> found;
+    std::istringstream lines(output);
+    std::string line;
+    while (std::getline(lines, line)) {
+        for (const char* word : {"OK", "FAIL", "WARN", "SKIP"}) {
+            const std::string mark = std::string(": ") + word;
+            const size_t at = line.find(mark);
+            if (at != std::string::npos &&
+                (at + mark.size() == line.size() || line[at + mark.size()] == ' ')) {
+                const std::string key = line.substr(0, at);
+                found[key] += found.count(key) > 0 ? std::string("+") + word : word;
+                break;
+            }
+        }
+    }
+    return found;
+}
+
+std::string key(const aovcompliance::CheckEntry& check) {
+    return std::string(aovcompliance::categoryName(check.category)) + ": " + check.name;
+}
+
+TEST_F(KdevNode, ACleanRunReportsEveryCheckOnceAndItsExactTotals) {
+    start("");
+    const ProcessResult run = check();
+    EXPECT_EQ(run.exit_code, 0) << run.output;
+    const auto found = verdicts(run.output);
+    EXPECT_EQ(found.size(), aovcompliance::kCheckCount) << run.output;
+    for (size_t i = 0; i < aovcompliance::kCheckCount; ++i) {
+        const auto it = found.find(key(aovcompliance::checkTable()[i]));
+        ASSERT_NE(it, found.end()) << key(aovcompliance::checkTable()[i]) << "\n" << run.output;
+        EXPECT_EQ(it->second, "OK") << it->first;
+    }
+    EXPECT_EQ(lastLine(run.output), "aov-compliance: 38 passed, 0 failed, 0 warnings, 0 skipped");
+    EXPECT_TRUE(hasLine(run.output,
+                        "dequeue: nothing pending returns promptly: OK (drained until empty: "
+                        "returned EAGAIN in "))
+        << run.output;
+}
+
+TEST_F(KdevNode, ChecksThatCannotRunSaySkipAndTheExitCodeIsFour) {
+    // Events arrive, but none carries content: nothing tells whether the
+    // driver refuses an unwritable area.
+    start("", "no-content.json");
+    const ProcessResult run = check();
+    EXPECT_EQ(run.exit_code, 4) << run.output;
+    EXPECT_TRUE(hasLine(run.output,
+                        "dequeue: pending event dequeued into the library's layout: OK (no event "
+                        "carried content)"))
+        << run.output;
+    EXPECT_TRUE(hasLine(run.output,
+                        "dequeue: writes stay inside the areas: OK (on an event without "
+                        "content)"))
+        << run.output;
+    EXPECT_TRUE(hasLine(run.output,
+                        "dequeue: faulting area refused with EFAULT: SKIP (no event carried "
+                        "content)"))
+        << run.output;
+    EXPECT_EQ(lastLine(run.output), "aov-compliance: 37 passed, 0 failed, 0 warnings, 1 skipped")
+        << run.output;
+    EXPECT_EQ(verdicts(run.output).size(), aovcompliance::kCheckCount) << run.output;
+}
+
+TEST_F(KdevNode, OneCategoryCountsOnlyItsOwnChecksInTheTotalsAndTheExitCode) {
+    // The skipped check is a dequeue check: the requests alone all pass.
+    start("", "no-content.json");
+    const ProcessResult requests = check({"--only", "requests"});
+    EXPECT_EQ(requests.exit_code, 0) << requests.output;
+    EXPECT_EQ(lastLine(requests.output),
+              "aov-compliance: 19 passed, 0 failed, 0 warnings, 0 skipped");
+    const ProcessResult dequeue = check({"--only", "dequeue"});
+    EXPECT_EQ(dequeue.exit_code, 4) << dequeue.output;
+    EXPECT_EQ(lastLine(dequeue.output),
+              "aov-compliance: 5 passed, 0 failed, 0 warnings, 1 skipped");
+}
+
+TEST_F(KdevNode, ADriverThatGoesAwayEndsTheRunWithOneLineAndTheTotals) {
+    start("");
+    server_.kill();  // the node stays, its server is gone: every call gets ENOTCONN
+    ProcessResult run = check();
+    EXPECT_EQ(run.exit_code, 1) << run.output;
+    EXPECT_EQ(run.output,
+              "aov-compliance: stopped: the driver went away: O_RDWR open got ENOTCONN; later "
+              "checks not run\n"
+              "aov-compliance: 0 passed, 0 failed, 0 warnings, 0 skipped\n");
+}
+
+TEST_F(KdevNode, ADriverThatDiesMidRunIsNotReportedAsFailedChecks) {
+    extra_ = {"--die-at-dequeue", "2"};
+    start("");
+    const ProcessResult run = check();
+    EXPECT_EQ(run.exit_code, 1) << run.output;
+    EXPECT_EQ(run.output.find(": FAIL"), std::string::npos) << run.output;
+    const size_t stop = run.output.find("\naov-compliance: stopped: the driver went away: ");
+    ASSERT_NE(stop, std::string::npos) << run.output;
+    // Only the totals follow the stop line.
+    const size_t totals = run.output.find('\n', stop + 1);
+    ASSERT_NE(totals, std::string::npos);
+    EXPECT_EQ(run.output.find('\n', totals + 1), run.output.size() - 1) << run.output;
+    EXPECT_NE(lastLine(run.output).find(" passed, 0 failed, 0 warnings, 0 skipped"),
+              std::string::npos)
+        << run.output;
+}
+
+TEST_F(KdevNode, ANodeReadableWithNothingPendingSkipsTheChecksThatNeedReadiness) {
+    start("readable-after-drain");
+    const ProcessResult run = check();
+    EXPECT_EQ(run.exit_code, 1) << run.output;
+    EXPECT_TRUE(hasLine(run.output,
+                        "readiness: not readable once drained: FAIL (expected no readiness with "
+                        "nothing to dequeue, got POLLIN while a dequeue returned EAGAIN"))
+        << run.output;
+    const std::string why =
+        ": SKIP (readiness does not say when an event is pending (after: not readable once "
+        "drained))";
+    EXPECT_TRUE(hasLine(run.output, "dequeue: faulting area refused with EFAULT" + why))
+        << run.output;
+    EXPECT_TRUE(hasLine(run.output, "dequeue: works after a faulting area" + why)) << run.output;
+    // The dequeue that found nothing was an empty dequeue: it answered at once.
+    EXPECT_TRUE(hasLine(run.output,
+                        "dequeue: nothing pending returns promptly: OK (drained until empty: "
+                        "returned EAGAIN in "))
+        << run.output;
+    EXPECT_EQ(lastLine(run.output), "aov-compliance: 35 passed, 1 failed, 0 warnings, 2 skipped");
+}
+
+TEST_F(KdevNode, ANodeThatNeverSignalsSkipsTheEventChecksSayingWhy) {
+    start("no-readiness");
+    const ProcessResult run = check({"--event-timeout-ms", "500"});
+    EXPECT_EQ(run.exit_code, 1) << run.output;
+    EXPECT_TRUE(hasLine(run.output,
+                        "readiness: poll readable with an event pending: FAIL (expected POLLIN "
+                        "within 500 ms, got 0 while a dequeue returned an event"))
+        << run.output;
+    const auto found = verdicts(run.output);
+    for (const char* check :
+         {"dequeue: pending event dequeued into the library's layout",
+          "dequeue: writes stay inside the areas",
+          "dequeue: record's padding and addresses untouched",
+          "readiness: epoll readable (empty mask, then modified)",
+          "readiness: not readable once drained", "dequeue: nothing pending returns promptly",
+          "dequeue: faulting area refused with EFAULT", "dequeue: works after a faulting area"}) {
+        EXPECT_TRUE(
+            hasLine(run.output, std::string(check) + ": SKIP (the node does not signal readiness)"))
+            << check << "\n"
+            << run.output;
+    }
+    EXPECT_EQ(found.size(), aovcompliance::kCheckCount) << run.output;
+    EXPECT_EQ(lastLine(run.output), "aov-compliance: 28 passed, 1 failed, 0 warnings, 9 skipped");
+}
+
+// The TAP of one run, written to a file that prove reads through `cat`.
+class ProveReadsTheTap : public KdevNode {
+  protected:
+    // `shown`: -v for every line, --directives for the SKIP lines only.
+    ProcessResult prove(const std::string& fault, const char* scenario = nullptr,
+                        const char* shown = "-v") {
+        start(fault, scenario);
+        const ProcessResult run = check({"--tap"});
+        const std::string file = dir_ + ".tap";
+        std::ofstream(file) << run.output;
+        ProcessResult read = runProcess(AOV_PROVE_PATH, {shown, "-e", "cat", file});
+        std::printf("prove:\n%s", read.output.c_str());
+        ::unlink(file.c_str());
+        EXPECT_EQ(read.output.find("Parse errors"), std::string::npos) << read.output;
+        EXPECT_NE(read.output.find("Tests="), std::string::npos) << read.output;
+        return read;
+    }
+};
+
+TEST_F(ProveReadsTheTap, ACleanRunPasses) {
+    const ProcessResult read = prove("");
+    EXPECT_EQ(read.exit_code, 0) << read.output;
+    EXPECT_NE(read.output.find("Result: PASS"), std::string::npos) << read.output;
+}
+
+TEST_F(ProveReadsTheTap, ASkippedCheckIsReadAsASkipDirective) {
+    const ProcessResult read = prove("", "no-content.json", "--directives");
+    EXPECT_EQ(read.exit_code, 0) << read.output;
+    EXPECT_NE(read.output.find("\nok 28 - dequeue: faulting area refused with EFAULT # SKIP no "
+                               "event carried content\nok\n"),
+              std::string::npos)
+        << read.output;
+    EXPECT_NE(read.output.find("Result: PASS"), std::string::npos) << read.output;
+}
+
+TEST_F(ProveReadsTheTap, AFailingRunFailsOnTheCheckThatFailed) {
+    const ProcessResult read = prove("overrun-area");
+    EXPECT_NE(read.exit_code, 0) << read.output;
+    const std::string check = " - dequeue: writes stay inside the areas";
+    const size_t at = read.output.find(check);
+    ASSERT_NE(at, std::string::npos) << read.output;
+    const size_t begin = read.output.rfind('\n', at) + 1;
+    const std::string failed = read.output.substr(begin, at - begin);
+    ASSERT_EQ(failed.rfind("not ok ", 0), 0u) << read.output;
+    EXPECT_NE(read.output.find("Failed test:  " + failed.substr(7) + "\n"), std::string::npos)
+        << read.output;
+}
+
+TEST_F(ProveReadsTheTap, AStoppedRunBailsOut) {
+    const ProcessResult read = prove("hang-sensor-off");
+    EXPECT_NE(read.exit_code, 0) << read.output;
+    EXPECT_NE(read.output.find("Further testing stopped: SENSOR_OFF with 64 ids never returned"),
+              std::string::npos)
+        << read.output;
+}
+
+}  // namespace

@@ -1,0 +1,126 @@
+"""The seeded-fault measure: where it seeds faults, how it reads ctest, how it judges.
+
+    python3 tests/tools/test_mutate.py
+"""
+
+import pathlib
+import sys
+import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "scripts"))
+import mutants  # noqa: E402
+import mutate  # noqa: E402
+
+
+def changes(text):
+    """Every seeded variant of `text`, as (kind, replaced text, replacement)."""
+    return [(s.kind, text[s.start:s.end], s.replacement) for s in mutants.find_sites("x.cpp", text)]
+
+
+class WhereFaultsAreSeeded(unittest.TestCase):
+    def test_comments_literals_and_directives_are_left_alone(self):
+        text = ('#include <vector>\n'
+                '#define LIMIT (a < 3)\n'
+                '// if (a < b) return 1;\n'
+                '/* x == 2 && y */\n'
+                'const char* s = "a < b && 7";\n'
+                'const char* r = R"x(if (a > 1) { f(); })x";\n'
+                "char c = '<'; char d = '\\'';\n")
+        self.assertEqual(changes(text), [])
+
+    def test_templates_shifts_and_arrows_are_not_operators(self):
+        text = ("std::vector<std::pair<int, int>> v;\n"
+                "template <typename T>\nvoid g(T&& t);\n"
+                "int z = p->q >> 1 << 2;\n")
+        kinds = {kind for kind, _, _ in changes(text)}
+        self.assertNotIn("relational", kinds)
+        self.assertNotIn("logical", kinds)
+
+    def test_each_kind_of_fault(self):
+        text = ("int f(int a, int b) {\n"
+                "    if (a <= b && b != 0) {\n"
+                "        log(a,\n"
+                "            b);\n"
+                "        return true;\n"
+                "    }\n"
+                "    for (;;) {\n"
+                "        break;\n"
+                "    }\n"
+                "    return -1;\n"
+                "}\n")
+        found = changes(text)
+        self.assertIn(("relational", "<=", "<"), found)
+        self.assertIn(("relational", "!=", "=="), found)
+        self.assertIn(("logical", "&&", "||"), found)
+        self.assertIn(("negation", "a <= b && b != 0", "!(a <= b && b != 0)"), found)
+        self.assertIn(("call", "log(a,\n            b);", ";"), found)
+        self.assertIn(("break", "break;", ";"), found)
+        self.assertIn(("return", "true", "false"), found)
+        self.assertIn(("return", "-1", "0"), found)
+        self.assertIn(("constant", "0", "1"), found)
+        self.assertIn(("constant", "0644", "0645"), changes("int mode = 0644;\n"))
+        self.assertIn(("constant", "0x1C", "0x1d"), changes("int at = 0x1C;\n"))
+        # A returned value is changed by the return rule only.
+        self.assertNotIn(("constant", "1", "0"), found)
+
+    def test_declarations_assignments_and_initialisers_are_not_removed_calls(self):
+        text = ("void h() {\n"
+                "    Foo bar(1);\n"
+                "    x = compute(2);\n"
+                "    if (int r = get(); r < 0) {\n"
+                "    }\n"
+                "}\n"
+                "int Widget::size() const;\n")
+        kinds = [(kind, old) for kind, old, _ in changes(text)]
+        self.assertFalse([k for k in kinds if k[0] == "call"], kinds)
+        self.assertFalse([k for k in kinds if k[0] == "negation"], kinds)
+
+    def test_every_site_changes_the_text(self):
+        source = ("int main(int argc, char** argv) {\n    if (argc > 1 || argv[0] == nullptr) {\n"
+                  "        puts(argv[1]);\n    }\n    return 0;\n}\n")
+        for site in mutants.find_sites("m.cpp", source):
+            self.assertNotEqual(mutants.apply(source, site), source, site)
+
+
+CTEST_OUTPUT = """Test project /tmp/ct/b
+1/8 Test #2: Bad.Fail ...........................***Failed    0.00 sec
+2/8 Test #4: Seg.Crash ..........................***Exception: SegFault  0.00 sec
+3/8 Test #5: Abrt.Abort .........................Subprocess aborted***Exception:   0.00 sec
+4/8 Test #6: Missing.NotRun .....................***Not Run   0.00 sec
+5/8 Test #1: Good.Pass ..........................   Passed    0.00 sec
+6/8 Test #7: Skip.Me ............................***Skipped   0.00 sec
+7/8 Test #8: P/Param.Case/X  # GetParam() = 16-byte object <01-00> ...   Passed    0.00 sec
+8/8 Test #3: Slow.Hang ..........................***Timeout   1.00 sec
+"""
+
+
+class HowOutcomesAreJudged(unittest.TestCase):
+    def test_every_outcome_ctest_prints_is_read(self):
+        self.assertEqual(mutate.parse_outcomes(CTEST_OUTPUT), {
+            "Bad.Fail": "Failed", "Seg.Crash": "Exception: SegFault",
+            "Abrt.Abort": "Subprocess aborted***Exception:", "Missing.NotRun": "Not Run",
+            "Good.Pass": "Passed", "Skip.Me": "Skipped",
+            "P/Param.Case/X  # GetParam() = 16-byte object <01-00>": "Passed",
+            "Slow.Hang": "Timeout"})
+
+    def test_only_tests_that_passed_unseeded_decide(self):
+        outcomes = mutate.parse_outcomes(CTEST_OUTPUT)
+        self.assertEqual(mutate.judge({"Good.Pass"}, outcomes),
+                         ("survived", []))
+        self.assertEqual(mutate.judge({"Good.Pass", "Bad.Fail"}, outcomes),
+                         ("caught", ["Bad.Fail"]))
+        self.assertEqual(mutate.judge({"Good.Pass", "Missing.NotRun", "Seg.Crash"}, outcomes),
+                         ("caught", ["Missing.NotRun", "Seg.Crash"]))
+        # A test missing from the run (ctest itself ended early) was not passed.
+        self.assertEqual(mutate.judge({"Gone.Test"}, outcomes), ("caught", ["Gone.Test"]))
+
+    def test_a_hang_ended_by_the_limit_is_caught_and_shown_as_such(self):
+        outcomes = mutate.parse_outcomes(CTEST_OUTPUT)
+        self.assertEqual(mutate.judge({"Slow.Hang", "Good.Pass"}, outcomes),
+                         ("hung", ["Slow.Hang"]))
+        self.assertEqual(mutate.judge({"Slow.Hang", "Bad.Fail"}, outcomes),
+                         ("caught", ["Bad.Fail", "Slow.Hang"]))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,70 @@
+#pragma once
+
+// Where the checks' records and the event buffer live: MAP_SHARED, so that the
+// children that make the requests write into the parent's copy, and fenced by
+// pages nothing may touch.
+//   [event buffer | canary tail to the page end] [guard]
+//   [query record | canary to the page end] [guard]
+//   [start record, sensor list, scratch] [guard = the faulting area]
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "kelo_aov.h"
+
+namespace aovcompliance {
+
+class Arena {
+  public:
+    static constexpr uint8_t kCanary = 0xA5;
+    static constexpr int32_t kFrameRate = 10;
+
+    Arena() = default;
+    ~Arena();
+    Arena(const Arena&) = delete;
+    Arena& operator=(const Arena&) = delete;
+
+    // False, errno set, when the memory cannot be mapped or fenced.
+    bool map();
+
+    uint8_t* event() { return event_; }
+    size_t eventSpan() const { return event_span_; }
+    aov_event_query* query() { return reinterpret_cast<aov_event_query*>(query_); }
+    uint8_t* queryBytes() { return query_; }
+    size_t page() const { return page_; }
+    uint8_t* scratch() { return scratch_; }
+    void* faulting() { return fault_; }
+
+    // A 200-byte START record: frame rate 10, full-content mode, the rest 0.
+    uint8_t* startRecord();
+    // A sensor list of `count` (ids 0, 1, ...), behind the start record.
+    aov_sensor_list* sensorList(uint32_t count);
+    // Fills the event buffer and what follows it with the canary and sets the
+    // record's ten addresses as the library does, or all to the faulting page.
+    void prepareDequeue(bool faulting);
+
+    // Empty when nothing outside the ten areas changed since prepareDequeue,
+    // else how many bytes, after which area, and the first offset.
+    std::string writesOutsideAreas() const;
+    // Empty when the record's padding, its addresses and the bytes after it
+    // are as prepareDequeue left them, else the first change.
+    std::string recordDamage(bool faulting) const;
+
+  private:
+    size_t roundUp(size_t n) const { return (n + page_ - 1) / page_ * page_; }
+
+    size_t page_ = 4096;
+    size_t size_ = 0;
+    size_t event_span_ = 0;
+    uint8_t* base_ = nullptr;
+    uint8_t* event_ = nullptr;
+    uint8_t* query_ = nullptr;
+    uint8_t* scratch_ = nullptr;
+    uint8_t* fault_ = nullptr;
+};
+
+// "0x00008824".
+std::string hex(unsigned long value);
+
+}  // namespace aovcompliance

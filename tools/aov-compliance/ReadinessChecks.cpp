@@ -1,0 +1,189 @@
+// Readiness as the library's event monitor sees it: any bit that would wake it
+// counts, and the lines name the bits.
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "Suite.h"
+
+namespace aovcompliance {
+
+namespace {
+
+// How long the node must stay quiet after STOP: three frame periods.
+constexpr int kQuietMs = 3 * 1000 / Arena::kFrameRate;
+// Dequeues at most this many events to drain the queue.
+constexpr int kMaxDrain = 64;
+
+}  // namespace
+
+std::string noEventWhy(const Context& ctx) {
+    return "no event within " + std::to_string(ctx.options().event_timeout_ms) +
+           " ms of START: events need a streaming sensor (on a device, start the sensor first)";
+}
+
+Wait waitFor(Context& ctx, CheckId id, int waitMs, long* revents) {
+    const CallResult r = ctx.pollNode(waitMs);
+    *revents = 0;
+    if (!ctx.answered(id, r)) {
+        return Wait::kStopped;
+    }
+    if (r.value < 0) {
+        ctx.fail(id, "expected poll to answer, got " + resultText(r));
+        return Wait::kStopped;
+    }
+    *revents = r.value;
+    if ((r.value & POLLIN) != 0) {
+        return Wait::kReadable;
+    }
+    return (r.value & kWakingBits) != 0 ? Wait::kOther : Wait::kQuiet;
+}
+
+void notReadableBeforeStartCheck(Context& ctx) {
+    const CheckId id = CheckId::kNotReadableBeforeStart;
+    long bits = 0;
+    const Wait w = waitFor(ctx, id, 0, &bits);
+    if (w == Wait::kStopped) {
+        return;
+    }
+    if (w == Wait::kQuiet) {
+        ctx.pass(id);
+        return;
+    }
+    ctx.problem(id, "expected no readiness, got " + pollBitsText(bits) +
+                        ": a monitor would spin, as the library dequeues only once started");
+}
+
+Events pollReadableCheck(Context& ctx) {
+    const CheckId id = CheckId::kPollReadable;
+    long bits = 0;
+    const Wait w = waitFor(ctx, id, ctx.options().event_timeout_ms, &bits);
+    if (w == Wait::kStopped) {
+        return Events::kStopped;
+    }
+    if (w == Wait::kReadable) {
+        ctx.pass(id);
+        return Events::kArriving;
+    }
+    // Not readable: either nothing arrived, or the driver does not say so.
+    const CallResult r = ctx.dequeue(false);
+    if (!ctx.answered(id, r)) {
+        return Events::kStopped;
+    }
+    if (r.value >= 0) {
+        ctx.problem(id, "expected POLLIN within " + std::to_string(ctx.options().event_timeout_ms) +
+                            " ms, got " + pollBitsText(bits) +
+                            " while a dequeue returned an event: the library dequeues only when "
+                            "the monitor sees readiness");
+        return Events::kNotSignalled;
+    }
+    ctx.skip(id, noEventWhy(ctx) + (bits != 0 ? " (the node signalled " + pollBitsText(bits) + ")"
+                                              : std::string()));
+    return Events::kNone;
+}
+
+// Registered with no events first and then modified, as the system layer's
+// monitor does.
+void epollReadableCheck(Context& ctx) {
+    const CheckId id = CheckId::kEpollReadable;
+    const int epfd = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epfd < 0) {
+        ctx.skip(id, "no epoll instance: " + aovsimtool::errnoName(errno));
+        return;
+    }
+    const int fd = ctx.fd();
+    const int waitMs = ctx.options().event_timeout_ms;
+    CallResult r = ctx.guard().run(ctx.options().timeout_ms, [epfd, fd]() -> long {
+        epoll_event event{};
+        event.events = 0;
+        event.data.fd = fd;
+        if (::epoll_ctl(epfd, EPOLL_CTL_ADD, fd, &event) != 0) {
+            return -1;
+        }
+        event.events = EPOLLIN;
+        return ::epoll_ctl(epfd, EPOLL_CTL_MOD, fd, &event);
+    });
+    if (ctx.answered(id, r)) {
+        if (r.value < 0) {
+            ctx.problem(id, "expected the node to be watchable, got epoll_ctl " + resultText(r));
+        } else {
+            r = ctx.guard().run(ctx.options().timeout_ms + waitMs, [epfd, waitMs]() -> long {
+                epoll_event event{};
+                const int ready = ::epoll_wait(epfd, &event, 1, waitMs);
+                return ready > 0 ? static_cast<long>(event.events) : ready;
+            });
+            if (ctx.answered(id, r)) {
+                if (r.value > 0 && (r.value & EPOLLIN) != 0) {
+                    ctx.pass(id);
+                } else {
+                    ctx.problem(id, "expected EPOLLIN within " + std::to_string(waitMs) +
+                                        " ms with an event pending, got " +
+                                        (r.value > 0 ? pollBitsText(r.value) : resultText(r)));
+                }
+            }
+        }
+    }
+    ::close(epfd);
+}
+
+Drain notReadableOnceDrainedCheck(Context& ctx) {
+    const CheckId id = CheckId::kNotReadableDrained;
+    Drain drain;
+    // Events keep arriving: dequeue while readable, a bounded number of times.
+    for (int round = 0; round < kMaxDrain; ++round) {
+        long bits = 0;
+        const Wait w = waitFor(ctx, id, 0, &bits);
+        if (w == Wait::kStopped) {
+            return drain;
+        }
+        if (w == Wait::kQuiet) {
+            ctx.pass(id);
+            drain.end = Drain::End::kEmpty;
+            return drain;
+        }
+        if (w == Wait::kOther) {
+            ctx.problem(id, "expected no readiness with nothing to dequeue, got " +
+                                pollBitsText(bits) +
+                                ": the monitor hears of it every time it waits, and would call "
+                                "the library again and again");
+            drain.end = Drain::End::kEmpty;
+            return drain;
+        }
+        const CallResult r = ctx.dequeue(false);
+        if (!ctx.answered(id, r)) {
+            return drain;
+        }
+        if (r.value < 0) {
+            ctx.problem(id, "expected no readiness with nothing to dequeue, got " +
+                                pollBitsText(bits) + " while a dequeue returned " + resultText(r) +
+                                ": the monitor would call the library again and again");
+            drain.end = Drain::End::kReadableEmpty;
+            drain.empty = r;
+            return drain;
+        }
+    }
+    ctx.problem(id, "expected no readiness after at most " + std::to_string(kMaxDrain) +
+                        " dequeues, got POLLIN still: a readiness storm");
+    drain.end = Drain::End::kStorm;
+    return drain;
+}
+
+void nothingAfterStopCheck(Context& ctx) {
+    const CheckId id = CheckId::kNothingAfterStop;
+    long bits = 0;
+    const Wait w = waitFor(ctx, id, kQuietMs, &bits);
+    if (w == Wait::kStopped) {
+        return;
+    }
+    if (w == Wait::kQuiet) {
+        ctx.pass(id);
+        return;
+    }
+    ctx.problem(id, "expected no readiness for " + std::to_string(kQuietMs) +
+                        " ms after STOP, got " + pollBitsText(bits) +
+                        ": the library no longer dequeues, so a monitor would spin");
+}
+
+}  // namespace aovcompliance

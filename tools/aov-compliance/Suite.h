@@ -1,0 +1,77 @@
+#pragma once
+
+// The checks of each category, as the runner calls them in the order of a
+// session (Runner.cpp). Each reports the checks it names; one that cannot
+// run reports SKIP with why.
+
+#include "Context.h"
+
+namespace aovcompliance {
+
+// --- open (OpenChecks.cpp) ----------------------------------------------------
+// O_RDWR open, second open while held, close and reopen. Stops the run when
+// the node cannot be opened or is a directory.
+void openNodeChecks(Context& ctx);
+
+// --- requests (RequestChecks.cpp) ---------------------------------------------
+// Unknown codes and known numbers with the wrong size, refused.
+void refusalChecks(Context& ctx);
+// START; true when the session began.
+bool startCheck(Context& ctx);
+// ULPOSC3_ON, SENSOR_ON with 1 and 64 ids, and the three malformed SENSOR_ONs.
+void notificationChecks(Context& ctx);
+// SENSOR_OFF with 64 and 1 ids, ULPOSC3_OFF, STOP.
+void endSessionChecks(Context& ctx);
+
+// --- readiness (ReadinessChecks.cpp) -----------------------------------------
+enum class Wait {
+    kReadable,  // POLLIN
+    kOther,     // woken without POLLIN (POLLERR, POLLHUP, ...)
+    kQuiet,     // nothing within the wait
+    kStopped,   // the poll did not answer; the run has stopped or the check has its verdict
+};
+// Polls the node for up to `waitMs`; the revents in `revents`.
+Wait waitFor(Context& ctx, CheckId id, int waitMs, long* revents);
+
+void notReadableBeforeStartCheck(Context& ctx);
+enum class Events { kArriving, kNone, kNotSignalled, kStopped };
+Events pollReadableCheck(Context& ctx);
+void epollReadableCheck(Context& ctx);
+
+struct Drain {
+    enum class End {
+        kEmpty,          // nothing to read: the poll showed no POLLIN
+        kReadableEmpty,  // POLLIN, but the dequeue found nothing: `empty` is that dequeue
+        kStorm,          // still readable after the most dequeues the drain makes
+        kStopped,
+    };
+    End end = End::kStopped;
+    CallResult empty;
+};
+Drain notReadableOnceDrainedCheck(Context& ctx);
+void nothingAfterStopCheck(Context& ctx);
+
+// --- dequeue (DequeueChecks.cpp) ------------------------------------------------
+// The pending event into the library's layout, writes inside the areas, the
+// record untouched.
+void pendingEventChecks(Context& ctx);
+// Nothing pending returns promptly, after the drain. A queue that never
+// drained leaves the check to emptyDequeueAfterStopCheck.
+void emptyDequeueCheck(Context& ctx, const Drain& drain);
+// The same once the stream has stopped, when the drain could not decide it.
+void emptyDequeueAfterStopCheck(Context& ctx);
+// The faulting area refused, then the next event dequeued. Both SKIP when the
+// drain showed that readiness does not say when an event is pending.
+void faultingAreaChecks(Context& ctx, const Drain& drain);
+
+// --- lifecycle (LifecycleChecks.cpp) ------------------------------------------
+// STOP without START, right after the open. Stops the run when the answer says
+// the node is no AOV node at all (ENOTTY, ENOSYS).
+void stopWithoutStartCheck(Context& ctx);
+// START twice, close while started, reopen, second session.
+void lifecycleChecks(Context& ctx);
+
+// "no event within N ms of START: ...".
+std::string noEventWhy(const Context& ctx);
+
+}  // namespace aovcompliance
