@@ -1,6 +1,7 @@
 #include "aovsim/SimDriver.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -95,6 +96,19 @@ int writeScripted(aov_event_query& query, const ScriptedEvent& event, UserMemory
     return 0;
 }
 
+// Fills the record's padding (the bytes between a section's info words and its
+// area address) as a kernel record on the stack that was never cleared would
+// leave it.
+void leakPadding(aov_event_query& query) {
+    auto* bytes = reinterpret_cast<uint8_t*>(&query);
+    for (const aov_section_desc& section : aov_event_sections) {
+        const size_t from = section.query_info_offset + section.info_words * sizeof(uint32_t);
+        for (size_t i = from; i < section.query_addr_offset; ++i) {
+            bytes[i] = static_cast<uint8_t>(0xC0 + i % 16);
+        }
+    }
+}
+
 }  // namespace
 
 SimDriver::SimDriver(std::string path, const DriverConfig& params, const FaultConfig& faults,
@@ -142,12 +156,20 @@ int SimDriver::open(int flags) {
                         -ENODEV);
         return -ENODEV;
     }
+    if (has(bugs_, DriverBug::kRefuseRdwr) && (flags & O_ACCMODE) != O_RDONLY) {
+        trace_->refusal(kKern, "open %s (%s): only read access allowed (driver bug) -> %d",
+                        path_.c_str(), access, -EACCES);
+        return -EACCES;
+    }
     aov::MutexLock guard(mutex_);
-    if (event_fd_ >= 0) {
-        trace_->refusal(kKern, "open %s (%s): the node is exclusive and already open -> %d",
-                        path_.c_str(), access, -EBUSY);
+    if (event_fd_ >= 0 || held_after_close_) {
+        trace_->refusal(kKern, "open %s (%s): the node is exclusive and already open%s -> %d",
+                        path_.c_str(), access,
+                        event_fd_ >= 0 ? "" : " (held since a close while started: driver bug)",
+                        -EBUSY);
         return -EBUSY;
     }
+    stopped_since_open_ = false;
     event_fd_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (event_fd_ < 0) {
         const int error = -errno;
@@ -159,7 +181,24 @@ int SimDriver::open(int flags) {
 }
 
 int SimDriver::close(int fd) {
+    const int flushed = flush(fd);
+    const int released = release(fd);
+    return flushed != 0 ? flushed : released;
+}
+
+int SimDriver::flush(int fd) {
+    aov::MutexLock guard(mutex_);
+    if (has(bugs_, DriverBug::kFlushBusy) && started_ && fd == event_fd_) {
+        ++stats_.failed_requests;
+        trace_->refusal(kKern, "flush fd %d: a session is running (driver bug) -> %d", fd, -EBUSY);
+        return -EBUSY;
+    }
+    return 0;
+}
+
+int SimDriver::release(int fd) {
     aov::MutexLock control(control_mutex_);
+    bool wasStarted = false;
     {
         aov::MutexLock guard(mutex_);
         if (fd < 0 || fd != event_fd_) {
@@ -167,6 +206,7 @@ int SimDriver::close(int fd) {
                             -EBADF);
             return -EBADF;
         }
+        wasStarted = started_;
     }
     // Releasing the node ends a session that is still running.
     if (has(bugs_, DriverBug::kKeepSessionOnClose)) {
@@ -175,6 +215,12 @@ int SimDriver::close(int fd) {
         stop(false);
     }
     aov::MutexLock guard(mutex_);
+    if (wasStarted && has(bugs_, DriverBug::kBusyAfterStartedClose)) {
+        // The early return of a release that finds a session running skips
+        // dropping the node's open count.
+        held_after_close_ = true;
+        trace_->recordf(kKern, "release: the node stays held (driver bug)");
+    }
     ::close(event_fd_);
     event_fd_ = -1;
     trace_->recordf(kKern, "close fd %d -> 0", fd);
@@ -226,14 +272,18 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
     }
     request = servedAs(request);
     const char* name = requestName(request);
+    if (has(bugs_, DriverBug::kMissingUlposc3) &&
+        (request == AOV_IOC_ULPOSC3_ON || request == AOV_IOC_ULPOSC3_OFF)) {
+        name = nullptr;  // a driver built before the ULPOSC3 requests existed
+    }
     if (name == nullptr && has(bugs_, DriverBug::kAcceptUnknownCode)) {
         trace_->recordf(kKern, "ioctl 0x%08x: unknown request -> 0 (driver bug)", request);
         return 0;
     }
     if (name == nullptr) {
-        return fail(-ENOTTY, "ioctl 0x%08x (type 0x%02x, nr %u, %s, %u bytes): unknown request",
-                    request, _IOC_TYPE(request), _IOC_NR(request), directionOf(request),
-                    _IOC_SIZE(request));
+        return fail(has(bugs_, DriverBug::kWrongErrno) ? -EINVAL : -ENOTTY,
+                    "ioctl 0x%08x (type 0x%02x, nr %u, %s, %u bytes): unknown request", request,
+                    _IOC_TYPE(request), _IOC_NR(request), directionOf(request), _IOC_SIZE(request));
     }
     if (record == nullptr) {
         return fail(-EFAULT, "%s: null argument", headerOf(name, request).c_str());
@@ -264,6 +314,9 @@ int SimDriver::serve(int fd, unsigned int request, uint8_t* record, UserMemory& 
             trace_->recordf(kKern, "%s -> 0", headerOf(name, request).c_str());
             break;
         }
+    }
+    if (result == 0 && has(bugs_, DriverBug::kPositiveSuccess)) {
+        result = 1;
     }
     return result;
 }
@@ -307,6 +360,19 @@ int SimDriver::start(const uint8_t* record) {
         trace_->recordf(kKern, "%s -> %d (injected failure)", decoded.c_str(), faults_.start_error);
         return faults_.start_error;
     }
+    if (has(bugs_, DriverBug::kRefuseFullContent) && session.aov_mode == AOV_MODE_FULL_CONTENT) {
+        return fail(-EINVAL, "%s: aov_mode %d unknown (driver bug)", decoded.c_str(),
+                    session.aov_mode);
+    }
+    bool stoppedBefore = false;
+    {
+        aov::MutexLock guard(mutex_);
+        stoppedBefore = stopped_since_open_;
+    }
+    if (has(bugs_, DriverBug::kStartOncePerOpen) && stoppedBefore) {
+        return fail(-EINVAL, "%s: the session's state was freed at STOP (driver bug)",
+                    decoded.c_str());
+    }
     if (session.frame_rate < kMinFrameRate || session.frame_rate > kMaxFrameRate) {
         return fail(-EINVAL, "%s: frame rate outside %d..%d", decoded.c_str(), kMinFrameRate,
                     kMaxFrameRate);
@@ -314,6 +380,7 @@ int SimDriver::start(const uint8_t* record) {
     {
         aov::MutexLock guard(mutex_);
         started_ = true;
+        error_latched_ = false;
         session_ = session;
         sequence_ = 0;
         next_scripted_ = 0;
@@ -338,6 +405,23 @@ int SimDriver::start(const uint8_t* record) {
 int SimDriver::stop(bool byRequest) {
     uint64_t discarded = 0;
     bool wasStarted = false;
+    if (byRequest) {
+        bool clockOn = false;
+        {
+            aov::MutexLock guard(mutex_);
+            wasStarted = started_;
+            clockOn = ulposc3_on_;
+            stopped_since_open_ = true;
+        }
+        const std::string head = headerOf("STOP", AOV_IOC_STOP);
+        if (!wasStarted && has(bugs_, DriverBug::kRefuseIdleStop)) {
+            return fail(-EINVAL, "%s: no session (driver bug)", head.c_str());
+        }
+        if (wasStarted && !clockOn && has(bugs_, DriverBug::kStopNeedsUlposc3)) {
+            return fail(-EIO, "%s: the sensor cannot be reached with ULPOSC3 off (driver bug)",
+                        head.c_str());
+        }
+    }
     {
         aov::MutexLock guard(mutex_);
         wasStarted = started_;
@@ -382,16 +466,36 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
         aov::MutexLock guard(mutex_);
         call = ++sensor_list_calls_;
     }
-    if (list.count < 1 || list.count > static_cast<uint32_t>(AOV_MAX_SENSORS_PER_REQUEST)) {
+    uint32_t count = list.count;
+    if (has(bugs_, DriverBug::kLenientSensorCount)) {
+        if (count == 0) {
+            trace_->recordf(kKern, "%s count=0 -> 0 (nothing to do: driver bug)",
+                            headerOf(name, request).c_str());
+            return 0;
+        }
+        count = std::min<uint32_t>(count, AOV_MAX_SENSORS_PER_REQUEST);
+    }
+    // With kSensorCountOffByOne the bound check is `count >= max`.
+    const int max =
+        AOV_MAX_SENSORS_PER_REQUEST - (has(bugs_, DriverBug::kSensorCountOffByOne) ? 1 : 0);
+    if (count < 1 || count > static_cast<uint32_t>(max)) {
         return fail(-EINVAL, "%s count=%u: count outside 1..%d", headerOf(name, request).c_str(),
-                    list.count, AOV_MAX_SENSORS_PER_REQUEST);
+                    list.count, max);
+    }
+    if (has(bugs_, DriverBug::kRefuseSensorIdZero)) {
+        for (uint32_t i = 0; i < count; ++i) {
+            if (list.sensor_ids[i] == 0) {
+                return fail(-EINVAL, "%s: sensor id 0 taken for none (driver bug)",
+                            headerOf(name, request).c_str());
+            }
+        }
     }
     std::string ids;
-    for (uint32_t i = 0; i < list.count; ++i) {
+    for (uint32_t i = 0; i < count; ++i) {
         ids += format(i == 0 ? "%d" : ", %d", list.sensor_ids[i]);
     }
     const std::string decoded =
-        format("%s count=%u ids=[%s]", headerOf(name, request).c_str(), list.count, ids.c_str());
+        format("%s count=%u ids=[%s]", headerOf(name, request).c_str(), count, ids.c_str());
     aov::MutexLock guard(mutex_);
     if (faults_.sensor_list_calls.count(call)) {
         ++stats_.failed_requests;
@@ -399,7 +503,7 @@ int SimDriver::sensorList(unsigned int request, const uint8_t* record) {
                         decoded.c_str(), faults_.sensor_list_error, call);
         return faults_.sensor_list_error;
     }
-    for (uint32_t i = 0; i < list.count; ++i) {
+    for (uint32_t i = 0; i < count; ++i) {
         if (request == AOV_IOC_SENSOR_ON) {
             sensors_on_.insert(list.sensor_ids[i]);
         } else {
@@ -422,6 +526,12 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
         ++stats_.failed_requests;
         trace_->refusal(kKern, "%s: no session started -> %d", head.c_str(), -EINVAL);
         return -EINVAL;
+    }
+    if (dequeue_stuck_) {
+        ++stats_.failed_requests;
+        trace_->refusal(kKern, "%s: busy since a failed copy (driver bug) -> %d", head.c_str(),
+                        -EBUSY);
+        return -EBUSY;
     }
     if (faults_.dequeue_calls.count(call)) {
         ++stats_.failed_requests;
@@ -455,6 +565,12 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     const bool content = event.sequence % params_.content_every == 0;
     const bool full = content && session_.aov_mode == AOV_MODE_FULL_CONTENT;
     const int sections = full ? AOV_SECTION_COUNT : content ? AOV_BASIC_SECTION_COUNT : 0;
+    if (full && has(bugs_, DriverBug::kBasicSectionsOnly)) {
+        ++stats_.failed_requests;
+        trace_->refusal(kKern, "%s: %d sections asked for, %d known (driver bug) -> %d",
+                        head.c_str(), sections, AOV_BASIC_SECTION_COUNT, -EINVAL);
+        return -EINVAL;
+    }
     if (missingArea(query, (1u << sections) - 1u, head)) {
         return -EFAULT;
     }
@@ -487,7 +603,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
             if (has(bugs_, DriverBug::kIgnoreAreaFault)) {
                 continue;
             }
-            return areaFault(s + 1, head);
+            return areaFault(s + 1, head, event);
         }
         infoWordOf(query, section, 0) = section.data_size;
     }
@@ -504,6 +620,9 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
         query.s6_info[2] = static_cast<uint32_t>(session_.sensor_id);
         query.s6_info[3] = static_cast<uint32_t>(session_.scenario);
         query.s6_info[4] = rate;
+    }
+    if (has(bugs_, DriverBug::kLeakPadding)) {
+        leakPadding(query);
     }
     std::memcpy(record, &query, sizeof(query));
 
@@ -531,12 +650,44 @@ bool SimDriver::missingArea(aov_event_query& query, unsigned sections, const std
     return false;
 }
 
-int SimDriver::areaFault(int section, const std::string& head) {
+int SimDriver::areaFault(int section, const std::string& head, const Pending& event) {
     ++stats_.failed_requests;
-    ++stats_.lost_on_failure;
-    trace_->refusal(kKern, "%s: the data area of section %d cannot be written -> %d (event lost)",
-                    head.c_str(), section, -EFAULT);
-    return -EFAULT;
+    if (has(bugs_, DriverBug::kPollerrAfterError)) {
+        // This driver puts the event back for another try.
+        pending_.push_front(event);
+        signalLocked();
+    } else {
+        ++stats_.lost_on_failure;
+    }
+    // Bugs of the error path: another errno, a busy flag left set, an error
+    // that poll keeps reporting.
+    const int result = has(bugs_, DriverBug::kAreaFaultEio) ? -EIO : -EFAULT;
+    dequeue_stuck_ = has(bugs_, DriverBug::kStuckAfterAreaFault);
+    error_latched_ = true;
+    trace_->refusal(kKern, "%s: the data area of section %d cannot be written -> %d (event %s)",
+                    head.c_str(), section, result,
+                    has(bugs_, DriverBug::kPollerrAfterError) ? "kept" : "lost");
+    return result;
+}
+
+unsigned SimDriver::pollMask(int fd) const {
+    aov::MutexLock guard(mutex_);
+    if (has(bugs_, DriverBug::kNoReadiness) || fd != event_fd_ || fd < 0) {
+        return 0;
+    }
+    unsigned mask = 0;
+    pollfd pending{event_fd_, POLLIN, 0};
+    if (::poll(&pending, 1, 0) == 1 && (pending.revents & POLLIN) != 0) {
+        mask |= POLLIN | POLLRDNORM;
+    }
+    if (has(bugs_, DriverBug::kReadableWhenStopped) && !started_) {
+        // "A read would not block": it would fail at once.
+        mask |= POLLIN | POLLRDNORM;
+    }
+    if (has(bugs_, DriverBug::kPollerrAfterError) && error_latched_) {
+        mask |= POLLERR;
+    }
+    return mask;
 }
 
 int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
@@ -556,7 +707,7 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
     }
     depthChangedLocked(0);
     if (const int section = writeScripted(query, scripted, user)) {
-        return areaFault(section, head);
+        return areaFault(section, head, event);
     }
     std::memcpy(record, &query, sizeof(query));
 

@@ -5,12 +5,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -41,12 +44,23 @@ class KdevServerTest : public ::testing::Test {
             return;
         }
         dir_ = sandbox_.dir();
+        serveWith(0, aovkdev::ServerFaults());
+    }
+
+    // Serves a fresh driver with `bugs` and opens the node.
+    void serveWith(aovsim::DriverBugs bugs, const aovkdev::ServerFaults& faults) {
         auto trace = std::make_shared<aovsim::Trace>();
+        trace->setSink([this](aovsim::TraceSource, const std::string& line) {
+            std::lock_guard<std::mutex> guard(traced_.mutex);
+            traced_.lines.push_back(line);
+            traced_.added.notify_all();
+        });
         aovsim::DriverConfig config;
         config.timer = false;  // events only when a test queues them
         driver_ = std::make_shared<aovsim::SimDriver>(AOV_DEVICE_NODE, config,
                                                       aovsim::FaultConfig(), trace);
-        server_ = std::make_unique<aovkdev::KdevServer>(driver_, trace, "test");
+        driver_->setBugs(bugs);
+        server_ = std::make_unique<aovkdev::KdevServer>(driver_, trace, "test", faults);
         server_->setRequestObserver([this](const aovkdev::RequestSeen& request) {
             std::lock_guard<std::mutex> guard(seen_.mutex);
             seen_.requests.push_back(request);
@@ -65,9 +79,29 @@ class KdevServerTest : public ::testing::Test {
         ASSERT_GE(fd_, 0) << std::strerror(errno);
     }
 
+    // Ends the server of SetUp and serves one with `bugs` instead.
+    void restart(aovsim::DriverBugs bugs,
+                 const aovkdev::ServerFaults& faults = aovkdev::ServerFaults()) {
+        TearDown();
+        if (!HasFailure()) {
+            serveWith(bugs, faults);
+        }
+    }
+
+    // Waits, with a limit, for the driver's trace to hold a line containing `text`.
+    bool traced(const std::string& text) {
+        std::unique_lock<std::mutex> lock(traced_.mutex);
+        return traced_.added.wait_for(lock, aovtest::kWaitLimit, [&] {
+            return std::any_of(
+                traced_.lines.begin(), traced_.lines.end(),
+                [&](const std::string& line) { return line.find(text) != std::string::npos; });
+        });
+    }
+
     void TearDown() override {
         if (fd_ >= 0) {
             ::close(fd_);
+            fd_ = -1;
         }
         if (serving_.joinable()) {
             server_->stop();
@@ -79,6 +113,7 @@ class KdevServerTest : public ::testing::Test {
             }
             serving_.join();
         }
+        // Answers what a bug left unanswered: a caller still waiting returns.
         server_.reset();
     }
 
@@ -105,8 +140,16 @@ class KdevServerTest : public ::testing::Test {
         return ready == 1 && (event.events & EPOLLIN) != 0;
     }
 
+    // A request made on another thread; declared first, so that it is waited
+    // for last, after TearDown has answered it.
+    std::future<int> elsewhere_;
     aovtest::MountSandbox sandbox_;
     std::string dir_;
+    struct {
+        std::mutex mutex;
+        std::condition_variable added;
+        std::vector<std::string> lines;
+    } traced_;
     std::shared_ptr<aovsim::SimDriver> driver_;
     std::unique_ptr<aovkdev::KdevServer> server_;
     std::thread serving_;
@@ -195,6 +238,102 @@ TEST_F(KdevServerTest, ASecondOpenIsRefusedUntilTheFirstIsClosed) {
     // The release travels to the server ahead of the next open.
     fd_ = ::open(server_->nodePath().c_str(), O_RDWR | O_CLOEXEC);
     EXPECT_GE(fd_, 0) << std::strerror(errno);
+}
+
+aov_event_query queryInto(aov_event* event) {
+    aov_event_query query{};
+    query.s1_addr = event->s1_data;
+    query.s2_addr = event->s2_data;
+    query.s3_addr = event->s3_data;
+    query.s4_addr = event->s4_data;
+    query.s5_addr = event->s5_data;
+    return query;
+}
+
+TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfItsWait) {
+    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue));
+    ASSERT_FALSE(HasFailure());
+    startSession();
+    auto event = std::make_unique<aov_event>();
+    aov_event_query query = queryInto(event.get());
+    const int fd = fd_;
+    elsewhere_ = std::async(std::launch::async,
+                            [fd, &query] { return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query); });
+    ASSERT_TRUE(traced("waits for the next event")) << "the empty dequeue did not wait";
+    driver_->produceEvent();
+    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+        << "the waiting dequeue did not return when an event was queued";
+    EXPECT_EQ(elsewhere_.get(), 0);
+    EXPECT_EQ(query.header[0], 1u);
+
+    // With nothing coming, the wait ends with EAGAIN.
+    aovkdev::ServerFaults shortWait;
+    shortWait.empty_dequeue_wait_ms = 20;
+    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue), shortWait);
+    ASSERT_FALSE(HasFailure());
+    startSession();
+    const int again = fd_;
+    elsewhere_ = std::async(std::launch::async, [again, &query] {
+        return ::ioctl(again, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
+    });
+    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+        << "the waiting dequeue did not give up at the end of its wait";
+    EXPECT_EQ(elsewhere_.get(), EAGAIN);
+}
+
+TEST_F(KdevServerTest, AfterAFailedCopyWithPollerrAfterErrorPollReportsPollerrAndTheEventStays) {
+    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kPollerrAfterError));
+    ASSERT_FALSE(HasFailure());
+    startSession();
+    driver_->produceEvent();
+    auto event = std::make_unique<aov_event>();
+    aov_event_query query = queryInto(event.get());
+    void* unmapped = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(unmapped, MAP_FAILED);
+    query.s2_addr = unmapped;
+    EXPECT_EQ(::ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, &query), -1);
+    EXPECT_EQ(errno, EFAULT);
+    ::munmap(unmapped, 4096);
+
+    pollfd watched{fd_, POLLIN, 0};
+    ASSERT_EQ(::poll(&watched, 1, 0), 1);
+    EXPECT_EQ(watched.revents, POLLIN | POLLERR);
+    query = queryInto(event.get());
+    ASSERT_EQ(::ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, &query), 0) << std::strerror(errno);
+    EXPECT_EQ(query.header[0], 1u);
+    ASSERT_EQ(::poll(&watched, 1, 0), 1);
+    EXPECT_EQ(watched.revents, POLLERR);
+}
+
+TEST_F(KdevServerTest, WithWakePollinWaitersOnlyAnEpollArmedLaterIsNeverWokenButOneArmedAtOnceIs) {
+    for (const bool bug : {false, true}) {
+        SCOPED_TRACE(bug ? "wake-pollin-waiters-only" : "clean");
+        restart(bug ? static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kWakePollinWaitersOnly)
+                    : 0);
+        ASSERT_FALSE(HasFailure());
+        startSession();
+        // As the library's monitor registers: no events, then EPOLLIN.
+        const int later = ::epoll_create1(EPOLL_CLOEXEC);
+        epoll_event event{};
+        ASSERT_EQ(::epoll_ctl(later, EPOLL_CTL_ADD, fd_, &event), 0);
+        event.events = EPOLLIN;
+        ASSERT_EQ(::epoll_ctl(later, EPOLL_CTL_MOD, fd_, &event), 0);
+        // The server notifies before produceEvent returns: no wait is needed.
+        driver_->produceEvent();
+        EXPECT_EQ(::epoll_wait(later, &event, 1, 0), bug ? 0 : 1);
+        ::close(later);
+
+        auto buffer = std::make_unique<aov_event>();
+        aov_event_query query = queryInto(buffer.get());
+        ASSERT_EQ(::ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, &query), 0) << std::strerror(errno);
+        const int atOnce = ::epoll_create1(EPOLL_CLOEXEC);
+        event.events = EPOLLIN;
+        ASSERT_EQ(::epoll_ctl(atOnce, EPOLL_CTL_ADD, fd_, &event), 0);
+        EXPECT_EQ(::epoll_wait(atOnce, &event, 1, 0), 0);
+        driver_->produceEvent();
+        EXPECT_EQ(::epoll_wait(atOnce, &event, 1, 0), 1);
+        ::close(atOnce);
+    }
 }
 
 }  // namespace

@@ -68,10 +68,11 @@ class SimDriverTest : public ::testing::Test {
         makeDriver();
     }
 
-    void makeDriver() {
+    void makeDriver(DriverBugs bugs = 0) {
         driver_.reset();
         driver_ = std::make_unique<SimDriver>(AOV_DEVICE_NODE, params_, FaultConfig(),
                                               std::make_shared<Trace>());
+        driver_->setBugs(bugs);
         fd_ = driver_->open(O_RDWR);
         ASSERT_GE(fd_, 0);
     }
@@ -221,6 +222,127 @@ TEST_F(SimDriverTest, DequeueWritesWordsAndAreasWithinTheirBounds) {
             EXPECT_TRUE(untouched(slot.first, slot.second));
         }
     }
+}
+
+// Memory whose every write faults, as an unmapped area does.
+class FaultingMemory final : public UserMemory {
+  public:
+    int write(void*, size_t, const Producer&) override { return -EFAULT; }
+};
+
+TEST_F(SimDriverTest, ACloseAnswersWhatItsFlushAnswersAndItsReleaseDecidesTheNextOpen) {
+    struct Case {
+        const char* what;
+        DriverBugs bugs;
+        bool started;
+        int closed;         // what the close returns
+        bool reopens;       // whether the next open gets a descriptor
+        bool session_left;  // whether the session outlives the close
+    };
+    const Case cases[] = {
+        {"clean, idle", 0, false, 0, true, false},
+        {"clean, started", 0, true, 0, true, false},
+        {"flush-busy, idle", static_cast<DriverBugs>(DriverBug::kFlushBusy), false, 0, true, false},
+        // The release happens whatever the flush said.
+        {"flush-busy, started", static_cast<DriverBugs>(DriverBug::kFlushBusy), true, -EBUSY, true,
+         false},
+        {"busy-after-started-close, idle",
+         static_cast<DriverBugs>(DriverBug::kBusyAfterStartedClose), false, 0, true, false},
+        {"busy-after-started-close, started",
+         static_cast<DriverBugs>(DriverBug::kBusyAfterStartedClose), true, 0, false, false},
+        {"keep-session-on-close, started", static_cast<DriverBugs>(DriverBug::kKeepSessionOnClose),
+         true, 0, true, true},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.what);
+        makeDriver(c.bugs);
+        if (c.started) {
+            ASSERT_EQ(start(), 0);
+        }
+        EXPECT_EQ(driver_->close(fd_), c.closed);
+        EXPECT_EQ(driver_->started(), c.session_left);
+        const int reopened = driver_->open(O_RDWR);
+        if (c.reopens) {
+            EXPECT_GE(reopened, 0);
+        } else {
+            EXPECT_EQ(reopened, -EBUSY);
+        }
+    }
+}
+
+TEST_F(SimDriverTest, AFailedCopyWithPollerrAfterErrorKeepsTheEventAndPollerrLastsUntilStart) {
+    for (const bool bug : {false, true}) {
+        SCOPED_TRACE(bug ? "pollerr-after-error" : "clean");
+        makeDriver(bug ? static_cast<DriverBugs>(DriverBug::kPollerrAfterError) : 0);
+        ASSERT_EQ(start(), 0);
+        driver_->produceEvent();
+        EXPECT_EQ(driver_->pollMask(fd_), static_cast<unsigned>(POLLIN | POLLRDNORM));
+
+        aov_event_query query = buffer_.query();
+        FaultingMemory faulting;
+        EXPECT_EQ(driver_->serve(fd_, AOV_IOC_DEQUEUE_EVENT, reinterpret_cast<uint8_t*>(&query),
+                                 faulting),
+                  -EFAULT);
+        if (!bug) {
+            EXPECT_EQ(driver_->pollMask(fd_), 0u);
+            EXPECT_EQ(driver_->stats().lost_on_failure, 1u);
+            continue;
+        }
+        // The event is still there, and POLLERR comes with it.
+        EXPECT_EQ(driver_->pollMask(fd_), static_cast<unsigned>(POLLIN | POLLRDNORM | POLLERR));
+        ASSERT_EQ(dequeue(query), 0);
+        EXPECT_EQ(query.header[0], 1u);
+        EXPECT_EQ(driver_->pollMask(fd_), static_cast<unsigned>(POLLERR));
+        EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
+        EXPECT_EQ(driver_->pollMask(fd_), static_cast<unsigned>(POLLERR));
+        ASSERT_EQ(start(), 0);
+        EXPECT_EQ(driver_->pollMask(fd_), 0u);
+    }
+}
+
+TEST_F(SimDriverTest, SessionBugsRefuseOnlyInTheStateTheyAreAbout) {
+    // STOP with the ULPOSC3 clock off fails and the session runs on; with
+    // the clock on it stops.
+    makeDriver(static_cast<DriverBugs>(DriverBug::kStopNeedsUlposc3));
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);  // no session: nothing to reach
+    ASSERT_EQ(start(), 0);
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), -EIO);
+    EXPECT_TRUE(driver_->started());
+    ASSERT_EQ(driver_->ioctl(fd_, AOV_IOC_ULPOSC3_ON, nullptr), 0);
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
+    EXPECT_FALSE(driver_->started());
+
+    // START after a STOP is refused until the node is opened again.
+    makeDriver(static_cast<DriverBugs>(DriverBug::kStartOncePerOpen));
+    ASSERT_EQ(start(), 0);
+    ASSERT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
+    EXPECT_EQ(start(), -EINVAL);
+    ASSERT_EQ(driver_->close(fd_), 0);
+    fd_ = driver_->open(O_RDWR);
+    ASSERT_GE(fd_, 0);
+    EXPECT_EQ(start(), 0);
+
+    // Only opens for writing are refused.
+    SimDriver readOnly(AOV_DEVICE_NODE, params_, FaultConfig(), std::make_shared<Trace>());
+    readOnly.setBugs(static_cast<DriverBugs>(DriverBug::kRefuseRdwr));
+    EXPECT_EQ(readOnly.open(O_RDWR), -EACCES);
+    EXPECT_EQ(readOnly.open(O_WRONLY), -EACCES);
+    EXPECT_GE(readOnly.open(O_RDONLY), 0);
+
+    // A positive result still hands the event out.
+    makeDriver(static_cast<DriverBugs>(DriverBug::kPositiveSuccess));
+    EXPECT_EQ(start(), 1);
+    driver_->produceEvent();
+    aov_event_query query;
+    EXPECT_EQ(dequeue(query), 1);
+    EXPECT_EQ(query.header[0], 1u);
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, &query), -EAGAIN);
+
+    // Only full-content events are refused by a driver of the basic sections.
+    makeDriver(static_cast<DriverBugs>(DriverBug::kBasicSectionsOnly));
+    ASSERT_EQ(start(10, 0), 0);
+    driver_->produceEvent();
+    EXPECT_EQ(dequeue(query), 0);
 }
 
 }  // namespace

@@ -58,6 +58,10 @@ aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, Kde
         "until it gets SIGTERM or SIGINT, or DIR is unmounted.",
         "aov-kdev"};
     app.get_formatter()->column_width(34);
+    app.footer(
+        "Faults (--fault NAME), each a bug a real driver could have; docs/compliance.md\n"
+        "names the check that catches each:\n" +
+        aovsim::driverBugHelp());
     KdevOptions& o = *options;
 
     // Required, but checked after the parse, so that an unknown option is
@@ -79,8 +83,7 @@ aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, Kde
 
     std::vector<std::string> faultNames;
     app.add_option("--fault", faultNames,
-                   "Make a driver bug on purpose (repeatable): " + aovsim::driverBugNames() +
-                       " (docs/compliance.md says what each does)")
+                   "Make a driver bug on purpose (repeatable); NAME is one of the faults below")
         ->type_name("NAME")
         ->allow_extra_args(false)
         ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);

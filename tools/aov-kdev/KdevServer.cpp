@@ -136,9 +136,33 @@ struct KdevServer::Ops {
         fuse_reply_open(req, fi);
     }
 
+    // Every close of a descriptor of the node.
+    static void flush(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+        KdevServer& server = serverOf(req);
+        if (ino != kNodeIno) {
+            fuse_reply_err(req, 0);
+            return;
+        }
+        if (aovsim::has(server.driver_->bugs(), aovsim::DriverBug::kHangFlush)) {
+            server.trace_->recordf(aovsim::TraceSource::kKernel,
+                                   "flush: never answered (driver bug)");
+            server.parked_.push_back(req);
+            return;
+        }
+        fuse_reply_err(req, -server.driver_->flush(static_cast<int>(fi->fh)));
+    }
+
+    // The close of the node's last descriptor.
     static void release(fuse_req_t req, fuse_ino_t ino, fuse_file_info* fi) {
+        KdevServer& server = serverOf(req);
         if (ino == kNodeIno) {
-            serverOf(req).driver_->close(static_cast<int>(fi->fh));
+            if (aovsim::has(server.driver_->bugs(), aovsim::DriverBug::kHangRelease)) {
+                server.trace_->recordf(aovsim::TraceSource::kKernel,
+                                       "release: never answered (driver bug)");
+                server.parked_.push_back(req);
+                return;
+            }
+            server.driver_->release(static_cast<int>(fi->fh));
         }
         fuse_reply_err(req, 0);
     }
@@ -169,81 +193,20 @@ struct KdevServer::Ops {
         if (server.observer_) {
             server.observer_(RequestSeen{request, inSize, outSize, pid});
         }
-        // The bytes the kernel moves are the caller's code's; a record never
-        // exceeds the driver's largest.
-        const size_t size = std::min<size_t>(_IOC_SIZE(request), aovsim::SimDriver::kMaxRecordSize);
-        const bool known =
-            aovsim::SimDriver::requestName(server.driver_->servedAs(request)) != nullptr;
-        const aovsim::DriverBugs bugs = server.driver_->bugs();
-        if (request == AOV_IOC_SENSOR_OFF && aovsim::has(bugs, aovsim::DriverBug::kHangSensorOff)) {
+        if (request == AOV_IOC_SENSOR_OFF &&
+            aovsim::has(server.driver_->bugs(), aovsim::DriverBug::kHangSensorOff)) {
             server.trace_->recordf(aovsim::TraceSource::kKernel,
                                    "SENSOR_OFF: never answered (driver bug)");
             server.parked_.push_back(req);
             return;
         }
-        alignas(8) uint8_t record[aovsim::SimDriver::kMaxRecordSize] = {};
-        uint8_t* argument = record;
-        if (known && size > 0) {
-            if ((_IOC_DIR(request) & _IOC_WRITE) != 0) {
-                std::memcpy(record, in, std::min(inSize, size));
-            } else if (readProcessMemory(pid, arg, record, size) != 0) {
-                // A record the driver reads itself, as with copy_from_user.
-                argument = nullptr;
-            }
-        }
-        if (request == AOV_IOC_DEQUEUE_EVENT) {
-            ++server.dequeues_;
-            if (server.dequeues_ == server.faults_.die_at_dequeue) {
-                server.trace_->recordf(aovsim::TraceSource::kKernel,
-                                       "aov-kdev: dying at DEQUEUE_EVENT %u (injected failure)",
-                                       server.dequeues_);
-                ::kill(::getpid(), SIGKILL);
-            }
-        }
-        ProcessMemory memory(pid);
-        const auto began = std::chrono::steady_clock::now();
-        const int result =
-            server.driver_->serve(static_cast<int>(fi->fh), request, argument, memory);
-        if (request == AOV_IOC_DEQUEUE_EVENT && result == -EAGAIN &&
-            aovsim::has(bugs, aovsim::DriverBug::kBlockEmptyDequeue)) {
-            // Blocks as an interruptible wait does: until the caller gets a signal.
-            server.trace_->recordf(aovsim::TraceSource::kKernel,
-                                   "DEQUEUE_EVENT with nothing pending: blocks (driver bug)");
-            server.parked_.push_back(req);
-            fuse_req_interrupt_func(req, interrupted, &server);
-            return;
-        }
-        if (aovsim::TimelineHooks* timeline = server.trace_->timeline()) {
-            timeline->requestServed(request, began, std::chrono::steady_clock::now(), result);
-        }
-        if (result < 0) {
-            fuse_reply_err(req, -result);
-            return;
-        }
-        if ((_IOC_DIR(request) & _IOC_READ) == 0) {
-            fuse_reply_ioctl(req, result, nullptr, 0);
-            return;
-        }
-        if (request == AOV_IOC_DEQUEUE_EVENT &&
-            server.dequeues_ == server.faults_.overlong_reply_at_dequeue) {
-            alignas(8) uint8_t overlong[sizeof(record) + 8] = {};
-            std::memcpy(overlong, record, size);
-            server.trace_->recordf(aovsim::TraceSource::kKernel,
-                                   "aov-kdev: answering DEQUEUE_EVENT %u with %zu bytes where its "
-                                   "code allows %zu (injected failure)",
-                                   server.dequeues_, size + 8, outSize);
-            fuse_reply_ioctl(req, result, overlong, size + 8);
-            return;
-        }
-        fuse_reply_ioctl(req, result, record, std::min(size, outSize));
+        server.answerIoctl(req, static_cast<int>(fi->fh), request, arg, pid, in, inSize, outSize,
+                           false);
     }
 
     // A parked request whose caller got a signal: answered with EINTR.
     static void interrupted(fuse_req_t req, void* data) {
-        auto& parked = static_cast<KdevServer*>(data)->parked_;
-        const auto it = std::find(parked.begin(), parked.end(), req);
-        if (it != parked.end()) {
-            parked.erase(it);
+        if (static_cast<KdevServer*>(data)->forget(req)) {
             fuse_reply_err(req, EINTR);
         }
     }
@@ -265,17 +228,19 @@ struct KdevServer::Ops {
             return;
         }
         // Keep the handle before looking, so that an event queued in between
-        // is notified rather than missed.
+        // is notified rather than missed. A poll without one (epoll's
+        // re-arm) keeps the earlier waiter.
         if (ph != nullptr) {
             aov::MutexLock guard(server.poll_mutex_);
             if (server.poll_handle_ != nullptr) {
                 fuse_pollhandle_destroy(server.poll_handle_);
             }
             server.poll_handle_ = ph;
+            server.poller_ = (fi->poll_events & POLLIN) == 0 ? Poller::kRegisteredWithoutIn
+                             : server.poller_ == Poller::kRegisteredWithoutIn ? Poller::kRearmed
+                                                                              : Poller::kWaiting;
         }
-        pollfd pending{static_cast<int>(fi->fh), POLLIN, 0};
-        const bool ready = ::poll(&pending, 1, 0) == 1 && (pending.revents & POLLIN) != 0;
-        fuse_reply_poll(req, ready ? POLLIN | POLLRDNORM : 0);
+        fuse_reply_poll(req, server.driver_->pollMask(static_cast<int>(fi->fh)));
     }
 };
 
@@ -286,7 +251,8 @@ KdevServer::KdevServer(std::shared_ptr<aovsim::SimDriver> driver,
       trace_(std::move(trace)),
       scenario_(std::move(scenario)),
       faults_(faults),
-      stop_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+      stop_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      wake_fd_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     driver_->setReadyListener([this] { nodeReady(); });
 }
 
@@ -294,6 +260,9 @@ KdevServer::~KdevServer() {
     driver_->setReadyListener(nullptr);
     for (fuse_req_t req : parked_) {
         fuse_reply_err(req, EIO);
+    }
+    for (const WaitingDequeue& waiting : waiting_) {
+        fuse_reply_err(waiting.req, EIO);
     }
     if (session_ != nullptr) {
         if (mounted_) {
@@ -307,10 +276,13 @@ KdevServer::~KdevServer() {
     if (stop_fd_ >= 0) {
         ::close(stop_fd_);
     }
+    if (wake_fd_ >= 0) {
+        ::close(wake_fd_);
+    }
 }
 
 bool KdevServer::mount(const std::string& dir, std::string* problem) {
-    if (stop_fd_ < 0) {
+    if (stop_fd_ < 0 || wake_fd_ < 0) {
         *problem = std::string("eventfd: ") + std::strerror(errno);
         return false;
     }
@@ -328,6 +300,7 @@ bool KdevServer::mount(const std::string& dir, std::string* problem) {
         o.getattr = Ops::getattr;
         o.readdir = Ops::readdir;
         o.open = Ops::open;
+        o.flush = Ops::flush;
         o.release = Ops::release;
         o.read = Ops::read;
         o.ioctl = Ops::ioctl;
@@ -357,13 +330,22 @@ int KdevServer::serve() {
     int result = 0;
     const int fuseFd = fuse_session_fd(session_);
     while (!fuse_session_exited(session_)) {
-        pollfd fds[2] = {{fuseFd, POLLIN, 0}, {stop_fd_, POLLIN, 0}};
-        if (::poll(fds, 2, -1) < 0) {
+        pollfd fds[3] = {{fuseFd, POLLIN, 0}, {stop_fd_, POLLIN, 0}, {wake_fd_, POLLIN, 0}};
+        const int ready = ::poll(fds, 3, waitingTimeoutMs());
+        if (ready < 0) {
             if (errno == EINTR) {
                 continue;
             }
             result = -errno;
             break;
+        }
+        if (fds[2].revents != 0) {
+            uint64_t count;
+            (void)!::read(wake_fd_, &count, sizeof(count));
+        }
+        serviceWaiting(fds[2].revents != 0);
+        if (ready == 0 || (fds[0].revents == 0 && fds[1].revents == 0)) {
+            continue;
         }
         // Requests already queued (a release at the client's exit, say) are
         // served before a stop.
@@ -405,10 +387,134 @@ std::string KdevServer::statusText() const {
 }
 
 void KdevServer::nodeReady() {
+    const uint64_t one = 1;
+    (void)!::write(wake_fd_, &one, sizeof(one));
     aov::MutexLock guard(poll_mutex_);
-    if (poll_handle_ != nullptr) {
+    // With kWakePollinWaitersOnly the driver put a poller on its wait queue
+    // only when it asked for POLLIN.
+    const bool skipped = poller_ != Poller::kWaiting &&
+                         aovsim::has(driver_->bugs(), aovsim::DriverBug::kWakePollinWaitersOnly);
+    if (poll_handle_ != nullptr && !skipped) {
         fuse_lowlevel_notify_poll(poll_handle_);
     }
+}
+
+void KdevServer::answerIoctl(fuse_req_t req, int fd, unsigned int request, void* arg, pid_t pid,
+                             const void* in, size_t inSize, size_t outSize, bool retry) {
+    // The bytes the kernel moves are the caller's code's; a record never
+    // exceeds the driver's largest.
+    const size_t size = std::min<size_t>(_IOC_SIZE(request), aovsim::SimDriver::kMaxRecordSize);
+    const bool known = aovsim::SimDriver::requestName(driver_->servedAs(request)) != nullptr;
+    alignas(8) uint8_t record[aovsim::SimDriver::kMaxRecordSize] = {};
+    uint8_t* argument = record;
+    if (known && size > 0) {
+        if ((_IOC_DIR(request) & _IOC_WRITE) != 0) {
+            std::memcpy(record, in, std::min(inSize, size));
+        } else if (readProcessMemory(pid, arg, record, size) != 0) {
+            // A record the driver reads itself, as with copy_from_user.
+            argument = nullptr;
+        }
+    }
+    if (request == AOV_IOC_DEQUEUE_EVENT && !retry) {
+        ++dequeues_;
+        if (dequeues_ == faults_.die_at_dequeue) {
+            trace_->recordf(aovsim::TraceSource::kKernel,
+                            "aov-kdev: dying at DEQUEUE_EVENT %u (injected failure)", dequeues_);
+            ::kill(::getpid(), SIGKILL);
+        }
+    }
+    ProcessMemory memory(pid);
+    const auto began = std::chrono::steady_clock::now();
+    const int result = driver_->serve(fd, request, argument, memory);
+    if (request == AOV_IOC_DEQUEUE_EVENT && result == -EAGAIN &&
+        aovsim::has(driver_->bugs(), aovsim::DriverBug::kBlockEmptyDequeue)) {
+        if (!retry) {
+            // Waits as an interruptible, bounded wait does: for the next
+            // event, a signal, or the end of the wait.
+            trace_->recordf(aovsim::TraceSource::kKernel,
+                            "DEQUEUE_EVENT with nothing pending: waits for the next event "
+                            "(driver bug)");
+            waiting_.push_back(
+                WaitingDequeue{req, fd, arg, pid, outSize,
+                               began + std::chrono::milliseconds(faults_.empty_dequeue_wait_ms)});
+            fuse_req_interrupt_func(req, Ops::interrupted, this);
+            return;
+        }
+        const auto it = std::find_if(waiting_.begin(), waiting_.end(),
+                                     [req](const WaitingDequeue& w) { return w.req == req; });
+        if (it != waiting_.end() && began < it->deadline) {
+            return;  // still waiting
+        }
+    }
+    if (retry) {
+        forget(req);  // answered below
+    }
+    if (aovsim::TimelineHooks* timeline = trace_->timeline()) {
+        timeline->requestServed(request, began, std::chrono::steady_clock::now(), result);
+    }
+    if (result < 0) {
+        fuse_reply_err(req, -result);
+        return;
+    }
+    if ((_IOC_DIR(request) & _IOC_READ) == 0) {
+        fuse_reply_ioctl(req, result, nullptr, 0);
+        return;
+    }
+    if (request == AOV_IOC_DEQUEUE_EVENT && dequeues_ == faults_.overlong_reply_at_dequeue) {
+        alignas(8) uint8_t overlong[sizeof(record) + 8] = {};
+        std::memcpy(overlong, record, size);
+        trace_->recordf(aovsim::TraceSource::kKernel,
+                        "aov-kdev: answering DEQUEUE_EVENT %u with %zu bytes where its code "
+                        "allows %zu (injected failure)",
+                        dequeues_, size + 8, outSize);
+        fuse_reply_ioctl(req, result, overlong, size + 8);
+        return;
+    }
+    fuse_reply_ioctl(req, result, record, std::min(size, outSize));
+}
+
+void KdevServer::serviceWaiting(bool woken) {
+    const auto now = std::chrono::steady_clock::now();
+    // Each retry may answer (and remove) its request: work on a copy.
+    const std::vector<WaitingDequeue> waiting = waiting_;
+    for (const WaitingDequeue& w : waiting) {
+        const bool still = std::any_of(waiting_.begin(), waiting_.end(),
+                                       [&w](const WaitingDequeue& x) { return x.req == w.req; });
+        if (still && (woken || now >= w.deadline)) {
+            answerIoctl(w.req, w.fd, AOV_IOC_DEQUEUE_EVENT, w.arg, w.pid, nullptr, 0, w.out_size,
+                        true);
+        }
+    }
+}
+
+int KdevServer::waitingTimeoutMs() const {
+    if (waiting_.empty()) {
+        return -1;
+    }
+    auto first = waiting_.front().deadline;
+    for (const WaitingDequeue& w : waiting_) {
+        first = std::min(first, w.deadline);
+    }
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                          first - std::chrono::steady_clock::now())
+                          .count();
+    // Rounded up, so the wake-up comes at or after the deadline.
+    return left <= 0 ? 0 : static_cast<int>(left) + 1;
+}
+
+bool KdevServer::forget(fuse_req_t req) {
+    const auto parked = std::find(parked_.begin(), parked_.end(), req);
+    if (parked != parked_.end()) {
+        parked_.erase(parked);
+        return true;
+    }
+    const auto waiting = std::find_if(waiting_.begin(), waiting_.end(),
+                                      [req](const WaitingDequeue& w) { return w.req == req; });
+    if (waiting != waiting_.end()) {
+        waiting_.erase(waiting);
+        return true;
+    }
+    return false;
 }
 
 }  // namespace aovkdev

@@ -12,9 +12,15 @@
 // addresses, with process_vm_readv and process_vm_writev. The node's
 // readiness reaches the caller's poll and epoll through FUSE poll
 // notifications.
+//
+// Driver bugs that belong to the node's file operations are made here: a
+// request, flush or release left unanswered (answered with EIO when the
+// server ends), a dequeue that waits for the next event, and a wake-up only
+// for pollers that asked for POLLIN.
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -42,6 +48,8 @@ struct ServerFaults {
     // The n-th DEQUEUE_EVENT is answered with more bytes than its code allows,
     // which the kernel refuses.
     uint32_t overlong_reply_at_dequeue = 0;
+    // How long a dequeue with nothing pending waits under kBlockEmptyDequeue.
+    uint32_t empty_dequeue_wait_ms = aovsim::kEmptyDequeueWaitMs;
 };
 
 // An ioctl as the server received it.
@@ -79,7 +87,29 @@ class KdevServer {
     struct Ops;
 
   private:
+    // A DEQUEUE_EVENT waiting for the next event (kBlockEmptyDequeue).
+    struct WaitingDequeue {
+        fuse_req* req;
+        int fd;
+        void* arg;
+        pid_t pid;
+        size_t out_size;
+        std::chrono::steady_clock::time_point deadline;
+    };
+
     void nodeReady();
+    // Serves an ioctl the file-system operation has checked and answers it,
+    // unless it is left waiting. `in` holds what the kernel copied in; a
+    // `retry` is a waiting dequeue served again.
+    void answerIoctl(fuse_req* req, int fd, unsigned int request, void* arg, pid_t pid,
+                     const void* in, size_t inSize, size_t outSize, bool retry);
+    // Serves the waiting dequeues again: all of them when an event was
+    // queued (`woken`), else those whose wait is over.
+    void serviceWaiting(bool woken);
+    // How long poll() in serve() may sleep before a waiting dequeue's deadline.
+    int waitingTimeoutMs() const;
+    // Drops a request from the parked and waiting lists; true if it was there.
+    bool forget(fuse_req* req);
 
     std::shared_ptr<aovsim::SimDriver> driver_;
     std::shared_ptr<aovsim::Trace> trace_;
@@ -94,10 +124,19 @@ class KdevServer {
 
     // Requests a driver bug leaves unanswered; answered with EIO at the end.
     std::vector<fuse_req*> parked_;
+    std::vector<WaitingDequeue> waiting_;
+    // Written when an event is queued, so serve() looks at the waiting dequeues.
+    int wake_fd_ = -1;
 
     aov::Mutex poll_mutex_;
     // The node's, kept to notify readiness.
     fuse_pollhandle* poll_handle_ AOV_GUARDED_BY(poll_mutex_) = nullptr;
+    // The poller that left poll_handle_, as kWakePollinWaitersOnly sees it:
+    // one that registered without asking for POLLIN (epoll's empty mask) is
+    // never put on the wait queue, and neither is its re-arm (the next poll,
+    // EPOLL_CTL_MOD asking for POLLIN); any later poll is another waiter.
+    enum class Poller { kWaiting, kRegisteredWithoutIn, kRearmed };
+    Poller poller_ AOV_GUARDED_BY(poll_mutex_) = Poller::kWaiting;
 };
 
 }  // namespace aovkdev

@@ -75,7 +75,17 @@ class SimDriver final : public aovhost::EmulatedNode {
     static constexpr size_t kMaxRecordSize = sizeof(aov_sensor_list);
 
     int open(int flags) override;
+    // A close from this process: flush, then release; the release happens
+    // whatever the flush answers, and the flush's error is the result.
     int close(int fd) override;
+    // A close of one descriptor (each close of a node calls it): 0, or the
+    // error the close returns.
+    int flush(int fd);
+    // The release of the node when its last descriptor closes.
+    int release(int fd);
+    // The node's poll answer: POLLIN | POLLRDNORM while an event is pending,
+    // and what the readiness bugs add or take away.
+    unsigned pollMask(int fd) const;
     // A request from this process: the record is copied in and out through `arg`.
     int ioctl(int fd, unsigned int request, void* arg) override;
     // A request whose record has already been copied into `record` (as many
@@ -128,9 +138,9 @@ class SimDriver final : public aovhost::EmulatedNode {
     int dequeueScripted(uint8_t* record, aov_event_query& query, const std::string& head,
                         UserMemory& user, std::chrono::steady_clock::time_point began)
         AOV_REQUIRES(mutex_);
-    // The event just taken out could not be written to the
-    // caller's memory at section `section` (1-based); it is lost.
-    int areaFault(int section, const std::string& head) AOV_REQUIRES(mutex_);
+    // `event`, just taken out, could not be written to the caller's memory
+    // at section `section` (1-based); it is lost.
+    int areaFault(int section, const std::string& head, const Pending& event) AOV_REQUIRES(mutex_);
     // A request without an address for one of `sections` (bit s: section s + 1)
     // is refused and counted; true when it was.
     bool missingArea(aov_event_query& query, unsigned sections, const std::string& head)
@@ -152,6 +162,8 @@ class SimDriver final : public aovhost::EmulatedNode {
     std::shared_ptr<Trace> trace_;
     std::function<void()> ready_listener_ AOV_GUARDED_BY(mutex_);
     DriverBugs bugs_ = 0;
+    // With kBusyAfterStartedClose: a close while started left the node held.
+    bool held_after_close_ AOV_GUARDED_BY(mutex_) = false;
 
     // Serialises the control path (open, close, START, STOP) so the timer
     // is started and stopped by one caller at a time.
@@ -165,6 +177,12 @@ class SimDriver final : public aovhost::EmulatedNode {
     // With kEventsAfterStop: the timer still runs after STOP.
     bool timer_after_stop_ AOV_GUARDED_BY(mutex_) = false;
     bool ulposc3_on_ AOV_GUARDED_BY(mutex_) = false;
+    // With kStartOncePerOpen: a STOP came since the node was opened.
+    bool stopped_since_open_ AOV_GUARDED_BY(mutex_) = false;
+    // With kStuckAfterAreaFault: the busy flag a failed copy left set.
+    bool dequeue_stuck_ AOV_GUARDED_BY(mutex_) = false;
+    // With kPollerrAfterError: a copy failed since the last START.
+    bool error_latched_ AOV_GUARDED_BY(mutex_) = false;
     Session session_ AOV_GUARDED_BY(mutex_);
     uint32_t sequence_ AOV_GUARDED_BY(mutex_) = 0;
     size_t next_scripted_ AOV_GUARDED_BY(mutex_) = 0;
