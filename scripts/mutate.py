@@ -27,6 +27,7 @@ import json
 import pathlib
 import random
 import re
+import signal
 import subprocess
 import sys
 import time
@@ -35,9 +36,11 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import mutants  # noqa: E402
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-# "  3/9 Test  #3: Name .....***Timeout   1.00 sec": the name, then what ctest
-# says of the test after the run of dots.
-TEST_LINE = re.compile(r"^\s*\d+/\d+ Test\s+#\d+: (.*)\s[\d.]+ sec\s*$", re.M)
+# "  3/9 Test  #3: Name .....***Timeout   1.00 sec": the test's number, its name,
+# then what ctest says of it after the run of dots. Tests are known by number:
+# a parametrised name can print a pointer, which changes when the test binary
+# is built again.
+TEST_LINE = re.compile(r"^\s*\d+/\d+ Test\s+#(\d+): (.*)\s[\d.]+ sec\s*$", re.M)
 
 
 def run(cmd, timeout=None):
@@ -71,10 +74,11 @@ def test_outcomes(regex, per_test):
 
 def parse_outcomes(output):
     outcomes = {}
-    for line in TEST_LINE.findall(output):
+    for number, line in TEST_LINE.findall(output):
         # A parametrised name may hold spaces: "P/T.Case/1  # GetParam() = 16-byte object <...>".
         parts = re.split(r" \.+", line)
-        outcomes[parts[0].strip()] = parts[-1].strip().strip("*")
+        name = parts[0].split("  # GetParam()")[0].strip()
+        outcomes[f"#{number} {name}"] = parts[-1].strip().strip("*")
     return outcomes
 
 
@@ -133,6 +137,8 @@ def main():
     print(f"mutate: unseeded, {len(baseline)} of {len(outcomes)} tests passed "
           f"in {time.monotonic() - began:.0f} s", flush=True)
 
+    # A stop from outside still restores the file being seeded.
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit("mutate: stopped"))
     results, invalid = [], 0
     for number, site in enumerate(sites, 1):
         if len(results) == args.count:

@@ -97,29 +97,33 @@ CTEST_OUTPUT = """Test project /tmp/ct/b
 class HowOutcomesAreJudged(unittest.TestCase):
     def test_every_outcome_ctest_prints_is_read(self):
         self.assertEqual(mutate.parse_outcomes(CTEST_OUTPUT), {
-            "Bad.Fail": "Failed", "Seg.Crash": "Exception: SegFault",
-            "Abrt.Abort": "Subprocess aborted***Exception:", "Missing.NotRun": "Not Run",
-            "Good.Pass": "Passed", "Skip.Me": "Skipped",
-            "P/Param.Case/X  # GetParam() = 16-byte object <01-00>": "Passed",
-            "Slow.Hang": "Timeout"})
+            "#2 Bad.Fail": "Failed", "#4 Seg.Crash": "Exception: SegFault",
+            "#5 Abrt.Abort": "Subprocess aborted***Exception:", "#6 Missing.NotRun": "Not Run",
+            "#1 Good.Pass": "Passed", "#7 Skip.Me": "Skipped", "#8 P/Param.Case/X": "Passed",
+            "#3 Slow.Hang": "Timeout"})
+
+    def test_a_parameter_printed_differently_is_the_same_test(self):
+        again = CTEST_OUTPUT.replace("<01-00>", "<7F-3A>")
+        self.assertEqual(mutate.parse_outcomes(again), mutate.parse_outcomes(CTEST_OUTPUT))
 
     def test_only_tests_that_passed_unseeded_decide(self):
         outcomes = mutate.parse_outcomes(CTEST_OUTPUT)
-        self.assertEqual(mutate.judge({"Good.Pass"}, outcomes),
+        self.assertEqual(mutate.judge({"#1 Good.Pass"}, outcomes),
                          ("survived", []))
-        self.assertEqual(mutate.judge({"Good.Pass", "Bad.Fail"}, outcomes),
-                         ("caught", ["Bad.Fail"]))
-        self.assertEqual(mutate.judge({"Good.Pass", "Missing.NotRun", "Seg.Crash"}, outcomes),
-                         ("caught", ["Missing.NotRun", "Seg.Crash"]))
+        self.assertEqual(mutate.judge({"#1 Good.Pass", "#2 Bad.Fail"}, outcomes),
+                         ("caught", ["#2 Bad.Fail"]))
+        self.assertEqual(mutate.judge({"#1 Good.Pass", "#6 Missing.NotRun", "#4 Seg.Crash"},
+                                      outcomes),
+                         ("caught", ["#4 Seg.Crash", "#6 Missing.NotRun"]))
         # A test missing from the run (ctest itself ended early) was not passed.
-        self.assertEqual(mutate.judge({"Gone.Test"}, outcomes), ("caught", ["Gone.Test"]))
+        self.assertEqual(mutate.judge({"#9 Gone.Test"}, outcomes), ("caught", ["#9 Gone.Test"]))
 
     def test_a_hang_ended_by_the_limit_is_caught_and_shown_as_such(self):
         outcomes = mutate.parse_outcomes(CTEST_OUTPUT)
-        self.assertEqual(mutate.judge({"Slow.Hang", "Good.Pass"}, outcomes),
-                         ("hung", ["Slow.Hang"]))
-        self.assertEqual(mutate.judge({"Slow.Hang", "Bad.Fail"}, outcomes),
-                         ("caught", ["Bad.Fail", "Slow.Hang"]))
+        self.assertEqual(mutate.judge({"#3 Slow.Hang", "#1 Good.Pass"}, outcomes),
+                         ("hung", ["#3 Slow.Hang"]))
+        self.assertEqual(mutate.judge({"#3 Slow.Hang", "#2 Bad.Fail"}, outcomes),
+                         ("caught", ["#2 Bad.Fail", "#3 Slow.Hang"]))
 
 
 if __name__ == "__main__":
