@@ -20,7 +20,9 @@ fi
 
 cmake --build "$build" -j2 >/dev/null
 rm -rf "$build/package"
-(cd "$build" && timeout 120 cpack -G DEB >/dev/null) || fail "cpack could not build the .deb"
+cpack_log=$(realpath "$build")/cpack.log
+(cd "$build" && timeout 120 cpack -G DEB >"$cpack_log" 2>&1) || {
+    cat "$cpack_log"; fail "cpack could not build the .deb"; }
 deb=$(find "$build/package" -maxdepth 1 -name "${package}_*.deb" -print -quit)
 [ -n "$deb" ] || fail "cpack wrote no ${package}_*.deb into $build/package"
 deb=$(realpath "$deb")
@@ -43,8 +45,10 @@ trap cleanup EXIT
 DEBIAN_FRONTEND=noninteractive timeout 120 apt-get install -y -qq --no-install-recommends "$deb" \
     >"$work/apt.log" 2>&1 || { cat "$work/apt.log"; fail "apt-get install of the .deb failed"; }
 dpkg -L "$package" >"$work/files"
+dpkg-deb -c "$deb" >"$work/contents"
 
 cd "$work"
+ran="--help, aov-sim --events 2"
 for tool in "${tools[@]}"; do
     [ "$(command -v "$tool")" = "/usr/bin/$tool" ] || fail "$tool is not /usr/bin/$tool on PATH"
     timeout 30 "$tool" --help >"$work/help" 2>&1 || { cat "$work/help"; fail "$tool --help failed"; }
@@ -65,6 +69,18 @@ if [ -c /dev/fuse ]; then
     [ -e "$work/mnt/kelo_aov" ] || fail "aov-kdev did not serve $work/mnt/kelo_aov within 10 s"
     timeout 60 aov-compliance -d "$work/mnt/kelo_aov" >"$work/compliance.log" 2>&1 || {
         cat "$work/compliance.log"; fail "aov-compliance found faults in aov-kdev's node"; }
+    # A session through the node, recorded by the installed recorder, then
+    # summarised and retraced against the same node.
+    AOV_REC_NODE=$work/mnt/kelo_aov timeout 60 aov-rec record -o "$work/session.rec" -- \
+        aov-sim --node "$work/mnt/kelo_aov" --events 2 >"$work/rec.log" 2>&1 || {
+        cat "$work/rec.log"; fail "aov-rec record of aov-sim --node failed"; }
+    timeout 30 aov-rec info "$work/session.rec" >"$work/info.log" 2>&1 || {
+        cat "$work/info.log"; fail "aov-rec info failed"; }
+    grep -Eq '^  DEQUEUE_EVENT +2 ' "$work/info.log" || {
+        cat "$work/info.log"; fail "the recording holds no 2 dequeues"; }
+    timeout 60 aov-rec retrace "$work/session.rec" -d "$work/mnt/kelo_aov" >"$work/retrace.log" 2>&1 || {
+        cat "$work/retrace.log"; fail "aov-rec retrace found differences"; }
+    ran="$ran, aov-compliance, a recording and its retrace through an aov-kdev node"
     kill "$kdev_pid"
     timeout 10 tail --pid="$kdev_pid" -f /dev/null || fail "aov-kdev did not end within 10 s of SIGTERM"
     kdev_pid=
@@ -75,12 +91,12 @@ fi
 # The man pages: where man finds them when man-db is there, else by path.
 for tool in "${tools[@]}"; do
     page=/usr/share/man/man1/$tool.1.gz
-    grep -qx "$page" "$work/files" || fail "the package has no $page"
+    grep -q " \.$page\$" "$work/contents" || fail "the package has no $page"
     if command -v man >/dev/null && [ -e "$page" ]; then
         [ "$(man -w "$tool")" = "$page" ] || fail "man -w $tool is not $page"
     fi
 done
-grep -qx "/usr/share/doc/kelocam_aov_plat/README.md" "$work/files" || fail "the package has no README.md"
+grep -q ' \./usr/share/doc/kelocam_aov_plat/README\.md$' "$work/contents" || fail "the package has no README.md"
 
 DEBIAN_FRONTEND=noninteractive timeout 60 apt-get purge -y -qq "$package" >"$work/apt.log" 2>&1 || {
     cat "$work/apt.log"; fail "apt-get purge failed"; }
@@ -97,4 +113,4 @@ while read -r path; do
         fail "folder left after removal: $path"
     fi
 done <"$work/files"
-echo "check-install: installed, ran ${#tools[@]} tools from PATH and removed $(grep -c . "$work/files") paths cleanly"
+echo "check-install: installed; from PATH: $ran; removed $(grep -c . "$work/files") paths cleanly"
