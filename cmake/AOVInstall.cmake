@@ -41,7 +41,7 @@ install(FILES ${CMAKE_BINARY_DIR}/kelocam_aov_platConfig.cmake
   DESTINATION ${aov_package_dir} COMPONENT library)
 
 install(FILES ${PROJECT_SOURCE_DIR}/README.md DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT docs)
-file(GLOB aov_docs ${PROJECT_SOURCE_DIR}/docs/*.md)
+file(GLOB aov_docs CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/*.md)
 install(FILES ${aov_docs} DESTINATION ${CMAKE_INSTALL_DOCDIR} COMPONENT docs)
 
 # The preload library sits in a folder of its own under lib/; aov-rec finds it

@@ -60,7 +60,9 @@ if [ "$expect_man" = 1 ]; then
     for tool in aov-sim aov-kdev aov-compliance aov-rec; do
         page=$prefix/share/man/man1/$tool.1.gz
         [ -f "$page" ] || fail "no man page $page"
-        gzip -dc "$page" | grep -qi "^\.TH \"\?$tool" || fail "$page is not the man page of $tool"
+        title=$(gzip -dc "$page" | sed -n '/^\.TH /{p;q}')
+        title=${title//\"/}
+        [[ ${title,,} == ".th $tool "* ]] || fail "$page is not the man page of $tool: $title"
     done
 fi
 echo "check-installed-tree: the installed tree works"
