@@ -100,9 +100,11 @@ grep -q ' \./usr/share/doc/kelocam_aov_plat/README\.md$' "$work/contents" || fai
 
 DEBIAN_FRONTEND=noninteractive timeout 60 apt-get purge -y -qq "$package" >"$work/apt.log" 2>&1 || {
     cat "$work/apt.log"; fail "apt-get purge failed"; }
-if dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'installed'; then
-    fail "$package is still known to dpkg after apt-get purge"
-fi
+status=$(dpkg-query -W -f='${Status}' "$package" 2>/dev/null || true)
+case $status in
+    "" | *not-installed) ;;
+    *) fail "$package is still known to dpkg after apt-get purge ($status)" ;;
+esac
 left=()
 while read -r path; do
     if [ -e "$path" ] && [ ! -d "$path" ]; then
