@@ -22,6 +22,9 @@ namespace aovrec {
 namespace {
 
 constexpr char kPreloadName[] = "libaov_rec_preload.so";
+#ifndef AOV_REC_PRELOAD_RELDIR
+#define AOV_REC_PRELOAD_RELDIR "../lib/aov-rec"
+#endif
 
 std::string selfDir() {
     char path[PATH_MAX];
@@ -59,9 +62,16 @@ std::string watchedNode() {
 
 int runRecord(const std::string& out_path, ContentMode content,
               const std::vector<std::string>& command, FILE* err) {
-    const std::string lib = selfDir() + "/" + kPreloadName;
+    // Next to aov-rec in a build folder; in its folder under lib/ once installed.
+    const std::string here = selfDir() + "/" + kPreloadName;
+    const std::string installed = selfDir() + "/" + AOV_REC_PRELOAD_RELDIR + "/" + kPreloadName;
+    std::string lib = here;
     if (::access(lib.c_str(), R_OK) != 0) {
-        std::fprintf(err, "aov-rec: the recorder library is missing: %s\n", lib.c_str());
+        lib = installed;
+    }
+    if (::access(lib.c_str(), R_OK) != 0) {
+        std::fprintf(err, "aov-rec: the recorder library is missing: %s (or %s)\n", here.c_str(),
+                     installed.c_str());
         return kExitBadInput;
     }
     const std::string file = absolute(out_path);
