@@ -93,6 +93,9 @@ bash scripts/kernel/install-kernel-deps.sh
 bash scripts/kernel/check-driver-style.sh "$out"
 # shellcheck source=kernel/lib.sh
 . scripts/kernel/lib.sh
+# aov-kdev's side of the fault matrix, made once for both legs.
+kdev_runs=$out/kdev-runs
+rm -rf "$kdev_runs"
 
 verdicts=()
 run_x86_64() {
