@@ -8,11 +8,11 @@
  *
  * Locking:
  *  - aov.lock (mutex) guards the session: started, owner, the session's words,
- *    the fill page, and serialises START, STOP, release and the dequeue's
- *    copies to user space.
+ *    the fill page, the held flag and each open file's aov_file, and
+ *    serialises START, STOP, release and the dequeue's copies to user space.
  *  - aov.qlock (spinlock; _bh in process context, as the timer takes it)
- *    guards the pending queue, the sequence number, the readiness flag, the
- *    ticking flag and the counters.
+ *    guards the pending queue, the sequence number, the readiness and error
+ *    flags, the ticking flag and the counters.
  *  - The timer is re-armed only under qlock with ticking set. It is stopped
  *    by clearing ticking under qlock and then del_timer_sync() outside it, so
  *    no tick survives a STOP, a release or the module's exit.
@@ -66,6 +66,10 @@ static unsigned int session_events;
 module_param(session_events, uint, 0644);
 MODULE_PARM_DESC(session_events, "events a session produces before the timer stops (0: no limit)");
 
+static unsigned int first_gap_ms;
+module_param(first_gap_ms, uint, 0444);
+MODULE_PARM_DESC(first_gap_ms, "the wait between a session's first and second event in ms (0: one period)");
+
 /*
  * Injected driver bugs, one parameter each. insmod takes the dashed names
  * too ("overrun-area=1"), as the kernel treats '-' and '_' alike in them.
@@ -114,6 +118,103 @@ static bool overrun_buffer;
 module_param(overrun_buffer, bool, 0444);
 MODULE_PARM_DESC(overrun_buffer, "bug: section 10 is written 64 bytes past the event buffer");
 
+static bool refuse_rdwr;
+module_param(refuse_rdwr, bool, 0444);
+MODULE_PARM_DESC(refuse_rdwr, "bug: an open for writing is refused with EACCES");
+
+static bool hang_release;
+module_param(hang_release, bool, 0444);
+MODULE_PARM_DESC(hang_release, "bug: the release of the last open file waits for an ack that never comes");
+
+static bool hang_flush;
+module_param(hang_flush, bool, 0444);
+MODULE_PARM_DESC(hang_flush, "bug: the flush of every close waits for an ack that never comes");
+
+static bool flush_busy;
+module_param(flush_busy, bool, 0444);
+MODULE_PARM_DESC(flush_busy, "bug: a close of the started file fails with EBUSY");
+
+static bool wrong_errno;
+module_param(wrong_errno, bool, 0444);
+MODULE_PARM_DESC(wrong_errno, "bug: unknown requests fail with EINVAL instead of ENOTTY");
+
+static bool positive_success;
+module_param(positive_success, bool, 0444);
+MODULE_PARM_DESC(positive_success, "bug: every request that succeeds returns 1");
+
+static bool refuse_full_content;
+module_param(refuse_full_content, bool, 0444);
+MODULE_PARM_DESC(refuse_full_content, "bug: START with the full-content mode fails with EINVAL");
+
+static bool missing_ulposc3;
+module_param(missing_ulposc3, bool, 0444);
+MODULE_PARM_DESC(missing_ulposc3, "bug: ULPOSC3_ON and ULPOSC3_OFF are unknown requests");
+
+static bool refuse_sensor_id_0;
+module_param(refuse_sensor_id_0, bool, 0444);
+MODULE_PARM_DESC(refuse_sensor_id_0, "bug: a sensor list holding id 0 fails with EINVAL");
+
+static bool sensor_count_off_by_one;
+module_param(sensor_count_off_by_one, bool, 0444);
+MODULE_PARM_DESC(sensor_count_off_by_one, "bug: a sensor list of 64 ids fails with EINVAL");
+
+static bool lenient_sensor_count;
+module_param(lenient_sensor_count, bool, 0444);
+MODULE_PARM_DESC(lenient_sensor_count, "bug: a count of 0 is a no-op, one above 64 is clamped");
+
+static bool stop_needs_ulposc3;
+module_param(stop_needs_ulposc3, bool, 0444);
+MODULE_PARM_DESC(stop_needs_ulposc3, "bug: STOP with ULPOSC3 off fails with EIO, the session runs on");
+
+static bool refuse_idle_stop;
+module_param(refuse_idle_stop, bool, 0444);
+MODULE_PARM_DESC(refuse_idle_stop, "bug: STOP without a session fails with EINVAL");
+
+static bool start_once_per_open;
+module_param(start_once_per_open, bool, 0444);
+MODULE_PARM_DESC(start_once_per_open, "bug: START after a STOP on the same open file fails with EINVAL");
+
+static bool busy_after_started_close;
+module_param(busy_after_started_close, bool, 0444);
+MODULE_PARM_DESC(busy_after_started_close, "bug: a release while started leaves the node held (EBUSY)");
+
+static bool basic_sections_only;
+module_param(basic_sections_only, bool, 0444);
+MODULE_PARM_DESC(basic_sections_only, "bug: dequeuing a full-content event fails with EINVAL");
+
+static bool leak_padding;
+module_param(leak_padding, bool, 0444);
+MODULE_PARM_DESC(leak_padding, "bug: the dequeue record's padding comes back with stale bytes");
+
+static bool area_fault_eio;
+module_param(area_fault_eio, bool, 0444);
+MODULE_PARM_DESC(area_fault_eio, "bug: an area that faults fails the dequeue with EIO");
+
+static bool stuck_after_area_fault;
+module_param(stuck_after_area_fault, bool, 0444);
+MODULE_PARM_DESC(stuck_after_area_fault, "bug: after an area faults, every dequeue fails with EBUSY");
+
+static bool readable_when_stopped;
+module_param(readable_when_stopped, bool, 0444);
+MODULE_PARM_DESC(readable_when_stopped, "bug: poll reports readable while no session runs");
+
+static bool pollerr_after_error;
+module_param(pollerr_after_error, bool, 0444);
+MODULE_PARM_DESC(pollerr_after_error, "bug: after an area faults (the event kept), poll reports an error until START");
+
+static bool wake_pollin_waiters_only;
+module_param(wake_pollin_waiters_only, bool, 0444);
+MODULE_PARM_DESC(wake_pollin_waiters_only, "bug: a poller that did not ask for POLLIN is never queued");
+
+static bool accept_null_sensor_list;
+module_param(accept_null_sensor_list, bool, 0444);
+MODULE_PARM_DESC(accept_null_sensor_list, "bug: a null sensor list is taken for none and returns 0");
+
+/* How long a wait that is never woken lasts at most (the hang bugs). */
+static unsigned int hang_ms = 5000;
+module_param(hang_ms, uint, 0444);
+MODULE_PARM_DESC(hang_ms, "the longest a hanging flush or release waits, in ms");
+
 struct aov_counters {
 	u64 requests;
 	u64 failed_requests;
@@ -147,6 +248,7 @@ struct aov_device {
 	struct aov_session session;	/* lock */
 	u8 *fill;			/* lock: one page of area content */
 	bool ulposc3_on;		/* lock */
+	bool held;			/* lock: a buggy release kept the node */
 
 	spinlock_t qlock;		/* the queue, timer state, counters */
 	u32 pending[AOV_MAX_QUEUE_DEPTH]; /* qlock: sequence numbers, a ring */
@@ -155,6 +257,8 @@ struct aov_device {
 	u32 sequence;			/* qlock: of the last event produced */
 	bool ready;			/* qlock: what poll reports */
 	bool ticking;			/* qlock: the timer re-arms itself */
+	bool dequeue_stuck;		/* qlock: a buggy error path left it set */
+	bool error_latched;		/* qlock: an area faulted since START */
 	unsigned long period;		/* qlock: in jiffies */
 	struct aov_counters stats;	/* qlock */
 	unsigned int open_files;	/* qlock */
@@ -165,6 +269,11 @@ struct aov_device {
 };
 
 static struct aov_device aov;
+
+/* What the driver keeps per open file. */
+struct aov_file {
+	bool stopped;			/* aov.lock: a STOP came through it */
+};
 
 static void aov_queue_event_locked(struct aov_device *dev)
 {
@@ -192,8 +301,12 @@ static void aov_tick(struct timer_list *timer)
 	if (dev->ticking && limit && dev->sequence >= limit)
 		dev->ticking = false;
 	if (dev->ticking) {
+		unsigned long next = dev->period;
+
 		aov_queue_event_locked(dev);
-		mod_timer(&dev->timer, jiffies + dev->period);
+		if (dev->sequence == 1 && first_gap_ms)
+			next = msecs_to_jiffies(first_gap_ms);
+		mod_timer(&dev->timer, jiffies + next);
 		queued = true;
 	}
 	spin_unlock(&dev->qlock);
@@ -220,6 +333,7 @@ static s32 aov_word(const u8 *record, size_t offset)
 
 static int aov_start(struct aov_device *dev, struct file *file, void __user *arg)
 {
+	struct aov_file *priv = file->private_data;
 	u8 record[AOV_START_RECORD_SIZE];
 	struct aov_session session;
 	unsigned long period;
@@ -232,14 +346,18 @@ static int aov_start(struct aov_device *dev, struct file *file, void __user *arg
 	session.aov_mode = aov_word(record, AOV_START_AOV_MODE);
 	memcpy(session.frame_info, record + AOV_START_FRAME_INFO_LO, 8);
 	memcpy(session.frame_info + 2, record + AOV_START_FRAME_INFO_HI, 8);
-	if (session.frame_rate < AOV_MIN_FRAME_RATE ||
-	    session.frame_rate > AOV_MAX_FRAME_RATE)
-		return -EINVAL;
 
 	mutex_lock(&dev->lock);
 	if (dev->started) {
 		mutex_unlock(&dev->lock);
 		return -EBUSY;
+	}
+	if ((refuse_full_content && session.aov_mode == AOV_MODE_FULL_CONTENT) ||
+	    (start_once_per_open && priv->stopped) ||
+	    session.frame_rate < AOV_MIN_FRAME_RATE ||
+	    session.frame_rate > AOV_MAX_FRAME_RATE) {
+		mutex_unlock(&dev->lock);
+		return -EINVAL;
 	}
 	/* A timer left running by a buggy STOP ends before the new session. */
 	aov_stop_timer(dev);
@@ -255,6 +373,7 @@ static int aov_start(struct aov_device *dev, struct file *file, void __user *arg
 	dev->head = 0;
 	dev->count = 0;
 	dev->ready = false;
+	dev->error_latched = false;
 	dev->period = period;
 	dev->ticking = true;
 	mod_timer(&dev->timer, jiffies + period);
@@ -284,22 +403,48 @@ static void aov_end_session(struct aov_device *dev, bool by_request)
 	wake_up(&dev->wq);
 }
 
-static int aov_stop(struct aov_device *dev)
+static int aov_stop(struct aov_device *dev, struct file *file)
 {
+	struct aov_file *priv = file->private_data;
+	int ret = 0;
+
 	mutex_lock(&dev->lock);
-	aov_end_session(dev, true);
+	priv->stopped = true;
+	if (!dev->started && refuse_idle_stop)
+		ret = -EINVAL;
+	else if (dev->started && !dev->ulposc3_on && stop_needs_ulposc3)
+		ret = -EIO;	/* the sensor is asked to stop over a clock that is off */
+	else
+		aov_end_session(dev, true);
 	mutex_unlock(&dev->lock);
-	return 0;
+	return ret;
 }
 
 static int aov_sensors(struct aov_device *dev, unsigned int cmd, void __user *arg)
 {
 	struct aov_sensor_list list;
 
+	u32 max = AOV_MAX_SENSORS_PER_REQUEST;
+	u32 i;
+
+	if (!arg && accept_null_sensor_list)
+		return 0;	/* "no list: no sensors to switch" */
 	if (copy_from_user(&list, arg, sizeof(list)))
 		return -EFAULT;
-	if (list.count < 1 || list.count > AOV_MAX_SENSORS_PER_REQUEST)
+	if (lenient_sensor_count) {
+		if (!list.count)
+			return 0;
+		list.count = min_t(u32, list.count, AOV_MAX_SENSORS_PER_REQUEST);
+	}
+	/* The off-by-one bug checks "count >= max". */
+	if (sensor_count_off_by_one)
+		max--;
+	if (list.count < 1 || list.count > max)
 		return -EINVAL;
+	for (i = 0; refuse_sensor_id_0 && i < list.count; i++) {
+		if (!list.sensor_ids[i])
+			return -EINVAL;	/* 0 taken for "no sensor" */
+	}
 	if (cmd == AOV_IOC_SENSOR_OFF && hang_sensor_off) {
 		/* Never woken: only a fatal signal ends the wait. */
 		wait_event_killable(dev->wq, false);
@@ -385,6 +530,51 @@ static int aov_fail_event_locked(struct aov_device *dev)
 	return -EFAULT;
 }
 
+/*
+ * An area of event seq could not be written. The event is lost, or with the
+ * error-latching bug put back at the head; the other error-path bugs answer
+ * EIO or leave every later dequeue failing.
+ */
+static int aov_area_fault_locked(struct aov_device *dev, u32 seq)
+{
+	unsigned int depth = clamp_val(queue_depth, 1, AOV_MAX_QUEUE_DEPTH);
+	bool kept = false;
+
+	spin_lock_bh(&dev->qlock);
+	if (pollerr_after_error && dev->count < depth) {
+		dev->head = (dev->head + AOV_MAX_QUEUE_DEPTH - 1) % AOV_MAX_QUEUE_DEPTH;
+		dev->pending[dev->head] = seq;
+		dev->count++;
+		dev->ready = true;
+		kept = true;
+	} else {
+		dev->stats.lost_on_failure++;
+	}
+	dev->error_latched = true;
+	if (stuck_after_area_fault)
+		dev->dequeue_stuck = true;
+	spin_unlock_bh(&dev->qlock);
+	if (kept)
+		wake_up_interruptible(&dev->wq);
+	return area_fault_eio ? -EIO : -EFAULT;
+}
+
+/* Stale bytes of an earlier record in the padding before each address. */
+static void aov_leak_padding(struct aov_event_query *query)
+{
+	u8 *bytes = (u8 *)query;
+	unsigned int s;
+	u32 i;
+
+	for (s = 0; s < AOV_SECTION_COUNT; s++) {
+		const struct aov_section_desc *section = &aov_event_sections[s];
+		u32 from = section->query_info_offset + section->info_words * sizeof(u32);
+
+		for (i = from; i < section->query_addr_offset; i++)
+			bytes[i] = 0xC0 + i % 16;
+	}
+}
+
 static int aov_dequeue(struct aov_device *dev, void __user *arg)
 {
 	struct aov_event_query query;
@@ -406,6 +596,11 @@ static int aov_dequeue(struct aov_device *dev, void __user *arg)
 		goto out;
 	}
 	spin_lock_bh(&dev->qlock);
+	if (dev->dequeue_stuck) {
+		spin_unlock_bh(&dev->qlock);
+		ret = -EBUSY;
+		goto out;
+	}
 	if (!dev->count) {
 		spin_unlock_bh(&dev->qlock);
 		ret = -EAGAIN;
@@ -417,6 +612,11 @@ static int aov_dequeue(struct aov_device *dev, void __user *arg)
 	content = content_every && seq % content_every == 0;
 	full = content && session->aov_mode == AOV_MODE_FULL_CONTENT;
 	sections = full ? AOV_SECTION_COUNT : content ? AOV_BASIC_SECTION_COUNT : 0;
+	/* A driver that knows only the first five sections; the event stays. */
+	if (full && basic_sections_only) {
+		ret = -EINVAL;
+		goto out;
+	}
 	/* An area the event needs has no address: the event stays queued. */
 	for (s = 0; s < sections; s++) {
 		if (!aov_area_of(&query, &aov_event_sections[s])) {
@@ -449,6 +649,10 @@ static int aov_dequeue(struct aov_device *dev, void __user *arg)
 		ret = aov_write_area(dev, aov_area_of(&query, section), bytes, seq, s + 1);
 		if (ret == -EFAULT && ignore_area_fault)
 			continue;
+		if (ret == -EFAULT) {
+			ret = aov_area_fault_locked(dev, seq);
+			goto out;
+		}
 		if (ret) {
 			aov_fail_event_locked(dev);
 			goto out;
@@ -469,6 +673,8 @@ static int aov_dequeue(struct aov_device *dev, void __user *arg)
 		query.s6_info[3] = session->scenario;
 		query.s6_info[4] = rate;
 	}
+	if (leak_padding)
+		aov_leak_padding(&query);
 	if (copy_to_user(arg, &query, sizeof(query))) {
 		ret = aov_fail_event_locked(dev);
 		goto out;
@@ -512,19 +718,23 @@ static long aov_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
 	spin_unlock_bh(&dev->qlock);
 
 	/* Requests are told apart by their whole code: number, size, direction. */
-	switch (aov_served_as(cmd)) {
+	cmd = aov_served_as(cmd);
+	/* A driver built before the ULPOSC3 requests existed. */
+	if (missing_ulposc3 && (cmd == AOV_IOC_ULPOSC3_ON || cmd == AOV_IOC_ULPOSC3_OFF))
+		cmd = 0;
+	switch (cmd) {
 	case AOV_IOC_START:
 		ret = aov_start(dev, file, uarg);
 		break;
 	case AOV_IOC_STOP:
-		ret = aov_stop(dev);
+		ret = aov_stop(dev, file);
 		break;
 	case AOV_IOC_DEQUEUE_EVENT:
 		ret = aov_dequeue(dev, uarg);
 		break;
 	case AOV_IOC_SENSOR_ON:
 	case AOV_IOC_SENSOR_OFF:
-		ret = aov_sensors(dev, aov_served_as(cmd), uarg);
+		ret = aov_sensors(dev, cmd, uarg);
 		break;
 	case AOV_IOC_ULPOSC3_ON:
 		ret = aov_ulposc3(dev, true);
@@ -533,7 +743,9 @@ static long aov_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
 		ret = aov_ulposc3(dev, false);
 		break;
 	default:
-		ret = accept_unknown_code ? 0 : -ENOTTY;
+		if (accept_unknown_code)
+			return 0;
+		ret = wrong_errno ? -EINVAL : -ENOTTY;
 		break;
 	}
 	if (ret < 0) {
@@ -541,6 +753,8 @@ static long aov_ioctl(struct file *file, unsigned int cmd, unsigned long arg)
 		dev->stats.failed_requests++;
 		spin_unlock_bh(&dev->qlock);
 	}
+	if (!ret && positive_success)
+		ret = 1;
 	return ret;
 }
 
@@ -549,10 +763,20 @@ static __poll_t aov_poll(struct file *file, poll_table *wait)
 	struct aov_device *dev = &aov;
 	__poll_t mask = 0;
 
-	poll_wait(file, &dev->wq, wait);
+	/*
+	 * The waiter-only bug queues a poller only when it asks for input: a
+	 * watch added with no events and modified later is never queued, as a
+	 * modification does not poll with a queueing table.
+	 */
+	if (!wake_pollin_waiters_only || (poll_requested_events(wait) & EPOLLIN))
+		poll_wait(file, &dev->wq, wait);
+	if (no_readiness)
+		return 0;
 	spin_lock_bh(&dev->qlock);
-	if (dev->ready && !no_readiness)
+	if (dev->ready || (readable_when_stopped && !dev->started))
 		mask = EPOLLIN | EPOLLRDNORM;
+	if (pollerr_after_error && dev->error_latched)
+		mask |= EPOLLERR;
 	spin_unlock_bh(&dev->qlock);
 	return mask;
 }
@@ -560,20 +784,74 @@ static __poll_t aov_poll(struct file *file, poll_table *wait)
 static int aov_open(struct inode *inode, struct file *file)
 {
 	struct aov_device *dev = &aov;
+	struct aov_file *priv;
+	bool held;
 
+	if (refuse_rdwr && (file->f_flags & O_ACCMODE) != O_RDONLY)
+		return -EACCES;
+	mutex_lock(&dev->lock);
+	held = dev->held;
+	mutex_unlock(&dev->lock);
+	if (held)
+		return -EBUSY;
+	priv = kzalloc(sizeof(*priv), GFP_KERNEL);
+	if (!priv)
+		return -ENOMEM;
+	file->private_data = priv;
 	spin_lock_bh(&dev->qlock);
 	dev->open_files++;
 	spin_unlock_bh(&dev->qlock);
 	return nonseekable_open(inode, file);
 }
 
+/*
+ * The hang bugs wait for an acknowledgment that never comes. The wait ends
+ * on a fatal signal, and after hang_ms at most: a process that exits can no
+ * longer take a signal, and its files close in its exit.
+ */
+static void aov_hang(struct aov_device *dev)
+{
+	long left = wait_event_killable_timeout(dev->wq, false,
+						msecs_to_jiffies(hang_ms));
+
+	if (!left)
+		pr_info("a hanging wait ended after %u ms\n", hang_ms);
+}
+
+/* Every close of a descriptor. */
+static int aov_flush(struct file *file, fl_owner_t id)
+{
+	struct aov_device *dev = &aov;
+	bool busy;
+
+	if (hang_flush)
+		aov_hang(dev);
+	if (!flush_busy)
+		return 0;
+	mutex_lock(&dev->lock);
+	busy = dev->started && dev->owner == file;
+	mutex_unlock(&dev->lock);
+	return busy ? -EBUSY : 0;
+}
+
 /* The last close of a file: a session it started ends here. */
 static int aov_release(struct inode *inode, struct file *file)
 {
 	struct aov_device *dev = &aov;
+	bool last;
+
+	spin_lock_bh(&dev->qlock);
+	last = dev->open_files == 1;
+	spin_unlock_bh(&dev->qlock);
+	/* The last user powers the sensor down and waits for it. */
+	if (hang_release && last)
+		aov_hang(dev);
 
 	mutex_lock(&dev->lock);
 	if (dev->owner == file) {
+		/* The early return of a release that finds a session running. */
+		if (busy_after_started_close && dev->started)
+			dev->held = true;
 		if (keep_session_on_close)
 			dev->owner = NULL;
 		else
@@ -583,12 +861,14 @@ static int aov_release(struct inode *inode, struct file *file)
 	spin_lock_bh(&dev->qlock);
 	dev->open_files--;
 	spin_unlock_bh(&dev->qlock);
+	kfree(file->private_data);
 	return 0;
 }
 
 static const struct file_operations aov_fops = {
 	.owner = THIS_MODULE,
 	.open = aov_open,
+	.flush = aov_flush,
 	.release = aov_release,
 	.unlocked_ioctl = aov_ioctl,
 	.poll = aov_poll,

@@ -203,8 +203,31 @@ reported_checks() {
     grep -aE '^[a-z]+: .*: (FAIL|WARN)' | sed -E 's/: (FAIL|WARN)( \(.*)?$/: \1/' | sort -u
 }
 
+# kdev_checker_run FAULT SCENARIO: the host's checker against aov-kdev with
+# FAULT, once a harness run (both legs compare with the same host tools); its
+# output in $kdev_runs/FAULT.out.
+kdev_checker_run() {
+    local fault=$1 scenario=$2 mnt
+    [ ! -f "$kdev_runs/$fault.out" ] || return 0
+    mkdir -p "$kdev_runs"
+    local args=(--quiet --exit-with-parent --fault "$fault")
+    [ "$scenario" = - ] || args+=(--scenario "$scenario")
+    mnt=$(mktemp -d)
+    "$tools/tools/aov-kdev/aov-kdev" --mount "$mnt" "${args[@]}" &
+    local kdev=$! i=0
+    while [ ! -e "$mnt/kelo_aov" ] && [ "$i" -lt 100 ]; do sleep 0.1; i=$((i + 1)); done
+    timeout 60 "$tools/tools/aov-compliance/aov-compliance" -d "$mnt/kelo_aov" --timeout-ms 2000 \
+        >"$kdev_runs/$fault.out.part" 2>&1 || true
+    kill "$kdev" 2>/dev/null || true
+    wait "$kdev" 2>/dev/null || true
+    umount -l "$mnt" 2>/dev/null || true
+    rmdir "$mnt" 2>/dev/null || true
+    mv "$kdev_runs/$fault.out.part" "$kdev_runs/$fault.out"
+}
+
 # compare_faults NAME DIR: each fault of the matrix is reported in the guest,
-# and only by checks that report it too when aov-kdev injects it on the host.
+# and only by checks that report it too when aov-kdev injects it on the host
+# (or that KERNEL_ONLY lists for it: checks FUSE cannot show).
 compare_faults() {
     local name=$1 dir=$2 fault params scenario ok=0
     mkdir -p "$dir/faults"
@@ -212,19 +235,14 @@ compare_faults() {
         [ -n "$fault" ] || continue
         sed -n "/^@@AOV step fault $fault\$/,/^@@AOV result fault $fault /p" "$dir/console.txt" |
             reported_checks >"$dir/faults/$fault.kernel"
-        local mnt args=(--quiet --exit-with-parent --fault "$fault")
-        [ "$scenario" = - ] || args+=(--scenario "$scenario")
-        mnt=$(mktemp -d)
-        "$tools/tools/aov-kdev/aov-kdev" --mount "$mnt" "${args[@]}" &
-        local kdev=$! i=0
-        while [ ! -e "$mnt/kelo_aov" ] && [ "$i" -lt 100 ]; do sleep 0.1; i=$((i + 1)); done
-        timeout 60 "$tools/tools/aov-compliance/aov-compliance" -d "$mnt/kelo_aov" --timeout-ms 2000 \
-            >"$dir/faults/$fault.kdev.out" 2>&1 || true
-        kill "$kdev" 2>/dev/null || true
-        wait "$kdev" 2>/dev/null || true
-        umount -l "$mnt" 2>/dev/null || true
-        rmdir "$mnt" 2>/dev/null || true
-        reported_checks <"$dir/faults/$fault.kdev.out" >"$dir/faults/$fault.kdev"
+        kdev_checker_run "$fault" "$scenario"
+        cp "$kdev_runs/$fault.out" "$dir/faults/$fault.kdev.out"
+        local only
+        only=$(awk -v f="$fault" '$1 == f { sub(/^[^ ]+ /, ""); print }' <<<"$KERNEL_ONLY")
+        {
+            reported_checks <"$dir/faults/$fault.kdev.out"
+            [ -z "$only" ] || echo "$only"
+        } | sort -u >"$dir/faults/$fault.kdev"
         if [ ! -s "$dir/faults/$fault.kernel" ]; then
             echo "run-kernel: $name: fault $fault: no check reports it in the guest" >&2
             ok=1
@@ -233,7 +251,9 @@ compare_faults() {
             comm -23 "$dir/faults/$fault.kernel" "$dir/faults/$fault.kdev" >&2
             ok=1
         else
-            echo "run-kernel: $name: fault $fault: $(paste -sd ';' "$dir/faults/$fault.kernel"), as on aov-kdev"
+            local as="as on aov-kdev"
+            [ -z "$only" ] || as="as on aov-kdev or kernel-only ($(paste -sd ';' <<<"$only"))"
+            echo "run-kernel: $name: fault $fault: $(paste -sd ';' "$dir/faults/$fault.kernel"), $as"
             # What else a fault upsets can depend on when events arrive: listed, not judged.
             local more
             more=$(comm -13 "$dir/faults/$fault.kernel" "$dir/faults/$fault.kdev" | paste -sd ';')

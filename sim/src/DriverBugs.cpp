@@ -70,6 +70,8 @@ constexpr Named kBugs[] = {
      "after an area it cannot write (the event kept), poll reports POLLERR until the next START"},
     {DriverBug::kWakePollinWaitersOnly, "wake-pollin-waiters-only",
      "a poller that did not ask for POLLIN at first (epoll's empty mask) is never woken"},
+    {DriverBug::kAcceptNullSensorList, "accept-null-sensor-list",
+     "SENSOR_ON or SENSOR_OFF with a null record returns 0 (not seen through FUSE)"},
 };
 
 }  // namespace

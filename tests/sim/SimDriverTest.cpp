@@ -338,6 +338,15 @@ TEST_F(SimDriverTest, SessionBugsRefuseOnlyInTheStateTheyAreAbout) {
     EXPECT_EQ(query.header[0], 1u);
     EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, &query), -EAGAIN);
 
+    // A null sensor list is taken for none; other null records are still refused.
+    makeDriver(static_cast<DriverBugs>(DriverBug::kAcceptNullSensorList));
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_SENSOR_ON, nullptr), 0);
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_SENSOR_OFF, nullptr), 0);
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_START, nullptr), -EFAULT);
+    EXPECT_EQ(driver_->stats().failed_requests, 1u);
+    makeDriver();
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_SENSOR_ON, nullptr), -EFAULT);
+
     // Only full-content events are refused by a driver of the basic sections.
     makeDriver(static_cast<DriverBugs>(DriverBug::kBasicSectionsOnly));
     ASSERT_EQ(start(10, 0), 0);

@@ -55,6 +55,10 @@ enum class DriverBug : uint64_t {
     // (node) a poller that did not ask for POLLIN (epoll's empty mask) is
     // never woken, though it later asks for it
     kWakePollinWaitersOnly = 1ull << 32,
+    // SENSOR_ON or SENSOR_OFF with a null record returns 0, a null list
+    // taken for none; a FUSE node never sees it (the kernel's copy of the
+    // record fails first), the in-process driver and a kernel driver do
+    kAcceptNullSensorList = 1ull << 33,
 };
 
 // A set of DriverBug bits.
