@@ -4,6 +4,7 @@
 // node that is missing or goes away, and a damaged file each end the run
 // with one line and a clear exit, sending nothing the file did not allow.
 
+#include <fcntl.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "FuseSandbox.h"
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
+#include "SessionBuilder.h"
 #include "SessionReader.h"
 #include "aovsim/DriverBugs.h"
 #include "kelo_aov.h"
@@ -201,18 +203,18 @@ INSTANTIATE_TEST_SUITE_P(AovRec, RetraceFault, ::testing::ValuesIn(kFaults),
                              return name;
                          });
 
-// The calls of the recording up to and including its n-th dequeue: opens,
-// closes and requests ("calls", "requests").
-std::pair<int, int> callsThroughDequeue(const std::string& path, int n) {
+// The calls (opens, closes, requests) of the recording's first `records`
+// records, as the totals line counts them.
+std::string sentCalls(const std::string& path, uint64_t records) {
     aovrec::FileSource source;
     std::string why;
     aovrec::SessionReader reader(source);
     if (!source.open(path, &why) || !reader.start()) {
-        return {-1, -1};
+        return why;
     }
     aovrec::Record r;
     int calls = 0, requests = 0, dequeues = 0;
-    while (dequeues < n && reader.next(&r) == aovrec::SessionReader::Next::Record) {
+    while (reader.records() < records && reader.next(&r) == aovrec::SessionReader::Next::Record) {
         if (r.type == aovrec::RecordType::Ioctl) {
             ++requests;
             dequeues += r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
@@ -222,7 +224,23 @@ std::pair<int, int> callsThroughDequeue(const std::string& path, int n) {
             ++calls;
         }
     }
-    return dequeues == n ? std::make_pair(calls, requests) : std::make_pair(-1, -1);
+    return ": " + std::to_string(calls) + " calls sent (" + std::to_string(requests) +
+           " requests, " + std::to_string(dequeues) + " dequeues), ";
+}
+
+// The number of records up to and including the n-th dequeue.
+uint64_t recordsThroughDequeue(const std::string& path, int n) {
+    aovrec::FileSource source;
+    std::string why;
+    aovrec::SessionReader reader(source);
+    if (!source.open(path, &why) || !reader.start()) {
+        return 0;
+    }
+    aovrec::Record r;
+    while (n > 0 && reader.next(&r) == aovrec::SessionReader::Next::Record) {
+        n -= r.type == aovrec::RecordType::Ioctl && r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
+    }
+    return n == 0 ? reader.records() : 0;
 }
 
 TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitThree) {
@@ -241,12 +259,11 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
         << gone.output;
     EXPECT_EQ(gone.output.find("not ready within"), std::string::npos) << gone.output;
     EXPECT_EQ(gone.output.find("driver checks stop"), std::string::npos) << gone.output;
-    const auto [calls, requests] = callsThroughDequeue(recording_, 2);
-    ASSERT_GT(calls, 0);
-    EXPECT_NE(
-        gone.output.find(": " + std::to_string(calls) + " calls sent (" + std::to_string(requests) +
-                         " requests, 2 dequeues), 0 driver checks"),
-        std::string::npos)
+    const uint64_t through = recordsThroughDequeue(recording_, 2);
+    ASSERT_GT(through, 0u);
+    EXPECT_NE(gone.output.find(sentCalls(recording_, through) + "0 driver checks"),
+              std::string::npos)
+        << sentCalls(recording_, through) << "\n"
         << gone.output;
 }
 
@@ -275,6 +292,118 @@ TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent
     EXPECT_EQ(device.output,
               "aov-rec: /dev/zero: not a regular file (retrace reads the session twice: whole "
               "before sending anything)\n");
+}
+
+// Copies `from` to `to` through the session builder (its readiness records
+// left out), the first byte of the areas `areas` (bits by index) of the first
+// dequeue that kept areas flipped; the section of the first area changed, or
+// 0 when that dequeue has no such area.
+int withAreasChanged(const std::string& from, const std::string& to, uint32_t areas) {
+    aovrec::FileSource source;
+    std::string why;
+    aovrec::SessionReader reader(source);
+    if (!source.open(from, &why) || !reader.start()) {
+        return 0;
+    }
+    const int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return 0;
+    }
+    aovrec::SessionBuilder b(fd, reader.header().content, reader.header().compression);
+    auto result = [](const aovrec::Record& x) {
+        return x.call.result >= 0 ? x.call.result : -x.call.err;
+    };
+    int section = 0;
+    bool changed = false;
+    aovrec::Record x;
+    aovrec::SessionReader::Next next;
+    while ((next = reader.next(&x)) == aovrec::SessionReader::Next::Record) {
+        if (x.type == aovrec::RecordType::Open) {
+            b.open(x.path.c_str(), static_cast<int>(x.open_flags), result(x));
+        } else if (x.type == aovrec::RecordType::Close) {
+            b.close(x.call.fd, result(x));
+        } else if (x.type == aovrec::RecordType::Ioctl) {
+            std::vector<std::vector<uint8_t>> data;
+            std::vector<aovrec::SessionBuilder::Area> kept;
+            for (uint8_t a = 0; a < x.area_count; ++a) {
+                data.emplace_back(x.areas[a].data, x.areas[a].data + x.areas[a].length);
+            }
+            for (uint8_t a = 0; !changed && a < x.area_count; ++a) {
+                if ((areas & (1u << a)) != 0 && !data[a].empty()) {
+                    data[a][0] ^= 0x01;
+                    section = section == 0 ? x.areas[a].section : section;
+                }
+            }
+            changed = changed || x.area_count > 0;
+            for (uint8_t a = 0; a < x.area_count; ++a) {
+                kept.push_back({x.areas[a].section, data[a].data(), x.areas[a].length});
+            }
+            const bool null_arg = (x.arg_flags & aovrec::kArgNull) != 0;
+            b.ioctl(x.call.fd, x.request, null_arg ? nullptr : x.sent, x.sent_len, result(x),
+                    x.back, x.back_len, kept.data(), kept.size());
+        }
+    }
+    const bool ok = b.ok() && next == aovrec::SessionReader::Next::End;
+    ::close(fd);
+    return ok ? section : 0;
+}
+
+TEST_F(RetraceAgainstKdev, EachAreaOfADequeueIsComparedWithTheRecordedOneAndADequeueDiffersOnce) {
+    const std::string edited = tempPath("edited.rec");
+    startKdev({});
+    int sections = 0;
+    for (uint32_t area = 0; area < 10; ++area) {
+        const int section = withAreasChanged(recording_, edited, 1u << area);
+        if (section == 0) {
+            break;
+        }
+        ++sections;
+        const ProcessResult changed = retrace(edited, node_);
+        EXPECT_EQ(changed.exit_code, 1) << changed.output;
+        EXPECT_NE(changed.output.find("(area): DEQUEUE_EVENT: section " + std::to_string(section) +
+                                      ", first "),
+                  std::string::npos)
+            << "area " << area << ":\n"
+            << changed.output;
+        EXPECT_NE(changed.output.find(", 1 differences\n"), std::string::npos) << changed.output;
+    }
+    // Recorded with all ten sections written.
+    EXPECT_EQ(sections, 10);
+
+    // Two areas of one dequeue changed: one difference, at the first.
+    const int first = withAreasChanged(recording_, edited, 0x6);
+    ASSERT_NE(first, 0);
+    const ProcessResult two = retrace(edited, node_);
+    EXPECT_EQ(two.exit_code, 1) << two.output;
+    EXPECT_NE(
+        two.output.find("(area): DEQUEUE_EVENT: section " + std::to_string(first) + ", first "),
+        std::string::npos)
+        << two.output;
+    EXPECT_NE(two.output.find(", 1 differences\n"), std::string::npos) << two.output;
+    ::unlink(edited.c_str());
+}
+
+TEST_F(RetraceAgainstKdev, ACutRecordingIsRetracedUpToItsCutThenEndsInExitTwo) {
+    const std::string bytes = readText(recording_);
+    const std::string cut = tempPath("cut.rec");
+    std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() - 3);
+    startKdev({});
+    const ProcessResult r = retrace(cut, node_);
+    ::unlink(cut.c_str());
+    EXPECT_EQ(r.exit_code, 2) << r.output;
+    // Every record before the cut was sent.
+    aovrec::FileSource source;
+    std::string why;
+    aovrec::SessionReader reader(source);
+    ASSERT_TRUE(source.open(recording_, &why)) << why;
+    ASSERT_TRUE(reader.start());
+    aovrec::Record record;
+    while (reader.next(&record) == aovrec::SessionReader::Next::Record) {
+    }
+    EXPECT_NE(r.output.find(sentCalls(recording_, reader.records() - 1)), std::string::npos)
+        << sentCalls(recording_, reader.records() - 1) << "\n"
+        << r.output;
+    EXPECT_NE(r.output.find("cut off"), std::string::npos) << r.output;
 }
 
 TEST(RetraceOptions, TimeLimitsOutsideTheirRangeAreRefusedWithExitTwo) {

@@ -691,7 +691,7 @@ class Retracer {
     }
 
     void refused(int fd, uint32_t request, const char* what, const char* duty) {
-        std::memset(arg_.data(), 0, 8);
+        // Neither code carries a record; the pointer is a valid one all the same.
         void* arg = arg_.data();
         const unsigned long code = request;
         CallResult c;
@@ -848,7 +848,8 @@ bool checkWhole(const std::string& path, uint64_t* records, FILE* err) {
     SessionReader::Next next;
     while ((next = reader.next(&record)) == SessionReader::Next::Record) {
     }
-    if (next != SessionReader::Next::End) {
+    // A recording cut off by a crash is retraced up to its last whole record.
+    if (next != SessionReader::Next::End && next != SessionReader::Next::Cut) {
         std::fprintf(err, "aov-rec: %s: %s; nothing sent\n", path.c_str(), reader.error().c_str());
         return false;
     }
@@ -889,7 +890,7 @@ int runRetrace(const std::string& path, const RetraceOptions& options, FILE* out
     retracer.checkDuties();
     const int status = retracer.finish(path);
     if (next != SessionReader::Next::End && next != SessionReader::Next::Record) {
-        // The file changed since it was checked.
+        // Cut off, or changed since it was checked.
         std::fprintf(err, "aov-rec: %s: %s\n", path.c_str(), reader.error().c_str());
         return kExitBadInput;
     }
