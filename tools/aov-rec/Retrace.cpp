@@ -210,7 +210,7 @@ class Retracer {
     Halt halt() const { return halt_; }
 
   private:
-    // `where`: null for a recorded call, else the duty being checked.
+    // `r`: the record whose call differs; null for a driver check after the session.
     void differ(const Record* r, const char* what, const std::string& label,
                 const std::string& detail) {
         ++differences_;
@@ -336,8 +336,8 @@ class Retracer {
         if (!answered) {
             return;
         }
-        const int fd = c.value >= 0 ? c.passed_fd : -1;
-        if (c.value >= 0 && fd < 0) {
+        const int fd = c.passed_fd;
+        if (c.value >= 0 && fd == -1) {
             differ(&r, "open", "open", "the descriptor could not be handed over");
             stop(Halt::kNoProcess, "cannot take over the node's descriptor");
             return;
@@ -391,7 +391,8 @@ class Retracer {
         fds_.clear();
     }
 
-    // Polls `fd` for up to `waitMs`: 1 ready, 0 not, -1 when the retrace stopped.
+    // Polls `fd` for up to `waitMs`: 1 ready, 0 not, -1 when the poll gave
+    // no answer (reported as a difference, or the retrace stopped).
     int pollNode(const Record* r, const char* what, int fd, int waitMs, short* revents) {
         pollfd* p = reinterpret_cast<pollfd*>(arg_.data());
         *p = pollfd{fd, POLLIN, 0};
@@ -404,7 +405,7 @@ class Retracer {
         *revents = c.value > 0 ? p->revents : 0;
         if (c.value < 0) {
             differ(r, what, "poll", "failed: " + outcome(c.value, c.error));
-            return 0;
+            return -1;
         }
         return (*revents & POLLIN) != 0 ? 1 : 0;
     }
@@ -548,7 +549,8 @@ class Retracer {
     void compareWords(const Record& r) {
         const uint8_t* live = arg_.data();
         std::string detail;
-        for (size_t i = 0; i < 6 && detail.empty(); ++i) {
+        constexpr size_t kHeaderWords = sizeof(aov_event_query::header) / sizeof(uint32_t);
+        for (size_t i = 0; i < kHeaderWords && detail.empty(); ++i) {
             if (word(live, 4 * i) != word(r.back, 4 * i)) {
                 detail = "header[" + std::to_string(i) + "] " + std::to_string(word(live, 4 * i)) +
                          ", recorded " + std::to_string(word(r.back, 4 * i));
@@ -681,7 +683,11 @@ class Retracer {
     }
 
     void closeProbe(int fd, const char* what) {
+        // Closed even after a call hung: the process must not end holding it.
         const CallResult c = guard_.close(options_.request_timeout_ms, fd);
+        if (halted()) {
+            return;
+        }
         if (!usable(nullptr, what, "close", c, options_.request_timeout_ms)) {
             return;
         }
@@ -701,7 +707,8 @@ class Retracer {
             return;
         }
         ++checks_;
-        if (c.value >= 0 || c.error != ENOTTY) {
+        // A call that succeeded has error 0.
+        if (c.error != ENOTTY) {
             differ(nullptr, what, label(request),
                    "result " + outcome(c.value, c.error) + ": " + duty);
         }
@@ -791,7 +798,7 @@ class Retracer {
             return;
         }
         ++checks_;
-        if (c.value >= 0 || c.error != EFAULT) {
+        if (c.error != EFAULT) {
             differ(nullptr, "faulting area", "DEQUEUE_EVENT",
                    "result " + outcome(c.value, c.error) +
                        " with every data area unwritable: a driver refuses it with EFAULT");
