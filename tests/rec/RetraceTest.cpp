@@ -228,6 +228,19 @@ std::string sentCalls(const std::string& path, uint64_t records) {
            " requests, " + std::to_string(dequeues) + " dequeues), ";
 }
 
+uint64_t recordsIn(const std::string& path) {
+    aovrec::FileSource source;
+    std::string why;
+    aovrec::SessionReader reader(source);
+    if (!source.open(path, &why) || !reader.start()) {
+        return 0;
+    }
+    aovrec::Record r;
+    while (reader.next(&r) == aovrec::SessionReader::Next::Record) {
+    }
+    return reader.records();
+}
+
 // The number of records up to and including the n-th dequeue.
 uint64_t recordsThroughDequeue(const std::string& path, int n) {
     aovrec::FileSource source;
@@ -258,9 +271,17 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
               std::string::npos)
         << gone.output;
     EXPECT_EQ(gone.output.find("not ready within"), std::string::npos) << gone.output;
+    // The node going away is said once, not also as a difference.
+    EXPECT_EQ(gone.output.find("difference at"), std::string::npos) << gone.output;
+    EXPECT_NE(gone.output.find(" driver checks, 0 differences\n"), std::string::npos)
+        << gone.output;
     EXPECT_EQ(gone.output.find("driver checks stop"), std::string::npos) << gone.output;
     const uint64_t through = recordsThroughDequeue(recording_, 2);
     ASSERT_GT(through, 0u);
+    EXPECT_NE(gone.output.find("; " + std::to_string(recordsIn(recording_) - through) +
+                               " records not sent\n"),
+              std::string::npos)
+        << gone.output;
     EXPECT_NE(gone.output.find(sentCalls(recording_, through) + "0 driver checks"),
               std::string::npos)
         << sentCalls(recording_, through) << "\n"
@@ -392,16 +413,9 @@ TEST_F(RetraceAgainstKdev, ACutRecordingIsRetracedUpToItsCutThenEndsInExitTwo) {
     ::unlink(cut.c_str());
     EXPECT_EQ(r.exit_code, 2) << r.output;
     // Every record before the cut was sent.
-    aovrec::FileSource source;
-    std::string why;
-    aovrec::SessionReader reader(source);
-    ASSERT_TRUE(source.open(recording_, &why)) << why;
-    ASSERT_TRUE(reader.start());
-    aovrec::Record record;
-    while (reader.next(&record) == aovrec::SessionReader::Next::Record) {
-    }
-    EXPECT_NE(r.output.find(sentCalls(recording_, reader.records() - 1)), std::string::npos)
-        << sentCalls(recording_, reader.records() - 1) << "\n"
+    const uint64_t whole = recordsIn(recording_) - 1;
+    EXPECT_NE(r.output.find(sentCalls(recording_, whole)), std::string::npos)
+        << sentCalls(recording_, whole) << "\n"
         << r.output;
     EXPECT_NE(r.output.find("cut off"), std::string::npos) << r.output;
 }
