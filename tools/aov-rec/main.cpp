@@ -15,7 +15,7 @@ constexpr char kUsage[] =
     "usage: aov-rec record [-o FILE] [--content all|written|none] -- COMMAND [ARGS...]\n"
     "       aov-rec dump FILE\n"
     "       aov-rec info FILE\n"
-    "       aov-rec retrace FILE [-d PATH] [--ready-timeout MS]\n";
+    "       aov-rec retrace FILE [-d PATH] [--ready-timeout MS] [--request-timeout MS]\n";
 
 constexpr char kRecordHelp[] =
     "usage: aov-rec record [-o FILE] [--content all|written|none] -- COMMAND [ARGS...]\n"
@@ -101,7 +101,8 @@ int retrace(int argc, char** argv) {
     std::string file;
     for (int i = 2; i < argc; ++i) {
         const std::string arg = argv[i];
-        if ((arg == "-d" || arg == "--ready-timeout") && i + 1 >= argc) {
+        if ((arg == "-d" || arg == "--ready-timeout" || arg == "--request-timeout") &&
+            i + 1 >= argc) {
             return usage(arg.c_str(), " needs a value");
         }
         if (arg == "-d") {
@@ -109,6 +110,11 @@ int retrace(int argc, char** argv) {
         } else if (arg == "--ready-timeout") {
             if (!parseMs(argv[++i], &options.ready_timeout_ms)) {
                 return usage("--ready-timeout must be 0 to 3600000 ms, not ", argv[i]);
+            }
+        } else if (arg == "--request-timeout") {
+            if (!parseMs(argv[++i], &options.request_timeout_ms) ||
+                options.request_timeout_ms == 0) {
+                return usage("--request-timeout must be 1 to 3600000 ms, not ", argv[i]);
             }
         } else if (!arg.empty() && arg[0] == '-') {
             return usage("retrace: unknown option ", arg.c_str());

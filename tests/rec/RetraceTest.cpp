@@ -1,0 +1,435 @@
+// aov-rec retrace against aov-kdev on a real FUSE node: every driver fault
+// aov-kdev can make shows as a difference (or is listed as one a recorded
+// session cannot show, with the reason); a request that never returns, a
+// node that is missing or goes away, and a damaged file each end the run
+// with one line and a clear exit, sending nothing the file did not allow.
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <iterator>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "FuseSandbox.h"
+#include "KdevLauncher.h"
+#include "ProcessRun.h"
+#include "SessionBuilder.h"
+#include "SessionReader.h"
+#include "aovsim/DriverBugs.h"
+#include "kelo_aov.h"
+
+namespace {
+
+// What retrace must print against a driver with one fault.
+struct FaultCase {
+    const char* fault;
+    const char* shows;  // part of the line that reports it
+};
+
+void PrintTo(const FaultCase& c, std::ostream* out) {
+    *out << c.fault;
+}
+
+constexpr int kRequestLimitMs = 3000;
+constexpr int kReadyLimitMs = 3000;
+
+// One row a fault. A new fault of aov-kdev gets a row here, or one in
+// kUnchangedBySession below.
+const FaultCase kFaults[] = {
+    {"overrun-area", "(outside the areas): DEQUEUE_EVENT: the driver wrote outside the data areas"},
+    {"accept-unknown-code",
+     "after the session (unknown request): ioctl 0x00004805: result 0: a driver refuses"},
+    {"accept-wrong-size",
+     "after the session (wrong size): ioctl 0x00084804: result 0: a driver refuses"},
+    {"no-readiness", "(readiness): DEQUEUE_EVENT: the node was not ready within 3000 ms"},
+    {"readable-after-drain",
+     "after the session (empty queue): poll: the node is ready with no event pending"},
+    {"events-after-stop", "(after STOP): STOP: the node is ready after STOP returned"},
+    {"ignore-area-fault",
+     "after the session (faulting area): DEQUEUE_EVENT: result 0 with every data area unwritable"},
+    {"hang-sensor-off", "(result): SENSOR_OFF: did not return within 3000 ms"},
+    {"block-empty-dequeue",
+     "after the session (empty queue): DEQUEUE_EVENT: did not return within 3000 ms"},
+    {"keep-session-on-close",
+     "after the session (session after close): START: result -1 (Device or resource busy), "
+     "recorded 0"},
+    {"overrun-buffer",
+     "(outside the areas): DEQUEUE_EVENT: the driver wrote past the end of the "
+     "event buffer (64 of the"},
+};
+
+// Faults no retrace can show, each with the reason.
+struct UnchangedFault {
+    const char* fault;
+    const char* reason;
+};
+const std::vector<UnchangedFault> kUnchangedBySession = {};
+
+std::string tempPath(const std::string& name) {
+    return ::testing::TempDir() + "aovretrace_" + std::to_string(::getpid()) + "_" + name;
+}
+
+std::string readText(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+ProcessResult rec(const std::vector<std::string>& args) {
+    return runProcess(AOV_REC_PATH, args);
+}
+
+std::vector<std::string> split(const std::string& text, const std::string& by) {
+    std::vector<std::string> parts;
+    size_t at = 0;
+    for (size_t next; (next = text.find(by, at)) != std::string::npos; at = next + by.size()) {
+        parts.push_back(text.substr(at, next - at));
+    }
+    parts.push_back(text.substr(at));
+    return parts;
+}
+
+class RetraceAgainstKdev : public ::testing::Test {
+  protected:
+    static void TearDownTestSuite() {
+        if (!recording_.empty()) {
+            ::unlink(recording_.c_str());
+        }
+    }
+    void SetUp() override {
+        aovtest::enterFuseSandboxOrSkip(&sandbox_, "aov-retrace");
+        if (IsSkipped() || HasFatalFailure()) {
+            return;
+        }
+        dir_ = sandbox_.dir();
+        node_ = dir_ + "/kelo_aov";
+        if (recording_.empty()) {
+            record();
+        }
+    }
+    void TearDown() override { stopKdev(); }
+
+    // Three events with all ten areas, recorded once for the suite through
+    // aov-sim's own FUSE node.
+    static void record() {
+        const std::string path = tempPath("full.rec");
+        const ProcessResult recorded =
+            rec({"record", "-o", path, "--content", "written", "--", AOV_SIM_PATH, "--kernel",
+                 "fuse", "--events", "3", "--timeout", "10", "--aov-mode", "2"});
+        ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+        recording_ = path;
+    }
+
+    void startKdev(std::vector<std::string> extra) {
+        extra.insert(extra.begin(), "--quiet");
+        std::string problem;
+        ASSERT_TRUE(kdev_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
+    }
+    void stopKdev() {
+        // A request parked in the driver holds its caller until the server ends.
+        kdev_.stop();
+        if (!dir_.empty()) {
+            ::umount2(dir_.c_str(), MNT_DETACH);
+        }
+    }
+    ProcessResult retrace(const std::string& file, const std::string& node) {
+        return rec({"retrace", file, "-d", node, "--ready-timeout", std::to_string(kReadyLimitMs),
+                    "--request-timeout", std::to_string(kRequestLimitMs)});
+    }
+
+    static std::string recording_;
+    aovtest::MountSandbox sandbox_;  // outlives the server
+    std::string dir_, node_;
+    aovsimtool::KdevLauncher kdev_;
+};
+
+std::string RetraceAgainstKdev::recording_;
+
+TEST_F(RetraceAgainstKdev, AGoodDriverShowsNoDifferenceAndPassesEveryDriverCheck) {
+    startKdev({});
+    const ProcessResult same = retrace(recording_, node_);
+    EXPECT_EQ(same.exit_code, 0) << same.output;
+    EXPECT_NE(same.output.find(" driver checks, 0 differences\n"), std::string::npos)
+        << same.output;
+    EXPECT_EQ(same.output.find("difference a"), std::string::npos) << same.output;
+    EXPECT_EQ(same.output.find(" 0 driver checks"), std::string::npos) << same.output;
+}
+
+TEST_F(RetraceAgainstKdev, EveryFaultOfTheDriverIsInTheTableOrMarkedUnchangedWithAReason) {
+    std::set<std::string> known;
+    for (const FaultCase& c : kFaults) {
+        EXPECT_TRUE(known.insert(c.fault).second) << c.fault << " has two rows";
+    }
+    for (const UnchangedFault& u : kUnchangedBySession) {
+        EXPECT_TRUE(known.insert(u.fault).second)
+            << u.fault << " has a row and is marked unchanged";
+        EXPECT_GT(std::string(u.reason).size(), 20u) << u.fault << ": say why";
+    }
+    const std::vector<std::string> faults = split(aovsim::driverBugNames(), ", ");
+    for (const std::string& fault : faults) {
+        EXPECT_EQ(known.count(fault), 1u)
+            << fault << " is a fault of aov-kdev that retrace is not tested against";
+    }
+    EXPECT_EQ(known.size(), faults.size()) << "a row names a fault aov-kdev does not have";
+}
+
+class RetraceFault : public RetraceAgainstKdev, public ::testing::WithParamInterface<FaultCase> {};
+
+TEST_P(RetraceFault, ShowsAsADifferenceAndTheRunEnds) {
+    const FaultCase& c = GetParam();
+    startKdev({"--fault", c.fault});
+    // Against a request that never returns too, retrace ends by itself: only
+    // its abandoned child stays in the driver until the server is stopped.
+    const ProcessResult faulty = retrace(recording_, node_);
+    stopKdev();
+    EXPECT_EQ(faulty.exit_code, 1) << faulty.output;
+    EXPECT_NE(faulty.output.find(c.shows), std::string::npos) << faulty.output;
+    EXPECT_NE(faulty.output.find("retrace: " + recording_ + " against " + node_), std::string::npos)
+        << faulty.output;
+    EXPECT_EQ(faulty.output.find(", 0 differences"), std::string::npos) << faulty.output;
+}
+
+INSTANTIATE_TEST_SUITE_P(AovRec, RetraceFault, ::testing::ValuesIn(kFaults),
+                         [](const ::testing::TestParamInfo<FaultCase>& info) {
+                             std::string name;
+                             for (const char ch : std::string(info.param.fault)) {
+                                 name += ch == '-' ? '_' : ch;
+                             }
+                             return name;
+                         });
+
+// The calls (opens, closes, requests) of the recording's first `records`
+// records, as the totals line counts them.
+std::string sentCalls(const std::string& path, uint64_t records) {
+    aovrec::FileSource source;
+    std::string why;
+    aovrec::SessionReader reader(source);
+    if (!source.open(path, &why) || !reader.start()) {
+        return why;
+    }
+    aovrec::Record r;
+    int calls = 0, requests = 0, dequeues = 0;
+    while (reader.records() < records && reader.next(&r) == aovrec::SessionReader::Next::Record) {
+        if (r.type == aovrec::RecordType::Ioctl) {
+            ++requests;
+            dequeues += r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
+        }
+        if (r.type == aovrec::RecordType::Ioctl || r.type == aovrec::RecordType::Open ||
+            r.type == aovrec::RecordType::Close) {
+            ++calls;
+        }
+    }
+    return ": " + std::to_string(calls) + " calls sent (" + std::to_string(requests) +
+           " requests, " + std::to_string(dequeues) + " dequeues), ";
+}
+
+uint64_t recordsIn(const std::string& path) {
+    aovrec::FileSource source;
+    std::string why;
+    aovrec::SessionReader reader(source);
+    if (!source.open(path, &why) || !reader.start()) {
+        return 0;
+    }
+    aovrec::Record r;
+    while (reader.next(&r) == aovrec::SessionReader::Next::Record) {
+    }
+    return reader.records();
+}
+
+// The number of records up to and including the n-th dequeue.
+uint64_t recordsThroughDequeue(const std::string& path, int n) {
+    aovrec::FileSource source;
+    std::string why;
+    aovrec::SessionReader reader(source);
+    if (!source.open(path, &why) || !reader.start()) {
+        return 0;
+    }
+    aovrec::Record r;
+    while (n > 0 && reader.next(&r) == aovrec::SessionReader::Next::Record) {
+        n -= r.type == aovrec::RecordType::Ioctl && r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
+    }
+    return n == 0 ? reader.records() : 0;
+}
+
+TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitThree) {
+    const ProcessResult missing = retrace(recording_, dir_ + "/missing");
+    EXPECT_EQ(missing.exit_code, 3) << missing.output;
+    EXPECT_EQ(missing.output,
+              "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
+
+    // The server dies at the second dequeue: that dequeue was sent, nothing after it.
+    startKdev({"--die-at-dequeue", "2"});
+    const ProcessResult gone = retrace(recording_, node_);
+    stopKdev();
+    EXPECT_EQ(gone.exit_code, 3) << gone.output;
+    EXPECT_NE(gone.output.find("aov-rec: " + node_ + " went away: DEQUEUE_EVENT got E"),
+              std::string::npos)
+        << gone.output;
+    EXPECT_EQ(gone.output.find("not ready within"), std::string::npos) << gone.output;
+    // The node going away is said once, not also as a difference.
+    EXPECT_EQ(gone.output.find("difference at"), std::string::npos) << gone.output;
+    EXPECT_NE(gone.output.find(" driver checks, 0 differences\n"), std::string::npos)
+        << gone.output;
+    EXPECT_EQ(gone.output.find("driver checks stop"), std::string::npos) << gone.output;
+    const uint64_t through = recordsThroughDequeue(recording_, 2);
+    ASSERT_GT(through, 0u);
+    EXPECT_NE(gone.output.find("; " + std::to_string(recordsIn(recording_) - through) +
+                               " records not sent\n"),
+              std::string::npos)
+        << gone.output;
+    EXPECT_NE(gone.output.find(sentCalls(recording_, through) + "0 driver checks"),
+              std::string::npos)
+        << sentCalls(recording_, through) << "\n"
+        << gone.output;
+}
+
+TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent) {
+    // The last record damaged: the old way sent every earlier one first.
+    std::string bytes = readText(recording_);
+    ASSERT_GT(bytes.size(), 64u);
+    bytes[bytes.size() - 3] = static_cast<char>(bytes[bytes.size() - 3] ^ 0x5a);
+    const std::string damaged = tempPath("damaged.rec");
+    std::ofstream(damaged, std::ios::binary) << bytes;
+    startKdev({});
+    const ProcessResult refused = retrace(damaged, node_);
+    const std::string status = readText(dir_ + "/status");
+    stopKdev();
+    ::unlink(damaged.c_str());
+    EXPECT_EQ(refused.exit_code, 2) << refused.output;
+    EXPECT_NE(refused.output.find("aov-rec: " + damaged + ": record "), std::string::npos)
+        << refused.output;
+    EXPECT_NE(refused.output.find("; nothing sent\n"), std::string::npos) << refused.output;
+    EXPECT_EQ(refused.output.find("retrace: "), std::string::npos) << refused.output;
+    EXPECT_NE(status.find("\nrequests 0\n"), std::string::npos) << status;
+
+    // A file that cannot be read twice is not read once either.
+    const ProcessResult device = retrace("/dev/zero", node_);
+    EXPECT_EQ(device.exit_code, 2) << device.output;
+    EXPECT_EQ(device.output,
+              "aov-rec: /dev/zero: not a regular file (retrace reads the session twice: whole "
+              "before sending anything)\n");
+}
+
+// Copies `from` to `to` through the session builder (its readiness records
+// left out), the first byte of the areas `areas` (bits by index) of the first
+// dequeue that kept areas flipped; the section of the first area changed, or
+// 0 when that dequeue has no such area.
+int withAreasChanged(const std::string& from, const std::string& to, uint32_t areas) {
+    aovrec::FileSource source;
+    std::string why;
+    aovrec::SessionReader reader(source);
+    if (!source.open(from, &why) || !reader.start()) {
+        return 0;
+    }
+    const int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return 0;
+    }
+    aovrec::SessionBuilder b(fd, reader.header().content, reader.header().compression);
+    auto result = [](const aovrec::Record& x) {
+        return x.call.result >= 0 ? x.call.result : -x.call.err;
+    };
+    int section = 0;
+    bool changed = false;
+    aovrec::Record x;
+    aovrec::SessionReader::Next next;
+    while ((next = reader.next(&x)) == aovrec::SessionReader::Next::Record) {
+        if (x.type == aovrec::RecordType::Open) {
+            b.open(x.path.c_str(), static_cast<int>(x.open_flags), result(x));
+        } else if (x.type == aovrec::RecordType::Close) {
+            b.close(x.call.fd, result(x));
+        } else if (x.type == aovrec::RecordType::Ioctl) {
+            std::vector<std::vector<uint8_t>> data;
+            std::vector<aovrec::SessionBuilder::Area> kept;
+            for (uint8_t a = 0; a < x.area_count; ++a) {
+                data.emplace_back(x.areas[a].data, x.areas[a].data + x.areas[a].length);
+            }
+            for (uint8_t a = 0; !changed && a < x.area_count; ++a) {
+                if ((areas & (1u << a)) != 0 && !data[a].empty()) {
+                    data[a][0] ^= 0x01;
+                    section = section == 0 ? x.areas[a].section : section;
+                }
+            }
+            changed = changed || x.area_count > 0;
+            for (uint8_t a = 0; a < x.area_count; ++a) {
+                kept.push_back({x.areas[a].section, data[a].data(), x.areas[a].length});
+            }
+            const bool null_arg = (x.arg_flags & aovrec::kArgNull) != 0;
+            b.ioctl(x.call.fd, x.request, null_arg ? nullptr : x.sent, x.sent_len, result(x),
+                    x.back, x.back_len, kept.data(), kept.size());
+        }
+    }
+    const bool ok = b.ok() && next == aovrec::SessionReader::Next::End;
+    ::close(fd);
+    return ok ? section : 0;
+}
+
+TEST_F(RetraceAgainstKdev, EachAreaOfADequeueIsComparedWithTheRecordedOneAndADequeueDiffersOnce) {
+    const std::string edited = tempPath("edited.rec");
+    startKdev({});
+    int sections = 0;
+    for (uint32_t area = 0; area < 10; ++area) {
+        const int section = withAreasChanged(recording_, edited, 1u << area);
+        if (section == 0) {
+            break;
+        }
+        ++sections;
+        const ProcessResult changed = retrace(edited, node_);
+        EXPECT_EQ(changed.exit_code, 1) << changed.output;
+        EXPECT_NE(changed.output.find("(area): DEQUEUE_EVENT: section " + std::to_string(section) +
+                                      ", first "),
+                  std::string::npos)
+            << "area " << area << ":\n"
+            << changed.output;
+        EXPECT_NE(changed.output.find(", 1 differences\n"), std::string::npos) << changed.output;
+    }
+    // Recorded with all ten sections written.
+    EXPECT_EQ(sections, 10);
+
+    // Two areas of one dequeue changed: one difference, at the first.
+    const int first = withAreasChanged(recording_, edited, 0x6);
+    ASSERT_NE(first, 0);
+    const ProcessResult two = retrace(edited, node_);
+    EXPECT_EQ(two.exit_code, 1) << two.output;
+    EXPECT_NE(
+        two.output.find("(area): DEQUEUE_EVENT: section " + std::to_string(first) + ", first "),
+        std::string::npos)
+        << two.output;
+    EXPECT_NE(two.output.find(", 1 differences\n"), std::string::npos) << two.output;
+    ::unlink(edited.c_str());
+}
+
+TEST_F(RetraceAgainstKdev, ACutRecordingIsRetracedUpToItsCutThenEndsInExitTwo) {
+    const std::string bytes = readText(recording_);
+    const std::string cut = tempPath("cut.rec");
+    std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() - 3);
+    startKdev({});
+    const ProcessResult r = retrace(cut, node_);
+    ::unlink(cut.c_str());
+    EXPECT_EQ(r.exit_code, 2) << r.output;
+    // Every record before the cut was sent.
+    const uint64_t whole = recordsIn(recording_) - 1;
+    EXPECT_NE(r.output.find(sentCalls(recording_, whole)), std::string::npos)
+        << sentCalls(recording_, whole) << "\n"
+        << r.output;
+    EXPECT_NE(r.output.find("cut off"), std::string::npos) << r.output;
+}
+
+TEST(RetraceOptions, TimeLimitsOutsideTheirRangeAreRefusedWithExitTwo) {
+    for (const std::vector<std::string>& args :
+         std::vector<std::vector<std::string>>{{"retrace", "x.rec", "--request-timeout", "0"},
+                                               {"retrace", "x.rec", "--request-timeout", "3600001"},
+                                               {"retrace", "x.rec", "--request-timeout"},
+                                               {"retrace", "x.rec", "--ready-timeout", "-1"}}) {
+        const ProcessResult r = rec(args);
+        EXPECT_EQ(r.exit_code, 2) << args[2] << "\n" << r.output;
+        EXPECT_EQ(r.output.rfind("aov-rec: " + args[2], 0), 0u) << r.output;
+    }
+}
+
+}  // namespace
