@@ -50,7 +50,7 @@ size_t SessionWriter::workBytes() {
 
 bool SessionWriter::begin(int fd, FileHeader header, uint8_t* work, size_t work_size) {
     fd_ = fd;
-    records_ = 0;
+    records_.store(0, std::memory_order_relaxed);
     work_ = work;
     work_size_ = work_size;
 #if AOV_REC_HAVE_ZSTD
@@ -103,7 +103,7 @@ bool SessionWriter::write(RecordType type, const uint8_t* payload, size_t size) 
     if (!writeAll(fd_, parts, 2, sizeof(head) + frame.stored_len)) {
         return false;
     }
-    ++records_;
+    records_.fetch_add(1, std::memory_order_relaxed);
     return true;
 }
 

@@ -5,6 +5,7 @@
 // No exceptions and no allocation of its own: the caller provides the room
 // for compressed frames (workBytes()).
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
@@ -35,7 +36,9 @@ class SessionWriter {
     bool write(RecordType type, const uint8_t* payload, size_t size);
 
     const FileHeader& header() const { return header_; }
-    uint64_t records() const { return records_; }
+    // Readable from another thread while the writer's thread writes (a
+    // recorder's statistics); the count is all it tells.
+    uint64_t records() const { return records_.load(std::memory_order_relaxed); }
 
   private:
     int fd_ = -1;
@@ -43,7 +46,7 @@ class SessionWriter {
     uint8_t* work_ = nullptr;
     size_t work_size_ = 0;
     void* cctx_ = nullptr;
-    uint64_t records_ = 0;
+    std::atomic<uint64_t> records_{0};
 };
 
 }  // namespace aovrec
