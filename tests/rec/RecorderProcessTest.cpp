@@ -471,12 +471,19 @@ std::vector<std::string> deliveredWords(const std::string& output) {
     return events;
 }
 
+// Three scripted events with all ten areas. A driver serving a script
+// queues only its events, fewer than its queue holds: none is overwritten
+// however slowly a session or its retrace runs, so both see the same events.
+// (The default driver makes an event every frame into a queue of four, and a
+// retrace that falls behind it sees other events than the recording did.)
+const std::string kThreeEvents = AOV_REC_TEST_DATA "/three-full-events.json";
+
 // One scenario recorded through a real node and retraced against a fresh
 // aov-kdev serving the same scenario.
 struct RoundTripCase {
     const char* name;
     std::vector<std::string> sim_args;
-    std::string scenario;  // for aov-kdev too; empty: the embedded one
+    std::string scenario;  // for aov-kdev too
     const char* content;
     const char* fault_at;  // a dequeue that succeeded in the recording
 };
@@ -517,13 +524,22 @@ class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
         if (c.scenario != "failures") {
             return c.scenario;
         }
-        const ProcessResult printed = runProcess(AOV_SIM_PATH, {"--print-scenario"});
-        std::string text = printed.output;
-        const size_t at = text.find("\"failures\": {}");
-        if (at == std::string::npos) {
+        // The three events with failures, and a fourth event for the one the
+        // failed dequeue loses.
+        std::ifstream in(kThreeEvents);
+        std::string text(std::istreambuf_iterator<char>(in), {});
+        const std::string driver = "\"driver\": {\"queue_depth\": 4},";
+        const std::string last = "\n    }\n  ]\n}";
+        const size_t at = text.find(driver);
+        const size_t end = text.rfind(last);
+        if (at == std::string::npos || end == std::string::npos) {
             return "";
         }
-        text.replace(at, 14, "\"failures\": {\"dequeue\": [2], \"sensor_list\": [2]}");
+        text.replace(end, last.size(),
+                     "\n    },\n    {\"header\": [4, 0, 400, 4, 0, 1], \"info\": {\"s1\": [32768]},"
+                     " \"data\": {\"s1\": {\"fill\": 65}}}\n  ]\n}");
+        text.replace(at, driver.size(),
+                     driver + " \"failures\": {\"dequeue\": [2], \"sensor_list\": [2]},");
         scenario_ = tempPath("failures.json");
         writeText(scenario_, text);
         return scenario_;
@@ -536,13 +552,11 @@ class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
 TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFaultIsFound) {
     const RoundTripCase& c = GetParam();
     const std::string scenario = scenarioFile();
-    ASSERT_EQ(scenario.empty(), c.scenario.empty()) << "no failures template";
+    ASSERT_FALSE(scenario.empty()) << "no failures template";
     std::vector<std::string> args = {"record", "-o",         session_,   "--content", c.content,
                                      "--",     AOV_SIM_PATH, "--kernel", "fuse",      "--events",
                                      "3",      "--timeout",  "10"};
-    if (!scenario.empty()) {
-        args.insert(args.end(), {"--scenario", scenario});
-    }
+    args.insert(args.end(), {"--scenario", scenario});
     args.insert(args.end(), c.sim_args.begin(), c.sim_args.end());
     const ProcessResult recorded = rec(args);
     ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
@@ -557,9 +571,7 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
     // library error lines and system-layer lines as the live run.
     std::vector<std::string> replayArgs = {"--replay", session_, "--speed",   "max",
                                            "--events", "3",      "--timeout", "10"};
-    if (!scenario.empty()) {
-        replayArgs.insert(replayArgs.end(), {"--scenario", scenario});
-    }
+    replayArgs.insert(replayArgs.end(), {"--scenario", scenario});
     replayArgs.insert(replayArgs.end(), c.sim_args.begin(), c.sim_args.end());
     const ProcessResult replayed = runProcess(AOV_SIM_PATH, replayArgs);
     ASSERT_EQ(replayed.exit_code, 0) << replayed.output;
@@ -585,7 +597,7 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
     // The dump's words of each event are those the live run's callback got.
     EXPECT_EQ(recordedWords(dump.output), deliveredWords(recorded.output));
 
-    if (c.scenario.empty()) {
+    if (c.scenario == kThreeEvents) {
         // Three events with content, every request answered.
         EXPECT_NE(info.output.find("\n  START                 1  failed 0\n"), std::string::npos)
             << info.output;
@@ -601,7 +613,7 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
             << info.output;
     }
 
-    if (c.scenario.empty()) {
+    if (c.scenario == kThreeEvents) {
         // On a terminal the replay shows how far it got, and clears that
         // line again before it ends.
         const ProcessResult shown = runProcessOnTerminal(AOV_SIM_PATH, replayArgs);
@@ -638,10 +650,7 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
         EXPECT_NE(diverged.output.find(" aov_mode 0 "), std::string::npos) << diverged.output;
     }
 
-    std::vector<std::string> kdev;
-    if (!scenario.empty()) {
-        kdev = {"--scenario", scenario};
-    }
+    std::vector<std::string> kdev = {"--scenario", scenario};
     startKdev(kdev);
     const ProcessResult same =
         rec({"retrace", session_, "-d", dir_ + "/kelo_aov", "--ready-timeout", "5000"});
@@ -663,7 +672,7 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
 
 INSTANTIATE_TEST_SUITE_P(
     AovRec, FuseRoundTrip,
-    ::testing::Values(RoundTripCase{"DefaultScenario", {}, "", "written", "2"},
+    ::testing::Values(RoundTripCase{"ThreeEvents", {}, kThreeEvents, "written", "2"},
                       RoundTripCase{"ScriptedEventsFullContent",
                                     {"--aov-mode", "2"},
                                     std::string(AOV_SIM_EXAMPLES) + "/scripted-events.json",
@@ -788,8 +797,9 @@ std::string rewrite(const std::string& from, const std::string& to, const Edits&
 class EditedRecording : public FuseRoundTrip {};
 
 TEST_P(EditedRecording, RetraceFindsEveryChangeAndReplayTheRequestLeftOver) {
+    const std::string scenario = GetParam().scenario;
     ASSERT_EQ(rec({"record", "-o", session_, "--", AOV_SIM_PATH, "--kernel", "fuse", "--events",
-                   "3", "--timeout", "10"})
+                   "3", "--timeout", "10", "--scenario", scenario})
                   .exit_code,
               0);
     const std::string plain = tempPath("plain.rec");
@@ -801,13 +811,13 @@ TEST_P(EditedRecording, RetraceFindsEveryChangeAndReplayTheRequestLeftOver) {
 
     // Without its readiness records, each dequeue that got an event still
     // waits for the node to be ready.
-    startKdev({});
+    startKdev({"--scenario", scenario});
     const ProcessResult same = rec({"retrace", plain, "-d", dir_ + "/kelo_aov"});
     EXPECT_EQ(same.exit_code, 0) << same.output;
     EXPECT_NE(same.output.find(", 0 differences\n"), std::string::npos) << same.output;
     stopKdev();
 
-    startKdev({});
+    startKdev({"--scenario", scenario});
     const ProcessResult changed = rec({"retrace", edited, "-d", dir_ + "/kelo_aov"});
     stopKdev();
     EXPECT_EQ(changed.exit_code, 1) << changed.output;
@@ -822,7 +832,8 @@ TEST_P(EditedRecording, RetraceFindsEveryChangeAndReplayTheRequestLeftOver) {
     EXPECT_NE(changed.output.find(", 3 differences\n"), std::string::npos) << changed.output;
 
     const ProcessResult replayed = runProcess(
-        AOV_SIM_PATH, {"--replay", leftOver, "--speed", "max", "--events", "3", "--timeout", "10"});
+        AOV_SIM_PATH, {"--replay", leftOver, "--speed", "max", "--events", "3", "--timeout", "10",
+                       "--scenario", scenario});
     EXPECT_EQ(replayed.exit_code, 1) << replayed.output;
     EXPECT_NE(
         replayed.output.find("\n  library:  (no more requests)\n  recorded: ioctl 0x00004805"),
@@ -835,7 +846,7 @@ TEST_P(EditedRecording, RetraceFindsEveryChangeAndReplayTheRequestLeftOver) {
 
 INSTANTIATE_TEST_SUITE_P(AovRec, EditedRecording,
                          ::testing::Values(RoundTripCase{
-                             "DefaultScenario", {}, "", "written", "2"}),
+                             "ThreeEvents", {}, kThreeEvents, "written", "2"}),
                          [](const ::testing::TestParamInfo<RoundTripCase>& info) {
                              return std::string(info.param.name);
                          });

@@ -36,6 +36,7 @@ void PrintTo(const FaultCase& c, std::ostream* out) {
     *out << c.fault;
 }
 
+constexpr const char* kScript = AOV_REC_TEST_DATA "/three-full-events.json";
 constexpr int kRequestLimitMs = 3000;
 constexpr int kReadyLimitMs = 3000;
 
@@ -143,8 +144,10 @@ std::vector<std::string> split(const std::string& text, const std::string& by) {
 class RetraceAgainstKdev : public ::testing::Test {
   protected:
     static void TearDownTestSuite() {
-        if (!recording_.empty()) {
-            ::unlink(recording_.c_str());
+        for (const std::string* path : {&recording_, &streamed_}) {
+            if (!path->empty()) {
+                ::unlink(path->c_str());
+            }
         }
     }
     void SetUp() override {
@@ -154,23 +157,37 @@ class RetraceAgainstKdev : public ::testing::Test {
         }
         dir_ = sandbox_.dir();
         node_ = dir_ + "/kelo_aov";
-        if (recording_.empty()) {
+        if (recording_.empty() || streamed_.empty()) {
             record();
         }
     }
     void TearDown() override { stopKdev(); }
 
-    // Three events with all ten areas, recorded once for the suite through
-    // aov-sim's own FUSE node.
+    // Two sessions of three events with all ten areas, recorded once for the
+    // suite through aov-sim's own FUSE node. `recording_` holds the three
+    // scripted events of kScript: a driver serving that script queues exactly
+    // those, so nothing is overwritten however slowly a retrace runs, and
+    // its differences are exact. `streamed_` holds the default driver's
+    // events, made every frame: the faults that act on a stream of events
+    // show only there, and a retrace that falls behind it sees overwritten
+    // events as differences too.
     static void record() {
-        const std::string path = tempPath("full.rec");
-        const ProcessResult recorded =
-            rec({"record", "-o", path, "--content", "written", "--", AOV_SIM_PATH, "--kernel",
-                 "fuse", "--events", "3", "--timeout", "10", "--aov-mode", "2"});
-        ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
-        recording_ = path;
+        for (const bool scripted : {true, false}) {
+            const std::string path = tempPath(scripted ? "scripted.rec" : "streamed.rec");
+            std::vector<std::string> args = {"record", "-o", path, "--content", "written", "--",
+                                             AOV_SIM_PATH, "--kernel", "fuse", "--events", "3",
+                                             "--timeout", "10", "--aov-mode", "2"};
+            if (scripted) {
+                args.insert(args.end(), {"--scenario", kScript});
+            }
+            const ProcessResult recorded = rec(args);
+            ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+            (scripted ? recording_ : streamed_) = path;
+        }
     }
 
+    // aov-kdev serving the script the recording was made with.
+    void startKdev() { startKdev({"--scenario", kScript}); }
     void startKdev(std::vector<std::string> extra) {
         extra.insert(extra.begin(), "--quiet");
         std::string problem;
@@ -188,16 +205,17 @@ class RetraceAgainstKdev : public ::testing::Test {
                     "--request-timeout", std::to_string(kRequestLimitMs)});
     }
 
-    static std::string recording_;
+    static std::string recording_, streamed_;
     aovtest::MountSandbox sandbox_;  // outlives the server
     std::string dir_, node_;
     aovsimtool::KdevLauncher kdev_;
 };
 
 std::string RetraceAgainstKdev::recording_;
+std::string RetraceAgainstKdev::streamed_;
 
 TEST_F(RetraceAgainstKdev, AGoodDriverShowsNoDifferenceAndPassesEveryDriverCheck) {
-    startKdev({});
+    startKdev();
     const ProcessResult same = retrace(recording_, node_);
     EXPECT_EQ(same.exit_code, 0) << same.output;
     EXPECT_NE(same.output.find(" driver checks, 0 differences\n"), std::string::npos)
@@ -233,11 +251,11 @@ TEST_P(RetraceFault, ShowsAsADifferenceAndTheRunEnds) {
     startKdev({"--fault", c.fault});
     // Against a request that never returns too, retrace ends by itself: only
     // its abandoned child stays in the driver until the server is stopped.
-    const ProcessResult faulty = retrace(recording_, node_);
+    const ProcessResult faulty = retrace(streamed_, node_);
     stopKdev();
     EXPECT_EQ(faulty.exit_code, 1) << faulty.output;
     EXPECT_NE(faulty.output.find(c.shows), std::string::npos) << faulty.output;
-    EXPECT_NE(faulty.output.find("retrace: " + recording_ + " against " + node_), std::string::npos)
+    EXPECT_NE(faulty.output.find("retrace: " + streamed_ + " against " + node_), std::string::npos)
         << faulty.output;
     EXPECT_EQ(faulty.output.find(", 0 differences"), std::string::npos) << faulty.output;
 }
@@ -311,7 +329,7 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
               "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
 
     // The server dies at the second dequeue: that dequeue was sent, nothing after it.
-    startKdev({"--die-at-dequeue", "2"});
+    startKdev({"--scenario", kScript, "--die-at-dequeue", "2"});
     const ProcessResult gone = retrace(recording_, node_);
     stopKdev();
     EXPECT_EQ(gone.exit_code, 3) << gone.output;
@@ -343,7 +361,7 @@ TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent
     bytes[bytes.size() - 3] = static_cast<char>(bytes[bytes.size() - 3] ^ 0x5a);
     const std::string damaged = tempPath("damaged.rec");
     std::ofstream(damaged, std::ios::binary) << bytes;
-    startKdev({});
+    startKdev();
     const ProcessResult refused = retrace(damaged, node_);
     const std::string status = readText(dir_ + "/status");
     stopKdev();
@@ -419,7 +437,7 @@ int withAreasChanged(const std::string& from, const std::string& to, uint32_t ar
 
 TEST_F(RetraceAgainstKdev, EachAreaOfADequeueIsComparedWithTheRecordedOneAndADequeueDiffersOnce) {
     const std::string edited = tempPath("edited.rec");
-    startKdev({});
+    startKdev();
     int sections = 0;
     for (uint32_t area = 0; area < 10; ++area) {
         const int section = withAreasChanged(recording_, edited, 1u << area);
@@ -456,7 +474,7 @@ TEST_F(RetraceAgainstKdev, ACutRecordingIsRetracedUpToItsCutThenEndsInExitTwo) {
     const std::string bytes = readText(recording_);
     const std::string cut = tempPath("cut.rec");
     std::ofstream(cut, std::ios::binary) << bytes.substr(0, bytes.size() - 3);
-    startKdev({});
+    startKdev();
     const ProcessResult r = retrace(cut, node_);
     ::unlink(cut.c_str());
     EXPECT_EQ(r.exit_code, 2) << r.output;
