@@ -174,9 +174,10 @@ class RetraceAgainstKdev : public ::testing::Test {
     static void record() {
         for (const bool scripted : {true, false}) {
             const std::string path = tempPath(scripted ? "scripted.rec" : "streamed.rec");
-            std::vector<std::string> args = {"record", "-o", path, "--content", "written", "--",
-                                             AOV_SIM_PATH, "--kernel", "fuse", "--events", "3",
-                                             "--timeout", "10", "--aov-mode", "2"};
+            std::vector<std::string> args = {"record",  "-o",         path,         "--content",
+                                             "written", "--",         AOV_SIM_PATH, "--kernel",
+                                             "fuse",    "--events",   "3",          "--timeout",
+                                             "10",      "--aov-mode", "2"};
             if (scripted) {
                 args.insert(args.end(), {"--scenario", kScript});
             }
