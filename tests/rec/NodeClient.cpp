@@ -8,7 +8,8 @@
 //   exec-child    runs itself again (no mode) in a forked child, and waits
 //   fifo          NODE is a FIFO: opened as descriptor 0, waited on by select
 //                 with each of its sets and by epoll, closed, and its number
-//                 reused by an eventfd under the same epoll data
+//                 reused by an eventfd under the same epoll data; then an
+//                 epoll descriptor closed and its number reused the same way
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -148,8 +149,29 @@ int fifo(const char* node) {
     ev.data.u64 = 42;
     show("epoll_ctl eventfd", ::epoll_ctl(ep, EPOLL_CTL_ADD, other, &ev));
     show("epoll_wait eventfd", ::epoll_wait(ep, &ev, 1, 0));
+    // An epoll descriptor closed with the node still registered; a new one
+    // at its number, given the eventfd under the old registration's data.
+    const int again = ::open(node, O_RDWR);
+    show("open node again", again >= 0 ? 0 : -1);
+    ev.events = EPOLLIN;
+    ev.data.u64 = 43;
+    show("epoll_ctl node again", ::epoll_ctl(ep, EPOLL_CTL_ADD, again, &ev));
+    show("close epoll", ::close(ep));
+    const int ep2 = ::epoll_create1(0);
+    show("epoll at the closed number", ep2 == ep ? 0 : -1);
+    show("epoll_ctl eventfd again", ::epoll_ctl(ep2, EPOLL_CTL_ADD, other, &ev));
+    // The node by another number: the closed epoll's registration of `again`
+    // is not overwritten by this one.
+    const int copy = ::dup(again);
+    ev.data.u64 = 44;
+    show("epoll_ctl node copy in new epoll", ::epoll_ctl(ep2, EPOLL_CTL_ADD, copy, &ev));
+    show("write again", ::write(again, "x", 1));
+    epoll_event both[2];
+    show("epoll_wait both", ::epoll_wait(ep2, both, 2, 0));
+    ::close(copy);
+    ::close(again);
     ::close(other);
-    ::close(ep);
+    ::close(ep2);
     return 0;
 }
 

@@ -255,7 +255,7 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
 // What a wait found is recorded per descriptor set, and a node descriptor is
 // known by its number only while it is open: the number 0 is a node's like
 // any other, and once closed, neither its epoll data nor its number make
-// another file's readiness the node's.
+// another file's readiness the node's; nor do a closed epoll descriptor's.
 TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIsOpen) {
     const std::string fifo = tempPath("fifo");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
@@ -280,7 +280,7 @@ TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIs
             waits.push_back(line);
         }
     }
-    ASSERT_EQ(waits.size(), 6u) << dump.output;
+    ASSERT_EQ(waits.size(), 7u) << dump.output;
     const std::vector<std::string> found = {
         "\"kind\":\"select\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":7,\"revents\":4}]}",
         "\"kind\":\"select\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":2,\"revents\":0}]}",
@@ -289,11 +289,16 @@ TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIs
         "\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":0,\"revents\":1}]"
         "}",
         // After the close: the eventfd at 0, registered with the node's data.
-        "\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[]}"};
+        "\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[]}",
+        // A new epoll descriptor at a closed one's number: of its two
+        // descriptors ready, the node's only, not the eventfd under the data
+        // the node had with the closed one.
+        "\"result\":2,\"errno\":0,\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[{\"fd\":"};
     for (size_t i = 0; i < found.size(); ++i) {
         EXPECT_NE(waits[i].find(found[i]), std::string::npos)
             << waits[i] << "\nexpected " << found[i];
     }
+    EXPECT_EQ(count(waits[6], "\"fd\":"), 2u) << waits[6];  // the call's and the node's
     EXPECT_EQ(count(dump.output, "\"call\":\"close\",\"fd\":0,"), 1u) << dump.output;
     ::unlink(fifo.c_str());
 }
