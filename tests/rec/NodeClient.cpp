@@ -6,11 +6,16 @@
 //                 by duplicates, and reuses a node descriptor's number
 //   bad-pointers  readiness calls given memory they cannot read
 //   exec-child    runs itself again (no mode) in a forked child, and waits
+//   fifo          NODE is a FIFO: opened as descriptor 0, waited on by select
+//                 with each of its sets and by epoll, closed, and its number
+//                 reused by an eventfd under the same epoll data; then an
+//                 epoll descriptor closed and its number reused the same way
 
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <poll.h>
 #include <sys/epoll.h>
+#include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
@@ -106,6 +111,70 @@ int badPointers(const char* node) {
     return 0;
 }
 
+// select, without waiting, with the node in each of the sets asked for.
+void selectOn(const char* what, int fd, bool read, bool write, bool except) {
+    fd_set sets[3];
+    for (fd_set& set : sets) {
+        FD_ZERO(&set);
+        FD_SET(fd, &set);
+    }
+    timeval zero{0, 0};
+    show(what, ::select(fd + 1, read ? &sets[0] : nullptr, write ? &sets[1] : nullptr,
+                        except ? &sets[2] : nullptr, &zero));
+}
+
+int fifo(const char* node) {
+    // The lowest free number is 0: a node descriptor may be 0 too.
+    ::close(0);
+    const int fd = ::open(node, O_RDWR);
+    show("open node as 0", fd == 0 ? 0 : -1);
+    ask("ioctl node at 0", fd);
+    // Empty: writable, not readable, never exceptional.
+    selectOn("select all sets empty", fd, true, true, true);
+    selectOn("select except", fd, false, false, true);
+    show("write", ::write(fd, "x", 1));
+    selectOn("select all sets holding a byte", fd, true, true, true);
+    selectOn("select read", fd, true, false, false);
+    const int ep = ::epoll_create1(0);
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = 42;
+    show("epoll_ctl node", ::epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev));
+    show("epoll_wait node", ::epoll_wait(ep, &ev, 1, 0));
+    show("close node", ::close(fd));
+    // The node's number and its epoll data, now another file's.
+    const int other = ::eventfd(1, 0);
+    show("eventfd at 0", other == 0 ? 0 : -1);
+    ev.events = EPOLLIN;
+    ev.data.u64 = 42;
+    show("epoll_ctl eventfd", ::epoll_ctl(ep, EPOLL_CTL_ADD, other, &ev));
+    show("epoll_wait eventfd", ::epoll_wait(ep, &ev, 1, 0));
+    // An epoll descriptor closed with the node still registered; a new one
+    // at its number, given the eventfd under the old registration's data.
+    const int again = ::open(node, O_RDWR);
+    show("open node again", again >= 0 ? 0 : -1);
+    ev.events = EPOLLIN;
+    ev.data.u64 = 43;
+    show("epoll_ctl node again", ::epoll_ctl(ep, EPOLL_CTL_ADD, again, &ev));
+    show("close epoll", ::close(ep));
+    const int ep2 = ::epoll_create1(0);
+    show("epoll at the closed number", ep2 == ep ? 0 : -1);
+    show("epoll_ctl eventfd again", ::epoll_ctl(ep2, EPOLL_CTL_ADD, other, &ev));
+    // The node by another number: the closed epoll's registration of `again`
+    // is not overwritten by this one.
+    const int copy = ::dup(again);
+    ev.data.u64 = 44;
+    show("epoll_ctl node copy in new epoll", ::epoll_ctl(ep2, EPOLL_CTL_ADD, copy, &ev));
+    show("write again", ::write(again, "x", 1));
+    epoll_event both[2];
+    show("epoll_wait both", ::epoll_wait(ep2, both, 2, 0));
+    ::close(copy);
+    ::close(again);
+    ::close(other);
+    ::close(ep2);
+    return 0;
+}
+
 int execChild(char* self, char* node, char* other) {
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -132,6 +201,9 @@ int main(int argc, char** argv) {
     }
     if (mode == "bad-pointers") {
         return badPointers(argv[1]);
+    }
+    if (mode == "fifo") {
+        return fifo(argv[1]);
     }
     const int fd = ::open(argv[1], O_RDWR);
     show("open node", fd);

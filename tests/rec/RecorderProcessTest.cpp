@@ -17,6 +17,7 @@
 #include <deque>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -249,6 +250,57 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":90,"), std::string::npos) << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":100,"), std::string::npos) << dump.output;
     ::unlink(link.c_str());
+}
+
+// What a wait found is recorded per descriptor set, and a node descriptor is
+// known by its number only while it is open: the number 0 is a node's like
+// any other, and once closed, neither its epoll data nor its number make
+// another file's readiness the node's; nor do a closed epoll descriptor's.
+TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIsOpen) {
+    const std::string fifo = tempPath("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {fifo, other_, "fifo"});
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    EXPECT_EQ(count(bare.output, " -> -1 "), 0u) << bare.output;
+    const ProcessResult recorded =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, fifo, other_, "fifo"},
+            {"AOV_REC_NODE=" + fifo});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"open\",\"fd\":-100,\"result\":0,"), std::string::npos)
+        << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"ioctl\",\"fd\":0,"), std::string::npos) << dump.output;
+    // POLLIN 1, POLLPRI 2, POLLOUT 4: asked of the read, except and write sets.
+    std::vector<std::string> waits;
+    std::istringstream lines(dump.output);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("\"node\":") != std::string::npos) {
+            waits.push_back(line);
+        }
+    }
+    ASSERT_EQ(waits.size(), 7u) << dump.output;
+    const std::vector<std::string> found = {
+        "\"kind\":\"select\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":7,\"revents\":4}]}",
+        "\"kind\":\"select\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":2,\"revents\":0}]}",
+        "\"kind\":\"select\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":7,\"revents\":5}]}",
+        "\"kind\":\"select\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":1,\"revents\":1}]}",
+        "\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":0,\"revents\":1}]"
+        "}",
+        // After the close: the eventfd at 0, registered with the node's data.
+        "\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[]}",
+        // A new epoll descriptor at a closed one's number: of its two
+        // descriptors ready, the node's only, not the eventfd under the data
+        // the node had with the closed one.
+        "\"result\":2,\"errno\":0,\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[{\"fd\":"};
+    for (size_t i = 0; i < found.size(); ++i) {
+        EXPECT_NE(waits[i].find(found[i]), std::string::npos)
+            << waits[i] << "\nexpected " << found[i];
+    }
+    EXPECT_EQ(count(waits[6], "\"fd\":"), 2u) << waits[6];  // the call's and the node's
+    EXPECT_EQ(count(dump.output, "\"call\":\"close\",\"fd\":0,"), 1u) << dump.output;
+    ::unlink(fifo.c_str());
 }
 
 // Calls given memory they cannot read fail with EFAULT as without the

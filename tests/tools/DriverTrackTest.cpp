@@ -93,6 +93,26 @@ TEST(DriverTrackTest, BrokenLinesAreCountedAndACutLastLineIsNotARecord) {
     ::unlink(path.c_str());
 }
 
+// A request served, or an event signalled, within one tick of the clock ends
+// when it began: a record still. One that ends before it began is not.
+TEST(DriverTrackTest, ARecordMayEndWhenItBeganButNotBefore) {
+    struct Case {
+        const char* line;
+        bool record;
+    };
+    for (const Case& c :
+         {Case{"request 3221 400 400 0", true}, Case{"request 3221 400 399 0", false},
+          Case{"queued 2 300 300 1 0", true}, Case{"queued 2 300 299 1 0", false}}) {
+        DriverTrackRecord record;
+        bool full = false;
+        EXPECT_EQ(aovsimtool::parseDriverTrackLine(c.line, &record, &full), c.record) << c.line;
+        if (c.record) {
+            EXPECT_EQ(record.end, record.begin) << c.line;
+        }
+        EXPECT_FALSE(full);
+    }
+}
+
 TEST(DriverTrackTest, RefusesAFileThatIsNotATrack) {
     const std::string path = tempPath("track_other");
     {

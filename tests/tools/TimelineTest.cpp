@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
@@ -281,6 +282,30 @@ TEST(TrackLayoutTest, StepsBecomeBeginEndPairsAndEveryUsedTrackIsNamedAndSorted)
               (std::vector<std::string>{"aov-sim", "aov-kdev (driver through FUSE)", "system layer",
                                         "driver timer (aov-kdev)", "requests served (aov-kdev)"}));
     EXPECT_EQ(sortIndexes, 5);
+}
+
+// A process whose only records are counters or markers (the driver's queue
+// depth, a marker of aov-sim's) is named all the same, once.
+TEST(TrackLayoutTest, AProcessWithOnlyCountersAndMarkersIsNamed) {
+    TimelineCollector c(t0, 100);
+    c.queueDepth(true, us(1), 2, 0);
+    c.marker(us(2), "stopped", nlohmann::json::object());
+    const TraceLayout layout = aovsimtool::layOutTracks(c.records());
+    std::vector<int> eventPids;
+    for (const TraceEvent& e : layout.events) {
+        EXPECT_NE(e.phase, 'X') << e.record->name;
+        eventPids.push_back(e.pid);
+    }
+    std::sort(eventPids.begin(), eventPids.end());
+    std::vector<int> namedPids;
+    for (const nlohmann::json& m : layout.metadata) {
+        if (m["name"] == "process_name") {
+            namedPids.push_back(m["pid"].get<int>());
+        }
+    }
+    std::sort(namedPids.begin(), namedPids.end());
+    EXPECT_EQ(namedPids, (std::vector<int>{aovsimtool::kSimPid, aovsimtool::kKdevPid}));
+    EXPECT_EQ(eventPids, namedPids);
 }
 
 TEST(TraceWriterTest, WritesTheObjectFormWithFlowsCountersAndMarkers) {

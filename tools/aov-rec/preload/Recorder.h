@@ -111,10 +111,12 @@ void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_eve
 void recordEpollWait(WaitKind kind, uint64_t begin_ns, int epfd, const epoll_event* events,
                      int timeout_ms, int result, int err);
 // select and pselect: `asked` holds the three sets as they were passed
-// (copied before the call), `nfds` clipped to FD_SETSIZE.
+// (copied before the call), `nfds` clipped to FD_SETSIZE. `given` comes
+// first: the bounds sanitizer leaves a structure's last array unchecked (it
+// may be a flexible one), and an index past the three sets is to be caught.
 struct SelectSets {
-    fd_set sets[3];
     bool given[3] = {false, false, false};
+    fd_set sets[3];
 };
 // Copies the sets the caller passed; true when any holds a node descriptor.
 bool copySelectSets(int nfds, fd_set* read, fd_set* write, fd_set* except, SelectSets* out);
