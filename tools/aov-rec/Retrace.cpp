@@ -334,6 +334,7 @@ class Retracer {
             true);
         calls_ += sent(c) ? 1 : 0;
         if (!answered) {
+            dropHandedOver(c);
             return;
         }
         const int fd = c.passed_fd;
@@ -378,6 +379,15 @@ class Retracer {
             return;
         }
         sameOutcome(r, "close", c.value, c.error);
+    }
+
+    // An open whose process hung or died after handing its descriptor over:
+    // the descriptor is closed in a guarded child too, never by this process
+    // (its FLUSH may never return, at this process's exit as anywhere).
+    void dropHandedOver(const CallResult& c) {
+        if (c.passed_fd >= 0) {
+            guard_.close(options_.request_timeout_ms, c.passed_fd);
+        }
     }
 
     // Closes the descriptors the recording left open, each under the limit.
@@ -669,6 +679,7 @@ class Retracer {
         if (!call(
                 nullptr, what, "open",
                 [&] { return static_cast<long>(::open(node.c_str(), flags)); }, &c, true)) {
+            dropHandedOver(c);
             return -1;
         }
         ++checks_;

@@ -1,6 +1,8 @@
 // aov-rec: records the AOV node's traffic of a process into a session file,
 // prints a session file, and retraces it against a node.
 
+#include <unistd.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -127,7 +129,15 @@ int retrace(int argc, char** argv) {
     if (file.empty()) {
         return usage("retrace: no session file");
     }
-    return aovrec::runRetrace(file, options, stdout, stderr);
+    const int code = aovrec::runRetrace(file, options, stdout, stderr);
+    // A close left stuck in the driver shares this process's descriptor
+    // table: closing the output here keeps it from holding a reader's pipe
+    // open after the exit.
+    std::fflush(stdout);
+    std::fflush(stderr);
+    ::close(STDOUT_FILENO);
+    ::close(STDERR_FILENO);
+    return code;
 }
 
 }  // namespace
