@@ -88,6 +88,8 @@ const FaultCase kFaults[] = {
     // The first call's process cannot close its copy of the node; the run
     // still ends by itself, with no copy left to close at its exit.
     {"hang-flush", "did not finish within 3000 ms: a FLUSH that never returns"},
+    // Refused by the driver, not missing: the session's first call differs.
+    {"refuse-rdwr", "(open): open: result -1 (Permission denied), recorded "},
 };
 
 // Faults no retrace can show, each with the reason.
@@ -108,9 +110,6 @@ const std::vector<UnchangedFault> kUnchangedBySession = {
 // Faults a session shows but retrace does not report yet: open work, each with
 // what is missing. Every one here is a gap, not a fault retrace may ignore.
 const std::vector<UnchangedFault> kNotYetShown = {
-    {"refuse-rdwr",
-     "an open the driver refuses ends the retrace as a node that cannot be opened (exit 3, "
-     "\"cannot open PATH: Permission denied\"), not as a difference"},
     {"leak-padding", "the dequeue record's padding words are not compared with the recording's"},
     {"pollerr-after-error",
      "no readiness is checked after the faulting-area dequeue of the driver checks"},
@@ -143,11 +142,13 @@ std::vector<std::string> split(const std::string& text, const std::string& by) {
 
 class RetraceAgainstKdev : public ::testing::Test {
   protected:
+    // Each suite of the binary records again: the files go with the suite.
     static void TearDownTestSuite() {
-        for (const std::string* path : {&recording_, &streamed_}) {
+        for (std::string* path : {&recording_, &streamed_}) {
             if (!path->empty()) {
                 ::unlink(path->c_str());
             }
+            path->clear();
         }
     }
     void SetUp() override {
@@ -327,6 +328,11 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
     EXPECT_EQ(missing.exit_code, 3) << missing.output;
     EXPECT_EQ(missing.output,
               "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
+    // A directory is no node either; a node that refuses the open is a
+    // difference, not this (refuse-rdwr among the faults).
+    const ProcessResult directory = retrace(recording_, dir_);
+    EXPECT_EQ(directory.exit_code, 3) << directory.output;
+    EXPECT_EQ(directory.output, "aov-rec: cannot open " + dir_ + ": Is a directory\n");
 
     // The server dies at the second dequeue: that dequeue was sent, nothing after it.
     startKdev({"--scenario", kScript, "--die-at-dequeue", "2"});

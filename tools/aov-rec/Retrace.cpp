@@ -86,6 +86,22 @@ bool nodeGone(int error) {
     return error == ENOTCONN || error == ENODEV || error == ECONNABORTED;
 }
 
+// An open failed before reaching a driver: nothing at the path, or nothing
+// there that can be opened as a node.
+bool noNodeThere(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+        case EISDIR:
+        case ELOOP:
+        case ENAMETOOLONG:
+        case ENXIO:
+            return true;
+        default:
+            return false;
+    }
+}
+
 std::string outcome(long result, int err) {
     if (result >= 0) {
         return std::to_string(result);
@@ -343,8 +359,9 @@ class Retracer {
             stop(Halt::kNoProcess, "cannot take over the node's descriptor");
             return;
         }
-        if (c.value < 0 && r.call.result >= 0 && !opened_once_) {
-            // Nothing of the session can be sent without the node.
+        if (c.value < 0 && r.call.result >= 0 && !opened_once_ && noNodeThere(c.error)) {
+            // Nothing of the session can be sent without the node. An open
+            // the node itself refuses is the driver's answer: a difference.
             halt_ = Halt::kNotOpened;
             std::fprintf(err_, "aov-rec: cannot open %s: %s\n", options_.node.c_str(),
                          std::strerror(c.error));
