@@ -573,29 +573,43 @@ class Retracer {
         }
     }
 
+    // The name of the 32-bit word at `offset` of a dequeue record; empty for
+    // the words of an area's address, which are the process's own.
+    static std::string wordName(size_t offset) {
+        constexpr size_t kHeaderBytes = sizeof(aov_event_query::header);
+        if (offset < kHeaderBytes) {
+            return "header[" + std::to_string(offset / 4) + "]";
+        }
+        for (size_t s = 0; s < kSections; ++s) {
+            const aov_section_desc& section = aov_event_sections[s];
+            if (offset >= section.query_addr_offset &&
+                offset < section.query_addr_offset + sizeof(uint64_t)) {
+                return std::string();
+            }
+            if (offset >= section.query_info_offset &&
+                offset < section.query_info_offset + 4 * section.info_words) {
+                return "s" + std::to_string(s + 1) + "_info[" +
+                       std::to_string((offset - section.query_info_offset) / 4) + "]";
+            }
+        }
+        char name[32];
+        std::snprintf(name, sizeof(name), "padding at 0x%02zx", offset);
+        return name;
+    }
+
+    // Every word the driver fills or must leave zero, in record order; the
+    // first that differs is reported.
     void compareWords(const Record& r) {
         const uint8_t* live = arg_.data();
-        std::string detail;
-        constexpr size_t kHeaderWords = sizeof(aov_event_query::header) / sizeof(uint32_t);
-        for (size_t i = 0; i < kHeaderWords && detail.empty(); ++i) {
-            if (word(live, 4 * i) != word(r.back, 4 * i)) {
-                detail = "header[" + std::to_string(i) + "] " + std::to_string(word(live, 4 * i)) +
-                         ", recorded " + std::to_string(word(r.back, 4 * i));
+        for (size_t at = 0; at < sizeof(aov_event_query); at += 4) {
+            const std::string name = wordName(at);
+            if (name.empty() || word(live, at) == word(r.back, at)) {
+                continue;
             }
-        }
-        for (size_t s = 0; s < kSections && detail.empty(); ++s) {
-            const aov_section_desc& section = aov_event_sections[s];
-            for (uint32_t w = 0; w < section.info_words && detail.empty(); ++w) {
-                const size_t at = section.query_info_offset + 4 * w;
-                if (word(live, at) != word(r.back, at)) {
-                    detail = "s" + std::to_string(s + 1) + "_info[" + std::to_string(w) + "] " +
-                             std::to_string(word(live, at)) + ", recorded " +
-                             std::to_string(word(r.back, at));
-                }
-            }
-        }
-        if (!detail.empty()) {
-            differ(&r, "words", label(r), detail);
+            differ(&r, "words", label(r),
+                   name + " " + std::to_string(word(live, at)) + ", recorded " +
+                       std::to_string(word(r.back, at)));
+            return;
         }
     }
 
