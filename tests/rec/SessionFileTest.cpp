@@ -926,15 +926,21 @@ TEST(WriterThread, WhileTheWriterIsBlockedSmallRecordsQueueBehindTheContentInCal
     EXPECT_EQ(got, want);
 }
 
+// A session file a death test's child writes and its parent reads: the
+// child runs the test again from its start, under a pid of its own, so the
+// name comes from the parent through `variable`.
+std::string fileOfDeathTest(const char* variable, const char* name) {
+    if (std::getenv(variable) == nullptr) {
+        const std::string path =
+            ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_" + name;
+        ::setenv(variable, path.c_str(), 1);
+    }
+    return std::getenv(variable);
+}
+
 TEST(WriterThread, ANormalExitWritesWhatIsStillQueued) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    // The child process runs this test again: the path comes from the parent.
-    if (std::getenv("AOVREC_EXIT_TEST_FILE") == nullptr) {
-        const std::string path =
-            ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_exit.rec";
-        ::setenv("AOVREC_EXIT_TEST_FILE", path.c_str(), 1);
-    }
-    const std::string path = std::getenv("AOVREC_EXIT_TEST_FILE");
+    const std::string path = fileOfDeathTest("AOVREC_EXIT_TEST_FILE", "exit.rec");
     EXPECT_EXIT(
         {
             aovrec::RecorderConfig config;
@@ -1068,8 +1074,7 @@ TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
 // process's requests keep their own results and errno.
 TEST(WriterThread, AFullDiskStopsTheRecordingAndTheCallerKeepsItsErrno) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::string path =
-        ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_full.rec";
+    const std::string path = fileOfDeathTest("AOVREC_FULL_TEST_FILE", "full.rec");
     // Room for one more STOP record (58 bytes) and half of the next.
     EXPECT_EXIT(
         stopsAtASizeLimit(path, 58 + 29), ::testing::ExitedWithCode(0),
@@ -1084,8 +1089,7 @@ TEST(WriterThread, AFullDiskStopsTheRecordingAndTheCallerKeepsItsErrno) {
 // the process.
 TEST(WriterThread, AFileAtItsSizeLimitStopsTheRecordingAndTheProcessGoesOn) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::string path =
-        ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_limit.rec";
+    const std::string path = fileOfDeathTest("AOVREC_LIMIT_TEST_FILE", "limit.rec");
     EXPECT_EXIT(stopsAtASizeLimit(path, 0), ::testing::ExitedWithCode(0),
                 "aov-rec: recording stopped: cannot write the session file: ");
     ::unlink(path.c_str());
