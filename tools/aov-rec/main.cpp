@@ -34,9 +34,14 @@ constexpr char kInfoHelp[] =
     "usage: aov-rec info FILE\nSummarises a session file: calls, requests, events, errors,\n"
     "and the dequeues whose areas were dropped.\n";
 constexpr char kRetraceHelp[] =
-    "usage: aov-rec retrace FILE [-d PATH] [--ready-timeout MS]\n"
+    "usage: aov-rec retrace FILE [-d PATH] [--ready-timeout MS] [--request-timeout MS]\n"
     "Sends the recorded requests to the node at PATH (default /dev/kelo_aov) and\n"
-    "prints where its answers differ from the recording.\n";
+    "prints where its answers differ from the recording, then checks what any\n"
+    "driver must do. Each call into the node runs in a child process under the\n"
+    "request limit (default 2000 ms); each wait for readiness under the ready\n"
+    "limit (default 5000 ms) on top.\n"
+    "Exit: 0 no difference, 1 differences, 2 a file or option refused, 3 no node\n"
+    "at PATH, the node went away, or no process could be made for a call.\n";
 
 bool asksHelp(int argc, char** argv) {
     for (int i = 2; i < argc; ++i) {
