@@ -926,15 +926,21 @@ TEST(WriterThread, WhileTheWriterIsBlockedSmallRecordsQueueBehindTheContentInCal
     EXPECT_EQ(got, want);
 }
 
+// A session file a death test's child writes and its parent reads: the
+// child runs the test again from its start, under a pid of its own, so the
+// name comes from the parent through `variable`.
+std::string fileOfDeathTest(const char* variable, const char* name) {
+    if (std::getenv(variable) == nullptr) {
+        const std::string path =
+            ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_" + name;
+        ::setenv(variable, path.c_str(), 1);
+    }
+    return std::getenv(variable);
+}
+
 TEST(WriterThread, ANormalExitWritesWhatIsStillQueued) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    // The child process runs this test again: the path comes from the parent.
-    if (std::getenv("AOVREC_EXIT_TEST_FILE") == nullptr) {
-        const std::string path =
-            ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_exit.rec";
-        ::setenv("AOVREC_EXIT_TEST_FILE", path.c_str(), 1);
-    }
-    const std::string path = std::getenv("AOVREC_EXIT_TEST_FILE");
+    const std::string path = fileOfDeathTest("AOVREC_EXIT_TEST_FILE", "exit.rec");
     EXPECT_EXIT(
         {
             aovrec::RecorderConfig config;
@@ -1029,6 +1035,16 @@ TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
 // latest. The size limit is finite from the start, as a process's would be.
 [[noreturn]] void stopsAtASizeLimit(const std::string& path, rlim_t room) {
     std::signal(SIGXFSZ, SIG_DFL);
+    // The limit holds for every file the process writes: its standard
+    // output, a regular file when the tests' output is kept in one, would
+    // raise SIGXFSZ when flushed at the exit. Only the session file may meet
+    // the limit here; standard error carries what the death test matches.
+    std::fflush(stdout);
+    const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null >= 0) {
+        ::dup2(null, STDOUT_FILENO);
+        ::close(null);
+    }
     rlimit fsize{};
     fsize.rlim_cur = 1 << 20;
     fsize.rlim_max = 1 << 20;
@@ -1068,8 +1084,7 @@ TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
 // process's requests keep their own results and errno.
 TEST(WriterThread, AFullDiskStopsTheRecordingAndTheCallerKeepsItsErrno) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::string path =
-        ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_full.rec";
+    const std::string path = fileOfDeathTest("AOVREC_FULL_TEST_FILE", "full.rec");
     // Room for one more STOP record (58 bytes) and half of the next.
     EXPECT_EXIT(
         stopsAtASizeLimit(path, 58 + 29), ::testing::ExitedWithCode(0),
@@ -1084,8 +1099,7 @@ TEST(WriterThread, AFullDiskStopsTheRecordingAndTheCallerKeepsItsErrno) {
 // the process.
 TEST(WriterThread, AFileAtItsSizeLimitStopsTheRecordingAndTheProcessGoesOn) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    const std::string path =
-        ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_limit.rec";
+    const std::string path = fileOfDeathTest("AOVREC_LIMIT_TEST_FILE", "limit.rec");
     EXPECT_EXIT(stopsAtASizeLimit(path, 0), ::testing::ExitedWithCode(0),
                 "aov-rec: recording stopped: cannot write the session file: ");
     ::unlink(path.c_str());

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 
+#include "MonitorWait.h"
 #include "Suite.h"
 
 namespace aovcompliance {
@@ -96,23 +97,14 @@ void epollReadableCheck(Context& ctx) {
     const int fd = ctx.fd();
     const int waitMs = ctx.options().event_timeout_ms;
     CallResult r = ctx.guard().run(ctx.options().timeout_ms, [epfd, fd]() -> long {
-        epoll_event event{};
-        event.events = 0;
-        event.data.fd = fd;
-        if (::epoll_ctl(epfd, EPOLL_CTL_ADD, fd, &event) != 0) {
-            return -1;
-        }
-        event.events = EPOLLIN;
-        return ::epoll_ctl(epfd, EPOLL_CTL_MOD, fd, &event);
+        return aovsimtool::armAsMonitor(epfd, fd);
     });
     if (ctx.answered(id, r)) {
         if (r.value < 0) {
             ctx.problem(id, "expected the node to be watchable, got epoll_ctl " + resultText(r));
         } else {
             r = ctx.guard().run(ctx.options().timeout_ms + waitMs, [epfd, waitMs]() -> long {
-                epoll_event event{};
-                const int ready = ::epoll_wait(epfd, &event, 1, waitMs);
-                return ready > 0 ? static_cast<long>(event.events) : ready;
+                return aovsimtool::waitAsMonitor(epfd, waitMs);
             });
             if (ctx.answered(id, r)) {
                 if (r.value > 0 && (r.value & EPOLLIN) != 0) {

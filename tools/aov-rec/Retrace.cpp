@@ -1,8 +1,10 @@
 // aov-rec retrace: sends a session's requests to a node in the recorded
 // order and compares the answers with the recorded ones; then checks what
 // any driver must do whatever the recording holds (a request it does not
-// know or of the wrong size refused, an area it cannot write refused, no
-// session left running after its node is closed).
+// know or of the wrong size refused, an area it cannot write refused and no
+// error signalled after it, no session left running after its node is
+// closed, a monitor armed before START woken by its events). Readiness is
+// always waited for as the library's event monitor waits: through an epoll.
 //
 // Every call into the node is a guarded call: made in a child process under
 // a time limit, so a driver that never answers costs a process, never the
@@ -12,6 +14,7 @@
 #include <fcntl.h>
 #include <linux/ioctl.h>
 #include <poll.h>
+#include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
@@ -25,6 +28,7 @@
 
 #include "Commands.h"
 #include "Guarded.h"
+#include "MonitorWait.h"
 #include "SessionReader.h"
 #include "kelo_aov.h"
 
@@ -84,6 +88,22 @@ bool nodeGone(int error) {
     // A FUSE server that died answers ENOTCONN (ECONNABORTED for the request
     // in flight); a removed device answers ENODEV.
     return error == ENOTCONN || error == ENODEV || error == ECONNABORTED;
+}
+
+// An open failed before reaching a driver: nothing at the path, or nothing
+// there that can be opened as a node.
+bool noNodeThere(int error) {
+    switch (error) {
+        case ENOENT:
+        case ENOTDIR:
+        case EISDIR:
+        case ELOOP:
+        case ENAMETOOLONG:
+        case ENXIO:
+            return true;
+        default:
+            return false;
+    }
 }
 
 std::string outcome(long result, int err) {
@@ -165,8 +185,8 @@ class Retracer {
         if (!halted() && !start_.empty()) {
             if (startProbe(fd, "faulting area",
                            "the session's START is accepted on a fresh open") &&
-                readyProbe(fd, "faulting area")) {
-                faultingAreaProbe(fd);
+                readyProbe(fd, "faulting area") && faultingAreaProbe(fd)) {
+                noErrorSignalledProbe(fd);
             }
         }
         // Closed without STOP: the release alone must end the session.
@@ -178,13 +198,22 @@ class Retracer {
         if (again < 0) {
             return;
         }
-        if (startProbe(again, "session after close",
+        // Armed before START, with nothing pending: only a wake-up can tell
+        // this monitor of the session's first event.
+        const int monitor = ::epoll_create1(EPOLL_CLOEXEC);
+        const bool armed = monitor >= 0 && armMonitor(monitor, again);
+        if (!halted() &&
+            startProbe(again, "session after close",
                        "closing the node must end its session, so that START succeeds again")) {
-            if (readyProbe(again, "empty queue")) {
+            if (armed ? monitorWokenProbe(monitor) : readyProbe(again, "empty queue")) {
                 emptyQueueProbe(again);
             }
             call(nullptr, "empty queue", "STOP",
                  [&] { return static_cast<long>(::ioctl(again, AOV_IOC_STOP, nullptr)); });
+        }
+        if (monitor >= 0) {
+            // An epoll instance: its close is no call into the driver.
+            ::close(monitor);
         }
         closeProbe(again, "session after close");
     }
@@ -334,6 +363,7 @@ class Retracer {
             true);
         calls_ += sent(c) ? 1 : 0;
         if (!answered) {
+            dropHandedOver(c);
             return;
         }
         const int fd = c.passed_fd;
@@ -342,8 +372,9 @@ class Retracer {
             stop(Halt::kNoProcess, "cannot take over the node's descriptor");
             return;
         }
-        if (c.value < 0 && r.call.result >= 0 && !opened_once_) {
-            // Nothing of the session can be sent without the node.
+        if (c.value < 0 && r.call.result >= 0 && !opened_once_ && noNodeThere(c.error)) {
+            // Nothing of the session can be sent without the node. An open
+            // the node itself refuses is the driver's answer: a difference.
             halt_ = Halt::kNotOpened;
             std::fprintf(err_, "aov-rec: cannot open %s: %s\n", options_.node.c_str(),
                          std::strerror(c.error));
@@ -380,6 +411,15 @@ class Retracer {
         sameOutcome(r, "close", c.value, c.error);
     }
 
+    // An open whose process hung or died after handing its descriptor over:
+    // the descriptor is closed in a guarded child too, never by this process
+    // (its FLUSH may never return, at this process's exit as anywhere).
+    void dropHandedOver(const CallResult& c) {
+        if (c.passed_fd >= 0) {
+            guard_.close(options_.request_timeout_ms, c.passed_fd);
+        }
+    }
+
     // Closes the descriptors the recording left open, each under the limit.
     void closeAll(const char* why) {
         for (const auto& [recorded, fd] : fds_) {
@@ -391,18 +431,17 @@ class Retracer {
         fds_.clear();
     }
 
-    // Polls `fd` for up to `waitMs`: 1 ready, 0 not, -1 when the poll gave
-    // no answer (reported as a difference, or the retrace stopped).
+    // Waits up to `waitMs` for `fd` as the library's event monitor would: 1
+    // ready, 0 not, -1 when the wait gave no answer (reported as a
+    // difference, or the retrace stopped). `revents` gets what woke it.
     int pollNode(const Record* r, const char* what, int fd, int waitMs, short* revents) {
-        pollfd* p = reinterpret_cast<pollfd*>(arg_.data());
-        *p = pollfd{fd, POLLIN, 0};
         CallResult c;
         if (!call(
-                r, what, "poll", [&] { return static_cast<long>(::poll(p, 1, waitMs)); }, &c, false,
+                r, what, "poll", [&] { return aovsimtool::pollAsMonitor(fd, waitMs); }, &c, false,
                 waitMs + options_.request_timeout_ms)) {
             return -1;
         }
-        *revents = c.value > 0 ? p->revents : 0;
+        *revents = c.value > 0 ? static_cast<short>(c.value) : 0;
         if (c.value < 0) {
             differ(r, what, "poll", "failed: " + outcome(c.value, c.error));
             return -1;
@@ -546,29 +585,43 @@ class Retracer {
         }
     }
 
+    // The name of the 32-bit word at `offset` of a dequeue record; empty for
+    // the words of an area's address, which are the process's own.
+    static std::string wordName(size_t offset) {
+        constexpr size_t kHeaderBytes = sizeof(aov_event_query::header);
+        if (offset < kHeaderBytes) {
+            return "header[" + std::to_string(offset / 4) + "]";
+        }
+        for (size_t s = 0; s < kSections; ++s) {
+            const aov_section_desc& section = aov_event_sections[s];
+            if (offset >= section.query_addr_offset &&
+                offset < section.query_addr_offset + sizeof(uint64_t)) {
+                return std::string();
+            }
+            if (offset >= section.query_info_offset &&
+                offset < section.query_info_offset + 4 * section.info_words) {
+                return "s" + std::to_string(s + 1) + "_info[" +
+                       std::to_string((offset - section.query_info_offset) / 4) + "]";
+            }
+        }
+        char name[32];
+        std::snprintf(name, sizeof(name), "padding at 0x%02zx", offset);
+        return name;
+    }
+
+    // Every word the driver fills or must leave zero, in record order; the
+    // first that differs is reported.
     void compareWords(const Record& r) {
         const uint8_t* live = arg_.data();
-        std::string detail;
-        constexpr size_t kHeaderWords = sizeof(aov_event_query::header) / sizeof(uint32_t);
-        for (size_t i = 0; i < kHeaderWords && detail.empty(); ++i) {
-            if (word(live, 4 * i) != word(r.back, 4 * i)) {
-                detail = "header[" + std::to_string(i) + "] " + std::to_string(word(live, 4 * i)) +
-                         ", recorded " + std::to_string(word(r.back, 4 * i));
+        for (size_t at = 0; at < sizeof(aov_event_query); at += 4) {
+            const std::string name = wordName(at);
+            if (name.empty() || word(live, at) == word(r.back, at)) {
+                continue;
             }
-        }
-        for (size_t s = 0; s < kSections && detail.empty(); ++s) {
-            const aov_section_desc& section = aov_event_sections[s];
-            for (uint32_t w = 0; w < section.info_words && detail.empty(); ++w) {
-                const size_t at = section.query_info_offset + 4 * w;
-                if (word(live, at) != word(r.back, at)) {
-                    detail = "s" + std::to_string(s + 1) + "_info[" + std::to_string(w) + "] " +
-                             std::to_string(word(live, at)) + ", recorded " +
-                             std::to_string(word(r.back, at));
-                }
-            }
-        }
-        if (!detail.empty()) {
-            differ(&r, "words", label(r), detail);
+            differ(&r, "words", label(r),
+                   name + " " + std::to_string(word(live, at)) + ", recorded " +
+                       std::to_string(word(r.back, at)));
+            return;
         }
     }
 
@@ -669,6 +722,7 @@ class Retracer {
         if (!call(
                 nullptr, what, "open",
                 [&] { return static_cast<long>(::open(node.c_str(), flags)); }, &c, true)) {
+            dropHandedOver(c);
             return -1;
         }
         ++checks_;
@@ -783,11 +837,72 @@ class Retracer {
                "the queue was not empty after " + std::to_string(kDrainRounds) + " dequeues");
     }
 
+    // Registers `fd` on `monitor` as the library's event monitor does; false
+    // when the node cannot be watched so (a difference) or gave no answer.
+    bool armMonitor(int monitor, int fd) {
+        CallResult c;
+        if (!call(
+                nullptr, "session after close", "epoll_ctl",
+                [&] { return aovsimtool::armAsMonitor(monitor, fd); }, &c)) {
+            return false;
+        }
+        ++checks_;
+        if (c.value < 0) {
+            differ(nullptr, "session after close", "epoll_ctl",
+                   "result " + outcome(c.value, c.error) +
+                       ": the node cannot be watched as the event monitor watches it");
+            return false;
+        }
+        return true;
+    }
+
+    // The monitor armed before START must be woken by the session's first
+    // event, whichever mask it registered with first.
+    bool monitorWokenProbe(int monitor) {
+        const int waitMs = options_.ready_timeout_ms;
+        CallResult c;
+        if (!call(
+                nullptr, "monitor", "epoll_wait",
+                [&] { return aovsimtool::waitAsMonitor(monitor, waitMs); }, &c, false,
+                waitMs + options_.request_timeout_ms)) {
+            return false;
+        }
+        ++checks_;
+        if (c.value <= 0 || (c.value & POLLIN) == 0) {
+            differ(nullptr, "monitor", "epoll_wait",
+                   (c.value < 0 ? "failed: " + outcome(c.value, c.error) + ": "
+                                : "not woken within " + std::to_string(waitMs) + " ms of START: ") +
+                       "a monitor registered with an empty mask, then EPOLLIN, before START "
+                       "never hears of the session's events");
+            return false;
+        }
+        return true;
+    }
+
+    // After a refused dequeue the node signals no error: the library's
+    // monitor hears POLLERR and POLLHUP at every wait, and would call it
+    // again and again.
+    void noErrorSignalledProbe(int fd) {
+        short revents = 0;
+        if (pollNode(nullptr, "after a refused dequeue", fd, 0, &revents) < 0) {
+            return;
+        }
+        ++checks_;
+        if ((revents & (POLLERR | POLLHUP)) != 0) {
+            differ(nullptr, "after a refused dequeue", "poll",
+                   std::string("the node signals ") +
+                       ((revents & POLLERR) != 0 ? "POLLERR" : "POLLHUP") +
+                       " after the faulting-area dequeue was refused: the event monitor would "
+                       "wake at every wait");
+        }
+    }
+
     // A dequeue whose areas cannot be written is refused with EFAULT when the
     // event writes any; only checked when the session's first event did.
-    void faultingAreaProbe(int fd) {
+    // True when it was refused so.
+    bool faultingAreaProbe(int fd) {
         if (!first_event_wrote_) {
-            return;
+            return false;
         }
         prepareDequeue(unwritable_.data());
         void* arg = arg_.data();
@@ -795,14 +910,16 @@ class Retracer {
         if (!call(
                 nullptr, "faulting area", "DEQUEUE_EVENT",
                 [&] { return static_cast<long>(::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, arg)); }, &c)) {
-            return;
+            return false;
         }
         ++checks_;
         if (c.error != EFAULT) {
             differ(nullptr, "faulting area", "DEQUEUE_EVENT",
                    "result " + outcome(c.value, c.error) +
                        " with every data area unwritable: a driver refuses it with EFAULT");
+            return false;
         }
+        return true;
     }
 
     const RetraceOptions& options_;
