@@ -25,7 +25,7 @@
 
 #include "Commands.h"
 #include "Guarded.h"
-#include "SessionReader.h"
+#include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
 namespace aovrec {

@@ -26,8 +26,8 @@
 #include <vector>
 
 #include "DriverProbe.h"
-#include "SessionReader.h"
 #include "aovhost/Binding.h"
+#include "aovsession/SessionReader.h"
 #include "aovsim/SimDriver.h"
 
 namespace aovsimtool {
