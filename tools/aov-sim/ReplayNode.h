@@ -203,7 +203,4 @@ class ReplayProgressLine {
     std::thread thread_;
 };
 
-// Decodes a request as sent, for a divergence line: "SENSOR_ON count 1 ids [2]".
-std::string describeRequest(unsigned int request, const uint8_t* bytes, size_t size);
-
 }  // namespace aovsimtool
