@@ -35,7 +35,7 @@
 #include <string>
 #include <vector>
 
-#include "SessionReader.h"
+#include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
 extern char** environ;

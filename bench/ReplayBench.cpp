@@ -25,7 +25,7 @@
 #include <vector>
 
 #include "ReplayNode.h"
-#include "SessionBuilder.h"
+#include "aovsession/SessionBuilder.h"
 #include "kelo_aov.h"
 
 extern char** environ;

@@ -6,7 +6,7 @@
 #include <cstdint>
 
 #include "FuzzCheck.h"
-#include "SessionReader.h"
+#include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
 namespace {

@@ -62,7 +62,7 @@ out=build/android-bp
 rm -rf "$out"
 mkdir -p "$out"
 cp Android.bp "$out"/
-for dir in hw platform tests tools; do
+for dir in hw platform session tests tools; do
   ln -s "$PWD/$dir" "$out/$dir"
 done
 (cd "$out" && mini-soong Android.bp Makefile 2>mini-soong.log)

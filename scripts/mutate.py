@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures the tests with faults nobody chose: a random sample of seeded faults.
 
-Every C and C++ source file under the given paths (default: tools/) is scanned
+Every C and C++ source file under the given paths (default: tools/ session/) is scanned
 for places where a small fault fits (scripts/mutants.py: operators swapped,
 conditions negated, constants changed, calls and breaks removed, returned
 values swapped). A seeded random generator shuffles all of them; faults are
@@ -14,7 +14,7 @@ unseeded does not pass with it (failed, crashed, not run, or ended by its time
 limit: a hang bounded by the limit counts as caught, and is shown as such); it
 survived when every such test still passes.
 
-    python3 scripts/mutate.py --seed 7 --count 40 [--paths tools/] [--tests REGEX]
+    python3 scripts/mutate.py --seed 7 --count 40 [--paths tools/ session/] [--tests REGEX]
     python3 scripts/mutate.py --seed 7 --count 40 --list     # the sample, nothing run
     python3 scripts/mutate.py --seed 7 --apply 12            # leave fault 12 in place
 
@@ -95,7 +95,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--seed", type=int, required=True)
     parser.add_argument("--count", type=int, default=40, help="faults that build (default 40)")
-    parser.add_argument("--paths", nargs="*", default=["tools/"])
+    parser.add_argument("--paths", nargs="*", default=["tools/", "session/"])
     parser.add_argument("--tests", default="", help="ctest -R regex (default: every test)")
     parser.add_argument("--timeout", type=int, default=60, help="seconds per test (default 60)")
     parser.add_argument("--list", action="store_true", help="print the sample and stop")

@@ -21,8 +21,8 @@
 #include "FuseSandbox.h"
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
-#include "SessionBuilder.h"
-#include "SessionReader.h"
+#include "aovsession/SessionBuilder.h"
+#include "aovsession/SessionReader.h"
 #include "aovsim/DriverBugs.h"
 #include "kelo_aov.h"
 

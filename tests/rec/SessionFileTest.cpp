@@ -32,8 +32,8 @@
 #include <gtest/gtest.h>
 
 #include "Recorder.h"
-#include "SessionReader.h"
-#include "SessionWriter.h"
+#include "aovsession/SessionReader.h"
+#include "aovsession/SessionWriter.h"
 #include "kelo_aov.h"
 
 namespace {

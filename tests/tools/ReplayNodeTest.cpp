@@ -21,7 +21,7 @@
 #include "Options.h"
 #include "ReplayNode.h"
 #include "ReplayPlan.h"
-#include "SessionBuilder.h"
+#include "aovsession/SessionBuilder.h"
 #include "kelo_aov.h"
 
 namespace {

@@ -10,7 +10,7 @@
 #include <set>
 
 #include "Commands.h"
-#include "SessionReader.h"
+#include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
 namespace aovrec {

@@ -29,7 +29,7 @@
 #include "Commands.h"
 #include "Guarded.h"
 #include "MonitorWait.h"
-#include "SessionReader.h"
+#include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
 namespace aovrec {

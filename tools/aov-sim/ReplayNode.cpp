@@ -12,6 +12,7 @@
 #include <cstring>
 #include <map>
 
+#include "aovsession/RequestCodec.h"
 #include "kelo_aov.h"
 
 namespace aovsimtool {
@@ -35,43 +36,6 @@ uint32_t wordAt(const uint8_t* bytes, size_t offset) {
     return v;
 }
 
-int32_t intAt(const uint8_t* bytes, size_t offset) {
-    return static_cast<int32_t>(wordAt(bytes, offset));
-}
-
-// Whether byte `at` of a request's record is an address in the caller's
-// memory. Addresses differ between a recorded run and its replay (another
-// process, another heap), so they are left out of the comparison; every
-// other byte of the record as sent must be the same. Only the dequeue record
-// carries addresses: its ten data-area pointers.
-bool isAddressByte(unsigned int request, size_t at) {
-    if (request != AOV_IOC_DEQUEUE_EVENT) {
-        return false;
-    }
-    for (const aov_section_desc& section : aov_event_sections) {
-        if (at >= section.query_addr_offset && at < section.query_addr_offset + sizeof(void*)) {
-            return true;
-        }
-    }
-    return false;
-}
-
-// The digest of the bytes that are compared: a dequeue's addresses count as
-// zero.
-uint64_t comparedDigest(unsigned int request, const uint8_t* bytes, size_t size) {
-    uint8_t masked[aovrec::kMaxArgBytes];
-    size = std::min(size, sizeof(masked));
-    for (size_t i = 0; i < size; ++i) {
-        masked[i] = isAddressByte(request, i) ? 0 : bytes[i];
-    }
-    return aovrec::digest(masked, size);
-}
-
-// Bytes of a request's record that the recorder keeps.
-size_t recordBytes(unsigned int request) {
-    return std::min<size_t>(_IOC_SIZE(request), aovrec::kMaxArgBytes);
-}
-
 std::string describeRecord(const Record& r) {
     switch (r.type) {
         case RecordType::Open:
@@ -80,10 +44,11 @@ std::string describeRecord(const Record& r) {
             return "close";
         case RecordType::Ioctl:
             if ((r.arg_flags & aovrec::kArgUnreadable) != 0) {
-                return describeRequest(r.request, nullptr, 0) + " (record unreadable when sent)";
+                return aovrec::describeRequest(r.request, nullptr, 0) +
+                       " (record unreadable when sent)";
             }
-            return describeRequest(r.request, (r.arg_flags & aovrec::kArgNull) ? nullptr : r.sent,
-                                   r.sent_len);
+            return aovrec::describeRequest(
+                r.request, (r.arg_flags & aovrec::kArgNull) ? nullptr : r.sent, r.sent_len);
         default:
             return aovrec::recordTypeName(r.type);
     }
@@ -118,43 +83,6 @@ class FileFactory {
 };
 
 }  // namespace
-
-std::string describeRequest(unsigned int request, const uint8_t* bytes, size_t size) {
-    const char* name = aovrec::requestName(request);
-    char text[256];
-    std::string out;
-    if (name != nullptr) {
-        out = name;
-    } else {
-        std::snprintf(text, sizeof(text), "ioctl 0x%08x", request);
-        out = text;
-    }
-    if (bytes == nullptr) {
-        return _IOC_SIZE(request) > 0 ? out + " (no record)" : out;
-    }
-    if (request == AOV_IOC_START && size >= AOV_START_RECORD_SIZE) {
-        std::snprintf(text, sizeof(text),
-                      " sensor_id %d scenario %d frame_rate %d frame_info_sel %d aov_mode %d "
-                      "sensor_idx %d",
-                      intAt(bytes, AOV_START_SENSOR_ID), intAt(bytes, AOV_START_SCENARIO),
-                      intAt(bytes, AOV_START_FRAME_RATE), intAt(bytes, AOV_START_FRAME_INFO_SEL),
-                      intAt(bytes, AOV_START_AOV_MODE), intAt(bytes, AOV_START_SENSOR_IDX));
-        out += text;
-    } else if ((request == AOV_IOC_SENSOR_ON || request == AOV_IOC_SENSOR_OFF) &&
-               size >= sizeof(aov_sensor_list)) {
-        const uint32_t count = wordAt(bytes, 0);
-        out += " count " + std::to_string(count) + " ids [";
-        const uint32_t shown = std::min<uint32_t>(count, 8);
-        for (uint32_t i = 0; i < shown; ++i) {
-            out += (i > 0 ? ", " : "") + std::to_string(intAt(bytes, 4 + 4 * i));
-        }
-        out += count > shown ? ", ...]" : "]";
-    }
-    std::snprintf(text, sizeof(text), " (%zu bytes%s, xxh64 %016" PRIx64 ")", size,
-                  request == AOV_IOC_DEQUEUE_EVENT ? " without the addresses" : "",
-                  comparedDigest(request, bytes, size));
-    return out + text;
-}
 
 std::shared_ptr<ReplayNode> ReplayNode::loadFile(const std::string& path, double speed,
                                                  std::string* problem) {
@@ -448,20 +376,11 @@ bool ReplayNode::matchesLocked(unsigned int request, const void* arg) const {
     if (arg == nullptr || (current_.arg_flags & aovrec::kArgUnreadable) != 0) {
         return true;
     }
-    const size_t size = recordBytes(request);
+    const size_t size = aovrec::requestRecordBytes(request);
     if (current_.sent_len != size) {
         return false;
     }
-    const auto* bytes = static_cast<const uint8_t*>(arg);
-    if (request != AOV_IOC_DEQUEUE_EVENT) {
-        return std::memcmp(bytes, current_.sent, size) == 0;
-    }
-    for (size_t i = 0; i < size; ++i) {
-        if (bytes[i] != current_.sent[i] && !isAddressByte(request, i)) {
-            return false;
-        }
-    }
-    return true;
+    return aovrec::sameRequestBytes(request, static_cast<const uint8_t*>(arg), current_.sent, size);
 }
 
 int ReplayNode::ioctl(int fd, unsigned int request, void* arg) {
@@ -494,8 +413,9 @@ int ReplayNode::ioctl(int fd, unsigned int request, void* arg) {
                 continue;
             }
         }
-        return divergeLocked(lock, describeRequest(request, static_cast<const uint8_t*>(arg),
-                                                   arg != nullptr ? recordBytes(request) : 0));
+        return divergeLocked(lock, aovrec::describeRequest(
+                                       request, static_cast<const uint8_t*>(arg),
+                                       arg != nullptr ? aovrec::requestRecordBytes(request) : 0));
     }
 }
 

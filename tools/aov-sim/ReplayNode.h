@@ -26,8 +26,8 @@
 #include <vector>
 
 #include "DriverProbe.h"
-#include "SessionReader.h"
 #include "aovhost/Binding.h"
+#include "aovsession/SessionReader.h"
 #include "aovsim/SimDriver.h"
 
 namespace aovsimtool {
@@ -202,8 +202,5 @@ class ReplayProgressLine {
     bool stop_ = false;
     std::thread thread_;
 };
-
-// Decodes a request as sent, for a divergence line: "SENSOR_ON count 1 ids [2]".
-std::string describeRequest(unsigned int request, const uint8_t* bytes, size_t size);
 
 }  // namespace aovsimtool

@@ -13,7 +13,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "SessionFormat.h"
+#include "aovsession/SessionFormat.h"
 
 namespace aovrec {
 

@@ -13,8 +13,8 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "SessionWriter.h"
 #include "WriterQueue.h"
+#include "aovsession/SessionWriter.h"
 #include "kelo_aov.h"
 
 namespace aovrec {

@@ -22,7 +22,7 @@
 
 #include "Descriptors.h"
 #include "RecordEncoder.h"
-#include "SessionFormat.h"
+#include "aovsession/SessionFormat.h"
 
 namespace aovrec {
 

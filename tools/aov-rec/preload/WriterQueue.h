@@ -17,8 +17,8 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "SessionFormat.h"
-#include "SessionWriter.h"
+#include "aovsession/SessionFormat.h"
+#include "aovsession/SessionWriter.h"
 
 namespace aovrec {
 

@@ -1,4 +1,4 @@
-#include "SessionBuilder.h"
+#include "aovsession/SessionBuilder.h"
 
 #include <unistd.h>
 

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "SessionFormat.h"
+#include "aovsession/SessionFormat.h"
 
 namespace aovrec {
 

@@ -1,4 +1,4 @@
-#include "SessionWriter.h"
+#include "aovsession/SessionWriter.h"
 
 #include <sys/uio.h>
 #include <unistd.h>

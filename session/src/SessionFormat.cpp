@@ -1,4 +1,4 @@
-#include "SessionFormat.h"
+#include "aovsession/SessionFormat.h"
 
 #include <initializer_list>
 

@@ -1,4 +1,4 @@
-#include "SessionReader.h"
+#include "aovsession/SessionReader.h"
 
 #include <fcntl.h>
 #include <unistd.h>

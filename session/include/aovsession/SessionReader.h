@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "SessionFormat.h"
+#include "aovsession/SessionFormat.h"
 
 namespace aovrec {
 

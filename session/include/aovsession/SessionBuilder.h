@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "SessionWriter.h"
+#include "aovsession/SessionWriter.h"
 
 namespace aovrec {
 
