@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Commands.h"
+#include "NumberText.h"
 
 namespace {
 
@@ -54,15 +55,7 @@ int usage(const char* problem, const char* detail = "") {
     return aovrec::kExitBadInput;
 }
 
-bool parseMs(const char* text, int* out) {
-    char* end = nullptr;
-    const long v = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || v < 0 || v > 3600000) {
-        return false;
-    }
-    *out = static_cast<int>(v);
-    return true;
-}
+constexpr int kMaxMs = 3600000;
 
 int record(int argc, char** argv) {
     std::string out = "aov-session.rec";
@@ -108,13 +101,16 @@ int retrace(int argc, char** argv) {
         if (arg == "-d") {
             options.node = argv[++i];
         } else if (arg == "--ready-timeout") {
-            if (!parseMs(argv[++i], &options.ready_timeout_ms)) {
-                return usage("--ready-timeout must be 0 to 3600000 ms, not ", argv[i]);
+            std::string problem;
+            if (!aovsimtool::readInteger(arg, argv[++i], 0, kMaxMs, &options.ready_timeout_ms,
+                                         &problem)) {
+                return usage(problem.c_str());
             }
         } else if (arg == "--request-timeout") {
-            if (!parseMs(argv[++i], &options.request_timeout_ms) ||
-                options.request_timeout_ms == 0) {
-                return usage("--request-timeout must be 1 to 3600000 ms, not ", argv[i]);
+            std::string problem;
+            if (!aovsimtool::readInteger(arg, argv[++i], 1, kMaxMs, &options.request_timeout_ms,
+                                         &problem)) {
+                return usage(problem.c_str());
             }
         } else if (!arg.empty() && arg[0] == '-') {
             return usage("retrace: unknown option ", arg.c_str());
