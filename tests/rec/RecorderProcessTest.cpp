@@ -306,7 +306,7 @@ TEST(AovRecInput, InfoCountsTheDequeuesWhoseContentWasDropped) {
     ASSERT_GE(fd, 0) << std::strerror(errno);
     {
         aovrec::SessionBuilder b(fd, aovrec::ContentMode::Written, aovrec::Compression::None);
-        b.open("/dev/kelo_aov", O_RDWR, 5);
+        b.open(AOV_DEVICE_NODE, O_RDWR, 5);
         aov_event_query answer{};
         answer.header[5] = 1;
         for (const uint8_t flags :
@@ -831,9 +831,9 @@ TEST_P(EditedRecording, RetraceFindsEveryChangeAndReplayTheRequestLeftOver) {
         << changed.output;
     EXPECT_NE(changed.output.find(", 3 differences\n"), std::string::npos) << changed.output;
 
-    const ProcessResult replayed = runProcess(
-        AOV_SIM_PATH, {"--replay", leftOver, "--speed", "max", "--events", "3", "--timeout", "10",
-                       "--scenario", scenario});
+    const ProcessResult replayed =
+        runProcess(AOV_SIM_PATH, {"--replay", leftOver, "--speed", "max", "--events", "3",
+                                  "--timeout", "10", "--scenario", scenario});
     EXPECT_EQ(replayed.exit_code, 1) << replayed.output;
     EXPECT_NE(
         replayed.output.find("\n  library:  (no more requests)\n  recorded: ioctl 0x00004805"),

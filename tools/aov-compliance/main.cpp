@@ -12,6 +12,7 @@
 #include "CliParse.h"
 #include "CommandLine.h"
 #include "NumberText.h"
+#include "kelo_aov.h"
 
 namespace {
 
@@ -31,7 +32,7 @@ int main(int argc, char** argv) {
         "readiness and its lifecycle. One line per check, then the totals; exit 0 only without "
         "failures, 2 on bad options.",
         "aov-compliance");
-    app.add_option("-d,--device", options.node, "the node to check (default /dev/kelo_aov)")
+    app.add_option("-d,--device", options.node, "the node to check (default " AOV_DEVICE_NODE ")")
         ->type_name("PATH");
     app.add_flag("-v,--verbose", options.verbose, "also show every request's result and time");
     app.add_flag("--tap", options.tap, "write TAP version 13 instead of plain lines");

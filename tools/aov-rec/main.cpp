@@ -9,6 +9,7 @@
 
 #include "Commands.h"
 #include "NumberText.h"
+#include "kelo_aov.h"
 
 namespace {
 
@@ -22,7 +23,8 @@ constexpr char kRecordHelp[] =
     "usage: aov-rec record [-o FILE] [--content all|written|none] -- COMMAND [ARGS...]\n"
     "Runs COMMAND with the recorder preloaded and records its calls on the AOV node\n"
     "into FILE (default aov-session.rec), replaced only once something is recorded.\n"
-    "The node is /dev/kelo_aov, DIR/kelo_aov when AOV_DEV_DIR=DIR is set, or the path\n"
+    "The node is " AOV_DEVICE_NODE ", DIR/" AOV_DEVICE_NAME
+    " when AOV_DEV_DIR=DIR is set, or the path\n"
     "in AOV_REC_NODE; it is known by its identity, so any path or duplicate counts.\n"
     "A child of COMMAND that uses the node records into FILE.PID.\n"
     "  --content  data areas kept: all, written (what the driver wrote; default), none\n"
@@ -34,7 +36,8 @@ constexpr char kInfoHelp[] =
     "and the dequeues whose areas were dropped.\n";
 constexpr char kRetraceHelp[] =
     "usage: aov-rec retrace FILE [-d PATH] [--ready-timeout MS]\n"
-    "Sends the recorded requests to the node at PATH (default /dev/kelo_aov) and\n"
+    "Sends the recorded requests to the node at PATH (default " AOV_DEVICE_NODE
+    ") and\n"
     "prints where its answers differ from the recording.\n";
 
 bool asksHelp(int argc, char** argv) {
@@ -161,10 +164,9 @@ int main(int argc, char** argv) {
     }
     if (command == "-h" || command == "--help") {
         std::fputs(kUsage, stdout);
-        std::fputs(
-            "aov-rec COMMAND --help for each command; record watches /dev/kelo_aov, "
-            "DIR/kelo_aov under AOV_DEV_DIR=DIR, or AOV_REC_NODE=PATH\n",
-            stdout);
+        std::fputs("aov-rec COMMAND --help for each command; record watches " AOV_DEVICE_NODE
+                   ", DIR/" AOV_DEVICE_NAME " under AOV_DEV_DIR=DIR, or AOV_REC_NODE=PATH\n",
+                   stdout);
         return 0;
     }
     return usage("unknown command ", argv[1]);

@@ -133,12 +133,13 @@ std::string describeRequest(unsigned int request, const uint8_t* bytes, size_t s
         return _IOC_SIZE(request) > 0 ? out + " (no record)" : out;
     }
     if (request == AOV_IOC_START && size >= AOV_START_RECORD_SIZE) {
+        aov_start_params params;
+        aov_start_decode(bytes, &params);
         std::snprintf(text, sizeof(text),
                       " sensor_id %d scenario %d frame_rate %d frame_info_sel %d aov_mode %d "
                       "sensor_idx %d",
-                      intAt(bytes, AOV_START_SENSOR_ID), intAt(bytes, AOV_START_SCENARIO),
-                      intAt(bytes, AOV_START_FRAME_RATE), intAt(bytes, AOV_START_FRAME_INFO_SEL),
-                      intAt(bytes, AOV_START_AOV_MODE), intAt(bytes, AOV_START_SENSOR_IDX));
+                      params.sensor_id, params.scenario, params.frame_rate, params.frame_info_sel,
+                      params.aov_mode, params.sensor_idx);
         out += text;
     } else if ((request == AOV_IOC_SENSOR_ON || request == AOV_IOC_SENSOR_OFF) &&
                size >= sizeof(aov_sensor_list)) {
@@ -530,17 +531,15 @@ int ReplayNode::answerLocked(unsigned int request, void* arg, Clock::time_point 
         }
         after_start_ = false;
         if (result >= 0 && arg != nullptr && r.back_len >= sizeof(aov_event_query)) {
-            auto* query = static_cast<uint8_t*>(arg);
+            auto* query = static_cast<aov_event_query*>(arg);
             // The words as the driver wrote them; the addresses stay the caller's.
             void* addresses[AOV_SECTION_COUNT];
-            for (size_t s = 0; s < AOV_SECTION_COUNT; ++s) {
-                std::memcpy(&addresses[s], query + aov_event_sections[s].query_addr_offset,
-                            sizeof(void*));
+            for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+                addresses[s] = aov_query_area(query, s);
             }
             std::memcpy(query, r.back, sizeof(aov_event_query));
-            for (size_t s = 0; s < AOV_SECTION_COUNT; ++s) {
-                std::memcpy(query + aov_event_sections[s].query_addr_offset, &addresses[s],
-                            sizeof(void*));
+            for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+                aov_query_set_area(query, s, addresses[s]);
             }
             last_area_count_ = 0;
             for (uint8_t i = 0; i < r.area_count; ++i) {

@@ -324,7 +324,7 @@ void forkChild() AOV_NO_THREAD_SAFETY_ANALYSIS {
 void configure(const RecorderConfig& config) {
     g_rec.lock.lock();
     copyPath(g_rec.file, config.file);
-    copyPath(g_rec.node, config.node != nullptr ? config.node : "/dev/kelo_aov");
+    copyPath(g_rec.node, config.node != nullptr ? config.node : AOV_DEVICE_NODE);
     copyPath(g_rec.status, config.status);
     g_rec.dev_node[0] = '\0';
     if (config.node == nullptr && config.dev_dir != nullptr && config.dev_dir[0] != '\0' &&
