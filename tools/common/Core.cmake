@@ -34,4 +34,7 @@ if(NOT TARGET aov_tool_core)
   target_link_libraries(aov_tool_cli PUBLIC aov_tool_core aov_cli11)
   # CLI11 reports through exceptions; they are caught inside this file.
   target_compile_options(aov_tool_cli PRIVATE ${AOV_WARNINGS} -fexceptions)
+  # Where these targets belong, whichever folder included this file first.
+  set_target_properties(aov_tool_core aov_cli11 aov_tool_cli PROPERTIES
+    AOV_FOLDER ${CMAKE_CURRENT_LIST_DIR})
 endif()
