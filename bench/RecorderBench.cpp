@@ -83,10 +83,8 @@ struct EventBuffer {
     }
     aov_event_query query() {
         aov_event_query q{};
-        for (const aov_section_desc& section : aov_event_sections) {
-            void* area = bytes.data() + section.data_offset;
-            std::memcpy(reinterpret_cast<uint8_t*>(&q) + section.query_addr_offset, &area,
-                        sizeof(area));
+        for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+            aov_query_set_area(&q, s, bytes.data() + aov_event_sections[s].data_offset);
         }
         return q;
     }

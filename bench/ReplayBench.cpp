@@ -67,7 +67,7 @@ std::string makeRecording(int events, bool content, bool whole) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     aovrec::SessionBuilder b(fd, content ? aovrec::ContentMode::Written : aovrec::ContentMode::None,
                              aovrec::Compression::Zstd);
-    b.open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, kFd);
+    b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, kFd);
     aov_sensor_list ids{};
     ids.count = 1;
     if (whole) {
@@ -182,10 +182,8 @@ void runNode(benchmark::State& state, bool content) {
     const std::string path = makeRecording(kEvents, content, false);
     std::vector<uint8_t> event(sizeof(aov_event));
     aov_event_query query{};
-    for (const aov_section_desc& section : aov_event_sections) {
-        uint8_t* area = event.data() + section.data_offset;
-        std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
-                    sizeof(area));
+    for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+        aov_query_set_area(&query, s, event.data() + aov_event_sections[s].data_offset);
     }
     for (auto _ : state) {
         state.PauseTiming();

@@ -7,8 +7,8 @@
 # mini-soong covers only part of Soong. What it lacks is handed to make on its
 # command line, taken from the Android.bp itself, so that what is checked is
 # the module's sources, flags and exports:
-#   - cc_library_headers and header_libs are skipped: the headers module's
-#     export_include_dirs go into CPPFLAGS;
+#   - cc_library_headers and header_libs are skipped: the headers modules'
+#     export_include_dirs (the platform's and base/'s) go into CPPFLAGS;
 #   - version_script is skipped: it goes into LDFLAGS;
 #   - cpp_std is skipped and C++11 forced: CXXFLAGS becomes the module's cpp_std;
 #   - -Werror is dropped from cflags: it goes back into CFLAGS;
@@ -52,7 +52,8 @@ if [ -n "$missing" ]; then
   exit 1
 fi
 
-headers_dirs=$(bp_value libkelocam_aov_platform_headers export_include_dirs)
+base_dirs=$(bp_value libkelocam_aov_base_headers export_include_dirs)
+headers_dirs="$(bp_value libkelocam_aov_platform_headers export_include_dirs) $base_dirs"
 version_script=$(bp_value libkelocam_aov_plat version_script)
 cpp_std=$(bp_value kelocam_aov_defaults cpp_std)
 
@@ -62,7 +63,7 @@ out=build/android-bp
 rm -rf "$out"
 mkdir -p "$out"
 cp Android.bp "$out"/
-for dir in hw platform session tests tools; do
+for dir in base hw platform session tests tools; do
   ln -s "$PWD/$dir" "$out/$dir"
 done
 (cd "$out" && mini-soong Android.bp Makefile 2>mini-soong.log)
@@ -106,6 +107,7 @@ bash scripts/check-exports.sh "$cmake_build/hw/aov/libkelocam_aov_plat.so"
 # sources and exports exactly the calls it wraps.
 rec_version_script=$(bp_value libaov_rec_preload version_script)
 make -C "$out" -f Makefile libaov_rec_preload.so CC=clang++ "CXXFLAGS=-std=$cpp_std" \
+  "CPPFLAGS=$(printf -- '-I%s ' $base_dirs)" \
   "CFLAGS=-Werror -fPIC -DAOV_REC_HAVE_ZSTD=1" "LDFLAGS=-Wl,--version-script=$rec_version_script" >"$out/make-rec.log" 2>&1 || {
   cat "$out/make-rec.log" >&2
   exit 1

@@ -69,14 +69,13 @@ int FakeAovDriver::ioctl(int, unsigned int request, void* arg) {
 
     if (request == AOV_IOC_DEQUEUE_EVENT) {
         aov_event_query query = event_;
-        for (const aov_section_desc& section : aov_event_sections) {
-            uint8_t* data;
-            std::memcpy(&data, record + section.query_addr_offset, sizeof(data));
+        for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+            auto* data = static_cast<uint8_t*>(
+                aov_query_area(reinterpret_cast<const aov_event_query*>(record), s));
             // The record goes back with the caller's addresses.
-            std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &data,
-                        sizeof(data));
+            aov_query_set_area(&query, s, data);
             data[0] = marker_;
-            data[section.data_size - 1] = marker_;
+            data[aov_event_sections[s].data_size - 1] = marker_;
         }
         std::memcpy(record, &query, sizeof(query));
     }

@@ -6,7 +6,7 @@
 #include <map>
 #include <vector>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovhost/Binding.h"
 #include "kelo_aov.h"
 

@@ -323,29 +323,22 @@ static void aov_stop_timer(struct aov_device *dev)
 	del_timer_sync(&dev->timer);
 }
 
-static s32 aov_word(const u8 *record, size_t offset)
-{
-	s32 value;
-
-	memcpy(&value, record + offset, sizeof(value));
-	return value;
-}
-
 static int aov_start(struct aov_device *dev, struct file *file, void __user *arg)
 {
 	struct aov_file *priv = file->private_data;
 	u8 record[AOV_START_RECORD_SIZE];
+	struct aov_start_params params;
 	struct aov_session session;
 	unsigned long period;
 
 	if (copy_from_user(record, arg, sizeof(record)))
 		return -EFAULT;
-	session.sensor_id = aov_word(record, AOV_START_SENSOR_ID);
-	session.scenario = aov_word(record, AOV_START_SCENARIO);
-	session.frame_rate = aov_word(record, AOV_START_FRAME_RATE);
-	session.aov_mode = aov_word(record, AOV_START_AOV_MODE);
-	memcpy(session.frame_info, record + AOV_START_FRAME_INFO_LO, 8);
-	memcpy(session.frame_info + 2, record + AOV_START_FRAME_INFO_HI, 8);
+	aov_start_decode(record, &params);
+	session.sensor_id = params.sensor_id;
+	session.scenario = params.scenario;
+	session.frame_rate = params.frame_rate;
+	session.aov_mode = params.aov_mode;
+	memcpy(session.frame_info, params.frame_info, sizeof(session.frame_info));
 
 	mutex_lock(&dev->lock);
 	if (dev->started) {
@@ -461,13 +454,10 @@ static int aov_ulposc3(struct aov_device *dev, bool on)
 	return 0;
 }
 
-static void __user *
-aov_area_of(const struct aov_event_query *query, const struct aov_section_desc *section)
+/* The caller's address of section s's data area, as a user pointer. */
+static void __user *aov_area_of(const struct aov_event_query *query, unsigned int s)
 {
-	void *addr;
-
-	memcpy(&addr, (const u8 *)query + section->query_addr_offset, sizeof(addr));
-	return u64_to_user_ptr((u64)(uintptr_t)addr);
+	return u64_to_user_ptr((u64)(uintptr_t)aov_query_area(query, s));
 }
 
 static void aov_set_info(struct aov_event_query *query,
@@ -619,7 +609,7 @@ static int aov_dequeue(struct aov_device *dev, void __user *arg)
 	}
 	/* An area the event needs has no address: the event stays queued. */
 	for (s = 0; s < sections; s++) {
-		if (!aov_area_of(&query, &aov_event_sections[s])) {
+		if (!aov_area_of(&query, s)) {
 			ret = -EFAULT;
 			goto out;
 		}
@@ -646,7 +636,7 @@ static int aov_dequeue(struct aov_device *dev, void __user *arg)
 			       (s == AOV_SECTION_COUNT - 1 && overrun_buffer);
 		u32 bytes = section->data_size + (overrun ? AOV_OVERRUN_BYTES : 0);
 
-		ret = aov_write_area(dev, aov_area_of(&query, section), bytes, seq, s + 1);
+		ret = aov_write_area(dev, aov_area_of(&query, s), bytes, seq, s + 1);
 		if (ret == -EFAULT && ignore_area_fault)
 			continue;
 		if (ret == -EFAULT) {

@@ -79,12 +79,13 @@ std::string describeRequest(uint32_t request, const uint8_t* bytes, size_t size)
     }
     char text[256];
     if (request == AOV_IOC_START && size >= AOV_START_RECORD_SIZE) {
+        aov_start_params params;
+        aov_start_decode(bytes, &params);
         std::snprintf(text, sizeof(text),
                       " sensor_id %d scenario %d frame_rate %d frame_info_sel %d aov_mode %d "
                       "sensor_idx %d",
-                      intAt(bytes, AOV_START_SENSOR_ID), intAt(bytes, AOV_START_SCENARIO),
-                      intAt(bytes, AOV_START_FRAME_RATE), intAt(bytes, AOV_START_FRAME_INFO_SEL),
-                      intAt(bytes, AOV_START_AOV_MODE), intAt(bytes, AOV_START_SENSOR_IDX));
+                      params.sensor_id, params.scenario, params.frame_rate, params.frame_info_sel,
+                      params.aov_mode, params.sensor_idx);
         out += text;
     } else if ((request == AOV_IOC_SENSOR_ON || request == AOV_IOC_SENSOR_OFF) &&
                size >= sizeof(aov_sensor_list)) {

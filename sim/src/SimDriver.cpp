@@ -32,12 +32,6 @@ static_assert(_IOC_SIZE(AOV_IOC_DEQUEUE_EVENT) <= kMaxRecordSize, "record buffer
     std::abort();
 }
 
-int32_t wordAt(const uint8_t* record, size_t offset) {
-    int32_t value;
-    std::memcpy(&value, record + offset, sizeof(value));
-    return value;
-}
-
 const char* directionOf(unsigned int request) {
     switch (_IOC_DIR(request)) {
         case _IOC_WRITE:
@@ -54,12 +48,6 @@ const char* directionOf(unsigned int request) {
 std::string headerOf(const char* name, unsigned int request) {
     return format("%s (0x%08x, %s, %u bytes)", name, request, directionOf(request),
                   _IOC_SIZE(request));
-}
-
-// Where the dequeue record holds the data-area address of `section`.
-void*& areaAddressOf(aov_event_query& query, const aov_section_desc& section) {
-    return *reinterpret_cast<void**>(reinterpret_cast<uint8_t*>(&query) +
-                                     section.query_addr_offset);
 }
 
 // Where the dequeue record holds info word `word` of `section`.
@@ -87,7 +75,7 @@ int writeScripted(aov_event_query& query, const ScriptedEvent& event, UserMemory
         }
         const AreaContent& content = event.areas[s];
         const size_t length = writtenLength(content, section.data_size);
-        if (length > 0 && user.write(areaAddressOf(query, section), length, [&](uint8_t* bytes) {
+        if (length > 0 && user.write(aov_query_area(&query, s), length, [&](uint8_t* bytes) {
                 writeArea(content, bytes, static_cast<uint32_t>(length));
             }) != 0) {
             return s + 1;
@@ -333,23 +321,22 @@ void SimDriver::setReadyListener(std::function<void()> listener) {
 }
 
 int SimDriver::start(const uint8_t* record) {
+    aov_start_params params;
+    aov_start_decode(record, &params);
     Session session;
-    session.sensor_id = wordAt(record, AOV_START_SENSOR_ID);
-    session.scenario = wordAt(record, AOV_START_SCENARIO);
-    session.frame_rate = wordAt(record, AOV_START_FRAME_RATE);
-    session.aov_mode = wordAt(record, AOV_START_AOV_MODE);
-    std::memcpy(session.frame_info, record + AOV_START_FRAME_INFO_LO, 8);
-    std::memcpy(session.frame_info + 2, record + AOV_START_FRAME_INFO_HI, 8);
+    session.sensor_id = params.sensor_id;
+    session.scenario = params.scenario;
+    session.frame_rate = params.frame_rate;
+    session.aov_mode = params.aov_mode;
+    std::memcpy(session.frame_info, params.frame_info, sizeof(session.frame_info));
     const std::string decoded = format(
         "%s sensor_id=%d scenario=%d orientation=%d face=%d mode_head=[%u, %u, %u, %u] "
         "frame_info=[%u, %u, %u, %u] frame_rate=%d frame_info_sel=%d aov_mode=%d sensor_idx=%d",
-        headerOf("START", AOV_IOC_START).c_str(), session.sensor_id, session.scenario,
-        wordAt(record, AOV_START_ORIENTATION), wordAt(record, AOV_START_FACE),
-        wordAt(record, AOV_START_MODE_HEAD), wordAt(record, AOV_START_MODE_HEAD + 4),
-        wordAt(record, AOV_START_MODE_HEAD + 8), wordAt(record, AOV_START_MODE_HEAD + 12),
-        session.frame_info[0], session.frame_info[1], session.frame_info[2], session.frame_info[3],
-        session.frame_rate, wordAt(record, AOV_START_FRAME_INFO_SEL), session.aov_mode,
-        wordAt(record, AOV_START_SENSOR_IDX));
+        headerOf("START", AOV_IOC_START).c_str(), params.sensor_id, params.scenario,
+        params.orientation, params.face, params.mode_head[0], params.mode_head[1],
+        params.mode_head[2], params.mode_head[3], params.frame_info[0], params.frame_info[1],
+        params.frame_info[2], params.frame_info[3], params.frame_rate, params.frame_info_sel,
+        params.aov_mode, params.sensor_idx);
 
     {
         aov::MutexLock guard(mutex_);
@@ -603,7 +590,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
         const bool overrun = (s == 1 && has(bugs_, DriverBug::kOverrunArea)) ||
                              (s == AOV_SECTION_COUNT - 1 && has(bugs_, DriverBug::kOverrunBuffer));
         const uint32_t length = section.data_size + (overrun ? 64u : 0u);
-        if (user.write(areaAddressOf(query, section), length, [&](uint8_t* bytes) {
+        if (user.write(aov_query_area(&query, s), length, [&](uint8_t* bytes) {
                 writeSectionContent(bytes, length, seq, number);
             }) != 0) {
             if (has(bugs_, DriverBug::kIgnoreAreaFault)) {
@@ -646,7 +633,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
 
 bool SimDriver::missingArea(aov_event_query& query, unsigned sections, const std::string& head) {
     for (int s = 0; s < AOV_SECTION_COUNT; ++s) {
-        if ((sections & (1u << s)) != 0 && areaAddressOf(query, aov_event_sections[s]) == nullptr) {
+        if ((sections & (1u << s)) != 0 && aov_query_area(&query, s) == nullptr) {
             ++stats_.failed_requests;
             trace_->refusal(kKern, "%s: no address for section %d -> %d", head.c_str(), s + 1,
                             -EFAULT);

@@ -11,6 +11,7 @@
 #include "BoundedWait.h"
 #include "DevControl.h"
 #include "DeviceTestSupport.h"
+#include "kelo_aov.h"
 
 namespace aovtest {
 namespace {
@@ -109,14 +110,14 @@ TEST_F(DevControlTest, IoctlHandsOnTheArgumentAndReturnsTheDriverResultUnchanged
 TEST_F(AOVDeviceCommandTest, SingletonOpensTheDeviceNodeReadWriteOnce) {
     // The instance lives until the process exits, and so does its driver.
     static const auto driver = std::make_shared<FakeAovDriver>();
-    aovhost::ScopedNode node("/dev/kelo_aov", driver);
+    aovhost::ScopedNode node(AOV_DEVICE_NODE, driver);
     IAOVDevice* device = IAOVDevice::getInstance();
     EXPECT_EQ(device, IAOVDevice::getInstance());
     EXPECT_EQ(1, driver->opens());
     EXPECT_EQ(2, driver->lastOpenFlags());
     auto* observer = dynamic_cast<EventObserver*>(device);
     ASSERT_NE(nullptr, observer);
-    EXPECT_EQ("/dev/kelo_aov", observer->getEventName());
+    EXPECT_EQ(AOV_DEVICE_NODE, observer->getEventName());
     EXPECT_GE(device->getEventFD(), 0);
 }
 

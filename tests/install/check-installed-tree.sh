@@ -21,7 +21,7 @@ libdir=$(dirname "$(find "$prefix" -name libkelocam_aov_plat.so -print -quit)")
 for header in IAOVDevice.h IAOVSensor.h EventObserver.h AOVExport.h aov_event.h user_param.h kelo_aov.h; do
     [ -f "$prefix/include/kelocam_aov_plat/$header" ] || fail "header $header not installed"
 done
-for internal in DevControl.h AOVThreadSafety.h; do
+for internal in DevControl.h ThreadAnnotations.h Mutex.h; do
     [ ! -e "$prefix/include/kelocam_aov_plat/$internal" ] || fail "internal header $internal installed"
 done
 for config in kelocam_aov_platConfig.cmake kelocam_aov_platConfigVersion.cmake kelocam_aov_platTargets.cmake; do

@@ -358,7 +358,7 @@ TEST(AovRecInput, InfoCountsTheDequeuesWhoseContentWasDropped) {
     ASSERT_GE(fd, 0) << std::strerror(errno);
     {
         aovrec::SessionBuilder b(fd, aovrec::ContentMode::Written, aovrec::Compression::None);
-        b.open("/dev/kelo_aov", O_RDWR, 5);
+        b.open(AOV_DEVICE_NODE, O_RDWR, 5);
         aov_event_query answer{};
         answer.header[5] = 1;
         for (const uint8_t flags :

@@ -147,8 +147,7 @@ int answerDequeue(int, unsigned long request, void* arg) {
             bytes = 0;
         }
         std::memcpy(base + section.query_info_offset, &bytes, sizeof(bytes));
-        void* area;
-        std::memcpy(&area, base + section.query_addr_offset, sizeof(area));
+        void* area = aov_query_area(query, static_cast<unsigned>(s));
         if (area != nullptr && bytes > 0 && s != 2) {
             std::memset(area, static_cast<int>(0x40 + s), std::min(bytes, section.data_size));
         }
@@ -164,10 +163,8 @@ int failWithEio(int, unsigned long, void*) {
 // An event buffer and a dequeue record pointing into it, as the library builds them.
 struct Dequeue {
     Dequeue() : buffer(sizeof(aov_event), 0) {
-        for (const aov_section_desc& section : aov_event_sections) {
-            void* area = buffer.data() + section.data_offset;
-            std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
-                        sizeof(area));
+        for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+            aov_query_set_area(&query, s, buffer.data() + aov_event_sections[s].data_offset);
         }
     }
     std::vector<uint8_t> buffer;
@@ -325,8 +322,7 @@ TEST(SessionFile, MemoryThatCannotBeReadIsLeftOutAndTheCallStillHappens) {
     EXPECT_EQ(errno, EIO);
     Dequeue dq;
     // Section 3's area cannot be read; the driver reports 300 bytes in it.
-    std::memcpy(reinterpret_cast<uint8_t*>(&dq.query) + aov_event_sections[2].query_addr_offset,
-                &hole, sizeof(hole));
+    aov_query_set_area(&dq.query, 2, hole);
     EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
     // A START record whose first half is readable and whose second half is
     // not: the part that can be read is no record either.
@@ -1142,10 +1138,9 @@ struct MappedDequeue {
         room = ::mmap(nullptr, sizeof(aov_event), PROT_READ | PROT_WRITE,
                       MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         EXPECT_NE(room, MAP_FAILED);
-        for (const aov_section_desc& section : aov_event_sections) {
-            void* area = static_cast<uint8_t*>(room) + section.data_offset;
-            std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
-                        sizeof(area));
+        for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+            aov_query_set_area(&query, s,
+                               static_cast<uint8_t*>(room) + aov_event_sections[s].data_offset);
         }
     }
     ~MappedDequeue() { ::munmap(room, sizeof(aov_event)); }
@@ -1157,8 +1152,7 @@ struct MappedDequeue {
 void* g_moved_area = nullptr;
 int answerElsewhere(int fd, unsigned long request, void* arg) {
     const int result = answerDequeue(fd, request, arg);
-    std::memcpy(static_cast<uint8_t*>(arg) + aov_event_sections[0].query_addr_offset, &g_moved_area,
-                sizeof(g_moved_area));
+    aov_query_set_area(static_cast<aov_event_query*>(arg), 0, g_moved_area);
     return result;
 }
 
@@ -1173,15 +1167,10 @@ class AreaCopy : public ::testing::TestWithParam<bool> {
 // As answerDequeue, without touching section 4's area (it may not be writable).
 int answerWithoutSection4(int fd, unsigned long request, void* arg) {
     auto* query = static_cast<aov_event_query*>(arg);
-    void* s4;
-    std::memcpy(&s4, reinterpret_cast<uint8_t*>(query) + aov_event_sections[3].query_addr_offset,
-                sizeof(s4));
-    void* none = nullptr;
-    std::memcpy(reinterpret_cast<uint8_t*>(query) + aov_event_sections[3].query_addr_offset, &none,
-                sizeof(none));
+    void* s4 = aov_query_area(query, 3);
+    aov_query_set_area(query, 3, nullptr);
     const int result = answerDequeue(fd, request, arg);
-    std::memcpy(reinterpret_cast<uint8_t*>(query) + aov_event_sections[3].query_addr_offset, &s4,
-                sizeof(s4));
+    aov_query_set_area(query, 3, s4);
     return result;
 }
 
@@ -1210,8 +1199,7 @@ TEST_P(AreaCopy, AreasTheProcessCannotReadAreLeftOutWhereverTheDriverPointed) {
     void* hole = ::mmap(nullptr, 1 << 20, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(hole, MAP_FAILED);
     aov_event_query q4 = second.query;
-    std::memcpy(reinterpret_cast<uint8_t*>(&q4) + aov_event_sections[2].query_addr_offset, &hole,
-                sizeof(hole));
+    aov_query_set_area(&q4, 2, hole);
     ASSERT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &q4), 0);
     // One page in the middle of section 4's large area cannot be read.
     const aov_section_desc& s4 = aov_event_sections[3];

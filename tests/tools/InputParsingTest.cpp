@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <fstream>
 #include <set>
@@ -11,6 +12,7 @@
 #include <vector>
 
 #include "BoundedFile.h"
+#include "ErrnoName.h"
 #include "Excerpt.h"
 #include "NumberText.h"
 #include "Options.h"
@@ -112,6 +114,34 @@ INSTANTIATE_TEST_SUITE_P(
                       SecondsCase{"Dot", ".", NumberStatus::kMalformed, 0},
                       SecondsCase{"Comma", "1,5", NumberStatus::kMalformed, 0}),
     [](const ::testing::TestParamInfo<SecondsCase>& info) { return info.param.name; });
+
+// Aliases share a number with the name a C library reports; the name of a
+// number comes from the tools' own table, so it does not depend on the C library.
+TEST(ErrnoNameTest, NamesEveryErrnoByItsCanonicalName) {
+    EXPECT_EQ(aovsimtool::errnoName(ENOTTY), "ENOTTY");
+    EXPECT_EQ(aovsimtool::errnoName(EHOSTUNREACH), "EHOSTUNREACH");
+    EXPECT_EQ(aovsimtool::errnoName(EWOULDBLOCK), "EAGAIN");
+    EXPECT_EQ(aovsimtool::errnoName(ENOTSUP), "EOPNOTSUPP");
+    EXPECT_EQ(aovsimtool::errnoName(EDEADLOCK), "EDEADLK");
+    // Every number up to the highest Linux has carries a name, each its own.
+    std::set<std::string> names;
+    for (int e = 1; e <= EHWPOISON; ++e) {
+        if (e == 41 || e == 58) {
+            continue;  // numbers Linux leaves unused
+        }
+        const std::string name = aovsimtool::errnoName(e);
+        EXPECT_EQ(name[0], 'E') << e;
+        names.insert(name);
+    }
+    EXPECT_EQ(names.size(), static_cast<size_t>(EHWPOISON - 2));
+}
+
+TEST(ErrnoNameTest, ANumberWithoutANameIsGivenAsTheNumber) {
+    EXPECT_EQ(aovsimtool::errnoName(0), "errno 0");
+    EXPECT_EQ(aovsimtool::errnoName(-5), "errno -5");
+    EXPECT_EQ(aovsimtool::errnoName(41), "errno 41");
+    EXPECT_EQ(aovsimtool::errnoName(100000), "errno 100000");
+}
 
 TEST(ExcerptTest, QuotesShortTextEscapedAndCutsLongText) {
     EXPECT_EQ(excerpt("abc"), "\"abc\"");

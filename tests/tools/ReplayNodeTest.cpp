@@ -58,10 +58,8 @@ aov_sensor_list sensorList(int32_t id) {
 // A dequeue record as a process sends it: zero but for the ten addresses.
 aov_event_query dequeueSent(uint8_t* event) {
     aov_event_query query{};
-    for (const aov_section_desc& section : aov_event_sections) {
-        uint8_t* area = event + section.data_offset;
-        std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
-                    sizeof(area));
+    for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+        aov_query_set_area(&query, s, event + aov_event_sections[s].data_offset);
     }
     return query;
 }
@@ -136,7 +134,7 @@ class ReplayNodeTest : public ::testing::Test {
     // open, START, SENSOR_ON refused, one event, SENSOR_OFF, STOP, close.
     void compose() {
         aovrec::SessionBuilder& b = recording_.b();
-        b.open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, kFd);
+        b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, kFd);
         b.advance(1000000);
         const StartRecord start(0);
         b.ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
@@ -323,7 +321,7 @@ TEST_F(ReplayNodeTest, ANullRecordWhereTheRecordingHasOneIsADivergence) {
 TEST(ReplayNodePace, AnEventIsDueAtItsRecordedTimeDividedByTheSpeed) {
     Composed recording;
     aovrec::SessionBuilder& b = recording.b();
-    b.open("/dev/kelo_aov", O_RDWR, kFd);
+    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
     b.advance(1000ull * 1000000000ull);
     std::vector<uint8_t> other(sizeof(aov_event));
     RecordedEvent event;
@@ -348,7 +346,7 @@ TEST(ReplayNodePace, AnEventIsDueAtItsRecordedTimeDividedByTheSpeed) {
 TEST(ReplayNodeInput, ACutOrDamagedRecordingIsRefusedWithOneLine) {
     Composed recording;
     aovrec::SessionBuilder& b = recording.b();
-    b.open("/dev/kelo_aov", O_RDWR, kFd);
+    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
     const StartRecord start(0);
     b.ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
     std::vector<uint8_t> whole = recording.bytes();
@@ -389,13 +387,13 @@ TEST(ReplayNodeInput, ARecordingWithoutAnOpenOfTheNodeIsRefused) {
 TEST(ReplayNodeProbes, OpensClosedWithoutARequestBeforeTheSessionAreSkipped) {
     Composed recording;
     aovrec::SessionBuilder& b = recording.b();
-    b.open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, 3);
+    b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, 3);
     b.close(3, 0);
-    b.open("/dev/kelo_aov", O_PATH | O_CLOEXEC, 3);
-    b.open("/dev/kelo_aov", O_WRONLY | O_CREAT | O_CLOEXEC, 5);
+    b.open(AOV_DEVICE_NODE, O_PATH | O_CLOEXEC, 3);
+    b.open(AOV_DEVICE_NODE, O_WRONLY | O_CREAT | O_CLOEXEC, 5);
     b.close(5, 0);
     b.close(3, 0);
-    b.open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, kFd);
+    b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, kFd);
     const StartRecord start(0);
     b.ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
     b.ioctl(kFd, AOV_IOC_STOP, nullptr, 0, -EIO);
@@ -418,7 +416,7 @@ TEST(ReplayNodeProbes, OpensClosedWithoutARequestBeforeTheSessionAreSkipped) {
 // library's own session (a start that was never sent), not a probe.
 TEST(ReplayNodeProbes, ARequestlessOpenWithNoLaterOpenIsTheLibrarys) {
     Composed recording;
-    recording.b().open("/dev/kelo_aov", O_RDWR | O_CLOEXEC, kFd);
+    recording.b().open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, kFd);
     recording.b().close(kFd, 0);
     std::vector<uint8_t> bytes = recording.bytes();
     std::string problem;
@@ -483,7 +481,7 @@ TEST(ReplayPlan, CountsTheDeliveredEventsAndTheTimeToTheLastOfThem) {
     Composed recording;
     aovrec::SessionBuilder& b = recording.b();
     b.advance(7000000000ull);  // before the open: not part of the span
-    b.open("/dev/kelo_aov", O_RDWR, kFd);
+    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
     std::vector<uint8_t> other(sizeof(aov_event));
     RecordedEvent event;
     b.advance(2000000000ull);

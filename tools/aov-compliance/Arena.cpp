@@ -13,14 +13,6 @@ namespace {
 constexpr size_t kEventSize = sizeof(aov_event);
 constexpr size_t kScratch = 2048;
 
-void*& addressOf(aov_event_query* query, const aov_section_desc& section) {
-    return *reinterpret_cast<void**>(reinterpret_cast<uint8_t*>(query) + section.query_addr_offset);
-}
-
-void* const& addressOf(const uint8_t* query, const aov_section_desc& section) {
-    return *reinterpret_cast<void* const*>(query + section.query_addr_offset);
-}
-
 }  // namespace
 
 std::string hex(unsigned long value) {
@@ -78,8 +70,9 @@ void Arena::prepareDequeue(bool faulting) {
     std::memset(query_, kCanary, page_);
     aov_event_query* record = query();
     std::memset(record, 0, sizeof(*record));
-    for (const aov_section_desc& section : aov_event_sections) {
-        addressOf(record, section) = faulting ? fault_ : event_ + section.data_offset;
+    for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+        aov_query_set_area(record, s,
+                           faulting ? fault_ : event_ + aov_event_sections[s].data_offset);
     }
 }
 
@@ -116,10 +109,12 @@ std::string Arena::recordDamage(bool faulting) const {
             return "the bytes after the record were written (offset " + hex(i) + ")";
         }
     }
-    for (const aov_section_desc& section : aov_event_sections) {
+    const auto* record = reinterpret_cast<const aov_event_query*>(query_);
+    for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+        const aov_section_desc& section = aov_event_sections[s];
         const void* want = faulting ? static_cast<const void*>(fault_)
                                     : static_cast<const void*>(event_ + section.data_offset);
-        if (addressOf(query_, section) != want) {
+        if (aov_query_area(record, s) != want) {
             return "an area address was changed (record offset " + hex(section.query_addr_offset) +
                    ")";
         }

@@ -6,10 +6,12 @@
 #include <cstdio>
 #include <string>
 
+#include "kelo_aov.h"
+
 namespace aovcompliance {
 
 struct Options {
-    std::string node = "/dev/kelo_aov";
+    std::string node = AOV_DEVICE_NODE;
     bool verbose = false;
     bool tap = false;
     std::string only;             // one category, or empty for all

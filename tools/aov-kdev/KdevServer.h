@@ -28,7 +28,7 @@
 #include <string>
 #include <vector>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovsim/SimDriver.h"
 #include "aovsim/Trace.h"
 #include "kelo_aov.h"

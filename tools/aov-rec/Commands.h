@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "aovsession/SessionFormat.h"
+#include "kelo_aov.h"
 
 namespace aovrec {
 
@@ -24,7 +25,7 @@ int runDump(const std::string& path, FILE* out, FILE* err);
 int runInfo(const std::string& path, FILE* out, FILE* err);
 
 struct RetraceOptions {
-    std::string node = "/dev/kelo_aov";
+    std::string node = AOV_DEVICE_NODE;
     int ready_timeout_ms = 5000;    // how long a dequeue waits for the node to be ready
     int request_timeout_ms = 2000;  // the longest one call into the node may take
     int max_differences = 10;       // printed in full; the rest are counted

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "Commands.h"
+#include "ErrnoName.h"
 #include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
@@ -205,15 +206,6 @@ int endOf(SessionReader::Next last, const SessionReader& reader, const std::stri
     return kExitBadInput;
 }
 
-std::string errnoName(int err) {
-#if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 32)
-    if (const char* name = strerrorname_np(err)) {
-        return name;
-    }
-#endif
-    return "errno " + std::to_string(err);
-}
-
 }  // namespace
 
 int runDump(const std::string& path, FILE* out, FILE* err) {
@@ -321,7 +313,7 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
     std::fprintf(out, "errors: %" PRIu64, failed);
     sep = " (";
     for (const auto& [code, count] : errors) {
-        std::fprintf(out, "%s%s %" PRIu64, sep, errnoName(code).c_str(), count);
+        std::fprintf(out, "%s%s %" PRIu64, sep, aovsimtool::errnoName(code).c_str(), count);
         sep = ", ";
     }
     std::fprintf(out, "%s\n", failed > 0 ? ")" : "");

@@ -15,6 +15,7 @@
 
 #include "Commands.h"
 #include "Recorder.h"
+#include "kelo_aov.h"
 
 extern char** environ;
 
@@ -55,9 +56,9 @@ std::string watchedNode() {
     }
     const char* dir = std::getenv("AOV_DEV_DIR");
     if (dir != nullptr && dir[0] != '\0') {
-        return std::string(dir) + "/kelo_aov or /dev/kelo_aov";
+        return std::string(dir) + "/" AOV_DEVICE_NAME " or " AOV_DEVICE_NODE;
     }
-    return "/dev/kelo_aov";
+    return AOV_DEVICE_NODE;
 }
 
 int runRecord(const std::string& out_path, ContentMode content,

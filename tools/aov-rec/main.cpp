@@ -10,6 +10,8 @@
 #include <vector>
 
 #include "Commands.h"
+#include "NumberText.h"
+#include "kelo_aov.h"
 
 namespace {
 
@@ -23,7 +25,8 @@ constexpr char kRecordHelp[] =
     "usage: aov-rec record [-o FILE] [--content all|written|none] -- COMMAND [ARGS...]\n"
     "Runs COMMAND with the recorder preloaded and records its calls on the AOV node\n"
     "into FILE (default aov-session.rec), replaced only once something is recorded.\n"
-    "The node is /dev/kelo_aov, DIR/kelo_aov when AOV_DEV_DIR=DIR is set, or the path\n"
+    "The node is " AOV_DEVICE_NODE ", DIR/" AOV_DEVICE_NAME
+    " when AOV_DEV_DIR=DIR is set, or the path\n"
     "in AOV_REC_NODE; it is known by its identity, so any path or duplicate counts.\n"
     "A child of COMMAND that uses the node records into FILE.PID.\n"
     "  --content  data areas kept: all, written (what the driver wrote; default), none\n"
@@ -35,7 +38,8 @@ constexpr char kInfoHelp[] =
     "and the dequeues whose areas were dropped.\n";
 constexpr char kRetraceHelp[] =
     "usage: aov-rec retrace FILE [-d PATH] [--ready-timeout MS] [--request-timeout MS]\n"
-    "Sends the recorded requests to the node at PATH (default /dev/kelo_aov) and\n"
+    "Sends the recorded requests to the node at PATH (default " AOV_DEVICE_NODE
+    ") and\n"
     "prints where its answers differ from the recording, then checks what any\n"
     "driver must do. Each call into the node runs in a child process under the\n"
     "request limit (default 2000 ms); each wait for readiness under the ready\n"
@@ -61,15 +65,7 @@ int usage(const char* problem, const char* detail = "") {
     return aovrec::kExitBadInput;
 }
 
-bool parseMs(const char* text, int* out) {
-    char* end = nullptr;
-    const long v = std::strtol(text, &end, 10);
-    if (end == text || *end != '\0' || v < 0 || v > 3600000) {
-        return false;
-    }
-    *out = static_cast<int>(v);
-    return true;
-}
+constexpr int kMaxMs = 3600000;
 
 int record(int argc, char** argv) {
     std::string out = "aov-session.rec";
@@ -115,13 +111,16 @@ int retrace(int argc, char** argv) {
         if (arg == "-d") {
             options.node = argv[++i];
         } else if (arg == "--ready-timeout") {
-            if (!parseMs(argv[++i], &options.ready_timeout_ms)) {
-                return usage("--ready-timeout must be 0 to 3600000 ms, not ", argv[i]);
+            std::string problem;
+            if (!aovsimtool::readInteger(arg, argv[++i], 0, kMaxMs, &options.ready_timeout_ms,
+                                         &problem)) {
+                return usage(problem.c_str());
             }
         } else if (arg == "--request-timeout") {
-            if (!parseMs(argv[++i], &options.request_timeout_ms) ||
-                options.request_timeout_ms == 0) {
-                return usage("--request-timeout must be 1 to 3600000 ms, not ", argv[i]);
+            std::string problem;
+            if (!aovsimtool::readInteger(arg, argv[++i], 1, kMaxMs, &options.request_timeout_ms,
+                                         &problem)) {
+                return usage(problem.c_str());
             }
         } else if (!arg.empty() && arg[0] == '-') {
             return usage("retrace: unknown option ", arg.c_str());
@@ -180,10 +179,9 @@ int main(int argc, char** argv) {
     }
     if (command == "-h" || command == "--help") {
         std::fputs(kUsage, stdout);
-        std::fputs(
-            "aov-rec COMMAND --help for each command; record watches /dev/kelo_aov, "
-            "DIR/kelo_aov under AOV_DEV_DIR=DIR, or AOV_REC_NODE=PATH\n",
-            stdout);
+        std::fputs("aov-rec COMMAND --help for each command; record watches " AOV_DEVICE_NODE
+                   ", DIR/" AOV_DEVICE_NAME " under AOV_DEV_DIR=DIR, or AOV_REC_NODE=PATH\n",
+                   stdout);
         return 0;
     }
     return usage("unknown command ", argv[1]);

@@ -132,6 +132,8 @@ void ReplayNode::markProbes(aovrec::ByteSource& source) {
 std::shared_ptr<ReplayNode> ReplayNode::load(SourceFactory factory, double speed,
                                              std::string* problem) {
     std::shared_ptr<ReplayNode> node(new ReplayNode(speed));
+    // Nobody else sees the node yet; the lock is for the analysis.
+    aov::MutexLock guard(node->mutex_);
     // Probes first, so that every pass after this one passes over them.
     std::unique_ptr<aovrec::ByteSource> source = factory(problem);
     if (!source) {
@@ -201,7 +203,6 @@ std::shared_ptr<ReplayNode> ReplayNode::load(SourceFactory factory, double speed
     }
     node->header_ = node->reader_->header();
     node->factory_ = std::move(factory);
-    std::lock_guard<std::mutex> guard(node->mutex_);
     node->advanceLocked();
     return node;
 }
@@ -213,12 +214,12 @@ ReplayNode::~ReplayNode() {
 }
 
 void ReplayNode::setDivergenceHandler(std::function<void(const ReplayDivergence&)> handler) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     on_divergence_ = std::move(handler);
 }
 
 bool ReplayNode::diverged(ReplayDivergence* out) const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (diverged_ && out != nullptr) {
         *out = divergence_;
     }
@@ -322,7 +323,7 @@ void ReplayNode::armLocked() {
 }
 
 int ReplayNode::open(int flags) {
-    std::unique_lock<std::mutex> lock(mutex_);
+    aov::MutexLock lock(mutex_);
     if (diverged_) {
         return -EPROTO;
     }
@@ -331,7 +332,9 @@ int ReplayNode::open(int flags) {
         (static_cast<int>(current_.open_flags) & O_ACCMODE) != (flags & O_ACCMODE)) {
         char text[64];
         std::snprintf(text, sizeof(text), "open (flags 0x%x)", static_cast<unsigned>(flags));
-        return divergeLocked(lock, text);
+        const std::function<void()> report = divergeLocked(text);
+        lock.unlock();
+        return reportDivergence(report);
     }
     int result = answerOf(current_.call);
     if (result >= 0) {
@@ -349,7 +352,7 @@ int ReplayNode::open(int flags) {
 }
 
 int ReplayNode::close(int fd) {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (fd < 0 || fd != fd_) {
         return -EBADF;
     }
@@ -385,7 +388,7 @@ bool ReplayNode::matchesLocked(unsigned int request, const void* arg) const {
 
 int ReplayNode::ioctl(int fd, unsigned int request, void* arg) {
     const Clock::time_point began = Clock::now();
-    std::unique_lock<std::mutex> lock(mutex_);
+    aov::MutexLock lock(mutex_);
     if (diverged_) {
         return -EPROTO;
     }
@@ -404,18 +407,26 @@ int ReplayNode::ioctl(int fd, unsigned int request, void* arg) {
             current_.type == RecordType::Ioctl && current_.request == AOV_IOC_DEQUEUE_EVENT) {
             const uint64_t index = current_.index;
             const Clock::time_point deadline = std::max(ready_at_, Clock::now()) + kDequeueWait;
-            if (advanced_.wait_until(lock, deadline, [this, index] {
-                    return diverged_ || !has_current_ || current_.index != index;
-                })) {
+            bool moved = movedPastLocked(index);
+            while (!moved) {
+                const bool notified = lock.waitUntil(advanced_, deadline);
+                moved = movedPastLocked(index);
+                if (!notified) {
+                    break;
+                }
+            }
+            if (moved) {
                 if (diverged_) {
                     return -EPROTO;
                 }
                 continue;
             }
         }
-        return divergeLocked(lock, aovrec::describeRequest(
-                                       request, static_cast<const uint8_t*>(arg),
-                                       arg != nullptr ? aovrec::requestRecordBytes(request) : 0));
+        const std::function<void()> report = divergeLocked(aovrec::describeRequest(
+            request, static_cast<const uint8_t*>(arg),
+            arg != nullptr ? aovrec::requestRecordBytes(request) : 0));
+        lock.unlock();
+        return reportDivergence(report);
     }
 }
 
@@ -439,17 +450,15 @@ int ReplayNode::answerLocked(unsigned int request, void* arg, Clock::time_point 
         }
         after_start_ = false;
         if (result >= 0 && arg != nullptr && r.back_len >= sizeof(aov_event_query)) {
-            auto* query = static_cast<uint8_t*>(arg);
+            auto* query = static_cast<aov_event_query*>(arg);
             // The words as the driver wrote them; the addresses stay the caller's.
             void* addresses[AOV_SECTION_COUNT];
-            for (size_t s = 0; s < AOV_SECTION_COUNT; ++s) {
-                std::memcpy(&addresses[s], query + aov_event_sections[s].query_addr_offset,
-                            sizeof(void*));
+            for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+                addresses[s] = aov_query_area(query, s);
             }
             std::memcpy(query, r.back, sizeof(aov_event_query));
-            for (size_t s = 0; s < AOV_SECTION_COUNT; ++s) {
-                std::memcpy(query + aov_event_sections[s].query_addr_offset, &addresses[s],
-                            sizeof(void*));
+            for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+                aov_query_set_area(query, s, addresses[s]);
             }
             last_area_count_ = 0;
             for (uint8_t i = 0; i < r.area_count; ++i) {
@@ -475,7 +484,11 @@ int ReplayNode::answerLocked(unsigned int request, void* arg, Clock::time_point 
     return result;
 }
 
-int ReplayNode::divergeLocked(std::unique_lock<std::mutex>& lock, const std::string& library) {
+bool ReplayNode::movedPastLocked(uint64_t index) const {
+    return diverged_ || !has_current_ || current_.index != index;
+}
+
+std::function<void()> ReplayNode::divergeLocked(const std::string& library) {
     diverged_ = true;
     divergence_.request = requests_;
     divergence_.record = has_current_ ? current_.index : reader_->records();
@@ -488,31 +501,37 @@ int ReplayNode::divergeLocked(std::unique_lock<std::mutex>& lock, const std::str
         has_current_ = false;
         armLocked();  // never readable again
     }
-    const ReplayDivergence copy = divergence_;
-    auto handler = on_divergence_;
     advanced_.notify_all();
-    lock.unlock();
-    if (handler) {
-        handler(copy);
+    if (!on_divergence_) {
+        return {};
+    }
+    return [handler = on_divergence_, copy = divergence_] { handler(copy); };
+}
+
+int ReplayNode::reportDivergence(const std::function<void()>& report) {
+    if (report) {
+        report();
     }
     return -EPROTO;
 }
 
 bool ReplayNode::finish() {
-    std::unique_lock<std::mutex> lock(mutex_);
+    aov::MutexLock lock(mutex_);
     if (diverged_) {
         return false;
     }
     if (has_current_ && current_.type != RecordType::Close) {
         ++requests_;
-        divergeLocked(lock, "(no more requests)");
+        const std::function<void()> report = divergeLocked("(no more requests)");
+        lock.unlock();
+        reportDivergence(report);
         return false;
     }
     return true;
 }
 
 ReplayProgress ReplayNode::progress() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     ReplayProgress p;
     p.events = events_;
     p.total = total_events_;
@@ -533,7 +552,7 @@ ReplayProgress ReplayNode::progress() const {
 }
 
 aovsim::DriverStatus ReplayNode::status() const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     aovsim::DriverStatus status;
     status.started = started_;
     status.stats = stats_;
@@ -542,7 +561,7 @@ aovsim::DriverStatus ReplayNode::status() const {
 }
 
 std::string ReplayNode::lastAreaDigests(const uint8_t* event) const {
-    std::lock_guard<std::mutex> guard(mutex_);
+    aov::MutexLock guard(mutex_);
     if (last_area_count_ == 0) {
         return "no areas";
     }
@@ -580,7 +599,7 @@ ReplayProgressLine::ReplayProgressLine(const ReplayNode& node, FILE* out) : node
 
 ReplayProgressLine::~ReplayProgressLine() {
     {
-        std::lock_guard<std::mutex> guard(mutex_);
+        aov::MutexLock guard(mutex_);
         stop_ = true;
     }
     stop_cv_.notify_all();
@@ -596,14 +615,17 @@ const char* ReplayProgressLine::clearsProgress() {
 
 void ReplayProgressLine::run() {
     // Shown at once (the total is known from the start), then every quarter second.
-    std::unique_lock<std::mutex> lock(mutex_);
+    aov::MutexLock lock(mutex_);
     do {
         const ReplayProgress p = node_.progress();
         std::fprintf(out_, "\r\033[Kreplay: %llu of %llu events, %.1f s left",
                      static_cast<unsigned long long>(p.events),
                      static_cast<unsigned long long>(p.total), p.seconds_left);
         std::fflush(out_);
-    } while (!stop_cv_.wait_for(lock, std::chrono::milliseconds(250), [this] { return stop_; }));
+        const auto next = std::chrono::steady_clock::now() + std::chrono::milliseconds(250);
+        while (!stop_ && lock.waitUntil(stop_cv_, next)) {
+        }
+    } while (!stop_);
 }
 
 bool ReplayProbe::read(aovsim::DriverStatus* status) {

@@ -19,13 +19,13 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "DriverProbe.h"
+#include "aovbase/Mutex.h"
 #include "aovhost/Binding.h"
 #include "aovsession/SessionReader.h"
 #include "aovsim/SimDriver.h"
@@ -81,24 +81,25 @@ class ReplayNode final : public aovhost::EmulatedNode {
     // Called once, on the first divergence, outside the node's lock (aov-sim
     // ends the run there). Without one, the node answers the divergent
     // request and every later one with -EPROTO. Set it before the node is opened.
-    void setDivergenceHandler(std::function<void(const ReplayDivergence&)> handler);
+    void setDivergenceHandler(std::function<void(const ReplayDivergence&)> handler)
+        AOV_EXCLUDES(mutex_);
     // The first divergence, if there was one.
-    bool diverged(ReplayDivergence* out) const;
+    bool diverged(ReplayDivergence* out) const AOV_EXCLUDES(mutex_);
     // At the end of the session: a request the recording still has that the
     // library never sent counts as a divergence (a close of the node, which
     // comes as the process exits, does not). True when the whole recording
     // was replayed without divergence.
-    bool finish();
+    bool finish() AOV_EXCLUDES(mutex_);
 
-    ReplayProgress progress() const;
+    ReplayProgress progress() const AOV_EXCLUDES(mutex_);
     ReplayPlan plan() const { return plan_; }
     // The driver's side as the replay saw it; what the recording cannot tell
     // (events produced, overwritten, discarded) stays 0.
-    aovsim::DriverStatus status() const;
+    aovsim::DriverStatus status() const AOV_EXCLUDES(mutex_);
     // "s1 4096 0123456789abcdef, s4 ..." for the areas the last answered
     // dequeue wrote, digested (XXH64, as aov-rec dump prints them) from
     // `event`, the buffer they were written into; "no areas" when it kept none.
-    std::string lastAreaDigests(const uint8_t* event) const;
+    std::string lastAreaDigests(const uint8_t* event) const AOV_EXCLUDES(mutex_);
 
     const aovrec::FileHeader& header() const { return header_; }
     // "1234 requests, 1000 events, content written, speed max".
@@ -113,59 +114,69 @@ class ReplayNode final : public aovhost::EmulatedNode {
 
     explicit ReplayNode(double speed) : speed_(speed) {}
     // Moves to the recording's next request (open, close or ioctl).
-    void advanceLocked();
+    void advanceLocked() AOV_REQUIRES(mutex_);
     // Whether the replay passes over `r` (not a call the library makes on the node).
-    bool skippedLocked(const aovrec::Record& r);
+    bool skippedLocked(const aovrec::Record& r) AOV_REQUIRES(mutex_);
     // Finds the opens and closes of a tool probing the node (probe_records_).
-    void markProbes(aovrec::ByteSource& source);
+    void markProbes(aovrec::ByteSource& source) AOV_REQUIRES(mutex_);
     // Arms the descriptor for the current record when it is a dequeue.
-    void armLocked();
-    bool matchesLocked(unsigned int request, const void* arg) const;
-    int answerLocked(unsigned int request, void* arg, Clock::time_point began);
-    int divergeLocked(std::unique_lock<std::mutex>& lock, const std::string& library);
+    void armLocked() AOV_REQUIRES(mutex_);
+    bool matchesLocked(unsigned int request, const void* arg) const AOV_REQUIRES(mutex_);
+    int answerLocked(unsigned int request, void* arg, Clock::time_point began) AOV_REQUIRES(mutex_);
+    // Records the first divergence; returns what reports it, to be run once
+    // the lock is released (empty without a handler).
+    std::function<void()> divergeLocked(const std::string& library) AOV_REQUIRES(mutex_);
+    // Runs what divergeLocked returned, without the lock; the request's answer.
+    static int reportDivergence(const std::function<void()>& report);
+    bool movedPastLocked(uint64_t index) const AOV_REQUIRES(mutex_);
 
     const double speed_;
+    // Set by load, before the node is shared; the reader is read on under the lock.
     SourceFactory factory_;
-    std::unique_ptr<aovrec::ByteSource> source_;
-    std::unique_ptr<aovrec::SessionReader> reader_;
+    mutable aov::Mutex mutex_;
+    std::unique_ptr<aovrec::ByteSource> source_ AOV_PT_GUARDED_BY(mutex_);
+    std::unique_ptr<aovrec::SessionReader> reader_ AOV_PT_GUARDED_BY(mutex_);
     aovrec::FileHeader header_;
-
-    mutable std::mutex mutex_;
-    std::condition_variable advanced_;
-    aovrec::Record current_;
-    bool has_current_ = false;
-    std::vector<int32_t> skipped_fds_;  // recorded descriptors whose calls are skipped
-    // Opens and closes of descriptors closed without a request before a
-    // later open (a tool probing the node), by record index: skipped.
-    std::set<uint64_t> probe_records_;
-    std::string read_problem_;  // the file changed since it was checked
-    int fd_ = -1;
-    std::function<void(const ReplayDivergence&)> on_divergence_;
-    bool diverged_ = false;
-    ReplayDivergence divergence_;
-
-    // Recorded times (ns) and their replay counterparts.
-    uint64_t origin_ns_ = 0;
-    Clock::time_point replay_origin_;
-    uint64_t last_event_ns_ = 0;
-    ReplayPlan plan_;
-    uint64_t start_answered_ns_ = 0;  // recorded end of the last START answered
-    Clock::time_point start_answered_at_;
-    bool after_start_ = false;
-    Clock::time_point ready_at_;  // of the current dequeue
-    bool timer_set_ = false;      // the descriptor's timer is armed or has expired
-    Clock::time_point timer_at_;  // when it expires
-
+    // Counted by load; constant afterwards.
     uint64_t total_events_ = 0;
     uint64_t total_requests_ = 0;
-    uint64_t requests_ = 0;
-    uint64_t events_ = 0;
-    bool started_ = false;
-    aovsim::DriverStats stats_;
-    aovsim::DequeueMark last_;
-    Area last_areas_[aovrec::kSections] = {};
-    uint8_t last_area_count_ = 0;
-    Clock::time_point first_event_at_;
+    uint64_t last_event_ns_ = 0;
+    ReplayPlan plan_;
+
+    std::condition_variable advanced_;
+    aovrec::Record current_ AOV_GUARDED_BY(mutex_);
+    bool has_current_ AOV_GUARDED_BY(mutex_) = false;
+    std::vector<int32_t> skipped_fds_
+        AOV_GUARDED_BY(mutex_);  // recorded descriptors whose calls are skipped
+    // Opens and closes of descriptors closed without a request before a
+    // later open (a tool probing the node), by record index: skipped.
+    std::set<uint64_t> probe_records_ AOV_GUARDED_BY(mutex_);
+    std::string read_problem_ AOV_GUARDED_BY(mutex_);  // the file changed since it was checked
+    int fd_ AOV_GUARDED_BY(mutex_) = -1;
+    std::function<void(const ReplayDivergence&)> on_divergence_ AOV_GUARDED_BY(mutex_);
+    bool diverged_ AOV_GUARDED_BY(mutex_) = false;
+    ReplayDivergence divergence_ AOV_GUARDED_BY(mutex_);
+
+    // Recorded times (ns) and their replay counterparts.
+    uint64_t origin_ns_ AOV_GUARDED_BY(mutex_) = 0;
+    Clock::time_point replay_origin_ AOV_GUARDED_BY(mutex_);
+    uint64_t start_answered_ns_ AOV_GUARDED_BY(mutex_) =
+        0;  // recorded end of the last START answered
+    Clock::time_point start_answered_at_ AOV_GUARDED_BY(mutex_);
+    bool after_start_ AOV_GUARDED_BY(mutex_) = false;
+    Clock::time_point ready_at_ AOV_GUARDED_BY(mutex_);  // of the current dequeue
+    bool timer_set_ AOV_GUARDED_BY(mutex_) =
+        false;  // the descriptor's timer is armed or has expired
+    Clock::time_point timer_at_ AOV_GUARDED_BY(mutex_);  // when it expires
+
+    uint64_t requests_ AOV_GUARDED_BY(mutex_) = 0;
+    uint64_t events_ AOV_GUARDED_BY(mutex_) = 0;
+    bool started_ AOV_GUARDED_BY(mutex_) = false;
+    aovsim::DriverStats stats_ AOV_GUARDED_BY(mutex_);
+    aovsim::DequeueMark last_ AOV_GUARDED_BY(mutex_);
+    Area last_areas_[aovrec::kSections] AOV_GUARDED_BY(mutex_) = {};
+    uint8_t last_area_count_ AOV_GUARDED_BY(mutex_) = 0;
+    Clock::time_point first_event_at_ AOV_GUARDED_BY(mutex_);
 };
 
 // The replay's driver figures for aov-sim's report.
@@ -197,9 +208,9 @@ class ReplayProgressLine {
 
     const ReplayNode& node_;
     FILE* const out_;
-    std::mutex mutex_;
+    aov::Mutex mutex_;
     std::condition_variable stop_cv_;
-    bool stop_ = false;
+    bool stop_ AOV_GUARDED_BY(mutex_) = false;
     std::thread thread_;
 };
 

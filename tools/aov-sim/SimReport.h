@@ -2,11 +2,11 @@
 
 #include <vector>
 
-#include "AOVThreadSafety.h"
 #include "DriverProbe.h"
 #include "LatencyBreakdown.h"
 #include "SessionReport.h"
 #include "Timeline.h"
+#include "aovbase/Mutex.h"
 #include "aovsim/EpollEventMonitor.h"
 #include "aovsim/ScriptedEvent.h"
 #include "aovsim/Simulation.h"

@@ -11,13 +11,13 @@
 #include <string>
 #include <vector>
 
-#include "AOVThreadSafety.h"
 #include "EventMonitor.h"
 #include "IAOVDevice.h"
 #include "IAOVSensor.h"
 #include "ModeChoice.h"
 #include "Options.h"
 #include "SessionReport.h"
+#include "aovbase/Mutex.h"
 
 namespace aovsimtool {
 

@@ -25,10 +25,10 @@
 #include <string>
 #include <thread>
 
-#include "AOVThreadSafety.h"
 #include "EventMonitor.h"
 #include "SessionReport.h"
 #include "TimelineCollector.h"
+#include "aovbase/Mutex.h"
 #include "aovhost/Binding.h"
 #include "aovsim/TimelineHooks.h"
 #include "aovsim/Trace.h"

@@ -15,6 +15,9 @@
 #include <functional>
 #include <string>
 
+// A call's errno is named with errnoName.
+#include "ErrnoName.h"
+
 namespace aovsimtool {
 
 struct CallResult {
@@ -63,8 +66,5 @@ class GuardedCaller {
   private:
     int abandoned_ = 0;
 };
-
-// "ENOTTY", "EFAULT", ... or the number for an errno without a name here.
-std::string errnoName(int error);
 
 }  // namespace aovsimtool

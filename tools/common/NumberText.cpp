@@ -114,4 +114,14 @@ bool readInteger(const std::string& what, std::string_view text, int64_t min, in
     return false;
 }
 
+bool readInteger(const std::string& what, std::string_view text, int min, int max, int* out,
+                 std::string* error) {
+    int64_t value = 0;
+    if (!readInteger(what, text, int64_t{min}, int64_t{max}, &value, error)) {
+        return false;
+    }
+    *out = static_cast<int>(value);
+    return true;
+}
+
 }  // namespace aovsimtool

@@ -30,5 +30,8 @@ NumberStatus parseSeconds(std::string_view text, double max, double* out);
 // "--fps: "99" is out of range 1..10".
 bool readInteger(const std::string& what, std::string_view text, int64_t min, int64_t max,
                  int64_t* out, std::string* error);
+// The same for a value kept in an int (milliseconds, counts).
+bool readInteger(const std::string& what, std::string_view text, int min, int max, int* out,
+                 std::string* error);
 
 }  // namespace aovsimtool

@@ -1,4 +1,4 @@
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovhost/Binding.h"
 
 namespace aovhost {

@@ -4,7 +4,7 @@
 #include <map>
 #include <optional>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovhost/Binding.h"
 #include "cam/utils/Properties.h"
 

@@ -11,7 +11,7 @@
 #include <map>
 #include <string>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovhost/Binding.h"
 
 namespace {

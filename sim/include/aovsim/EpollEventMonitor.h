@@ -24,8 +24,8 @@
 #include <map>
 #include <thread>
 
-#include "AOVThreadSafety.h"
 #include "EventMonitor.h"
+#include "aovbase/Mutex.h"
 #include "aovsim/TimelineHooks.h"
 
 namespace aovsim {

@@ -32,7 +32,7 @@
 #include <set>
 #include <string>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovhost/Binding.h"
 #include "aovsim/DriverBugs.h"
 #include "aovsim/FrameTimer.h"

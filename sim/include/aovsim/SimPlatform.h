@@ -13,7 +13,7 @@
 #include <set>
 #include <vector>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovsim/SimConfig.h"
 #include "aovsim/Trace.h"
 #include "cam/coordinator/ICamCoordinator.h"

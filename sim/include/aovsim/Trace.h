@@ -9,7 +9,7 @@
 #include <functional>
 #include <string>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovsim/Format.h"
 #include "aovsim/TimelineHooks.h"
 

@@ -57,9 +57,8 @@ bool pipeCopy(void* to, const void* from, size_t size) {
 }
 
 const void* areaAddress(const uint8_t* record, size_t s) {
-    const void* area;
-    std::memcpy(&area, record + aov_event_sections[s].query_addr_offset, sizeof(area));
-    return area;
+    return aov_query_area(reinterpret_cast<const aov_event_query*>(record),
+                          static_cast<unsigned>(s));
 }
 
 uint32_t firstInfoWord(const uint8_t* record, size_t s) {

@@ -14,6 +14,7 @@
 #include <initializer_list>
 
 #include "WriterQueue.h"
+#include "aovbase/PosixMutex.h"
 #include "aovsession/SessionWriter.h"
 #include "kelo_aov.h"
 
@@ -33,25 +34,26 @@ constexpr int kDrainLimitSeconds = 10;
 enum class State { Off, Armed, Recording, Failed };
 
 // Records are built under `lock`, in the order the calls reach it, and
-// handed to the writer queue in that order. Everything is guarded by `lock`
-// except the atomics.
+// handed to the writer queue in that order. The configured paths are written
+// under `lock` by configure and read without it by the wrapped calls (a
+// process configures its recorder before it records).
 struct Recorder {
-    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    aov::PosixMutex lock;
     std::atomic<State> state{State::Off};
     char file[kMaxConfigPath] = {};
     char node[kMaxConfigPath] = {};
     char dev_node[kMaxConfigPath] = {};
     char status[kMaxConfigPath] = {};
-    char path[kMaxConfigPath + 32] = {};  // the file this process writes
-    ContentMode content = ContentMode::Written;
-    bool compress = true;
-    bool owner = true;
-    pid_t owner_pid = 0;
-    int out_fd = -1;
-    uint8_t small[kSmallRecord] = {};
-    SessionWriter writer;
-    bool fork_locked = false;           // the fork's prepare handler took `lock`
-    std::atomic<bool> stopping{false};  // the stop has been said
+    char path[kMaxConfigPath + 32] AOV_GUARDED_BY(lock) = {};  // the file this process writes
+    ContentMode content AOV_GUARDED_BY(lock) = ContentMode::Written;
+    bool compress AOV_GUARDED_BY(lock) = true;
+    bool owner AOV_GUARDED_BY(lock) = true;
+    pid_t owner_pid AOV_GUARDED_BY(lock) = 0;
+    int out_fd AOV_GUARDED_BY(lock) = -1;
+    uint8_t small[kSmallRecord] AOV_GUARDED_BY(lock) = {};
+    SessionWriter writer AOV_GUARDED_BY(lock);
+    bool fork_locked AOV_GUARDED_BY(lock) = false;  // the fork's prepare handler took `lock`
+    std::atomic<bool> stopping{false};              // the stop has been said
     std::atomic<uint64_t> dropped{0};
     std::atomic<uint64_t> content_dropped{0};
 };
@@ -135,7 +137,7 @@ void drainAtExit() {
 
 // Chooses the file this process writes: the configured one for its owner,
 // FILE.PID for any other process (a forked or exec'd child).
-void choosePathLocked() {
+void choosePathLocked() AOV_REQUIRES(g_rec.lock) {
     const pid_t pid = ::getpid();
     size_t at = 0;
     bool has_pid = false;
@@ -158,7 +160,7 @@ void choosePathLocked() {
 
 // Opens the file and writes its header, at the first call on the node.
 // Under the lock.
-bool startLocked() {
+bool startLocked() AOV_REQUIRES(g_rec.lock) {
     if (g_rec.state.load() == State::Recording) {
         return true;
     }
@@ -217,10 +219,12 @@ bool startLocked() {
 }
 
 // Takes the lock unless this thread is already inside (a signal handler),
-// and starts the file if this is the first call to record.
+// and starts the file if this is the first call to record. Whether it holds
+// the lock is known only at run time: the analysis does not follow it, and
+// code under `held()` says the lock is held (assertHeld).
 class Scope {
   public:
-    Scope() {
+    Scope() AOV_NO_THREAD_SAFETY_ANALYSIS {
         const State state = g_rec.state.load(std::memory_order_relaxed);
         if (t_inside || (state != State::Recording && state != State::Armed)) {
             if (t_inside) {
@@ -229,16 +233,16 @@ class Scope {
             return;
         }
         t_inside = true;
-        pthread_mutex_lock(&g_rec.lock);
+        g_rec.lock.lock();
         held_ = startLocked();
         if (!held_) {
-            pthread_mutex_unlock(&g_rec.lock);
+            g_rec.lock.unlock();
             t_inside = false;
         }
     }
-    ~Scope() {
+    ~Scope() AOV_NO_THREAD_SAFETY_ANALYSIS {
         if (held_) {
-            pthread_mutex_unlock(&g_rec.lock);
+            g_rec.lock.unlock();
             t_inside = false;
         }
     }
@@ -252,7 +256,7 @@ class Scope {
 
 // Hands the small record over; an output that has taken nothing for the
 // stall limit stops the recording. Under the lock.
-void submitSmallLocked(RecordType type, const ByteWriter& out) {
+void submitSmallLocked(RecordType type, const ByteWriter& out) AOV_REQUIRES(g_rec.lock) {
     if (out.overflow()) {
         g_rec.dropped.fetch_add(1);
         return;
@@ -278,26 +282,29 @@ bool namesNode(const char* path, int* index) {
     return false;
 }
 
-void forkPrepare() {
+// The lock is taken before fork() and released after it in the parent
+// (forkParent) and made afresh in the child: across functions, which the
+// analysis cannot follow.
+void forkPrepare() AOV_NO_THREAD_SAFETY_ANALYSIS {
     if (!t_inside) {
-        pthread_mutex_lock(&g_rec.lock);
+        g_rec.lock.lock();
         g_rec.fork_locked = true;
     }
     queueForkPrepare();
 }
 
-void forkParent() {
+void forkParent() AOV_NO_THREAD_SAFETY_ANALYSIS {
     queueForkParent();
     if (g_rec.fork_locked) {
         g_rec.fork_locked = false;
-        pthread_mutex_unlock(&g_rec.lock);
+        g_rec.lock.unlock();
     }
 }
 
 // The child: fresh locks, no writer thread, nothing of the parent's queue;
 // its own calls on the node go to a file of its own (FILE.PID).
-void forkChild() {
-    pthread_mutex_init(&g_rec.lock, nullptr);
+void forkChild() AOV_NO_THREAD_SAFETY_ANALYSIS {
+    g_rec.lock.reinitialise();
     g_rec.fork_locked = false;
     queueForkChild();
     threadIdReset();
@@ -315,9 +322,9 @@ void forkChild() {
 }  // namespace
 
 void configure(const RecorderConfig& config) {
-    pthread_mutex_lock(&g_rec.lock);
+    g_rec.lock.lock();
     copyPath(g_rec.file, config.file);
-    copyPath(g_rec.node, config.node != nullptr ? config.node : "/dev/kelo_aov");
+    copyPath(g_rec.node, config.node != nullptr ? config.node : AOV_DEVICE_NODE);
     copyPath(g_rec.status, config.status);
     g_rec.dev_node[0] = '\0';
     if (config.node == nullptr && config.dev_dir != nullptr && config.dev_dir[0] != '\0' &&
@@ -349,7 +356,7 @@ void configure(const RecorderConfig& config) {
     if (!fork_handlers) {
         fork_handlers = pthread_atfork(forkPrepare, forkParent, forkChild) == 0;
     }
-    pthread_mutex_unlock(&g_rec.lock);
+    g_rec.lock.unlock();
 }
 
 void configureFromEnvironment() {
@@ -400,12 +407,12 @@ bool drain() {
 
 RecorderStats stats() {
     RecorderStats s;
-    pthread_mutex_lock(&g_rec.lock);
+    g_rec.lock.lock();
     drain();
     s.started = g_rec.out_fd >= 0;
     s.failed = g_rec.state.load() == State::Failed;
     s.written = g_rec.writer.records();
-    pthread_mutex_unlock(&g_rec.lock);
+    g_rec.lock.unlock();
     s.handed_off = queueHandedOff();
     s.dropped = g_rec.dropped.load();
     s.content_dropped = g_rec.content_dropped.load();
@@ -416,14 +423,16 @@ RecorderStats stats() {
     return s;
 }
 
-const char* sessionPath() {
+// Read once the recording has settled, without the lock: the pointer's text
+// changes only when a recording starts.
+const char* sessionPath() AOV_NO_THREAD_SAFETY_ANALYSIS {
     return g_rec.path;
 }
 
 void withRecorderLocked(void (*fn)(void*), void* arg) {
-    pthread_mutex_lock(&g_rec.lock);
+    g_rec.lock.lock();
     fn(arg);
-    pthread_mutex_unlock(&g_rec.lock);
+    g_rec.lock.unlock();
 }
 
 void recordOpen(uint64_t begin_ns, int dirfd, const char* path, int flags, mode_t mode, int result,
@@ -457,6 +466,7 @@ void recordOpen(uint64_t begin_ns, int dirfd, const char* path, int flags, mode_
     {
         Scope scope;
         if (scope.held()) {
+            g_rec.lock.assertHeld();
             if (result >= 0) {
                 markNode(result);
             }
@@ -479,9 +489,9 @@ bool forgetOnClose(int fd) {
     const uint8_t flags = forgetFd(fd);
     if (!t_inside) {
         t_inside = true;
-        pthread_mutex_lock(&g_rec.lock);
+        g_rec.lock.lock();
         watchForgetLocked((flags & kFdEpoll) != 0 ? fd : -1, (flags & kFdNode) != 0 ? fd : -1);
-        pthread_mutex_unlock(&g_rec.lock);
+        g_rec.lock.unlock();
         t_inside = false;
     }
     return (flags & kFdNode) != 0;
@@ -492,6 +502,7 @@ void recordClose(uint64_t begin_ns, int fd, int result, int err) {
     {
         Scope scope;
         if (scope.held()) {
+            g_rec.lock.assertHeld();
             ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);
             submitSmallLocked(RecordType::Close, out);
@@ -553,6 +564,7 @@ void recordPoll(WaitKind kind, uint64_t begin_ns, const pollfd* fds, nfds_t n, i
     if (any) {
         Scope scope;
         if (scope.held()) {
+            g_rec.lock.assertHeld();
             ByteWriter out(g_rec.small, kSmallRecord);
             WaitPayload wait(out, call, kind, timeout_ms);
             for (nfds_t at = 0; at < n && !wait.full(); at += kChunk) {
@@ -597,6 +609,7 @@ void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_eve
     {
         Scope scope;
         if (scope.held()) {
+            g_rec.lock.assertHeld();
             if (result == 0 && op == EPOLL_CTL_DEL) {
                 watchRemoveLocked(epfd, fd);
             } else if (result == 0) {
@@ -620,6 +633,7 @@ void recordEpollWait(WaitKind kind, uint64_t begin_ns, int epfd, const epoll_eve
     {
         Scope scope;
         if (scope.held()) {
+            g_rec.lock.assertHeld();
             ByteWriter out(g_rec.small, kSmallRecord);
             WaitPayload wait(out, call, kind, timeout_ms);
             for (int i = 0; i < result && !wait.full(); ++i) {
@@ -666,6 +680,7 @@ void recordSelect(WaitKind kind, uint64_t begin_ns, int nfds, const SelectSets& 
     {
         Scope scope;
         if (scope.held()) {
+            g_rec.lock.assertHeld();
             ByteWriter out(g_rec.small, kSmallRecord);
             WaitPayload wait(out, call, kind, timeout_ms);
             for (int fd = 0; fd < n && !wait.full(); ++fd) {
@@ -728,6 +743,7 @@ int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
     {
         Scope scope;
         if (scope.held()) {
+            g_rec.lock.assertHeld();
             // A dequeue with data areas is built in a content buffer; with
             // none free, the areas are dropped and the record says so.
             const bool content =

@@ -12,6 +12,8 @@
 #include <ctime>
 #include <initializer_list>
 
+#include "aovbase/PosixMutex.h"
+
 namespace aovrec {
 namespace {
 
@@ -35,7 +37,7 @@ struct Entry {
 // Everything here is guarded by `lock` except the buffers' contents, which
 // belong to whoever holds the entry (the caller filling it, then the writer).
 struct Queue {
-    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    aov::PosixMutex lock;
     pthread_cond_t work = PTHREAD_COND_INITIALIZER;  // the writer waits for records
     pthread_cond_t room = PTHREAD_COND_INITIALIZER;  // callers and drain wait for it
     uint8_t* ring = nullptr;
@@ -43,21 +45,22 @@ struct Queue {
     uint8_t* work_room = nullptr;
     size_t work_size = 0;
     Entry entries[kEntries];
-    size_t head = 0;
-    size_t count = 0;  // queued and being written
-    size_t ring_tail = 0;
-    size_t ring_used = 0;
-    bool slot_busy[kContentSlots] = {};
-    bool writer_waiting = false;
-    bool urgent = false;  // wake the writer: content, a drain, or records waiting too long
-    bool thread_started = false;
+    size_t head AOV_GUARDED_BY(lock) = 0;
+    size_t count AOV_GUARDED_BY(lock) = 0;  // queued and being written
+    size_t ring_tail AOV_GUARDED_BY(lock) = 0;
+    size_t ring_used AOV_GUARDED_BY(lock) = 0;
+    bool slot_busy[kContentSlots] AOV_GUARDED_BY(lock) = {};
+    bool writer_waiting AOV_GUARDED_BY(lock) = false;
+    bool urgent AOV_GUARDED_BY(lock) =
+        false;  // wake the writer: content, a drain, or records waiting too long
+    bool thread_started AOV_GUARDED_BY(lock) = false;
     // In a forked child no thread is started (the parent may have had many
     // when it forked): each record is written by its caller.
-    bool inline_writes = false;
-    uint64_t handed_off = 0;
-    SessionWriter* writer = nullptr;
-    bool may_signal = false;
-    WriteFailed on_fail = nullptr;
+    bool inline_writes AOV_GUARDED_BY(lock) = false;
+    uint64_t handed_off AOV_GUARDED_BY(lock) = 0;
+    SessionWriter* writer AOV_GUARDED_BY(lock) = nullptr;
+    bool may_signal AOV_GUARDED_BY(lock) = false;
+    WriteFailed on_fail AOV_GUARDED_BY(lock) = nullptr;
     std::atomic<bool> discard{false};
     std::atomic<int> stall_limit_ms{kDefaultStallLimitMs};
 };
@@ -84,7 +87,7 @@ timespec deadlineIn(long ms) {
 }
 
 void initSync() {
-    pthread_mutex_init(&g_q.lock, nullptr);
+    g_q.lock.reinitialise();
     pthread_condattr_t attr;
     pthread_condattr_init(&attr);
     pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
@@ -94,7 +97,7 @@ void initSync() {
 }
 
 void* writerMain(void*) {
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     for (;;) {
         // Call records alone do not wake the writer (a wake-up costs the
         // caller more than the record): it takes them within kLingerMs, at
@@ -102,10 +105,10 @@ void* writerMain(void*) {
         while (g_q.count == 0 || (!g_q.urgent && g_q.count < kWakeAt)) {
             g_q.writer_waiting = true;
             if (g_q.count == 0) {
-                pthread_cond_wait(&g_q.work, &g_q.lock);
+                pthread_cond_wait(&g_q.work, g_q.lock.native());
             } else {
                 const timespec linger = deadlineIn(kLingerMs);
-                if (pthread_cond_timedwait(&g_q.work, &g_q.lock, &linger) == ETIMEDOUT) {
+                if (pthread_cond_timedwait(&g_q.work, g_q.lock.native(), &linger) == ETIMEDOUT) {
                     g_q.urgent = true;
                 }
             }
@@ -119,7 +122,7 @@ void* writerMain(void*) {
         SessionWriter* writer = g_q.writer;
         const bool may_signal = g_q.may_signal;
         const WriteFailed on_fail = g_q.on_fail;
-        pthread_mutex_unlock(&g_q.lock);
+        g_q.lock.unlock();
         size_t ring_freed = 0;
         for (size_t i = 0; i < batch; ++i) {
             const Entry& e = g_q.entries[(head + i) % kEntries];
@@ -141,7 +144,7 @@ void* writerMain(void*) {
                 on_fail(err);
             }
         }
-        pthread_mutex_lock(&g_q.lock);
+        g_q.lock.lock();
         for (size_t i = 0; i < batch; ++i) {
             const Entry& e = g_q.entries[(head + i) % kEntries];
             if (e.slot != kSmallSlot) {
@@ -163,7 +166,7 @@ void* writerMain(void*) {
 }
 
 // Writes one record on the caller's thread (a forked child). Under the lock.
-bool writeInlineLocked(RecordType type, const uint8_t* data, size_t size) {
+bool writeInlineLocked(RecordType type, const uint8_t* data, size_t size) AOV_REQUIRES(g_q.lock) {
     ++g_q.handed_off;
     if (g_q.discard.load() || g_q.writer == nullptr) {
         return true;
@@ -177,16 +180,16 @@ bool writeInlineLocked(RecordType type, const uint8_t* data, size_t size) {
     }
     if (err != 0 && g_q.on_fail != nullptr) {
         const WriteFailed on_fail = g_q.on_fail;
-        pthread_mutex_unlock(&g_q.lock);
+        g_q.lock.unlock();
         on_fail(err);
-        pthread_mutex_lock(&g_q.lock);
+        g_q.lock.lock();
     }
     return true;
 }
 
 // Starts the writer thread with every signal blocked in it, at background
 // priority where allowed (it never runs at a real-time caller's priority).
-bool startThreadLocked() {
+bool startThreadLocked() AOV_REQUIRES(g_q.lock) {
     if (g_q.thread_started || g_q.inline_writes) {
         return true;
     }
@@ -217,11 +220,11 @@ bool startThreadLocked() {
 }
 
 // Waits for room under the lock until `deadline`; false when it passed.
-bool waitRoomLocked(const timespec& deadline) {
-    return pthread_cond_timedwait(&g_q.room, &g_q.lock, &deadline) != ETIMEDOUT;
+bool waitRoomLocked(const timespec& deadline) AOV_REQUIRES(g_q.lock) {
+    return pthread_cond_timedwait(&g_q.room, g_q.lock.native(), &deadline) != ETIMEDOUT;
 }
 
-bool pushLocked(const Entry& e) {
+bool pushLocked(const Entry& e) AOV_REQUIRES(g_q.lock) {
     g_q.entries[(g_q.head + g_q.count) % kEntries] = e;
     ++g_q.count;
     ++g_q.handed_off;
@@ -262,13 +265,13 @@ uint8_t* queueWorkRoom(size_t* size) {
 }
 
 bool queueAttach(SessionWriter* writer, bool output_may_signal, WriteFailed on_fail) {
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     g_q.writer = writer;
     g_q.may_signal = output_may_signal;
     g_q.on_fail = on_fail;
     g_q.discard.store(false);
     const bool started = startThreadLocked();
-    pthread_mutex_unlock(&g_q.lock);
+    g_q.lock.unlock();
     return started;
 }
 
@@ -282,7 +285,7 @@ int queueStallLimit() {
 
 uint8_t* queueTakeContent(int* slot) {
     const timespec deadline = deadlineIn(g_q.stall_limit_ms.load());
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     uint8_t* room = nullptr;
     for (;;) {
         for (int i = 0; i < kContentSlots && room == nullptr; ++i) {
@@ -301,14 +304,14 @@ uint8_t* queueTakeContent(int* slot) {
             break;
         }
     }
-    pthread_mutex_unlock(&g_q.lock);
+    g_q.lock.unlock();
     return room;
 }
 
 void queueReleaseContent(int slot) {
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     g_q.slot_busy[slot] = false;
-    pthread_mutex_unlock(&g_q.lock);
+    g_q.lock.unlock();
 }
 
 bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
@@ -316,10 +319,10 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
         return false;
     }
     const timespec deadline = deadlineIn(g_q.stall_limit_ms.load());
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     if (g_q.inline_writes) {
         writeInlineLocked(type, data, size);
-        pthread_mutex_unlock(&g_q.lock);
+        g_q.lock.unlock();
         return true;
     }
     for (;;) {
@@ -340,7 +343,7 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
                 g_q.urgent = true;
             }
             const bool wake = waiting && g_q.urgent;
-            pthread_mutex_unlock(&g_q.lock);
+            g_q.lock.unlock();
             // Woken after the unlock, the writer does not wake into a held lock.
             if (wake) {
                 pthread_cond_signal(&g_q.work);
@@ -350,7 +353,7 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
         g_q.urgent = true;
         pthread_cond_signal(&g_q.work);
         if (g_q.discard.load() || !waitRoomLocked(deadline)) {
-            pthread_mutex_unlock(&g_q.lock);
+            g_q.lock.unlock();
             return false;
         }
     }
@@ -358,11 +361,11 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
 
 bool queueContent(RecordType type, int slot, size_t size) {
     const timespec deadline = deadlineIn(g_q.stall_limit_ms.load());
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     if (g_q.inline_writes) {
         writeInlineLocked(type, g_q.slots[slot], size);
         g_q.slot_busy[slot] = false;
-        pthread_mutex_unlock(&g_q.lock);
+        g_q.lock.unlock();
         return true;
     }
     while (g_q.count >= kEntries) {
@@ -370,7 +373,7 @@ bool queueContent(RecordType type, int slot, size_t size) {
         pthread_cond_signal(&g_q.work);
         if (g_q.discard.load() || !waitRoomLocked(deadline)) {
             g_q.slot_busy[slot] = false;
-            pthread_mutex_unlock(&g_q.lock);
+            g_q.lock.unlock();
             return false;
         }
     }
@@ -380,7 +383,7 @@ bool queueContent(RecordType type, int slot, size_t size) {
     e.slot = slot;
     g_q.urgent = true;
     const bool wake = pushLocked(e);
-    pthread_mutex_unlock(&g_q.lock);
+    g_q.lock.unlock();
     if (wake) {
         pthread_cond_signal(&g_q.work);
     }
@@ -389,9 +392,9 @@ bool queueContent(RecordType type, int slot, size_t size) {
 
 void queueDiscard() {
     g_q.discard.store(true);
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     pthread_cond_broadcast(&g_q.room);
-    pthread_mutex_unlock(&g_q.lock);
+    g_q.lock.unlock();
 }
 
 void queueResume() {
@@ -400,7 +403,7 @@ void queueResume() {
 
 bool queueDrain(int seconds) {
     const timespec deadline = deadlineIn(seconds * 1000L);
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     if (g_q.count > 0) {
         g_q.urgent = true;
         pthread_cond_signal(&g_q.work);
@@ -409,26 +412,28 @@ bool queueDrain(int seconds) {
     }
     // After a failure nothing more is written: nothing is left to wait for.
     const bool drained = g_q.count == 0 || g_q.discard.load();
-    pthread_mutex_unlock(&g_q.lock);
+    g_q.lock.unlock();
     return drained;
 }
 
 uint64_t queueHandedOff() {
-    pthread_mutex_lock(&g_q.lock);
+    g_q.lock.lock();
     const uint64_t n = g_q.handed_off;
-    pthread_mutex_unlock(&g_q.lock);
+    g_q.lock.unlock();
     return n;
 }
 
-void queueForkPrepare() {
-    pthread_mutex_lock(&g_q.lock);
+// fork(): the lock is taken in the prepare handler and released in the
+// parent's, across functions the analysis cannot follow.
+void queueForkPrepare() AOV_NO_THREAD_SAFETY_ANALYSIS {
+    g_q.lock.lock();
 }
 
-void queueForkParent() {
-    pthread_mutex_unlock(&g_q.lock);
+void queueForkParent() AOV_NO_THREAD_SAFETY_ANALYSIS {
+    g_q.lock.unlock();
 }
 
-void queueForkChild() {
+void queueForkChild() AOV_NO_THREAD_SAFETY_ANALYSIS {
     // The writer thread is not in the child and what is queued is the
     // parent's: the child starts empty, with a thread of its own later.
     initSync();

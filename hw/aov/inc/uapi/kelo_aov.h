@@ -114,6 +114,36 @@ AOV_UAPI_ASSERT(sizeof(struct aov_event_query) == 216, "aov_event_query ABI");
 
 typedef __u8 aov_start_record[AOV_START_RECORD_SIZE];
 
+/* The start record's words, as the driver reads them. */
+struct aov_start_params {
+    __s32 sensor_id;
+    __s32 scenario;
+    __s32 orientation;
+    __s32 face;
+    __u32 mode_head[4];
+    __u32 frame_info[4]; /* the two words at AOV_START_FRAME_INFO_LO, then the two at _HI */
+    __s32 frame_rate;
+    __s32 frame_info_sel;
+    __s32 aov_mode;
+    __s32 sensor_idx;
+};
+
+/* Decodes a start record of AOV_START_RECORD_SIZE bytes, at any alignment. */
+static inline void aov_start_decode(const __u8* record, struct aov_start_params* out) {
+    __builtin_memcpy(&out->sensor_id, record + AOV_START_SENSOR_ID, sizeof(out->sensor_id));
+    __builtin_memcpy(&out->scenario, record + AOV_START_SCENARIO, sizeof(out->scenario));
+    __builtin_memcpy(&out->orientation, record + AOV_START_ORIENTATION, sizeof(out->orientation));
+    __builtin_memcpy(&out->face, record + AOV_START_FACE, sizeof(out->face));
+    __builtin_memcpy(out->mode_head, record + AOV_START_MODE_HEAD, sizeof(out->mode_head));
+    __builtin_memcpy(out->frame_info, record + AOV_START_FRAME_INFO_LO, 2 * sizeof(__u32));
+    __builtin_memcpy(out->frame_info + 2, record + AOV_START_FRAME_INFO_HI, 2 * sizeof(__u32));
+    __builtin_memcpy(&out->frame_rate, record + AOV_START_FRAME_RATE, sizeof(out->frame_rate));
+    __builtin_memcpy(&out->frame_info_sel, record + AOV_START_FRAME_INFO_SEL,
+                     sizeof(out->frame_info_sel));
+    __builtin_memcpy(&out->aov_mode, record + AOV_START_AOV_MODE, sizeof(out->aov_mode));
+    __builtin_memcpy(&out->sensor_idx, record + AOV_START_SENSOR_IDX, sizeof(out->sensor_idx));
+}
+
 #define AOV_IOC_START _IOW('H', 0, aov_start_record)
 #define AOV_IOC_SENSOR_ON _IOW('H', 1, struct aov_sensor_list)
 #define AOV_IOC_SENSOR_OFF _IOW('H', 2, struct aov_sensor_list)
@@ -192,6 +222,25 @@ static const
 };
 
 #undef AOV_SECTION_DESC_
+
+/*
+ * The data-area address of section `index` (0 to AOV_SECTION_COUNT - 1) in a
+ * dequeue record, and setting it. Copied bytewise: the record may be a copy
+ * at any alignment (a recording, a byte buffer).
+ */
+static inline void* aov_query_area(const struct aov_event_query* query, unsigned int index) {
+    void* area;
+    __builtin_memcpy(&area,
+                     (const unsigned char*)query + aov_event_sections[index].query_addr_offset,
+                     sizeof(area));
+    return area;
+}
+
+static inline void aov_query_set_area(struct aov_event_query* query, unsigned int index,
+                                      void* area) {
+    __builtin_memcpy((unsigned char*)query + aov_event_sections[index].query_addr_offset, &area,
+                     sizeof(area));
+}
 
 /* The record carries as many info words of a section as the buffer keeps. */
 AOV_UAPI_ASSERT(sizeof(((struct aov_event*)0)->s4_info) ==

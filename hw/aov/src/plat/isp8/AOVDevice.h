@@ -106,10 +106,9 @@ inline int AOVDevice::queryEvent() {
     // The driver writes each data area in place through these addresses.
     aov_event_query query;
     std::memset(&query, 0, sizeof(query));
-    for (const aov_section_desc& section : aov_event_sections) {
-        void* const area = reinterpret_cast<uint8_t*>(event) + section.data_offset;
-        std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
-                    sizeof(area));
+    for (unsigned s = 0; s < AOV_SECTION_COUNT; ++s) {
+        aov_query_set_area(&query, s,
+                           reinterpret_cast<uint8_t*>(event) + aov_event_sections[s].data_offset);
     }
 
     if (debug_device_ != 0) {

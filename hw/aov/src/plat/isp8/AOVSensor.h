@@ -10,8 +10,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "AOVThreadSafety.h"
 #include "IAOVSensor.h"
+#include "aovbase/Mutex.h"
 #include "cam/coordinator/ICamCoordinator.h"
 #include "cam/custom/IAOVCustom.h"
 #include "cam/pipemgr/IPipeMgr.h"

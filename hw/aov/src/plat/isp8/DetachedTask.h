@@ -3,7 +3,7 @@
 #include <condition_variable>
 #include <memory>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 
 // A function run once on a new, detached thread, and the one handle that
 // waits for it. The handle behaves like the future of an asynchronous launch:

@@ -4,25 +4,7 @@
 #include <condition_variable>
 #include <mutex>
 
-// Locking rules that the compiler checks. Under clang with -Wthread-safety a
-// member marked AOV_GUARDED_BY(m) may only be touched while m is held, and a
-// function marked AOV_REQUIRES(m) only called with it held; other compilers
-// see nothing. The analysis knows only annotated types, whatever standard
-// library is in use, so shared state is locked through aov::Mutex and
-// aov::MutexLock below rather than std::mutex and its locks.
-#if defined(__clang__)
-#define AOV_THREAD_ANNOTATION(x) __attribute__((x))
-#else
-#define AOV_THREAD_ANNOTATION(x)
-#endif
-
-#define AOV_CAPABILITY(name) AOV_THREAD_ANNOTATION(capability(name))
-#define AOV_SCOPED_CAPABILITY AOV_THREAD_ANNOTATION(scoped_lockable)
-#define AOV_GUARDED_BY(m) AOV_THREAD_ANNOTATION(guarded_by(m))
-#define AOV_REQUIRES(...) AOV_THREAD_ANNOTATION(requires_capability(__VA_ARGS__))
-#define AOV_EXCLUDES(...) AOV_THREAD_ANNOTATION(locks_excluded(__VA_ARGS__))
-#define AOV_ACQUIRE(...) AOV_THREAD_ANNOTATION(acquire_capability(__VA_ARGS__))
-#define AOV_RELEASE(...) AOV_THREAD_ANNOTATION(release_capability(__VA_ARGS__))
+#include "aovbase/ThreadAnnotations.h"
 
 namespace aov {
 
@@ -51,6 +33,9 @@ class AOV_SCOPED_CAPABILITY MutexLock {
     ~MutexLock() AOV_RELEASE() {}
     MutexLock(const MutexLock&) = delete;
     MutexLock& operator=(const MutexLock&) = delete;
+
+    // Releases the mutex before the scope ends (to call out without it).
+    void unlock() AOV_RELEASE() { lock_.unlock(); }
 
     void wait(std::condition_variable& cv) { cv.wait(lock_); }
     // False when the deadline passed before a notification.

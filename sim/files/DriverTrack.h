@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "AOVThreadSafety.h"
+#include "aovbase/Mutex.h"
 #include "aovsim/TimelineHooks.h"
 
 namespace aovsimtool {
