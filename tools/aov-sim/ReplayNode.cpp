@@ -422,9 +422,9 @@ int ReplayNode::ioctl(int fd, unsigned int request, void* arg) {
                 continue;
             }
         }
-        const std::function<void()> report = divergeLocked(aovrec::describeRequest(
-            request, static_cast<const uint8_t*>(arg),
-            arg != nullptr ? aovrec::requestRecordBytes(request) : 0));
+        const std::function<void()> report = divergeLocked(
+            aovrec::describeRequest(request, static_cast<const uint8_t*>(arg),
+                                    arg != nullptr ? aovrec::requestRecordBytes(request) : 0));
         lock.unlock();
         return reportDivergence(report);
     }
