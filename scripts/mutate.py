@@ -63,9 +63,13 @@ def sample(files, seed):
     return sites
 
 
-def test_outcomes(regex, per_test):
+def test_outcomes(regex, per_test, stop_on_failure=False):
     """Each test's outcome: 'Passed', or what ctest said instead."""
     cmd = ["ctest", "--preset", "debug", "-j2", "--timeout", str(per_test)]
+    if stop_on_failure:
+        # One failing test is enough to call a fault caught: the rest of the
+        # suite is not run, which saves most of the time a fault costs.
+        cmd.append("--stop-on-failure")
     if regex:
         cmd += ["-R", regex]
     result = run(cmd)
@@ -82,8 +86,13 @@ def parse_outcomes(output):
     return outcomes
 
 
-def judge(baseline, outcomes):
-    broken = sorted(name for name in baseline if outcomes.get(name) != "Passed")
+def judge(baseline, outcomes, stopped_at_failure=False):
+    """With stopped_at_failure, the run ended at its first failing test: the
+    tests it did not reach are not counted, unless none that ran failed."""
+    ran = {name for name in baseline if name in outcomes} if stopped_at_failure else baseline
+    broken = sorted(name for name in ran if outcomes.get(name) != "Passed")
+    if not broken:
+        broken = sorted(baseline - ran)
     if not broken:
         return "survived", []
     if all(outcomes.get(name, "").startswith("Timeout") for name in broken):
@@ -150,7 +159,7 @@ def main():
             if run(["cmake", "--build", "--preset", "debug", "-j2"]).returncode != 0:
                 invalid += 1
                 continue
-            outcome, broken = judge(baseline, test_outcomes(args.tests, args.timeout))
+            outcome, broken = judge(baseline, test_outcomes(args.tests, args.timeout, True), True)
         finally:
             path.write_text(text)
         results.append({"number": number, "file": site.path, "line": site.line,

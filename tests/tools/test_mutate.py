@@ -118,6 +118,18 @@ class HowOutcomesAreJudged(unittest.TestCase):
         # A test missing from the run (ctest itself ended early) was not passed.
         self.assertEqual(mutate.judge({"#9 Gone.Test"}, outcomes), ("caught", ["#9 Gone.Test"]))
 
+    def test_a_run_stopped_at_its_first_failure_counts_only_the_tests_it_ran(self):
+        outcomes = mutate.parse_outcomes(CTEST_OUTPUT)
+        baseline = {"#1 Good.Pass", "#2 Bad.Fail", "#9 Gone.Test"}
+        self.assertEqual(mutate.judge(baseline, outcomes, stopped_at_failure=True),
+                         ("caught", ["#2 Bad.Fail"]))
+        self.assertEqual(mutate.judge({"#3 Slow.Hang", "#9 Gone.Test"}, outcomes, True),
+                         ("hung", ["#3 Slow.Hang"]))
+        # Nothing that ran failed, yet tests are missing: ctest ended early.
+        self.assertEqual(mutate.judge({"#1 Good.Pass", "#9 Gone.Test"}, outcomes, True),
+                         ("caught", ["#9 Gone.Test"]))
+        self.assertEqual(mutate.judge({"#1 Good.Pass"}, outcomes, True), ("survived", []))
+
     def test_a_hang_ended_by_the_limit_is_caught_and_shown_as_such(self):
         outcomes = mutate.parse_outcomes(CTEST_OUTPUT)
         self.assertEqual(mutate.judge({"#3 Slow.Hang", "#1 Good.Pass"}, outcomes),
