@@ -29,6 +29,7 @@
 #include "Commands.h"
 #include "Guarded.h"
 #include "MonitorWait.h"
+#include "aovsession/RequestCodec.h"
 #include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
@@ -255,12 +256,7 @@ class Retracer {
         }
     }
 
-    static std::string label(uint32_t request) {
-        const char* name = requestName(request);
-        char code[32];
-        std::snprintf(code, sizeof(code), "ioctl 0x%08x", request);
-        return name != nullptr ? name : code;
-    }
+    static std::string label(uint32_t request) { return requestLabel(request); }
 
     static std::string label(const Record& r) {
         return r.type == RecordType::Ioctl ? label(r.request) : recordTypeName(r.type);
@@ -501,13 +497,13 @@ class Retracer {
 
     // Points the query in the argument at the event buffer's areas (or at
     // `areas` for every section) after refilling the buffer.
-    void prepareDequeue(const uint8_t* areas) {
+    void prepareDequeue(uint8_t* areas) {
         std::memset(event_.data(), kFill, event_.size());
         aov_event_query query{};
-        for (const aov_section_desc& section : aov_event_sections) {
-            const void* area = areas != nullptr ? areas : event_.data() + section.data_offset;
-            std::memcpy(reinterpret_cast<uint8_t*>(&query) + section.query_addr_offset, &area,
-                        sizeof(area));
+        for (unsigned int s = 0; s < kSections; ++s) {
+            uint8_t* area =
+                areas != nullptr ? areas : event_.data() + aov_event_sections[s].data_offset;
+            aov_query_set_area(&query, s, area);
         }
         std::memcpy(arg_.data(), &query, sizeof(query));
     }
@@ -592,12 +588,11 @@ class Retracer {
         if (offset < kHeaderBytes) {
             return "header[" + std::to_string(offset / 4) + "]";
         }
+        if (isAddressByte(AOV_IOC_DEQUEUE_EVENT, offset)) {
+            return std::string();
+        }
         for (size_t s = 0; s < kSections; ++s) {
             const aov_section_desc& section = aov_event_sections[s];
-            if (offset >= section.query_addr_offset &&
-                offset < section.query_addr_offset + sizeof(uint64_t)) {
-                return std::string();
-            }
             if (offset >= section.query_info_offset &&
                 offset < section.query_info_offset + 4 * section.info_words) {
                 return "s" + std::to_string(s + 1) + "_info[" +
