@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,23 +16,16 @@
 #include <gtest/gtest.h>
 
 #include "ProcessRun.h"
+#include "SessionFiles.h"
 #include "aovsession/SessionBuilder.h"
 #include "kelo_aov.h"
 
 namespace {
 
-std::string tempPath(const std::string& name) {
-    return ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_" + name;
-}
-
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-void writeText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
+using aovrectest::readText;
+using aovrectest::rec;
+using aovrectest::tempPath;
+using aovrectest::writeText;
 
 size_t count(const std::string& text, const std::string& what) {
     size_t n = 0;
@@ -42,10 +33,6 @@ size_t count(const std::string& text, const std::string& what) {
         ++n;
     }
     return n;
-}
-
-ProcessResult rec(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
-    return runProcess(AOV_REC_PATH, args, env);
 }
 
 // The lines of `output` that are not aov-rec's own.

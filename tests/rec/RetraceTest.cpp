@@ -4,14 +4,12 @@
 // node that is missing or goes away, and a damaged file each end the run
 // with one line and a clear exit, sending nothing the file did not allow.
 
-#include <fcntl.h>
 #include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <set>
 #include <string>
 #include <vector>
@@ -21,12 +19,22 @@
 #include "FuseSandbox.h"
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
-#include "aovsession/SessionBuilder.h"
-#include "aovsession/SessionReader.h"
+#include "SessionFiles.h"
 #include "aovsim/DriverBugs.h"
 #include "kelo_aov.h"
 
 namespace {
+
+using aovrectest::LoadedSession;
+using aovrectest::loadSession;
+using aovrectest::readText;
+using aovrectest::rec;
+using aovrectest::recordsIn;
+using aovrectest::recordsThroughDequeue;
+using aovrectest::sentCalls;
+using aovrectest::SessionEdits;
+using aovrectest::tempPath;
+using aovrectest::writeSession;
 
 // What retrace must print against a driver with one fault.
 struct FaultCase {
@@ -116,19 +124,6 @@ const std::vector<UnchangedFault> kUnchangedBySession = {
     {"accept-null-sensor-list",
      "through FUSE the kernel refuses a null sensor list before the driver sees it"},
 };
-
-std::string tempPath(const std::string& name) {
-    return ::testing::TempDir() + "aovretrace_" + std::to_string(::getpid()) + "_" + name;
-}
-
-std::string readText(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
-ProcessResult rec(const std::vector<std::string>& args) {
-    return runProcess(AOV_REC_PATH, args);
-}
 
 std::vector<std::string> split(const std::string& text, const std::string& by) {
     std::vector<std::string> parts;
@@ -269,59 +264,6 @@ INSTANTIATE_TEST_SUITE_P(AovRec, RetraceFault, ::testing::ValuesIn(kFaults),
                              return name;
                          });
 
-// The calls (opens, closes, requests) of the recording's first `records`
-// records, as the totals line counts them.
-std::string sentCalls(const std::string& path, uint64_t records) {
-    aovrec::FileSource source;
-    std::string why;
-    aovrec::SessionReader reader(source);
-    if (!source.open(path, &why) || !reader.start()) {
-        return why;
-    }
-    aovrec::Record r;
-    int calls = 0, requests = 0, dequeues = 0;
-    while (reader.records() < records && reader.next(&r) == aovrec::SessionReader::Next::Record) {
-        if (r.type == aovrec::RecordType::Ioctl) {
-            ++requests;
-            dequeues += r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
-        }
-        if (r.type == aovrec::RecordType::Ioctl || r.type == aovrec::RecordType::Open ||
-            r.type == aovrec::RecordType::Close) {
-            ++calls;
-        }
-    }
-    return ": " + std::to_string(calls) + " calls sent (" + std::to_string(requests) +
-           " requests, " + std::to_string(dequeues) + " dequeues), ";
-}
-
-uint64_t recordsIn(const std::string& path) {
-    aovrec::FileSource source;
-    std::string why;
-    aovrec::SessionReader reader(source);
-    if (!source.open(path, &why) || !reader.start()) {
-        return 0;
-    }
-    aovrec::Record r;
-    while (reader.next(&r) == aovrec::SessionReader::Next::Record) {
-    }
-    return reader.records();
-}
-
-// The number of records up to and including the n-th dequeue.
-uint64_t recordsThroughDequeue(const std::string& path, int n) {
-    aovrec::FileSource source;
-    std::string why;
-    aovrec::SessionReader reader(source);
-    if (!source.open(path, &why) || !reader.start()) {
-        return 0;
-    }
-    aovrec::Record r;
-    while (n > 0 && reader.next(&r) == aovrec::SessionReader::Next::Record) {
-        n -= r.type == aovrec::RecordType::Ioctl && r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
-    }
-    return n == 0 ? reader.records() : 0;
-}
-
 TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitThree) {
     const ProcessResult missing = retrace(recording_, dir_ + "/missing");
     EXPECT_EQ(missing.exit_code, 3) << missing.output;
@@ -386,54 +328,20 @@ TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent
               "before sending anything)\n");
 }
 
-// What an edit may change of a request record: its areas and its answer.
-using RecordEdit = std::function<void(const aovrec::Record&, std::vector<std::vector<uint8_t>>*,
-                                      std::vector<uint8_t>*)>;
-
 // Copies `from` to `to` through the session builder (its readiness records
-// left out), each request record passed to `edit` first; false when the copy
-// failed.
-bool copyEdited(const std::string& from, const std::string& to, const RecordEdit& edit) {
-    aovrec::FileSource source;
-    std::string why;
-    aovrec::SessionReader reader(source);
-    if (!source.open(from, &why) || !reader.start()) {
+// left out), each request record's areas and answer passed to `edit` first;
+// false when the copy failed.
+bool copyEdited(const std::string& from, const std::string& to,
+                const std::function<void(const aovrec::Record&, std::vector<std::vector<uint8_t>>*,
+                                         std::vector<uint8_t>*)>& edit) {
+    LoadedSession session;
+    if (!loadSession(from, &session).empty()) {
         return false;
     }
-    const int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        return false;
-    }
-    aovrec::SessionBuilder b(fd, reader.header().content, reader.header().compression);
-    auto result = [](const aovrec::Record& x) {
-        return x.call.result >= 0 ? x.call.result : -x.call.err;
-    };
-    aovrec::Record x;
-    aovrec::SessionReader::Next next;
-    while ((next = reader.next(&x)) == aovrec::SessionReader::Next::Record) {
-        if (x.type == aovrec::RecordType::Open) {
-            b.open(x.path.c_str(), static_cast<int>(x.open_flags), result(x));
-        } else if (x.type == aovrec::RecordType::Close) {
-            b.close(x.call.fd, result(x));
-        } else if (x.type == aovrec::RecordType::Ioctl) {
-            std::vector<std::vector<uint8_t>> data;
-            for (uint8_t a = 0; a < x.area_count; ++a) {
-                data.emplace_back(x.areas[a].data, x.areas[a].data + x.areas[a].length);
-            }
-            std::vector<uint8_t> back(x.back, x.back + x.back_len);
-            edit(x, &data, &back);
-            std::vector<aovrec::SessionBuilder::Area> kept;
-            for (uint8_t a = 0; a < x.area_count; ++a) {
-                kept.push_back({x.areas[a].section, data[a].data(), x.areas[a].length});
-            }
-            const bool null_arg = (x.arg_flags & aovrec::kArgNull) != 0;
-            b.ioctl(x.call.fd, x.request, null_arg ? nullptr : x.sent, x.sent_len, result(x),
-                    back.data(), back.size(), kept.data(), kept.size());
-        }
-    }
-    const bool ok = b.ok() && next == aovrec::SessionReader::Next::End;
-    ::close(fd);
-    return ok;
+    SessionEdits edits;
+    edits.request = [&](size_t, const aovrec::Record& x, std::vector<uint8_t>* back,
+                        std::vector<std::vector<uint8_t>>* areas) { edit(x, areas, back); };
+    return writeSession(session, to, edits).empty();
 }
 
 // The first byte of the areas `areas` (bits by index) of the first dequeue

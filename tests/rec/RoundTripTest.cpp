@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <deque>
 #include <fstream>
 #include <iterator>
 #include <string>
@@ -21,25 +20,19 @@
 #include "FuseSandbox.h"
 #include "KdevLauncher.h"
 #include "ProcessRun.h"
-#include "aovsession/SessionBuilder.h"
-#include "aovsession/SessionReader.h"
+#include "SessionFiles.h"
 #include "kelo_aov.h"
 
 namespace {
 
 using aovrec::RecordType;
-
-std::string tempPath(const std::string& name) {
-    return ::testing::TempDir() + "aovrec_" + std::to_string(::getpid()) + "_" + name;
-}
-
-void writeText(const std::string& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
-
-ProcessResult rec(const std::vector<std::string>& args, const std::vector<std::string>& env = {}) {
-    return runProcess(AOV_REC_PATH, args, env);
-}
+using aovrectest::LoadedSession;
+using aovrectest::loadSession;
+using aovrectest::rec;
+using aovrectest::SessionEdits;
+using aovrectest::tempPath;
+using aovrectest::writeSession;
+using aovrectest::writeText;
 
 // The lines of `output` that begin with `prefix`, each cut before any of
 // `cutAt`, leaving out those that hold any of `skip`.
@@ -371,34 +364,12 @@ constexpr uint32_t kUnknownRequest = _IO('H', 5);
 // Writes the open, close and ioctl records of `from` to `to` through the
 // session builder, with `edits`; the readiness records are left out.
 std::string rewrite(const std::string& from, const std::string& to, const Edits& edits) {
-    aovrec::FileSource source;
-    std::string why;
-    if (!source.open(from, &why)) {
-        return why;
+    LoadedSession session;
+    const std::string problem = loadSession(from, &session);
+    if (!problem.empty()) {
+        return problem;
     }
-    aovrec::SessionReader reader(source);
-    if (!reader.start()) {
-        return reader.error();
-    }
-    std::vector<aovrec::Record> records;
-    std::deque<std::vector<uint8_t>> kept;
-    auto own = [&kept](const uint8_t* data, size_t size) -> const uint8_t* {
-        kept.emplace_back(data, data + size);
-        return kept.back().data();
-    };
-    aovrec::Record r;
-    aovrec::SessionReader::Next next;
-    while ((next = reader.next(&r)) == aovrec::SessionReader::Next::Record) {
-        r.sent = own(r.sent, r.sent_len);
-        r.back = own(r.back, r.back_len);
-        for (uint8_t i = 0; i < r.area_count; ++i) {
-            r.areas[i].data = own(r.areas[i].data, r.areas[i].length);
-        }
-        records.push_back(r);
-    }
-    if (next != aovrec::SessionReader::Next::End) {
-        return reader.error();
-    }
+    const std::vector<aovrec::Record>& records = session.records;
     // The library's descriptor: the node opened without creating it.
     int node = -1;
     size_t last_close = records.size();
@@ -414,58 +385,35 @@ std::string rewrite(const std::string& from, const std::string& to, const Edits&
     if (node < 0 || last_close == records.size()) {
         return "no open and close of the node in " + from;
     }
-    const int fd = ::open(to.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (fd < 0) {
-        return to + ": " + std::strerror(errno);
-    }
-    aovrec::SessionBuilder b(fd, reader.header().content, reader.header().compression);
     bool words_done = !edits.words;
-    auto result = [](const aovrec::Record& x) {
-        return x.call.result >= 0 ? x.call.result : -x.call.err;
-    };
-    for (size_t i = 0; i < records.size(); ++i) {
-        const aovrec::Record& x = records[i];
+    SessionEdits copy;
+    copy.before = [&](size_t i, const aovrec::Record&, aovrec::SessionBuilder* b) {
         if (i == last_close && edits.request_at_end) {
-            b.ioctl(node, kUnknownRequest, nullptr, 0, -EINVAL);
+            b->ioctl(node, kUnknownRequest, nullptr, 0, -EINVAL);
         }
-        if (x.type == RecordType::Open) {
-            b.open(x.path.c_str(), static_cast<int>(x.open_flags), result(x));
-        } else if (x.type == RecordType::Close) {
-            b.close(x.call.fd, result(x));
-        } else if (x.type == RecordType::Ioctl) {
-            std::vector<uint8_t> back(x.back, x.back + x.back_len);
-            std::vector<aovrec::SessionBuilder::Area> areas;
-            std::vector<std::vector<uint8_t>> data;
-            for (uint8_t a = 0; a < x.area_count; ++a) {
-                data.emplace_back(x.areas[a].data, x.areas[a].data + x.areas[a].length);
-            }
-            if (!words_done && x.request == AOV_IOC_DEQUEUE_EVENT && x.call.result >= 0 &&
-                x.area_count > 0 && back.size() >= sizeof(aov_event_query) &&
-                !data.back().empty()) {
-                uint32_t flag;
-                std::memcpy(&flag, back.data() + 20, sizeof(flag));
-                ++flag;
-                std::memcpy(back.data() + 20, &flag, sizeof(flag));
-                data.back()[0] ^= 0x01;
-                words_done = true;
-            }
-            for (uint8_t a = 0; a < x.area_count; ++a) {
-                areas.push_back({x.areas[a].section, data[a].data(), x.areas[a].length});
-            }
-            const bool null_arg = (x.arg_flags & aovrec::kArgNull) != 0;
-            b.ioctl(x.call.fd, x.request, null_arg ? nullptr : x.sent, x.sent_len, result(x),
-                    back.data(), back.size(), areas.data(), areas.size());
+    };
+    copy.request = [&](size_t, const aovrec::Record& x, std::vector<uint8_t>* back,
+                       std::vector<std::vector<uint8_t>>* data) {
+        if (!words_done && x.request == AOV_IOC_DEQUEUE_EVENT && x.call.result >= 0 &&
+            x.area_count > 0 && back->size() >= sizeof(aov_event_query) && !data->back().empty()) {
+            uint32_t flag;
+            std::memcpy(&flag, back->data() + 20, sizeof(flag));
+            ++flag;
+            std::memcpy(back->data() + 20, &flag, sizeof(flag));
+            data->back()[0] ^= 0x01;
+            words_done = true;
         }
+    };
+    copy.after = [&](size_t, const aovrec::Record& x, aovrec::SessionBuilder* b) {
         if (x.type == RecordType::Open && x.call.result == node && edits.refused_first) {
-            b.ioctl(node, kUnknownRequest, nullptr, 0, -EINVAL);
+            b->ioctl(node, kUnknownRequest, nullptr, 0, -EINVAL);
         }
-    }
-    const bool ok = b.ok();
-    ::close(fd);
+    };
+    const std::string written = writeSession(session, to, copy);
     if (!words_done) {
         return "no dequeue with areas in " + from;
     }
-    return ok ? "" : "cannot write " + to;
+    return written;
 }
 
 // A recorded session, edited: retraced against a fresh aov-kdev, each change
