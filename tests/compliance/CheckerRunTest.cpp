@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "CheckTable.h"
-#include "KdevNode.h"
+#include "KdevInstance.h"
 #include "gtest/gtest.h"
 
 namespace {
@@ -104,7 +104,7 @@ TEST_F(KdevNode, OneCategoryCountsOnlyItsOwnChecksInTheTotalsAndTheExitCode) {
 
 TEST_F(KdevNode, ADriverThatGoesAwayEndsTheRunWithOneLineAndTheTotals) {
     start("");
-    server_.kill();  // the node stays, its server is gone: every call gets ENOTCONN
+    node_.kill();  // the node stays, its server is gone: every call gets ENOTCONN
     ProcessResult run = check();
     EXPECT_EQ(run.exit_code, 1) << run.output;
     EXPECT_EQ(run.output,
@@ -185,7 +185,7 @@ class ProveReadsTheTap : public KdevNode {
                         const char* shown = "-v") {
         start(fault, scenario);
         const ProcessResult run = check({"--tap"});
-        const std::string file = dir_ + ".tap";
+        const std::string file = node_.dir() + ".tap";
         std::ofstream(file) << run.output;
         ProcessResult read = runProcess(AOV_PROVE_PATH, {shown, "-e", "cat", file});
         std::printf("prove:\n%s", read.output.c_str());

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "KdevNode.h"
+#include "KdevInstance.h"
 #include "gtest/gtest.h"
 
 namespace {

@@ -8,7 +8,7 @@
 #include <cstdio>
 #include <string>
 
-#include "KdevNode.h"
+#include "KdevInstance.h"
 #include "gtest/gtest.h"
 
 namespace {
@@ -32,11 +32,11 @@ TEST(KdevMountPoint, ADirectoryThatIsNotEmptyIsRefusedWithOneLine) {
 
 TEST_F(KdevNode, ADirectoryAlreadyServedIsRefusedAndTheFirstServerKeepsServing) {
     start("");
-    const ProcessResult second = runProcess(AOV_KDEV_PATH, {"--mount", dir_, "--quiet"});
+    const ProcessResult second = runProcess(AOV_KDEV_PATH, {"--mount", node_.dir(), "--quiet"});
     EXPECT_EQ(second.exit_code, 2) << second.output;
-    EXPECT_EQ(second.output, "aov-kdev: error: --mount \"" + dir_ +
+    EXPECT_EQ(second.output, "aov-kdev: error: --mount \"" + node_.dir() +
                                  "\": already served by a FUSE file system (another aov-kdev?)\n");
-    EXPECT_TRUE(server_.running());
+    EXPECT_TRUE(node_.running());
     const ProcessResult run = check({"--only", "open"});
     EXPECT_EQ(run.exit_code, 0) << run.output;
 }
