@@ -50,11 +50,13 @@ int main(int argc, char** argv) {
     }
 
     aovsim::SimConfig config;
-    const std::string problem = options.scenario_path.empty()
-                                    ? aovsimtool::parseScenario(aovsimtool::defaultScenarioText(),
-                                                                "(embedded default)", &config)
-                                    : aovsimtool::loadScenarioFile(options.scenario_path, &config);
-    if (!problem.empty()) {
+    std::string problem;
+    const bool loaded =
+        options.scenario_path.empty()
+            ? aovsimtool::parseScenario(aovsimtool::defaultScenarioText(), "(embedded default)",
+                                        &config, &problem)
+            : aovsimtool::loadScenarioFile(options.scenario_path, &config, &problem);
+    if (!loaded) {
         return badInput(problem);
     }
 

@@ -10,6 +10,7 @@
 
 #include "DriverTrack.h"
 #include "EventObserver.h"
+#include "Failure.h"
 #include "TraceWriter.h"
 #include "TrackLayout.h"
 
@@ -154,9 +155,10 @@ void Timeline::callbackReturn(uint64_t number) {
     collector_.callbackReturn(roleLocked(), number, now);
 }
 
-std::string Timeline::mergeDriverTrack(const std::string& path) {
+bool Timeline::mergeDriverTrack(const std::string& path, std::string* wrong) {
     DriverTrack track;
-    std::string problem = readDriverTrack(path, kMaxDriverTrackBytes, &track);
+    std::string problem;
+    const bool read = readDriverTrack(path, kMaxDriverTrackBytes, &track, &problem);
     aov::MutexLock guard(mutex_);
     for (const DriverTrackRecord& record : track.records) {
         switch (record.kind) {
@@ -173,18 +175,19 @@ std::string Timeline::mergeDriverTrack(const std::string& path) {
                 break;
         }
     }
-    if (problem.empty() && track.full) {
+    if (read && track.full) {
         problem = "aov-kdev stopped recording at its limit";
     }
-    if (problem.empty() && track.bad_lines > 0) {
+    if (read && problem.empty() && track.bad_lines > 0) {
         problem = std::to_string(track.bad_lines) + " lines are not records";
     }
     driver_track_ = json{
         {"records", track.records.size()}, {"lines_unread", track.bad_lines}, {"full", track.full}};
     if (!problem.empty()) {
         driver_track_["problem"] = problem;
+        return fail(wrong, problem);
     }
-    return problem;
+    return true;
 }
 
 void Timeline::setCounts(json counts) {
