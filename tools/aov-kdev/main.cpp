@@ -21,11 +21,11 @@
 
 namespace {
 
-aovkdev::KdevServer* gServer = nullptr;
+aovkdev::KdevServer* g_server = nullptr;
 
 void onStopSignal(int) {
-    if (gServer != nullptr) {
-        gServer->stop();
+    if (g_server != nullptr) {
+        g_server->stop();
     }
 }
 
@@ -83,7 +83,7 @@ int main(int argc, char** argv) {
     if (!server.mount(options.mount_dir, &why)) {
         return badInput(why);
     }
-    gServer = &server;
+    g_server = &server;
     struct sigaction action {};
     action.sa_handler = onStopSignal;
     sigemptyset(&action.sa_mask);
@@ -106,7 +106,7 @@ int main(int argc, char** argv) {
         ::close(options.ready_fd);
     }
     const int result = server.serve();
-    gServer = nullptr;
+    g_server = nullptr;
     if (result < 0) {
         std::fprintf(stderr, "aov-kdev: error: serving stopped: %s\n", std::strerror(-result));
         return 1;

@@ -24,7 +24,7 @@ using nlohmann::json;
 // The kernel line the current thread recorded during its request in progress,
 // cut short if need be. Plain storage: requests made while the process exits
 // still find it.
-thread_local char tl_kernel_line[512];
+thread_local char t_kernel_line[512];
 
 }  // namespace
 
@@ -102,7 +102,7 @@ void Timeline::libraryCall(const char* name, Clock::time_point begin, long long 
 
 void Timeline::traceLine(aovsim::TraceSource source, const std::string& line) {
     if (source == aovsim::TraceSource::kKernel) {
-        std::snprintf(tl_kernel_line, sizeof(tl_kernel_line), "%s", line.c_str());
+        std::snprintf(t_kernel_line, sizeof(t_kernel_line), "%s", line.c_str());
     }
     const bool refused = line.compare(0, 8, "REFUSED ") == 0;
     if (!refused && line.find("injected failure") == std::string::npos) {
@@ -121,12 +121,12 @@ void Timeline::step(const std::string& line) {
 }
 
 void Timeline::beginRequest() {
-    tl_kernel_line[0] = '\0';
+    t_kernel_line[0] = '\0';
 }
 
 void Timeline::kernelRequest(unsigned int request, Clock::time_point begin, int result) {
     const Clock::time_point now = Clock::now();
-    const std::string decoded(tl_kernel_line);
+    const std::string decoded(t_kernel_line);
     aov::MutexLock guard(mutex_);
     collector_.kernelRequest(roleLocked(), request, decoded, begin, now, result);
 }
