@@ -28,9 +28,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     aovsim::SimConfig config;
     config.name = "untouched";
-    const std::string problem = aovsimtool::parseScenario(
-        std::string_view(reinterpret_cast<const char*>(data), size), "fuzz", &config);
-    if (problem.empty()) {
+    std::string problem;
+    if (aovsimtool::parseScenario(std::string_view(reinterpret_cast<const char*>(data), size),
+                                  "fuzz", &config, &problem)) {
         check(aovsim::validate(config).empty());
         check(printableLine(config.name));
     } else {

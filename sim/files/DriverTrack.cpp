@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "BoundedFile.h"
+#include "Failure.h"
 #include "NumberText.h"
 
 namespace aovsimtool {
@@ -147,11 +148,11 @@ bool parseDriverTrackLine(const std::string& line, DriverTrackRecord* record, bo
     return false;
 }
 
-std::string readDriverTrack(const std::string& path, size_t limit, DriverTrack* track) {
+bool readDriverTrack(const std::string& path, size_t limit, DriverTrack* track,
+                     std::string* problem) {
     std::string text;
-    const std::string problem = readRegularFile(path, limit, &text);
-    if (!problem.empty()) {
-        return problem;
+    if (!readRegularFile(path, limit, &text, problem)) {
+        return false;
     }
     size_t from = 0;
     bool first = true;
@@ -167,7 +168,7 @@ std::string readDriverTrack(const std::string& path, size_t limit, DriverTrack* 
         if (first) {
             first = false;
             if (line != kHeader) {
-                return "not a driver track";
+                return fail(problem, "not a driver track");
             }
             continue;
         }
@@ -182,9 +183,9 @@ std::string readDriverTrack(const std::string& path, size_t limit, DriverTrack* 
         }
     }
     if (first) {
-        return "not a driver track";
+        return fail(problem, "not a driver track");
     }
-    return "";
+    return true;
 }
 
 }  // namespace aovsimtool

@@ -30,8 +30,9 @@ class DriverTrackWriter final : public aovsim::TimelineHooks {
     static constexpr uint64_t kMaxLines = 500000;
 
     // Null with `problem` set when `path` cannot be written.
-    static std::unique_ptr<DriverTrackWriter> open(const std::string& path, std::string* problem,
-                                                   uint64_t maxLines = kMaxLines);
+    [[nodiscard]] static std::unique_ptr<DriverTrackWriter> open(const std::string& path,
+                                                                 std::string* problem,
+                                                                 uint64_t maxLines = kMaxLines);
     ~DriverTrackWriter() override;
     DriverTrackWriter(const DriverTrackWriter&) = delete;
     DriverTrackWriter& operator=(const DriverTrackWriter&) = delete;
@@ -76,9 +77,11 @@ struct DriverTrack {
     uint64_t bad_lines = 0;  // lines that were not records
 };
 
-// The file written by DriverTrackWriter, at most `limit` bytes; empty on
-// success, else why it cannot be read. Lines that are not records are counted.
-std::string readDriverTrack(const std::string& path, size_t limit, DriverTrack* track);
+// The file written by DriverTrackWriter, at most `limit` bytes; false with
+// `problem` set to why it cannot be read. Lines that are not records are
+// counted.
+[[nodiscard]] bool readDriverTrack(const std::string& path, size_t limit, DriverTrack* track,
+                                   std::string* problem);
 // One line of it, without its newline; false when it is not a record.
 bool parseDriverTrackLine(const std::string& line, DriverTrackRecord* record, bool* full);
 

@@ -12,6 +12,7 @@
 
 #include "BoundedFile.h"
 #include "Excerpt.h"
+#include "Failure.h"
 #include "JsonReader.h"
 #include "kelo_aov.h"
 
@@ -323,8 +324,8 @@ aovsim::AreaContent readArea(const json& value, const std::string& where, uint32
         path = files->base_dir + "/" + path;
     }
     std::string bytes;
-    const std::string problem = readRegularFile(path, areaSize, &bytes);
-    if (!problem.empty()) {
+    std::string problem;
+    if (!readRegularFile(path, areaSize, &bytes, &problem)) {
         throw ScenarioError(here + ": cannot read " + pathExcerpt(path) + ": " + problem);
     }
     files->total += bytes.size();
@@ -454,42 +455,42 @@ const char* defaultScenarioText() {
     return kDefaultScenario;
 }
 
-std::string parseScenario(std::string_view text, const std::string& origin,
-                          aovsim::SimConfig* config, const std::string& baseDir) {
+bool parseScenario(std::string_view text, const std::string& origin, aovsim::SimConfig* config,
+                   std::string* problem, const std::string& baseDir) {
     aovsim::SimConfig parsed;
     try {
         json root;
-        const std::string problem = readJson(text, JsonLimits(), &root);
-        if (!problem.empty()) {
-            const bool syntax = problem.rfind("not valid JSON", 0) == 0;
-            return "scenario " + origin + (syntax ? " is " : ": ") + problem;
+        std::string unread;
+        if (!readJson(text, JsonLimits(), &root, &unread)) {
+            const bool syntax = unread.rfind("not valid JSON", 0) == 0;
+            return fail(problem, "scenario " + origin + (syntax ? " is " : ": ") + unread);
         }
         readScenarioDocument(root, baseDir, &parsed);
     } catch (const std::exception& e) {
-        return "scenario " + origin + ": " + e.what();
+        return fail(problem, "scenario " + origin + ": " + e.what());
     }
-    const std::string problem = aovsim::validate(parsed);
-    if (!problem.empty()) {
-        return "scenario " + origin + " is inconsistent: " + problem;
+    const std::string inconsistent = aovsim::validate(parsed);
+    if (!inconsistent.empty()) {
+        return fail(problem, "scenario " + origin + " is inconsistent: " + inconsistent);
     }
     *config = std::move(parsed);
-    return std::string();
+    return true;
 }
 
-std::string loadScenarioFile(const std::string& path, aovsim::SimConfig* config) {
+bool loadScenarioFile(const std::string& path, aovsim::SimConfig* config, std::string* problem) {
     if (path.empty()) {
-        return "the scenario file path is empty";
+        return fail(problem, "the scenario file path is empty");
     }
     std::string text;
-    const std::string problem = readRegularFile(path, kMaxScenarioBytes, &text);
-    if (!problem.empty()) {
-        return "cannot read scenario file " + pathExcerpt(path) + ": " + problem;
+    std::string unread;
+    if (!readRegularFile(path, kMaxScenarioBytes, &text, &unread)) {
+        return fail(problem, "cannot read scenario file " + pathExcerpt(path) + ": " + unread);
     }
     const size_t slash = path.rfind('/');
     const std::string dir = slash == std::string::npos ? std::string(".")
                             : slash == 0               ? std::string("/")
                                                        : path.substr(0, slash);
-    return parseScenario(text, "file " + pathExcerpt(path), config, dir);
+    return parseScenario(text, "file " + pathExcerpt(path), config, problem, dir);
 }
 
 }  // namespace aovsimtool

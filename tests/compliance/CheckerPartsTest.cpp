@@ -256,49 +256,56 @@ TEST_F(ArenaDamage, AnUntouchedBufferAndRecordReportNothing) {
     for (const aov_section_desc& section : aov_event_sections) {
         std::memset(arena_.event() + section.data_offset, 0, section.data_size);
     }
-    EXPECT_EQ(arena_.writesOutsideAreas(), "");
-    EXPECT_EQ(arena_.recordDamage(false), "");
+    std::string why;
+    EXPECT_TRUE(arena_.writesOnlyInAreas(&why)) << why;
+    EXPECT_TRUE(arena_.recordIntact(false, &why)) << why;
     arena_.prepareDequeue(true);
-    EXPECT_EQ(arena_.recordDamage(true), "");
-    EXPECT_NE(arena_.recordDamage(false), "") << "the addresses point at the faulting page";
+    EXPECT_TRUE(arena_.recordIntact(true, &why)) << why;
+    EXPECT_FALSE(arena_.recordIntact(false, &why)) << "the addresses point at the faulting page";
 }
 
 TEST_F(ArenaDamage, AWriteOutsideTheAreasNamesTheAreaItFollowsAndItsFirstOffset) {
+    std::string outside;
     const aov_section_desc& s2 = aov_event_sections[1];
     uint8_t* behind = arena_.event() + s2.data_offset + s2.data_size;
     behind[1] = 0;
     behind[3] = 0;
-    EXPECT_EQ(arena_.writesOutsideAreas(),
-              "2 bytes written after section 2's area (first at offset " +
-                  hex(s2.data_offset + s2.data_size + 1) + ")");
+    EXPECT_FALSE(arena_.writesOnlyInAreas(&outside));
+    EXPECT_EQ(outside, "2 bytes written after section 2's area (first at offset " +
+                           hex(s2.data_offset + s2.data_size + 1) + ")");
 
     arena_.prepareDequeue(false);
     arena_.event()[4] = 1;  // the header the library fills itself
-    EXPECT_EQ(arena_.writesOutsideAreas(),
-              "1 bytes written before section 1's area (first at offset 0x00000004)");
+    EXPECT_FALSE(arena_.writesOnlyInAreas(&outside));
+    EXPECT_EQ(outside, "1 bytes written before section 1's area (first at offset 0x00000004)");
 
     arena_.prepareDequeue(false);
     arena_.event()[sizeof(aov_event) + 7] = 0;
-    EXPECT_EQ(arena_.writesOutsideAreas(),
+    EXPECT_FALSE(arena_.writesOnlyInAreas(&outside));
+    EXPECT_EQ(outside,
               "1 bytes written after section 10's area, past the end of the event buffer (first "
               "at offset " +
                   hex(sizeof(aov_event) + 7) + ")");
 }
 
 TEST_F(ArenaDamage, RecordDamageNamesTheBytesAfterTheAddressesAndThePadding) {
+    std::string damage;
     arena_.queryBytes()[sizeof(aov_event_query) + 2] = 0;
-    EXPECT_EQ(arena_.recordDamage(false), "the bytes after the record were written (offset " +
-                                              hex(sizeof(aov_event_query) + 2) + ")");
+    EXPECT_FALSE(arena_.recordIntact(false, &damage));
+    EXPECT_EQ(damage, "the bytes after the record were written (offset " +
+                          hex(sizeof(aov_event_query) + 2) + ")");
 
     arena_.prepareDequeue(false);
     const aov_section_desc& s3 = aov_event_sections[2];
     arena_.queryBytes()[s3.query_addr_offset] ^= 0x10;
-    EXPECT_EQ(arena_.recordDamage(false),
+    EXPECT_FALSE(arena_.recordIntact(false, &damage));
+    EXPECT_EQ(damage,
               "an area address was changed (record offset " + hex(s3.query_addr_offset) + ")");
 
     arena_.prepareDequeue(false);
     arena_.queryBytes()[0x9C] = 7;
-    EXPECT_EQ(arena_.recordDamage(false), "padding word at record offset 0x0000009c is 0x00000007");
+    EXPECT_FALSE(arena_.recordIntact(false, &damage));
+    EXPECT_EQ(damage, "padding word at record offset 0x0000009c is 0x00000007");
 }
 
 TEST(ArenaRecords, StartRecordAndSensorListsAreWhatTheLibrarySends) {

@@ -35,7 +35,8 @@ TEST(DriverTrackTest, WhatTheWriterRecordsReadsBackWithTheDriversStamps) {
         writer->requestServed(AOV_IOC_DEQUEUE_EVENT, at, at + std::chrono::microseconds(5), -14);
     }
     DriverTrack track;
-    ASSERT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "");
+    std::string problem;
+    ASSERT_TRUE(aovsimtool::readDriverTrack(path, 1 << 20, &track, &problem)) << problem;
     ASSERT_EQ(track.records.size(), 3u);
     EXPECT_FALSE(track.full);
     EXPECT_EQ(track.bad_lines, 0u);
@@ -67,7 +68,8 @@ TEST(DriverTrackTest, TheWriterStopsAtItsLimitAndTheReaderSeesIt) {
         }
     }
     DriverTrack track;
-    ASSERT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "");
+    std::string problem;
+    ASSERT_TRUE(aovsimtool::readDriverTrack(path, 1 << 20, &track, &problem)) << problem;
     EXPECT_EQ(track.records.size(), 2u);
     EXPECT_TRUE(track.full);
     ::unlink(path.c_str());
@@ -87,7 +89,8 @@ TEST(DriverTrackTest, BrokenLinesAreCountedAndACutLastLineIsNotARecord) {
                "request 3221 100 200 -5";  // cut while being written
     }
     DriverTrack track;
-    ASSERT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "");
+    std::string problem;
+    ASSERT_TRUE(aovsimtool::readDriverTrack(path, 1 << 20, &track, &problem)) << problem;
     EXPECT_EQ(track.records.size(), 1u);
     EXPECT_EQ(track.bad_lines, 6u);
     ::unlink(path.c_str());
@@ -120,10 +123,15 @@ TEST(DriverTrackTest, RefusesAFileThatIsNotATrack) {
         out << "queued 1 100 200 1 0\n";
     }
     DriverTrack track;
-    EXPECT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "not a driver track");
-    EXPECT_NE(aovsimtool::readDriverTrack(path + ".missing", 1 << 20, &track), "");
+    std::string problem;
+    EXPECT_FALSE(aovsimtool::readDriverTrack(path, 1 << 20, &track, &problem));
+    EXPECT_EQ(problem, "not a driver track");
+    problem.clear();
+    EXPECT_FALSE(aovsimtool::readDriverTrack(path + ".missing", 1 << 20, &track, &problem));
+    EXPECT_NE(problem, "");
     { std::ofstream out(path, std::ios::trunc); }
-    EXPECT_EQ(aovsimtool::readDriverTrack(path, 1 << 20, &track), "not a driver track");
+    EXPECT_FALSE(aovsimtool::readDriverTrack(path, 1 << 20, &track, &problem));
+    EXPECT_EQ(problem, "not a driver track");
     ::unlink(path.c_str());
 }
 

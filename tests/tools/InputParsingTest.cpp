@@ -175,15 +175,18 @@ class BoundedFileTest : public ::testing::Test {
 TEST_F(BoundedFileTest, ReadsAFileOfExactlyTheLimitAndRefusesOneByteMore) {
     std::ofstream(path_) << std::string(100, 'x');
     std::string text;
-    EXPECT_EQ(readRegularFile(path_, 100, &text), "");
+    std::string problem;
+    EXPECT_TRUE(readRegularFile(path_, 100, &text, &problem)) << problem;
     EXPECT_EQ(text, std::string(100, 'x'));
-    EXPECT_EQ(readRegularFile(path_, 99, &text), "it is larger than the limit of 99 bytes");
+    EXPECT_FALSE(readRegularFile(path_, 99, &text, &problem));
+    EXPECT_EQ(problem, "it is larger than the limit of 99 bytes");
 }
 
 TEST_F(BoundedFileTest, ReadsAnEmptyFile) {
     std::ofstream{path_};
     std::string text = "stale";
-    EXPECT_EQ(readRegularFile(path_, 100, &text), "");
+    std::string problem;
+    EXPECT_TRUE(readRegularFile(path_, 100, &text, &problem)) << problem;
     EXPECT_EQ(text, "");
 }
 
@@ -191,21 +194,24 @@ TEST(BoundedFileKernelTest, ReadsFilesWhoseReportedSizeIsZero) {
     // Kernel files report size 0 but have content: the read is bounded by
     // the limit, not by the reported size.
     std::string text;
-    ASSERT_EQ(readRegularFile("/proc/self/status", 1 << 20, &text), "");
+    std::string problem;
+    ASSERT_TRUE(readRegularFile("/proc/self/status", 1 << 20, &text, &problem)) << problem;
     EXPECT_NE(text.find("Name:"), std::string::npos);
-    EXPECT_EQ(readRegularFile("/proc/self/status", 8, &text),
-              "it is larger than the limit of 8 bytes");
+    EXPECT_FALSE(readRegularFile("/proc/self/status", 8, &text, &problem));
+    EXPECT_EQ(problem, "it is larger than the limit of 8 bytes");
 }
 
 TEST(BoundedFileKernelTest, RefusesAKernelFileOneByteOverTheLimit) {
     // This process's command line does not change while the test runs.
     std::string whole;
-    ASSERT_EQ(readRegularFile("/proc/self/cmdline", 1 << 20, &whole), "");
+    std::string problem;
+    ASSERT_TRUE(readRegularFile("/proc/self/cmdline", 1 << 20, &whole, &problem)) << problem;
     ASSERT_GT(whole.size(), 1u);
     std::string text;
-    EXPECT_EQ(readRegularFile("/proc/self/cmdline", whole.size(), &text), "");
+    EXPECT_TRUE(readRegularFile("/proc/self/cmdline", whole.size(), &text, &problem)) << problem;
     EXPECT_EQ(text, whole);
-    EXPECT_EQ(readRegularFile("/proc/self/cmdline", whole.size() - 1, &text),
+    EXPECT_FALSE(readRegularFile("/proc/self/cmdline", whole.size() - 1, &text, &problem));
+    EXPECT_EQ(problem,
               "it is larger than the limit of " + std::to_string(whole.size() - 1) + " bytes");
 }
 
@@ -350,7 +356,8 @@ TEST(OptionsTest, HelpIsReturnedNotPrinted) {
 
 TEST(ScenarioTextTest, TheEmbeddedDefaultParses) {
     aovsim::SimConfig config;
-    ASSERT_EQ(parseScenario(defaultScenarioText(), "default", &config), "");
+    std::string problem;
+    ASSERT_TRUE(parseScenario(defaultScenarioText(), "default", &config, &problem)) << problem;
     EXPECT_EQ(config.name, "default");
     ASSERT_EQ(config.sensors.size(), 3u);
     EXPECT_EQ(config.sensors[0].scenarios.size(), 7u);
@@ -358,7 +365,8 @@ TEST(ScenarioTextTest, TheEmbeddedDefaultParses) {
 
 TEST(ScenarioTextTest, EveryKeyLandsInItsOwnField) {
     aovsim::SimConfig c;
-    ASSERT_EQ(parseScenario(R"({"name": "keys",
+    std::string problem;
+    ASSERT_TRUE(parseScenario(R"({"name": "keys",
         "sensors": [{"id": 7, "device": 8, "facing": 1, "orientation": 270, "scenarios": [
             {"index": 3, "width": 640, "height": 480, "rate": 150, "ae": 1, "type": 2, "bit": 12,
              "mode_param": 5}]}],
@@ -368,8 +376,8 @@ TEST(ScenarioTextTest, EveryKeyLandsInItsOwnField) {
                      "frame_info": true, "pipeline": "start_pipe", "open_node": true,
                      "start": -16, "dequeue": [4], "dequeue_error": -11, "sensor_list": [5],
                      "sensor_list_error": -12}})",
-                            "keys", &c),
-              "");
+                              "keys", &c, &problem))
+        << problem;
     ASSERT_EQ(c.sensors.size(), 1u);
     const aovsim::SensorConfig& s = c.sensors[0];
     EXPECT_EQ(s.id, 7);
@@ -402,9 +410,9 @@ TEST(ScenarioTextTest, EveryKeyLandsInItsOwnField) {
 TEST(ScenarioTextTest, AFailedParseLeavesTheConfigurationAlone) {
     aovsim::SimConfig config;
     config.name = "kept";
-    EXPECT_NE(parseScenario(R"({"name": "x", "sensors": [], "driver": {"queue_depth": 0}})", "t",
-                            &config),
-              "");
+    std::string problem;
+    EXPECT_FALSE(parseScenario(R"({"name": "x", "sensors": [], "driver": {"queue_depth": 0}})", "t",
+                               &config, &problem));
     EXPECT_EQ(config.name, "kept");
 }
 

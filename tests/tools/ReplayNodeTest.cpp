@@ -507,21 +507,21 @@ TEST(ReplayOptions, TheRecordingsOwnEventCountAndAWaitThatCoversItsPaceAreTaken)
     Options o;
     std::string message;
     ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "0.5"}, &o, &message), ParseOutcome::kRun);
-    ASSERT_EQ(aovsimtool::fitReplayOptions(plan, &o), "");
+    ASSERT_TRUE(aovsimtool::fitReplayOptions(plan, &o, &message)) << message;
     EXPECT_EQ(o.events, 3);
     EXPECT_GE(o.timeout, 10.0 / 0.5 + aovsimtool::kReplaySlackSeconds);
 
     Options fast;
     ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "max", "--events", "2"}, &fast, &message),
               ParseOutcome::kRun);
-    ASSERT_EQ(aovsimtool::fitReplayOptions(plan, &fast), "");
+    ASSERT_TRUE(aovsimtool::fitReplayOptions(plan, &fast, &message)) << message;
     EXPECT_EQ(fast.events, 2);
     EXPECT_EQ(fast.timeout, 0) << "at max speed the wait stays derived from the count";
 
     Options timed;
     ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "2", "--timeout", "60"}, &timed, &message),
               ParseOutcome::kRun);
-    ASSERT_EQ(aovsimtool::fitReplayOptions(plan, &timed), "");
+    ASSERT_TRUE(aovsimtool::fitReplayOptions(plan, &timed, &message)) << message;
     EXPECT_EQ(timed.timeout, 60) << "a long enough --timeout is kept";
 }
 
@@ -541,7 +541,8 @@ TEST(ReplayOptions, WhatTheRecordingCannotGiveIsRefusedWithOneLine) {
         Options o;
         std::string message;
         ASSERT_EQ(parse(c.args, &o, &message), ParseOutcome::kRun) << message;
-        const std::string line = aovsimtool::fitReplayOptions(plan, &o);
+        std::string line;
+        EXPECT_FALSE(aovsimtool::fitReplayOptions(plan, &o, &line));
         EXPECT_EQ(line.rfind(c.starts, 0), 0u) << line;
         EXPECT_EQ(line.find('\n'), std::string::npos) << line;
     }

@@ -6,7 +6,11 @@
 #include <cstdio>
 #include <cstring>
 
+#include "Failure.h"
+
 namespace aovcompliance {
+
+using aovsimtool::fail;
 
 namespace {
 
@@ -76,7 +80,7 @@ void Arena::prepareDequeue(bool faulting) {
     }
 }
 
-std::string Arena::writesOutsideAreas() const {
+bool Arena::writesOnlyInAreas(std::string* outside) const {
     size_t from = 0;
     for (int s = 0; s <= AOV_SECTION_COUNT; ++s) {
         const size_t to = s < AOV_SECTION_COUNT ? aov_event_sections[s].data_offset : event_span_;
@@ -93,20 +97,20 @@ std::string Arena::writesOutsideAreas() const {
                 : s < AOV_SECTION_COUNT
                     ? "after section " + std::to_string(s) + "'s area"
                     : "after section 10's area, past the end of the event buffer";
-            return std::to_string(changed) + " bytes written " + where + " (first at offset " +
-                   hex(first) + ")";
+            return fail(outside, std::to_string(changed) + " bytes written " + where +
+                                     " (first at offset " + hex(first) + ")");
         }
         if (s < AOV_SECTION_COUNT) {
             from = aov_event_sections[s].data_offset + aov_event_sections[s].data_size;
         }
     }
-    return std::string();
+    return true;
 }
 
-std::string Arena::recordDamage(bool faulting) const {
+bool Arena::recordIntact(bool faulting, std::string* damage) const {
     for (size_t i = sizeof(aov_event_query); i < page_; ++i) {
         if (query_[i] != kCanary) {
-            return "the bytes after the record were written (offset " + hex(i) + ")";
+            return fail(damage, "the bytes after the record were written (offset " + hex(i) + ")");
         }
     }
     const auto* record = reinterpret_cast<const aov_event_query*>(query_);
@@ -115,18 +119,19 @@ std::string Arena::recordDamage(bool faulting) const {
         const void* want = faulting ? static_cast<const void*>(fault_)
                                     : static_cast<const void*>(event_ + section.data_offset);
         if (aov_query_area(record, s) != want) {
-            return "an area address was changed (record offset " + hex(section.query_addr_offset) +
-                   ")";
+            return fail(damage, "an area address was changed (record offset " +
+                                    hex(section.query_addr_offset) + ")");
         }
     }
     for (size_t padding : {0x1C, 0x2C, 0x3C, 0x8C, 0x9C, 0xAC, 0xBC, 0xCC}) {
         uint32_t word;
         std::memcpy(&word, query_ + padding, sizeof(word));
         if (word != 0) {
-            return "padding word at record offset " + hex(padding) + " is " + hex(word);
+            return fail(damage,
+                        "padding word at record offset " + hex(padding) + " is " + hex(word));
         }
     }
-    return std::string();
+    return true;
 }
 
 }  // namespace aovcompliance

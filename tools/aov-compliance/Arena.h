@@ -44,12 +44,14 @@ class Arena {
     // record's ten addresses as the library does, or all to the faulting page.
     void prepareDequeue(bool faulting);
 
-    // Empty when nothing outside the ten areas changed since prepareDequeue,
-    // else how many bytes, after which area, and the first offset.
-    std::string writesOutsideAreas() const;
-    // Empty when the record's padding, its addresses and the bytes after it
-    // are as prepareDequeue left them, else the first change.
-    std::string recordDamage(bool faulting) const;
+    // True when nothing outside the ten areas changed since prepareDequeue,
+    // else false with `outside` set to how many bytes, after which area, and
+    // the first offset.
+    [[nodiscard]] bool writesOnlyInAreas(std::string* outside) const;
+    // True when the record's padding, its addresses and the bytes after it
+    // are as prepareDequeue left them, else false with `damage` set to the
+    // first change.
+    [[nodiscard]] bool recordIntact(bool faulting, std::string* damage) const;
 
   private:
     size_t roundUp(size_t n) const { return (n + page_ - 1) / page_ * page_; }

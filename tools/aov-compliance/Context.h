@@ -72,12 +72,12 @@ class Context {
     bool openAnswered(CheckId id, const CallResult& r);
 
     // --- calls, each in a guarded child under the request limit --------------
-    CallResult request(unsigned long code, void* arg);
+    [[nodiscard]] CallResult request(unsigned long code, void* arg);
     // open(node, O_RDWR); the descriptor in passed_fd.
-    CallResult openNode();
+    [[nodiscard]] CallResult openNode();
     // The node's revents, waiting up to `waitMs`; 0 when nothing in time.
-    CallResult pollNode(int waitMs);
-    CallResult dequeue(bool faulting);
+    [[nodiscard]] CallResult pollNode(int waitMs);
+    [[nodiscard]] CallResult dequeue(bool faulting);
     // Closes `fd` in a child; the descriptor is gone from here either way.
     CallResult close(int fd);
 

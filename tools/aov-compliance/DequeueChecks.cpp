@@ -70,18 +70,19 @@ void pendingEventChecks(Context& ctx) {
             return;
         }
         const bool content = carriesContent(ctx);
-        const std::string outside = arena.writesOutsideAreas();
-        if (content || attempt + 1 == kContentTries || !outside.empty()) {
+        std::string outside;
+        const bool inside = arena.writesOnlyInAreas(&outside);
+        if (content || attempt + 1 == kContentTries || !inside) {
             ctx.pass(id, content ? std::string() : "no event carried content");
-            if (outside.empty()) {
+            if (inside) {
                 ctx.pass(CheckId::kWritesInside,
                          content ? std::string() : "on an event without content");
             } else {
                 ctx.problem(CheckId::kWritesInside,
                             "expected writes only inside the ten areas, got " + outside);
             }
-            const std::string damage = arena.recordDamage(false);
-            if (damage.empty()) {
+            std::string damage;
+            if (arena.recordIntact(false, &damage)) {
                 ctx.pass(CheckId::kRecordUntouched);
             } else {
                 ctx.problem(CheckId::kRecordUntouched, "expected them as sent, got " + damage +

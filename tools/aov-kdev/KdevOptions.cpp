@@ -15,25 +15,27 @@
 
 #include "CliParse.h"
 #include "Excerpt.h"
+#include "Failure.h"
 #include "NumberText.h"
 
 namespace aovkdev {
 
+using aovsimtool::fail;
 using aovsimtool::ParseOutcome;
 
-std::string mountPointProblem(const std::string& dir) {
+bool mountPointUsable(const std::string& dir, std::string* problem) {
     // A FUSE file system's magic number: the directory is already served.
     constexpr long kFuseMagic = 0x65735546;
     struct statfs fs;
     if (::statfs(dir.c_str(), &fs) != 0) {
-        return std::strerror(errno);
+        return fail(problem, std::strerror(errno));
     }
     if (static_cast<long>(fs.f_type) == kFuseMagic) {
-        return "already served by a FUSE file system (another aov-kdev?)";
+        return fail(problem, "already served by a FUSE file system (another aov-kdev?)");
     }
     DIR* listing = ::opendir(dir.c_str());
     if (listing == nullptr) {
-        return std::strerror(errno);
+        return fail(problem, std::strerror(errno));
     }
     bool empty = true;
     errno = 0;
@@ -46,9 +48,12 @@ std::string mountPointProblem(const std::string& dir) {
     const int error = errno;
     ::closedir(listing);
     if (empty && error != 0) {
-        return std::strerror(error);
+        return fail(problem, std::strerror(error));
     }
-    return empty ? std::string() : "not empty (mounting would hide what it holds)";
+    if (!empty) {
+        return fail(problem, "not empty (mounting would hide what it holds)");
+    }
+    return true;
 }
 
 aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, KdevOptions* options,
@@ -151,8 +156,8 @@ aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, Kde
                                        ": not a directory");
         return ParseOutcome::kError;
     }
-    const std::string problem = mountPointProblem(o.mount_dir);
-    if (!problem.empty()) {
+    std::string problem;
+    if (!mountPointUsable(o.mount_dir, &problem)) {
         *message =
             aovsimtool::oneLine("--mount " + aovsimtool::excerpt(o.mount_dir) + ": " + problem);
         return ParseOutcome::kError;

@@ -20,13 +20,13 @@ struct KdevOptions {
     aovsim::DriverBugs bugs = 0;  // driver bugs made on purpose (--fault)
 };
 
-// Why `dir`, an existing directory, cannot be mounted on: already a FUSE
-// mount (served), or not empty; empty when it can.
-std::string mountPointProblem(const std::string& dir);
+// Whether `dir`, an existing directory, can be mounted on; false with
+// `problem` set when it is already a FUSE mount (served), or not empty.
+[[nodiscard]] bool mountPointUsable(const std::string& dir, std::string* problem);
 
 // Parses the command line. On kHelp, `message` is the help text; on kError,
 // one line saying what is wrong and with which option.
-aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv, KdevOptions* options,
-                                          std::string* message);
+[[nodiscard]] aovsimtool::ParseOutcome parseKdevOptions(int argc, const char* const* argv,
+                                                        KdevOptions* options, std::string* message);
 
 }  // namespace aovkdev

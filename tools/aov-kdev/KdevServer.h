@@ -70,7 +70,7 @@ class KdevServer {
     KdevServer& operator=(const KdevServer&) = delete;
 
     // Mounts the file system on the directory `dir`; false with `problem` set.
-    bool mount(const std::string& dir, std::string* problem);
+    [[nodiscard]] bool mount(const std::string& dir, std::string* problem);
     // Serves requests until stop() or until the file system goes away; 0 or a
     // negative errno.
     int serve();

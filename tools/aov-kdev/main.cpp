@@ -21,11 +21,11 @@
 
 namespace {
 
-aovkdev::KdevServer* gServer = nullptr;
+aovkdev::KdevServer* g_server = nullptr;
 
 void onStopSignal(int) {
-    if (gServer != nullptr) {
-        gServer->stop();
+    if (g_server != nullptr) {
+        g_server->stop();
     }
 }
 
@@ -50,11 +50,13 @@ int main(int argc, char** argv) {
     }
 
     aovsim::SimConfig config;
-    const std::string problem = options.scenario_path.empty()
-                                    ? aovsimtool::parseScenario(aovsimtool::defaultScenarioText(),
-                                                                "(embedded default)", &config)
-                                    : aovsimtool::loadScenarioFile(options.scenario_path, &config);
-    if (!problem.empty()) {
+    std::string problem;
+    const bool loaded =
+        options.scenario_path.empty()
+            ? aovsimtool::parseScenario(aovsimtool::defaultScenarioText(), "(embedded default)",
+                                        &config, &problem)
+            : aovsimtool::loadScenarioFile(options.scenario_path, &config, &problem);
+    if (!loaded) {
         return badInput(problem);
     }
 
@@ -81,7 +83,7 @@ int main(int argc, char** argv) {
     if (!server.mount(options.mount_dir, &why)) {
         return badInput(why);
     }
-    gServer = &server;
+    g_server = &server;
     struct sigaction action {};
     action.sa_handler = onStopSignal;
     sigemptyset(&action.sa_mask);
@@ -104,7 +106,7 @@ int main(int argc, char** argv) {
         ::close(options.ready_fd);
     }
     const int result = server.serve();
-    gServer = nullptr;
+    g_server = nullptr;
     if (result < 0) {
         std::fprintf(stderr, "aov-kdev: error: serving stopped: %s\n", std::strerror(-result));
         return 1;

@@ -17,10 +17,13 @@ class DriverProbe {
     virtual ~DriverProbe() = default;
     // False when the driver cannot be asked (its server has gone away).
     virtual bool read(aovsim::DriverStatus* status) = 0;
-    // Empty when the driver offers its figures; else why it does not. Without
-    // them nothing is known of what the driver produced, so neither its
-    // counts nor the content it wrote can be checked.
-    virtual std::string unavailable() const { return std::string(); }
+    // True when the driver offers its figures; else false with `why` set to
+    // why it does not. Without them nothing is known of what the driver
+    // produced, so neither its counts nor the content it wrote can be checked.
+    [[nodiscard]] virtual bool offersFigures(std::string* why) const {
+        (void)why;
+        return true;
+    }
     // The figures a driver that answers still cannot give, said once in the
     // report; null when it gives them all.
     virtual const char* missingFigures() const { return nullptr; }
@@ -31,7 +34,10 @@ class NoFiguresProbe final : public DriverProbe {
   public:
     explicit NoFiguresProbe(std::string why) : why_(std::move(why)) {}
     bool read(aovsim::DriverStatus*) override { return false; }
-    std::string unavailable() const override { return why_; }
+    bool offersFigures(std::string* why) const override {
+        *why = why_;
+        return false;
+    }
 
   private:
     std::string why_;

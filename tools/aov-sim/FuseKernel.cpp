@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "Excerpt.h"
+#include "Failure.h"
 
 #include "aovhost/Binding.h"
 #include "kelo_aov.h"
@@ -53,7 +54,7 @@ bool bindEntry(const std::string& source, const std::string& target, const struc
 
 // In a private mount namespace: /dev becomes a tmpfs holding the system's
 // entries, each bound from the original, and `node` bound as kelo_aov.
-bool bindNodeFdInPrivateDev(int nodeFd, std::string* problem) {
+[[nodiscard]] bool bindNodeFdInPrivateDev(int nodeFd, std::string* problem) {
     const int oldDev = ::open("/dev", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (oldDev < 0) {
         *problem = errnoText("/dev");
@@ -106,7 +107,7 @@ bool bindNodeFdInPrivateDev(int nodeFd, std::string* problem) {
     return ok && bindEntry(node, AOV_DEVICE_NODE, nodeStat, problem);
 }
 
-bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
+[[nodiscard]] bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
     // Held before /dev changes: the node may be an entry of the old /dev.
     const int nodeFd = ::open(node.c_str(), O_PATH | O_CLOEXEC);
     if (nodeFd < 0) {
@@ -118,60 +119,64 @@ bool bindNodeInPrivateDev(const std::string& node, std::string* problem) {
     return bound;
 }
 
-// Empty when `path` is a node a session can run against: a character device,
-// or a file a FUSE driver serves, that opens read-write. Else what is missing
-// or wrong; `kind` says what the node is.
-std::string checkNode(const std::string& path, std::string* kind) {
+// True when `path` is a node a session can run against: a character device,
+// or a file a FUSE driver serves, that opens read-write; `kind` says what the
+// node is. Else false with `wrong` set to what is missing or wrong.
+[[nodiscard]] bool checkNode(const std::string& path, std::string* kind, std::string* wrong) {
     const std::string where = pathExcerpt(path);
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) {
         const int error = errno;
         if (error == ENOENT) {
-            return "no node at " + where;
+            return fail(wrong, "no node at " + where);
         }
         if (error == ENOTCONN) {
-            return "the driver serving " + where + " is gone (" + std::strerror(error) + ")";
+            return fail(wrong,
+                        "the driver serving " + where + " is gone (" + std::strerror(error) + ")");
         }
-        return where + ": " + std::strerror(error);
+        return fail(wrong, where + ": " + std::strerror(error));
     }
     if (S_ISDIR(st.st_mode)) {
-        return where + " is a directory, not a node";
+        return fail(wrong, where + " is a directory, not a node");
     }
     if (S_ISCHR(st.st_mode)) {
         *kind = "a character device";
     } else if (S_ISREG(st.st_mode)) {
         struct statfs fs;
         if (::statfs(path.c_str(), &fs) != 0 || fs.f_type != FUSE_SUPER_MAGIC) {
-            return where +
-                   " is a plain file, not a driver's node (a character device, or a file a FUSE "
-                   "driver serves)";
+            return fail(
+                wrong,
+                where +
+                    " is a plain file, not a driver's node (a character device, or a file a FUSE "
+                    "driver serves)");
         }
         *kind = "a file served through FUSE";
     } else {
-        return where + " is " +
-               (S_ISFIFO(st.st_mode)   ? "a fifo"
-                : S_ISSOCK(st.st_mode) ? "a socket"
-                : S_ISBLK(st.st_mode)  ? "a block device"
-                                       : "not a file") +
-               ", not a character device or a driver's file";
+        return fail(wrong, where + " is " +
+                               (S_ISFIFO(st.st_mode)   ? "a fifo"
+                                : S_ISSOCK(st.st_mode) ? "a socket"
+                                : S_ISBLK(st.st_mode)  ? "a block device"
+                                                       : "not a file") +
+                               ", not a character device or a driver's file");
     }
     // Opened as the library opens it, and closed again at once.
     const int fd = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     if (fd < 0) {
         const int error = errno;
         if (error == EACCES || error == EPERM) {
-            return "permission denied: cannot open " + where + " read-write";
+            return fail(wrong, "permission denied: cannot open " + where + " read-write");
         }
         if (error == EBUSY) {
-            return where + " is busy: another process holds it (" + std::strerror(error) + ")";
+            return fail(
+                wrong, where + " is busy: another process holds it (" + std::strerror(error) + ")");
         }
         if (error == ENXIO || error == ENODEV) {
-            return "no driver behind " + where + " (" + std::strerror(error) + ")";
+            return fail(wrong, "no driver behind " + where + " (" + std::strerror(error) + ")");
         }
-        return "cannot open " + where + " read-write: " + std::strerror(error);
+        return fail(wrong, "cannot open " + where + " read-write: " + std::strerror(error));
     }
     ::close(fd);
-    return std::string();
+    return true;
 }
 
 std::string dirOf(const std::string& path) {
@@ -196,8 +201,8 @@ std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
     if (!nodePath.empty()) {
         kernel->node_ = nodePath;
         kernel->dir_ = dirOf(nodePath);
-        const std::string wrong = checkNode(nodePath, &kernel->kind_);
-        if (!wrong.empty()) {
+        std::string wrong;
+        if (!checkNode(nodePath, &kernel->kind_, &wrong)) {
             *problem = "--node: " + wrong;
             return nullptr;
         }
@@ -215,11 +220,11 @@ std::unique_ptr<FuseKernel> FuseKernel::attach(const std::string& scenarioPath,
                        "give --node " + pathExcerpt(kdevDir) + ")";
             return nullptr;
         }
-        std::string wrong = checkNode(kernel->node_, &kernel->kind_);
-        if (wrong.compare(0, 8, "no node ") == 0) {
-            wrong += ": nothing serves a driver on " + pathExcerpt(kdevDir);
-        }
-        if (!wrong.empty()) {
+        std::string wrong;
+        if (!checkNode(kernel->node_, &kernel->kind_, &wrong)) {
+            if (wrong.compare(0, 8, "no node ") == 0) {
+                wrong += ": nothing serves a driver on " + pathExcerpt(kdevDir);
+            }
             *problem = "--kdev: " + wrong;
             return nullptr;
         }
@@ -305,7 +310,7 @@ std::string FuseKernel::describe() const {
     return who + node_ + " (" + kind_ + "), " + how_;
 }
 
-std::string FuseKernel::checkServer() {
+bool FuseKernel::checkServer(std::string* ending) {
     int status = 0;
     const pid_t pid = server_.pid();
     if (server_.running() && server_.waitExit(0, &status)) {
@@ -313,7 +318,7 @@ std::string FuseKernel::checkServer() {
                 KdevLauncher::exitText(status) + ")";
     }
     if (!died_.empty()) {
-        return died_;
+        return fail(ending, died_);
     }
     if (figures_) {
         // A read, since a cached name answers even from a file system whose server is gone.
@@ -324,17 +329,17 @@ std::string FuseKernel::checkServer() {
             ::close(fd);
         }
         if (!answered) {
-            return "the aov-kdev on " + dir_ + " went away during the session";
+            return fail(ending, "the aov-kdev on " + dir_ + " went away during the session");
         }
-        return std::string();
+        return true;
     }
     // Nothing to read of another driver's: the node is looked up again, which
     // a FUSE driver whose server died refuses.
     struct stat st;
     if (::stat(node_.c_str(), &st) != 0 && errno == ENOTCONN) {
-        return "the driver serving " + node_ + " went away during the session";
+        return fail(ending, "the driver serving " + node_ + " went away during the session");
     }
-    return std::string();
+    return true;
 }
 
 FuseKernel::~FuseKernel() {

@@ -29,10 +29,11 @@ class FuseKernel {
     // before any thread starts. Null, with `problem` naming what is missing
     // or wrong, when it cannot. `driverTrack`, when not empty, is where the
     // aov-kdev started here writes its driver's track for a timeline.
-    static std::unique_ptr<FuseKernel> attach(const std::string& scenarioPath,
-                                              const std::string& kdevDir,
-                                              const std::string& nodePath, std::string* problem,
-                                              const std::string& driverTrack = "");
+    [[nodiscard]] static std::unique_ptr<FuseKernel> attach(const std::string& scenarioPath,
+                                                            const std::string& kdevDir,
+                                                            const std::string& nodePath,
+                                                            std::string* problem,
+                                                            const std::string& driverTrack = "");
     // Stops an aov-kdev it started. The library's services close the node
     // while the process exits, so keep this object until after them.
     ~FuseKernel();
@@ -48,15 +49,16 @@ class FuseKernel {
     std::unique_ptr<DriverProbe> makeProbe();
     // "aov-kdev (pid 123) on /tmp/aov-kdev.x, bound over /dev/kelo_aov ...".
     std::string describe() const;
-    // Empty while the driver is there, else what became of it.
-    std::string checkServer();
+    // True while the driver is there, else false with `ending` set to what
+    // became of it.
+    [[nodiscard]] bool checkServer(std::string* ending);
 
   private:
     FuseKernel() = default;
-    bool start(const std::string& scenarioPath, const std::string& driverTrack,
-               std::string* problem);
+    [[nodiscard]] bool start(const std::string& scenarioPath, const std::string& driverTrack,
+                             std::string* problem);
     // Makes the node reachable as /dev/kelo_aov without root.
-    bool reachThroughDevDir(std::string* problem);
+    [[nodiscard]] bool reachThroughDevDir(std::string* problem);
 
     std::string dir_;      // the directory holding the node
     std::string node_;     // the node

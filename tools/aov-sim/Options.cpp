@@ -19,8 +19,8 @@ constexpr int64_t kIntMin = std::numeric_limits<int>::min();
 constexpr int64_t kIntMax = std::numeric_limits<int>::max();
 
 // Reads a whole number given to `what` (e.g. "--fps") into `out`.
-bool readInt(const std::string& what, const std::string& text, int64_t min, int64_t max, int* out,
-             std::string* error) {
+[[nodiscard]] bool readInt(const std::string& what, const std::string& text, int64_t min,
+                           int64_t max, int* out, std::string* error) {
     int64_t value = 0;
     if (!readInteger(what, text, min, max, &value, error)) {
         return false;
@@ -29,8 +29,8 @@ bool readInt(const std::string& what, const std::string& text, int64_t min, int6
     return true;
 }
 
-bool readSeconds(const std::string& what, const std::string& text, double* out,
-                 std::string* error) {
+[[nodiscard]] bool readSeconds(const std::string& what, const std::string& text, double* out,
+                               std::string* error) {
     switch (parseSeconds(text, kMaxSeconds, out)) {
         case NumberStatus::kOk:
             return true;
@@ -46,7 +46,7 @@ bool readSeconds(const std::string& what, const std::string& text, double* out,
 }
 
 // WIDTHxHEIGHT, each a whole number in 1..kMaxSize.
-bool readSize(const std::string& text, int* width, int* height, std::string* error) {
+[[nodiscard]] bool readSize(const std::string& text, int* width, int* height, std::string* error) {
     const auto x = text.find('x');
     if (x == std::string::npos || text.find('x', x + 1) != std::string::npos) {
         *error = "--size: expected WIDTHxHEIGHT with positive numbers, got " + excerpt(text);
@@ -62,7 +62,7 @@ bool readSize(const std::string& text, int* width, int* height, std::string* err
 }
 
 // Comma-separated sensor ids.
-bool readIds(const std::string& text, std::vector<int>* ids, std::string* error) {
+[[nodiscard]] bool readIds(const std::string& text, std::vector<int>* ids, std::string* error) {
     size_t start = 0;
     for (;;) {
         if (ids->size() == kMaxNotifyIds) {

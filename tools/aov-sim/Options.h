@@ -67,7 +67,7 @@ struct Options : ModeRequest {
 
 // Parses the command line. On kHelp, `message` is the help text; on kError,
 // one line saying what is wrong and with which option.
-ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
-                          std::string* message);
+[[nodiscard]] ParseOutcome parseOptions(int argc, const char* const* argv, Options* options,
+                                        std::string* message);
 
 }  // namespace aovsimtool

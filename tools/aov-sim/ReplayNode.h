@@ -66,10 +66,10 @@ class ReplayNode final : public aovhost::EmulatedNode {
     // `speed`: recorded time is divided by it; 0 means as fast as the library
     // takes the events. Null with a one-line `problem` when the recording
     // cannot be replayed (unreadable, damaged, cut off, without requests).
-    static std::shared_ptr<ReplayNode> load(SourceFactory source, double speed,
-                                            std::string* problem);
-    static std::shared_ptr<ReplayNode> loadFile(const std::string& path, double speed,
-                                                std::string* problem);
+    [[nodiscard]] static std::shared_ptr<ReplayNode> load(SourceFactory source, double speed,
+                                                          std::string* problem);
+    [[nodiscard]] static std::shared_ptr<ReplayNode> loadFile(const std::string& path, double speed,
+                                                              std::string* problem);
     ~ReplayNode() override;
     ReplayNode(const ReplayNode&) = delete;
     ReplayNode& operator=(const ReplayNode&) = delete;

@@ -2,20 +2,22 @@
 
 #include <cstdio>
 
+#include "Failure.h"
+
 namespace aovsimtool {
 
-std::string fitReplayOptions(const ReplayPlan& plan, Options* options) {
+bool fitReplayOptions(const ReplayPlan& plan, Options* options, std::string* problem) {
     char line[256];
     if (options->events_given && static_cast<uint64_t>(options->events) > plan.events) {
         std::snprintf(line, sizeof(line), "--events %d: the recording holds %llu events",
                       options->events, static_cast<unsigned long long>(plan.events));
-        return line;
+        return fail(problem, line);
     }
     if (!options->events_given && options->duration <= 0) {
         options->events = static_cast<int>(plan.events);
     }
     if (options->replay_speed <= 0) {
-        return "";  // as fast as the library takes the events
+        return true;  // as fast as the library takes the events
     }
     // The pace of the recording up to the last event the run waits for is
     // taken as that of the whole recording: an upper bound for fewer events.
@@ -27,18 +29,18 @@ std::string fitReplayOptions(const ReplayPlan& plan, Options* options) {
                       "use a speed of at least %g or max",
                       options->replay_speed, plan.span_s, paced, kMaxSeconds,
                       plan.span_s * 1.25 / (kMaxSeconds - kReplaySlackSeconds));
-        return line;
+        return fail(problem, line);
     }
     if (options->timeout > 0 && options->timeout < wait && options->duration <= 0) {
         std::snprintf(line, sizeof(line),
                       "--timeout %g: the recording takes %.1f s at speed %g; give at least %.1f",
                       options->timeout, paced, options->replay_speed, wait);
-        return line;
+        return fail(problem, line);
     }
     if (options->timeout <= 0) {
         options->timeout = wait;
     }
-    return "";
+    return true;
 }
 
 }  // namespace aovsimtool

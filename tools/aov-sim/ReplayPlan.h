@@ -16,7 +16,8 @@ namespace aovsimtool {
 // Extra seconds on top of the recorded pace: the library's start and stop.
 constexpr double kReplaySlackSeconds = 5;
 
-// Empty when `options` were fitted; else one line naming the problem.
-std::string fitReplayOptions(const ReplayPlan& plan, Options* options);
+// True when `options` were fitted; else false with `problem` set to one line
+// naming the problem.
+[[nodiscard]] bool fitReplayOptions(const ReplayPlan& plan, Options* options, std::string* problem);
 
 }  // namespace aovsimtool

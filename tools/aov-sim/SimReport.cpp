@@ -36,7 +36,8 @@ void SimReport::begin() {
     say(format("scenario \"%s\": %zu sensors on the platform", sim_.config().name.c_str(),
                sim_.config().sensors.size()));
     aovsim::DriverStatus status;
-    if (!driver_.unavailable().empty()) {
+    std::string noFigures;
+    if (!driver_.offersFigures(&noFigures)) {
         // Said once, in the summary.
     } else if (!driver_.read(&status)) {
         say("the driver does not answer: its counters are unavailable");
@@ -71,7 +72,8 @@ void SimReport::event(uint64_t number, const aov_event& event, int32_t aovMode) 
     aovsim::NotificationTimes notification;
     const bool notified = monitor_ != nullptr && monitor_->currentNotification(&notification);
     // Without the driver's figures nothing is known of what it wrote or when.
-    const bool figures = driver_.unavailable().empty();
+    std::string noFigures;
+    const bool figures = driver_.offersFigures(&noFigures);
     aovsim::DriverStatus status;
     const aovsim::DequeueMark mark =
         figures && driver_.read(&status) ? status.last : aovsim::DequeueMark();
@@ -158,8 +160,8 @@ void SimReport::summary(uint64_t delivered) {
         breakdown = breakdown_;
     }
     const auto u = [](uint64_t value) { return static_cast<unsigned long long>(value); };
-    const std::string unavailable = driver_.unavailable();
-    if (!unavailable.empty()) {
+    std::string unavailable;
+    if (!driver_.offersFigures(&unavailable)) {
         say("summary: driver figures and content checks unavailable: " + unavailable);
         say(format("summary: events delivered %llu", u(delivered)));
         say(format("summary: refused calls %llu, library error lines %llu",

@@ -10,6 +10,7 @@
 
 #include "DriverTrack.h"
 #include "EventObserver.h"
+#include "Failure.h"
 #include "TraceWriter.h"
 #include "TrackLayout.h"
 
@@ -23,7 +24,7 @@ using nlohmann::json;
 // The kernel line the current thread recorded during its request in progress,
 // cut short if need be. Plain storage: requests made while the process exits
 // still find it.
-thread_local char tl_kernel_line[512];
+thread_local char t_kernel_line[512];
 
 }  // namespace
 
@@ -101,7 +102,7 @@ void Timeline::libraryCall(const char* name, Clock::time_point begin, long long 
 
 void Timeline::traceLine(aovsim::TraceSource source, const std::string& line) {
     if (source == aovsim::TraceSource::kKernel) {
-        std::snprintf(tl_kernel_line, sizeof(tl_kernel_line), "%s", line.c_str());
+        std::snprintf(t_kernel_line, sizeof(t_kernel_line), "%s", line.c_str());
     }
     const bool refused = line.compare(0, 8, "REFUSED ") == 0;
     if (!refused && line.find("injected failure") == std::string::npos) {
@@ -120,12 +121,12 @@ void Timeline::step(const std::string& line) {
 }
 
 void Timeline::beginRequest() {
-    tl_kernel_line[0] = '\0';
+    t_kernel_line[0] = '\0';
 }
 
 void Timeline::kernelRequest(unsigned int request, Clock::time_point begin, int result) {
     const Clock::time_point now = Clock::now();
-    const std::string decoded(tl_kernel_line);
+    const std::string decoded(t_kernel_line);
     aov::MutexLock guard(mutex_);
     collector_.kernelRequest(roleLocked(), request, decoded, begin, now, result);
 }
@@ -154,9 +155,10 @@ void Timeline::callbackReturn(uint64_t number) {
     collector_.callbackReturn(roleLocked(), number, now);
 }
 
-std::string Timeline::mergeDriverTrack(const std::string& path) {
+bool Timeline::mergeDriverTrack(const std::string& path, std::string* wrong) {
     DriverTrack track;
-    std::string problem = readDriverTrack(path, kMaxDriverTrackBytes, &track);
+    std::string problem;
+    const bool read = readDriverTrack(path, kMaxDriverTrackBytes, &track, &problem);
     aov::MutexLock guard(mutex_);
     for (const DriverTrackRecord& record : track.records) {
         switch (record.kind) {
@@ -173,18 +175,19 @@ std::string Timeline::mergeDriverTrack(const std::string& path) {
                 break;
         }
     }
-    if (problem.empty() && track.full) {
+    if (read && track.full) {
         problem = "aov-kdev stopped recording at its limit";
     }
-    if (problem.empty() && track.bad_lines > 0) {
+    if (read && problem.empty() && track.bad_lines > 0) {
         problem = std::to_string(track.bad_lines) + " lines are not records";
     }
     driver_track_ = json{
         {"records", track.records.size()}, {"lines_unread", track.bad_lines}, {"full", track.full}};
     if (!problem.empty()) {
         driver_track_["problem"] = problem;
+        return fail(wrong, problem);
     }
-    return problem;
+    return true;
 }
 
 void Timeline::setCounts(json counts) {

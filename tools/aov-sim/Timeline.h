@@ -43,7 +43,8 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
 
     // Opens `path` for writing; null with `problem` set when it cannot. The
     // calling thread is the system layer's.
-    static std::shared_ptr<Timeline> open(const std::string& path, std::string* problem);
+    [[nodiscard]] static std::shared_ptr<Timeline> open(const std::string& path,
+                                                        std::string* problem);
     ~Timeline() override;
     Timeline(const Timeline&) = delete;
     Timeline& operator=(const Timeline&) = delete;
@@ -71,13 +72,13 @@ class Timeline final : public aovsim::TimelineHooks, public LibraryCallLog {
     void callbackEntry(uint32_t sequence, bool matched, Clock::time_point signal);
     void callbackReturn(uint64_t number);
 
-    // Merges the driver track aov-kdev wrote to `path`; empty, or what was
-    // wrong with it (kept in the file's otherData too).
-    std::string mergeDriverTrack(const std::string& path);
+    // Merges the driver track aov-kdev wrote to `path`; false with `problem`
+    // set to what was wrong with it (kept in the file's otherData too).
+    [[nodiscard]] bool mergeDriverTrack(const std::string& path, std::string* problem);
     // The session's counts as its summary gives them, kept in the file.
     void setCounts(nlohmann::json counts);
     // Writes and closes the file; false with `problem` set when writing failed.
-    bool finish(std::string* problem);
+    [[nodiscard]] bool finish(std::string* problem);
 
   private:
     Timeline(std::FILE* file, std::string path);

@@ -13,7 +13,7 @@
 namespace aovsimtool {
 
 // False with `problem` set when a write fails; `file` is left open.
-bool writeTrace(std::FILE* file, const nlohmann::json& otherData, const TraceLayout& layout,
-                std::string* problem);
+[[nodiscard]] bool writeTrace(std::FILE* file, const nlohmann::json& otherData,
+                              const TraceLayout& layout, std::string* problem);
 
 }  // namespace aovsimtool

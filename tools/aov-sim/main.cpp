@@ -108,11 +108,12 @@ int main(int argc, char** argv) {
     }
 
     aovsim::SimConfig config;
-    const std::string problem = options.scenario_given
-                                    ? aovsimtool::loadScenarioFile(options.scenario_path, &config)
-                                    : aovsimtool::parseScenario(aovsimtool::defaultScenarioText(),
-                                                                "(embedded default)", &config);
-    if (!problem.empty()) {
+    std::string problem;
+    const bool loaded = options.scenario_given
+                            ? aovsimtool::loadScenarioFile(options.scenario_path, &config, &problem)
+                            : aovsimtool::parseScenario(aovsimtool::defaultScenarioText(),
+                                                        "(embedded default)", &config, &problem);
+    if (!loaded) {
         return badInput(problem);
     }
 
@@ -124,8 +125,8 @@ int main(int argc, char** argv) {
         if (!replay) {
             return badInput(why);
         }
-        const std::string unfit = aovsimtool::fitReplayOptions(replay->plan(), &options);
-        if (!unfit.empty()) {
+        std::string unfit;
+        if (!aovsimtool::fitReplayOptions(replay->plan(), &options, &unfit)) {
             return badInput(unfit);
         }
         replay->setDivergenceHandler(replayDiverged);
@@ -230,8 +231,8 @@ int main(int argc, char** argv) {
         replay->finish();  // a request the library did not send ends the run here
     }
     if (fuse) {
-        const std::string ending = fuse->checkServer();
-        if (!ending.empty()) {
+        std::string ending;
+        if (!fuse->checkServer(&ending)) {
             std::fprintf(stderr, "aov-sim: error: %s\n", ending.c_str());
             status = status == 0 ? 1 : status;
         }
@@ -240,8 +241,8 @@ int main(int argc, char** argv) {
         trace->setTimeline(nullptr);
         trace->setSink(printLine);
         if (!driverTrack.empty()) {
-            const std::string problem = timeline->mergeDriverTrack(driverTrack);
-            if (!problem.empty()) {
+            std::string problem;
+            if (!timeline->mergeDriverTrack(driverTrack, &problem)) {
                 std::fprintf(stderr, "aov-sim: warning: the driver track: %s\n",
                              aovsimtool::oneLine(problem).c_str());
             }

@@ -1,5 +1,7 @@
 #include "BoundedFile.h"
 
+#include "Failure.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -11,20 +13,20 @@ namespace aovsimtool {
 
 namespace {
 
-// What a non-regular file is, for the message; empty for a regular file.
-std::string notRegular(mode_t mode) {
+// True for a regular file, else false with `problem` naming what it is.
+[[nodiscard]] bool isRegular(mode_t mode, std::string* problem) {
     if (S_ISREG(mode)) {
-        return std::string();
+        return true;
     }
     if (S_ISDIR(mode)) {
-        return "it is a directory";
+        return fail(problem, "it is a directory");
     }
     const char* kind = S_ISFIFO(mode)   ? "a FIFO"
                        : S_ISCHR(mode)  ? "a character device"
                        : S_ISBLK(mode)  ? "a block device"
                        : S_ISSOCK(mode) ? "a socket"
                                         : "not a file";
-    return std::string("it is ") + kind + ", not a regular file";
+    return fail(problem, std::string("it is ") + kind + ", not a regular file");
 }
 
 std::string tooLarge(size_t limit) {
@@ -49,29 +51,30 @@ class Descriptor {
 
 }  // namespace
 
-std::string readRegularFile(const std::string& path, size_t limit, std::string* text) {
+bool readRegularFile(const std::string& path, size_t limit, std::string* text,
+                     std::string* problem) {
     if (path.empty()) {
-        return "the path is empty";
+        return fail(problem, "the path is empty");
     }
     // Checked before opening, as opening some devices does something, and
     // again on the open descriptor, in case the path changed in between.
     struct stat info;
-    if (::stat(path.c_str(), &info) == 0 && !notRegular(info.st_mode).empty()) {
-        return notRegular(info.st_mode);
+    if (::stat(path.c_str(), &info) == 0 && !isRegular(info.st_mode, problem)) {
+        return false;
     }
     // Non-blocking, so that a FIFO that slipped in opens without a writer.
     const Descriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     if (fd.get() < 0) {
-        return std::strerror(errno);
+        return fail(problem, std::strerror(errno));
     }
     if (::fstat(fd.get(), &info) != 0) {
-        return std::strerror(errno);
+        return fail(problem, std::strerror(errno));
     }
-    if (!notRegular(info.st_mode).empty()) {
-        return notRegular(info.st_mode);
+    if (!isRegular(info.st_mode, problem)) {
+        return false;
     }
     if (info.st_size < 0 || static_cast<unsigned long long>(info.st_size) > limit) {
-        return tooLarge(limit);
+        return fail(problem, tooLarge(limit));
     }
     // The size may change while reading (or be wrong, as for some kernel
     // files): read at most one byte past the limit to tell.
@@ -83,7 +86,7 @@ std::string readRegularFile(const std::string& path, size_t limit, std::string* 
             continue;
         }
         if (n < 0) {
-            return std::strerror(errno);
+            return fail(problem, std::strerror(errno));
         }
         if (n == 0) {
             break;
@@ -91,11 +94,11 @@ std::string readRegularFile(const std::string& path, size_t limit, std::string* 
         got += static_cast<size_t>(n);
     }
     if (got > limit) {
-        return tooLarge(limit);
+        return fail(problem, tooLarge(limit));
     }
     bytes.resize(got);
     *text = std::move(bytes);
-    return std::string();
+    return true;
 }
 
 }  // namespace aovsimtool

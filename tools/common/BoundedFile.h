@@ -9,9 +9,9 @@
 
 namespace aovsimtool {
 
-// Fills `text` with the file's bytes. Returns an empty string on success,
-// else the reason, e.g. "it is a FIFO, not a regular file" or
-// "No such file or directory".
-std::string readRegularFile(const std::string& path, size_t limit, std::string* text);
+// Fills `text` with the file's bytes. False with `problem` set to the reason,
+// e.g. "it is a FIFO, not a regular file" or "No such file or directory".
+[[nodiscard]] bool readRegularFile(const std::string& path, size_t limit, std::string* text,
+                                   std::string* problem);
 
 }  // namespace aovsimtool

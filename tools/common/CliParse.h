@@ -12,7 +12,7 @@ namespace aovsimtool {
 
 // kHelp with the help text in `message`, kError with the parser's complaint
 // as one line, else kRun.
-ParseOutcome parseCommandLine(CLI::App& app, int argc, const char* const* argv,
-                              std::string* message);
+[[nodiscard]] ParseOutcome parseCommandLine(CLI::App& app, int argc, const char* const* argv,
+                                            std::string* message);
 
 }  // namespace aovsimtool

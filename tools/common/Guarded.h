@@ -51,7 +51,8 @@ class GuardedCaller {
     // a forked child of a single-threaded process: it may only make system
     // calls. With `passFd`, a non-negative value is a descriptor the child
     // opened; it is handed to the parent and returned in passed_fd.
-    CallResult run(int timeoutMs, const std::function<long()>& call, bool passFd = false);
+    [[nodiscard]] CallResult run(int timeoutMs, const std::function<long()>& call,
+                                 bool passFd = false);
 
     // Closes the parent's `fd` in a child that shares the parent's descriptor
     // table: the descriptor leaves the table at once, and the driver's FLUSH

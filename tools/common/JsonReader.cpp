@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "Excerpt.h"
+#include "Failure.h"
 
 namespace aovsimtool {
 
@@ -166,19 +167,19 @@ std::string elementPath(const std::string& parent, size_t index) {
     return parent + "[" + std::to_string(index) + "]";
 }
 
-std::string readJson(std::string_view text, const JsonLimits& limits, json* out) {
+bool readJson(std::string_view text, const JsonLimits& limits, json* out, std::string* problem) {
     // The parser takes a NUL byte for the end of the input.
     const auto nul = text.find('\0');
     if (nul != std::string_view::npos) {
-        return "not valid JSON: a NUL byte at offset " + std::to_string(nul);
+        return fail(problem, "not valid JSON: a NUL byte at offset " + std::to_string(nul));
     }
     json root;
     LimitedBuilder builder(limits, &root);
     if (!json::sax_parse(text, &builder)) {
-        return builder.problem().empty() ? "not valid JSON" : builder.problem();
+        return fail(problem, builder.problem().empty() ? "not valid JSON" : builder.problem());
     }
     *out = std::move(root);
-    return std::string();
+    return true;
 }
 
 }  // namespace aovsimtool

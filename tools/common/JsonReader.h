@@ -17,11 +17,12 @@ struct JsonLimits {
     size_t max_string = 256;     // bytes of one string or key
 };
 
-// Reads `text` into `out`. Returns an empty string on success, else one line:
+// Reads `text` into `out`. False with `problem` set to one line:
 // "<key path>: <problem>" for a limit or a repeated key (the path like
 // "sensors[0].scenarios[3].width", or "top level"), or "not valid JSON: parse
 // error at line L, column C: ..." for a syntax error.
-std::string readJson(std::string_view text, const JsonLimits& limits, nlohmann::json* out);
+[[nodiscard]] bool readJson(std::string_view text, const JsonLimits& limits, nlohmann::json* out,
+                            std::string* problem);
 
 // The key path of an object member or array element, from its parent's path.
 std::string memberPath(const std::string& parent, const std::string& key);

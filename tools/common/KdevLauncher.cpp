@@ -1,5 +1,7 @@
 #include "KdevLauncher.h"
 
+#include "Failure.h"
+
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -24,9 +26,9 @@ int64_t nowMs() {
     return static_cast<int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
 }
 
-// Reads the server's first line from `fd`, for up to `timeoutMs`. Empty when
-// it said "ready", else what happened instead.
-std::string awaitReady(int fd, int timeoutMs) {
+// Reads the server's first line from `fd`, for up to `timeoutMs`. True when
+// it said "ready", else false with `notReady` set to what happened instead.
+[[nodiscard]] bool awaitReady(int fd, int timeoutMs, std::string* notReady) {
     const int64_t deadline = nowMs() + timeoutMs;
     std::string line;
     char chunk[16];
@@ -36,7 +38,7 @@ std::string awaitReady(int fd, int timeoutMs) {
         }
         const int64_t left = deadline - nowMs();
         if (left <= 0) {
-            return "did not say ready within " + std::to_string(timeoutMs) + " ms";
+            return fail(notReady, "did not say ready within " + std::to_string(timeoutMs) + " ms");
         }
         pollfd wait{fd, POLLIN, 0};
         const int polled = ::poll(&wait, 1, static_cast<int>(left));
@@ -44,7 +46,7 @@ std::string awaitReady(int fd, int timeoutMs) {
             continue;
         }
         if (polled < 0) {
-            return std::string("poll: ") + std::strerror(errno);
+            return fail(notReady, std::string("poll: ") + std::strerror(errno));
         }
         if (polled == 0) {
             continue;
@@ -62,10 +64,10 @@ std::string awaitReady(int fd, int timeoutMs) {
         }
     }
     if (line.rfind("ready\n", 0) == 0) {
-        return std::string();
+        return true;
     }
-    return line.empty() ? "closed its ready pipe without saying ready"
-                        : "said something other than ready";
+    return fail(notReady, line.empty() ? "closed its ready pipe without saying ready"
+                                       : "said something other than ready");
 }
 
 }  // namespace
@@ -129,9 +131,10 @@ bool KdevLauncher::start(const std::string& program, const std::string& mountDir
         return false;
     }
     pid_ = pid;
-    const std::string notReady = awaitReady(ready[0], readyTimeoutMs);
+    std::string notReady;
+    const bool isReady = awaitReady(ready[0], readyTimeoutMs, &notReady);
     ::close(ready[0]);
-    if (notReady.empty()) {
+    if (isReady) {
         return true;
     }
     // A server that closed the pipe is on its way out: wait for its status.

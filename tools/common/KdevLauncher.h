@@ -33,9 +33,9 @@ class KdevLauncher {
     // `readyTimeoutMs` for its "ready" line. False, with `problem` naming
     // what did not happen (it did not start, it ended first, it did not
     // answer in time), and no process left behind.
-    bool start(const std::string& program, const std::string& mountDir,
-               const std::vector<std::string>& extra, std::string* problem,
-               int readyTimeoutMs = kReadyTimeoutMs);
+    [[nodiscard]] bool start(const std::string& program, const std::string& mountDir,
+                             const std::vector<std::string>& extra, std::string* problem,
+                             int readyTimeoutMs = kReadyTimeoutMs);
 
     // Waits up to `ms` for the server to end; true with `status` set when it
     // did (the server is then no longer running).

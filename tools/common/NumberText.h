@@ -18,20 +18,21 @@ enum class NumberStatus {
 
 // A decimal whole number: an optional '-' or '+', then digits, nothing else
 // (no spaces, no fraction, no exponent).
-NumberStatus parseInteger(std::string_view text, int64_t min, int64_t max, int64_t* out);
+[[nodiscard]] NumberStatus parseInteger(std::string_view text, int64_t min, int64_t max,
+                                        int64_t* out);
 
 // A decimal number of seconds, e.g. "3", "0.25", "1e2": more than 0 and at
 // most `max`. "nan", "inf", hexadecimal and signs other than an exponent's
 // are malformed; negative numbers and zero are out of range.
-NumberStatus parseSeconds(std::string_view text, double max, double* out);
+[[nodiscard]] NumberStatus parseSeconds(std::string_view text, double max, double* out);
 
 // parseInteger for the value of the option `what` (e.g. "--fps"); when it
 // fails, `error` is one line: "--fps: expected a whole number, got "x"" or
 // "--fps: "99" is out of range 1..10".
-bool readInteger(const std::string& what, std::string_view text, int64_t min, int64_t max,
-                 int64_t* out, std::string* error);
+[[nodiscard]] bool readInteger(const std::string& what, std::string_view text, int64_t min,
+                               int64_t max, int64_t* out, std::string* error);
 // The same for a value kept in an int (milliseconds, counts).
-bool readInteger(const std::string& what, std::string_view text, int min, int max, int* out,
-                 std::string* error);
+[[nodiscard]] bool readInteger(const std::string& what, std::string_view text, int min, int max,
+                               int* out, std::string* error);
 
 }  // namespace aovsimtool

@@ -26,7 +26,7 @@ class ByteSource {
 class FileSource : public ByteSource {
   public:
     // Opens `path`; false with a one-line reason.
-    bool open(const std::string& path, std::string* why);
+    [[nodiscard]] bool open(const std::string& path, std::string* why);
     ~FileSource() override;
     long read(void* to, size_t size) override;
 

@@ -31,7 +31,7 @@ constexpr size_t kSmallRecord = 8192;
 // How long drain() waits for the writer thread.
 constexpr int kDrainLimitSeconds = 10;
 
-enum class State { Off, Armed, Recording, Failed };
+enum class State { kOff, kArmed, kRecording, kFailed };
 
 // Records are built under `lock`, in the order the calls reach it, and
 // handed to the writer queue in that order. The configured paths are written
@@ -39,7 +39,7 @@ enum class State { Off, Armed, Recording, Failed };
 // process configures its recorder before it records).
 struct Recorder {
     aov::PosixMutex lock;
-    std::atomic<State> state{State::Off};
+    std::atomic<State> state{State::kOff};
     char file[kMaxConfigPath] = {};
     char node[kMaxConfigPath] = {};
     char dev_node[kMaxConfigPath] = {};
@@ -117,7 +117,7 @@ void fail(const char* what, const char* detail) {
     if (!tellStatus("stop", what, ": ", detail)) {
         say("recording stopped: ", what, ": ", detail);
     }
-    g_rec.state.store(State::Failed);
+    g_rec.state.store(State::kFailed);
     g_armed.store(false);
     queueDiscard();
 }
@@ -161,10 +161,10 @@ void choosePathLocked() AOV_REQUIRES(g_rec.lock) {
 // Opens the file and writes its header, at the first call on the node.
 // Under the lock.
 bool startLocked() AOV_REQUIRES(g_rec.lock) {
-    if (g_rec.state.load() == State::Recording) {
+    if (g_rec.state.load() == State::kRecording) {
         return true;
     }
-    if (g_rec.state.load() != State::Armed) {
+    if (g_rec.state.load() != State::kArmed) {
         return false;
     }
     choosePathLocked();
@@ -214,7 +214,7 @@ bool startLocked() AOV_REQUIRES(g_rec.lock) {
         at_exit = std::atexit(drainAtExit) == 0;
     }
     tellStatus("start", g_rec.path);
-    g_rec.state.store(State::Recording);
+    g_rec.state.store(State::kRecording);
     return true;
 }
 
@@ -226,7 +226,7 @@ class Scope {
   public:
     Scope() AOV_NO_THREAD_SAFETY_ANALYSIS {
         const State state = g_rec.state.load(std::memory_order_relaxed);
-        if (t_inside || (state != State::Recording && state != State::Armed)) {
+        if (t_inside || (state != State::kRecording && state != State::kArmed)) {
             if (t_inside) {
                 g_rec.dropped.fetch_add(1);
             }
@@ -314,7 +314,7 @@ void forkChild() AOV_NO_THREAD_SAFETY_ANALYSIS {
     }
     const bool on = g_rec.file[0] != '\0';
     g_rec.stopping.store(false);
-    g_rec.state.store(on ? State::Armed : State::Off);
+    g_rec.state.store(on ? State::kArmed : State::kOff);
     g_armed.store(on);
     g_rec.path[0] = '\0';
 }
@@ -350,7 +350,7 @@ void configure(const RecorderConfig& config) {
     g_rec.path[0] = '\0';
     const bool on = g_rec.file[0] != '\0';
     g_rec.stopping.store(false);
-    g_rec.state.store(on ? State::Armed : State::Off);
+    g_rec.state.store(on ? State::kArmed : State::kOff);
     g_armed.store(on);
     static bool fork_handlers = false;
     if (!fork_handlers) {
@@ -410,7 +410,7 @@ RecorderStats stats() {
     g_rec.lock.lock();
     drain();
     s.started = g_rec.out_fd >= 0;
-    s.failed = g_rec.state.load() == State::Failed;
+    s.failed = g_rec.state.load() == State::kFailed;
     s.written = g_rec.writer.records();
     g_rec.lock.unlock();
     s.handed_off = queueHandedOff();
@@ -710,7 +710,7 @@ void recordSelect(WaitKind kind, uint64_t begin_ns, int nfds, const SelectSets& 
 
 int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
     const State state = g_rec.state.load(std::memory_order_relaxed);
-    if ((state != State::Recording && state != State::Armed) || t_inside) {
+    if ((state != State::kRecording && state != State::kArmed) || t_inside) {
         return real(fd, request, arg);
     }
     const auto code = static_cast<uint32_t>(request);
