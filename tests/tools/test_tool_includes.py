@@ -3,15 +3,17 @@
     python3 tests/tools/test_tool_includes.py
 """
 
-import importlib.util
+import importlib.machinery
 import pathlib
 import tempfile
+import types
 import unittest
 
 SCRIPT = pathlib.Path(__file__).resolve().parents[2] / "scripts" / "check-tool-includes.py"
-spec = importlib.util.spec_from_file_location("check_tool_includes", SCRIPT)
-check = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(check)
+# The script's name has dashes: it is loaded from its path, not imported.
+loader = importlib.machinery.SourceFileLoader("check_tool_includes", str(SCRIPT))
+check = types.ModuleType(loader.name)
+loader.exec_module(check)
 
 
 class ToolIncludes(unittest.TestCase):
