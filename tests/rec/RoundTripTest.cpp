@@ -375,10 +375,10 @@ std::string rewrite(const std::string& from, const std::string& to, const Edits&
     size_t last_close = records.size();
     for (size_t i = 0; i < records.size(); ++i) {
         const aovrec::Record& x = records[i];
-        if (node < 0 && x.type == RecordType::Open && (x.open_flags & O_CREAT) == 0 &&
+        if (node < 0 && x.type == RecordType::kOpen && (x.open_flags & O_CREAT) == 0 &&
             x.call.result >= 0) {
             node = x.call.result;
-        } else if (x.type == RecordType::Close && x.call.fd == node) {
+        } else if (x.type == RecordType::kClose && x.call.fd == node) {
             last_close = i;
         }
     }
@@ -405,7 +405,7 @@ std::string rewrite(const std::string& from, const std::string& to, const Edits&
         }
     };
     copy.after = [&](size_t, const aovrec::Record& x, aovrec::SessionBuilder* b) {
-        if (x.type == RecordType::Open && x.call.result == node && edits.refused_first) {
+        if (x.type == RecordType::kOpen && x.call.result == node && edits.refused_first) {
             b->ioctl(node, kUnknownRequest, nullptr, 0, -EINVAL);
         }
     };
