@@ -227,10 +227,6 @@ bool parseContentMode(const char* text, ContentMode* out) {
     return false;
 }
 
-const char* requestName(uint32_t code) {
-    return aov_ioc_name(code);
-}
-
 void putCall(ByteWriter& out, const CallInfo& call) {
     out.u64(call.begin_ns);
     out.u64(call.end_ns);

@@ -11,6 +11,7 @@
 
 #include "Commands.h"
 #include "ErrnoName.h"
+#include "aovsession/RequestCodec.h"
 #include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
@@ -118,6 +119,7 @@ std::string describe(const Record& r, uint64_t start_ns) {
         case RecordType::kClose:
             break;
         case RecordType::kIoctl: {
+            // JSON fields, not describeRequest()'s line; digests of the kept bytes, addresses too.
             const char* name = requestName(r.request);
             std::snprintf(text, sizeof(text), ",\"code\":\"0x%08x\"", r.request);
             out +=
@@ -261,6 +263,7 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
             ++errors[r.call.err];
         }
         if (r.type == RecordType::kIoctl) {
+            // The bare code, not requestLabel(): "ioctl 0x..." overflows the table's name column.
             const char* name = requestName(r.request);
             char code[32];
             std::snprintf(code, sizeof(code), "0x%08x", r.request);

@@ -111,8 +111,6 @@ uint32_t keptAreaBytes(ContentMode mode, size_t section, uint32_t first_info_wor
 
 const char* contentModeName(ContentMode mode);
 bool parseContentMode(const char* text, ContentMode* out);
-// "START", "DEQUEUE_EVENT", ... for the seven request codes, else nullptr.
-const char* requestName(uint32_t code);
 
 // Little-endian appender into a fixed buffer; remembers an overflow instead of
 // writing past the end.
