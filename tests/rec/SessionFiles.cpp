@@ -1,6 +1,7 @@
 #include "SessionFiles.h"
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -155,6 +156,23 @@ std::string writeSession(const LoadedSession& session, const std::string& to,
     const bool ok = b.ok();
     ::close(fd);
     return ok ? "" : "cannot write " + to;
+}
+
+void ServedKdev::enterOrSkip(const std::string& prefix) {
+    aovtest::enterFuseSandboxOrSkip(&sandbox_, prefix);
+}
+
+void ServedKdev::start(std::vector<std::string> options) {
+    options.insert(options.begin(), "--quiet");
+    std::string problem;
+    ASSERT_TRUE(kdev_.start(AOV_KDEV_PATH, dir(), options, &problem)) << problem;
+}
+
+void ServedKdev::stop() {
+    kdev_.stop();
+    if (!dir().empty()) {
+        ::umount2(dir().c_str(), MNT_DETACH);
+    }
 }
 
 }  // namespace aovrectest
