@@ -327,8 +327,8 @@ void countDropped(const std::string& file, uint64_t* dequeues, uint64_t* dropped
         return;
     }
     aovrec::Record r;
-    while (reader.next(&r) == aovrec::SessionReader::Next::Record) {
-        if (r.type == aovrec::RecordType::Ioctl && r.request == AOV_IOC_DEQUEUE_EVENT) {
+    while (reader.next(&r) == aovrec::SessionReader::Next::kRecord) {
+        if (r.type == aovrec::RecordType::kIoctl && r.request == AOV_IOC_DEQUEUE_EVENT) {
             ++*dequeues;
             *dropped += (r.arg_flags & aovrec::kArgContentDropped) != 0 ? 1 : 0;
         }

@@ -65,8 +65,9 @@ std::string makeRecording(int events, bool content, bool whole) {
                              std::to_string(events) + (content ? "_content" : "") +
                              (whole ? "" : "_node") + ".rec";
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    aovrec::SessionBuilder b(fd, content ? aovrec::ContentMode::Written : aovrec::ContentMode::None,
-                             aovrec::Compression::Zstd);
+    aovrec::SessionBuilder b(fd,
+                             content ? aovrec::ContentMode::kWritten : aovrec::ContentMode::kNone,
+                             aovrec::Compression::kZstd);
     b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, kFd);
     aov_sensor_list ids{};
     ids.count = 1;

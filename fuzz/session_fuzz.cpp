@@ -30,7 +30,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     aovrec::Record r;
     aovrec::SessionReader::Next next;
     uint64_t records = 0;
-    while ((next = reader.next(&r)) == aovrec::SessionReader::Next::Record) {
+    while ((next = reader.next(&r)) == aovrec::SessionReader::Next::kRecord) {
         check(r.index == records);
         ++records;
         // Every frame takes at least its header: the loop ends.
@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         }
     }
     check(reader.records() == records);
-    if (next == aovrec::SessionReader::Next::End) {
+    if (next == aovrec::SessionReader::Next::kEnd) {
         check(reader.offset() == size);
     } else {
         check(!reader.error().empty() && reader.error().size() <= kMaxMessage);

@@ -26,6 +26,10 @@ int32_t intAt(const uint8_t* bytes, size_t offset) {
 
 }  // namespace
 
+const char* requestName(uint32_t request) {
+    return aov_ioc_name(request);
+}
+
 std::string requestLabel(uint32_t request) {
     if (const char* name = requestName(request)) {
         return name;

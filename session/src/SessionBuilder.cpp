@@ -36,13 +36,13 @@ void SessionBuilder::open(const char* path, int flags, int result) {
     out.u32(0);
     out.u16(static_cast<uint16_t>(length));
     out.put(path, length);
-    ok_ = ok_ && !out.overflow() && writer_.write(RecordType::Open, payload_.data(), out.size());
+    ok_ = ok_ && !out.overflow() && writer_.write(RecordType::kOpen, payload_.data(), out.size());
 }
 
 void SessionBuilder::close(int fd, int result) {
     ByteWriter out(payload_.data(), payload_.size());
     putCall(out, call(fd, result));
-    ok_ = ok_ && writer_.write(RecordType::Close, payload_.data(), out.size());
+    ok_ = ok_ && writer_.write(RecordType::kClose, payload_.data(), out.size());
 }
 
 void SessionBuilder::ioctl(int fd, uint32_t request, const void* sent, size_t sent_len, int result,
@@ -70,7 +70,7 @@ void SessionBuilder::ioctl(int fd, uint32_t request, const void* sent, size_t se
         out.u32(areas[i].length);
         out.put(areas[i].data, areas[i].length);
     }
-    ok_ = ok_ && !out.overflow() && writer_.write(RecordType::Ioctl, payload_.data(), out.size());
+    ok_ = ok_ && !out.overflow() && writer_.write(RecordType::kIoctl, payload_.data(), out.size());
 }
 
 bool SessionBuilder::writeRaw(const void* bytes, size_t size) {

@@ -150,25 +150,25 @@ void encodeHeader(const FileHeader& header, uint8_t out[kHeaderSize]) {
 
 HeaderCheck decodeHeader(const uint8_t in[kHeaderSize], FileHeader* out) {
     if (std::memcmp(in, kMagic, sizeof(kMagic)) != 0) {
-        return HeaderCheck::BadMagic;
+        return HeaderCheck::kBadMagic;
     }
     if (getLe(in + 28, 4) != crc32(in, 28)) {
-        return HeaderCheck::BadCrc;
+        return HeaderCheck::kBadCrc;
     }
     const auto version = static_cast<uint16_t>(getLe(in + 8, 2));
     if (version != kVersion) {
-        return HeaderCheck::BadVersion;
+        return HeaderCheck::kBadVersion;
     }
-    if (getLe(in + 10, 2) != kHeaderSize || in[12] > static_cast<uint8_t>(ContentMode::All) ||
-        in[13] > static_cast<uint8_t>(Compression::Zstd) || in[14] != 0 || in[15] != 0) {
-        return HeaderCheck::BadField;
+    if (getLe(in + 10, 2) != kHeaderSize || in[12] > static_cast<uint8_t>(ContentMode::kAll) ||
+        in[13] > static_cast<uint8_t>(Compression::kZstd) || in[14] != 0 || in[15] != 0) {
+        return HeaderCheck::kBadField;
     }
     out->version = version;
     out->content = static_cast<ContentMode>(in[12]);
     out->compression = static_cast<Compression>(in[13]);
     out->start_ns = getLe(in + 16, 8);
     out->pid = static_cast<uint32_t>(getLe(in + 24, 4));
-    return HeaderCheck::Ok;
+    return HeaderCheck::kOk;
 }
 
 void encodeFrameHeader(const FrameHeader& frame, uint8_t out[kFrameHeaderSize]) {
@@ -195,11 +195,11 @@ uint32_t keptAreaBytes(ContentMode mode, size_t section, uint32_t first_info_wor
     }
     const uint32_t size = aov_event_sections[section].data_size;
     switch (mode) {
-        case ContentMode::All:
+        case ContentMode::kAll:
             return size;
-        case ContentMode::Written:
+        case ContentMode::kWritten:
             return first_info_word < size ? first_info_word : size;
-        case ContentMode::None:
+        case ContentMode::kNone:
             break;
     }
     return 0;
@@ -207,28 +207,24 @@ uint32_t keptAreaBytes(ContentMode mode, size_t section, uint32_t first_info_wor
 
 const char* contentModeName(ContentMode mode) {
     switch (mode) {
-        case ContentMode::None:
+        case ContentMode::kNone:
             return "none";
-        case ContentMode::Written:
+        case ContentMode::kWritten:
             return "written";
-        case ContentMode::All:
+        case ContentMode::kAll:
             return "all";
     }
     return "?";
 }
 
 bool parseContentMode(const char* text, ContentMode* out) {
-    for (const ContentMode mode : {ContentMode::None, ContentMode::Written, ContentMode::All}) {
+    for (const ContentMode mode : {ContentMode::kNone, ContentMode::kWritten, ContentMode::kAll}) {
         if (text != nullptr && std::strcmp(text, contentModeName(mode)) == 0) {
             *out = mode;
             return true;
         }
     }
     return false;
-}
-
-const char* requestName(uint32_t code) {
-    return aov_ioc_name(code);
 }
 
 void putCall(ByteWriter& out, const CallInfo& call) {

@@ -54,17 +54,17 @@ long MemorySource::read(void* to, size_t size) {
 
 const char* recordTypeName(RecordType type) {
     switch (type) {
-        case RecordType::Open:
+        case RecordType::kOpen:
             return "open";
-        case RecordType::Close:
+        case RecordType::kClose:
             return "close";
-        case RecordType::Ioctl:
+        case RecordType::kIoctl:
             return "ioctl";
-        case RecordType::Poll:
+        case RecordType::kPoll:
             return "poll";
-        case RecordType::EpollCtl:
+        case RecordType::kEpollCtl:
             return "epoll_ctl";
-        case RecordType::EpollWait:
+        case RecordType::kEpollWait:
             return "epoll_wait";
     }
     return "?";
@@ -119,24 +119,24 @@ bool SessionReader::start() {
         return false;
     }
     switch (decodeHeader(bytes, &header_)) {
-        case HeaderCheck::Ok:
+        case HeaderCheck::kOk:
             break;
-        case HeaderCheck::BadMagic:
+        case HeaderCheck::kBadMagic:
             error_ = "not a session file (no AOVREC header)";
             return false;
-        case HeaderCheck::BadCrc:
+        case HeaderCheck::kBadCrc:
             error_ = "the header's checksum does not match";
             return false;
-        case HeaderCheck::BadVersion:
+        case HeaderCheck::kBadVersion:
             error_ = "format version " + number(bytes[8] | (bytes[9] << 8)) +
                      " is not supported (this aov-rec reads version " + number(kVersion) + ")";
             return false;
-        case HeaderCheck::BadField:
+        case HeaderCheck::kBadField:
             error_ = "the header has a field out of range";
             return false;
     }
 #if !AOV_REC_HAVE_ZSTD
-    if (header_.compression == Compression::Zstd) {
+    if (header_.compression == Compression::kZstd) {
         error_ = "the file is compressed with zstd, which this build cannot read";
         return false;
     }
@@ -146,51 +146,51 @@ bool SessionReader::start() {
 
 SessionReader::Next SessionReader::next(Record* out) {
     if (done_) {
-        return Next::End;
+        return Next::kEnd;
     }
     const uint64_t at = offset_;
     const std::string where = "record " + number(records_) + " at byte " + number(at) + ": ";
     uint8_t head[kFrameHeaderSize];
     const long got = readFully(head, sizeof(head));
     if (got < 0) {
-        return fail(Next::Bad, where + "cannot read: " + std::strerror(errno));
+        return fail(Next::kBad, where + "cannot read: " + std::strerror(errno));
     }
     if (got == 0) {
         done_ = true;
-        return Next::End;
+        return Next::kEnd;
     }
     if (got < static_cast<long>(sizeof(head))) {
-        return fail(Next::Cut, where + "cut off in the frame header (" +
-                                   number(static_cast<uint64_t>(got)) + " of " +
-                                   number(kFrameHeaderSize) + " bytes)");
+        return fail(Next::kCut, where + "cut off in the frame header (" +
+                                    number(static_cast<uint64_t>(got)) + " of " +
+                                    number(kFrameHeaderSize) + " bytes)");
     }
     const FrameHeader frame = decodeFrameHeader(head);
     if (frame.raw_len > kMaxPayload) {
-        return fail(Next::Bad, where + "payload of " + number(frame.raw_len) +
-                                   " bytes over the limit of " + number(kMaxPayload));
+        return fail(Next::kBad, where + "payload of " + number(frame.raw_len) +
+                                    " bytes over the limit of " + number(kMaxPayload));
     }
     if ((frame.flags & ~kFrameZstd) != 0 ||
         ((frame.flags & kFrameZstd) == 0 && frame.stored_len != frame.raw_len) ||
         ((frame.flags & kFrameZstd) != 0 && frame.stored_len >= frame.raw_len)) {
-        return fail(Next::Bad, where + "inconsistent frame header");
+        return fail(Next::kBad, where + "inconsistent frame header");
     }
     stored_.resize(frame.stored_len);
     const long body = readFully(stored_.data(), frame.stored_len);
     if (body < 0) {
-        return fail(Next::Bad, where + "cannot read: " + std::strerror(errno));
+        return fail(Next::kBad, where + "cannot read: " + std::strerror(errno));
     }
     if (body < static_cast<long>(frame.stored_len)) {
-        return fail(Next::Cut, where + "cut off (" + number(static_cast<uint64_t>(body)) + " of " +
-                                   number(frame.stored_len) + " payload bytes)");
+        return fail(Next::kCut, where + "cut off (" + number(static_cast<uint64_t>(body)) + " of " +
+                                    number(frame.stored_len) + " payload bytes)");
     }
     if (frameCheck(head, stored_.data(), frame.stored_len) != frame.check) {
-        return fail(Next::Bad, where + "checksum mismatch");
+        return fail(Next::kBad, where + "checksum mismatch");
     }
     const uint8_t* payload = stored_.data();
     if ((frame.flags & kFrameZstd) != 0) {
 #if AOV_REC_HAVE_ZSTD
-        if (header_.compression != Compression::Zstd) {
-            return fail(Next::Bad, where + "compressed in a file that says it is not");
+        if (header_.compression != Compression::kZstd) {
+            return fail(Next::kBad, where + "compressed in a file that says it is not");
         }
         if (dctx_ == nullptr) {
             dctx_ = ZSTD_createDCtx();
@@ -204,27 +204,28 @@ SessionReader::Next SessionReader::next(Record* out) {
                                                    raw_.size(), stored_.data(), frame.stored_len);
         if (dctx_ == nullptr || declared != frame.raw_len || ZSTD_isError(n) ||
             n != frame.raw_len) {
-            return fail(Next::Bad, where + "its zstd frame does not decode to " +
-                                       number(frame.raw_len) + " bytes");
+            return fail(Next::kBad, where + "its zstd frame does not decode to " +
+                                        number(frame.raw_len) + " bytes");
         }
         payload = raw_.data();
 #else
-        return fail(Next::Bad, where + "compressed, and this build has no zstd");
+        return fail(Next::kBad, where + "compressed, and this build has no zstd");
 #endif
     }
     if (frame.type == 0 || frame.type > kLastRecordType) {
-        return fail(Next::Bad, where + "unknown record type " + number(frame.type));
+        return fail(Next::kBad, where + "unknown record type " + number(frame.type));
     }
     // Nothing of the previous record may show through a record of another type.
     *out = Record{};
     out->index = records_;
     out->offset = at;
     if (!decode(frame.type, payload, frame.raw_len, out)) {
-        return fail(Next::Bad, where + "malformed " +
-                                   recordTypeName(static_cast<RecordType>(frame.type)) + " record");
+        return fail(
+            Next::kBad,
+            where + "malformed " + recordTypeName(static_cast<RecordType>(frame.type)) + " record");
     }
     ++records_;
-    return Next::Record;
+    return Next::kRecord;
 }
 
 bool SessionReader::decode(uint16_t type, const uint8_t* payload, size_t size, Record* out) {
@@ -234,7 +235,7 @@ bool SessionReader::decode(uint16_t type, const uint8_t* payload, size_t size, R
     out->area_count = 0;
     out->entry_count = 0;
     switch (out->type) {
-        case RecordType::Open: {
+        case RecordType::kOpen: {
             out->open_flags = in.u32();
             out->open_mode = in.u32();
             const uint16_t length = in.u16();
@@ -248,9 +249,9 @@ bool SessionReader::decode(uint16_t type, const uint8_t* payload, size_t size, R
             out->path.assign(reinterpret_cast<const char*>(path), length);
             break;
         }
-        case RecordType::Close:
+        case RecordType::kClose:
             break;
-        case RecordType::Ioctl: {
+        case RecordType::kIoctl: {
             out->request = in.u32();
             out->arg_flags = in.u8();
             const uint8_t areas = in.u8();
@@ -279,8 +280,8 @@ bool SessionReader::decode(uint16_t type, const uint8_t* payload, size_t size, R
             out->area_count = areas;
             break;
         }
-        case RecordType::Poll:
-        case RecordType::EpollWait: {
+        case RecordType::kPoll:
+        case RecordType::kEpollWait: {
             const uint8_t kind = in.u8();
             const uint8_t pad = in.u8();
             const uint16_t count = in.u16();
@@ -297,7 +298,7 @@ bool SessionReader::decode(uint16_t type, const uint8_t* payload, size_t size, R
             out->entry_count = count;
             break;
         }
-        case RecordType::EpollCtl:
+        case RecordType::kEpollCtl:
             out->ctl_op = in.i32();
             out->ctl_fd = in.i32();
             out->ctl_events = in.u32();

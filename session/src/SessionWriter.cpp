@@ -54,7 +54,7 @@ bool SessionWriter::begin(int fd, FileHeader header, uint8_t* work, size_t work_
     work_ = work;
     work_size_ = work_size;
 #if AOV_REC_HAVE_ZSTD
-    if (header.compression == Compression::Zstd && cctx_ == nullptr) {
+    if (header.compression == Compression::kZstd && cctx_ == nullptr) {
         cctx_ = ZSTD_createCCtx();
         if (cctx_ != nullptr) {
             ZSTD_CCtx_setParameter(static_cast<ZSTD_CCtx*>(cctx_), ZSTD_c_compressionLevel,
@@ -65,7 +65,7 @@ bool SessionWriter::begin(int fd, FileHeader header, uint8_t* work, size_t work_
     }
 #endif
     if (cctx_ == nullptr || work_ == nullptr || work_size_ < workBytes()) {
-        header.compression = Compression::None;
+        header.compression = Compression::kNone;
     }
     header_ = header;
     uint8_t bytes[kHeaderSize];
@@ -85,7 +85,7 @@ bool SessionWriter::write(RecordType type, const uint8_t* payload, size_t size) 
     frame.type = static_cast<uint16_t>(type);
     const uint8_t* stored = payload;
 #if AOV_REC_HAVE_ZSTD
-    if (header_.compression == Compression::Zstd && size >= kCompressFrom) {
+    if (header_.compression == Compression::kZstd && size >= kCompressFrom) {
         const size_t packed =
             ZSTD_compress2(static_cast<ZSTD_CCtx*>(cctx_), work_, work_size_, payload, size);
         if (!ZSTD_isError(packed) && packed < size) {

@@ -3,7 +3,8 @@
 // exit code says so; a driver that goes away ends the run with one line; a
 // node that stays readable leaves the checks that depend on readiness
 // skipped, not failed; and the TAP of a clean, a failing and a stopped run is
-// read by a real TAP consumer (Perl's prove) without a parse error.
+// read by a real TAP consumer (Perl's prove) without a parse error. A
+// millisecond count that is not one is refused before any node is opened.
 
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CheckTable.h"
@@ -231,6 +233,28 @@ TEST_F(ProveReadsTheTap, AStoppedRunBailsOut) {
     EXPECT_NE(read.output.find("Further testing stopped: SENSOR_OFF with 64 ids never returned"),
               std::string::npos)
         << read.output;
+}
+
+// The timeouts are read as every tool reads a whole number: an optional sign,
+// digits, within the range; anything else is one line and exit 2.
+TEST(ComplianceOptions, AMillisecondCountThatIsNotOneInRangeIsRefusedWithOneLine) {
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"-5", "\"-5\" is out of range 1..600000"},
+        {"", "expected a whole number, got \"\""},
+        {"2s", "expected a whole number, got \"2s\""},
+        {"99999999999999999999", "\"99999999999999999999\" is out of range 1..600000"},
+    };
+    for (const auto& [value, problem] : refused) {
+        const ProcessResult run =
+            runProcess(AOV_COMPLIANCE_PATH, {"-d", "/nonexistent", "--timeout-ms", value});
+        EXPECT_EQ(run.exit_code, 2) << value;
+        EXPECT_EQ(run.output, "aov-compliance: error: --timeout-ms: " + problem + "\n") << value;
+    }
+    // "+5" is 5: the run gets past it to the next option's problem.
+    const ProcessResult plus =
+        runProcess(AOV_COMPLIANCE_PATH, {"--event-timeout-ms", "+5", "--only", "none"});
+    EXPECT_EQ(plus.exit_code, 2);
+    EXPECT_EQ(plus.output.rfind("aov-compliance: error: --only: ", 0), 0u) << plus.output;
 }
 
 }  // namespace

@@ -713,7 +713,6 @@ TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
         std::vector<std::string> args;
         const char* message;
     };
-    const std::string malformed = scenarioFile("malformed", R"({"sensors": [ {"id": 0,)");
     const std::string duplicate =
         scenarioFile("duplicate", R"({"sensors": [{"id": 3, "device": 1, "scenarios": []},
                                      {"id": 3, "device": 2, "scenarios": []}]})");
@@ -721,13 +720,9 @@ TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
                                      "scenarios": [{"width": "wide", "height": 1, "rate": 10}]}]})");
     const std::string noSensor = scenarioFile("no_sensor", R"({"sensors": []})");
     const Case cases[] = {
-        {"malformed file", {"--scenario", malformed}, "is not valid JSON: parse error at line 1"},
         {"forced run without a sensor to default to",
          {"--scenario", noSensor, "--force"},
          "no AOV-capable sensor to default to: give --sensor with --force"},
-        {"missing file",
-         {"--scenario", ::testing::TempDir() + "aovsim_absent.json"},
-         "cannot read scenario file"},
         {"inconsistent file",
          {"--scenario", duplicate},
          "sensors[1] (id 3): sensor id is used twice"},
@@ -737,7 +732,6 @@ TEST(AovSimE2ETest, BadInputGetsOneClearMessageAndExitCodeTwo) {
         {"unknown sensor", {"--sensor", "9"}, "unknown sensor 9; AOV-capable sensors: 0, 1"},
         {"size the catalogue lacks", {"--size", "100x100"}, "sensor 0 has no 100x100 mode"},
         {"rate the catalogue lacks", {"--fps", "7"}, "sensor 0 at 320x240 has no 7 fps mode"},
-        {"unknown option", {"--frobnicate"}, "--frobnicate"},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.what);

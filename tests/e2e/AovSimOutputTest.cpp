@@ -315,19 +315,3 @@ TEST(AovSimOutput, TheTimelineHoldsEveryStepAndTheServicesObtained) {
 }
 
 }  // namespace
-
-namespace {
-
-TEST(AovKdevOutput, BadInputEndsInExitTwoWithOneLineNamingTheOption) {
-    for (const std::vector<std::string>& args :
-         std::vector<std::vector<std::string>>{{"--bogus"}, {"--mount"}, {"--ready-fd", "x"}}) {
-        const ProcessResult run = runProcess(AOV_KDEV_PATH, args, {}, 4096);
-        EXPECT_EQ(run.exit_code, 2) << args[0] << ": " << run.output;
-        EXPECT_EQ(run.output.rfind("aov-kdev: error: ", 0), 0u) << run.output;
-        EXPECT_EQ(run.output.find('\n'), run.output.size() - 1) << run.output;
-        EXPECT_NE(run.output.find(args[0]), std::string::npos)
-            << "names the option: " << run.output;
-    }
-}
-
-}  // namespace

@@ -333,7 +333,7 @@ TEST(AovRecInput, InfoCountsTheDequeuesWhoseContentWasDropped) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     ASSERT_GE(fd, 0) << std::strerror(errno);
     {
-        aovrec::SessionBuilder b(fd, aovrec::ContentMode::Written, aovrec::Compression::None);
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
         b.open(AOV_DEVICE_NODE, O_RDWR, 5);
         aov_event_query answer{};
         answer.header[5] = 1;

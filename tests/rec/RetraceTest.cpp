@@ -4,7 +4,6 @@
 // node that is missing or goes away, and a damaged file each end the run
 // with one line and a clear exit, sending nothing the file did not allow.
 
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -16,8 +15,6 @@
 
 #include <gtest/gtest.h>
 
-#include "FuseSandbox.h"
-#include "KdevLauncher.h"
 #include "ProcessRun.h"
 #include "SessionFiles.h"
 #include "aovsim/DriverBugs.h"
@@ -147,17 +144,17 @@ class RetraceAgainstKdev : public ::testing::Test {
         }
     }
     void SetUp() override {
-        aovtest::enterFuseSandboxOrSkip(&sandbox_, "aov-retrace");
+        kdev_.enterOrSkip("aov-retrace");
         if (IsSkipped() || HasFatalFailure()) {
             return;
         }
-        dir_ = sandbox_.dir();
-        node_ = dir_ + "/kelo_aov";
+        dir_ = kdev_.dir();
+        node_ = kdev_.node();
         if (recording_.empty() || streamed_.empty()) {
             record();
         }
     }
-    void TearDown() override { stopKdev(); }
+    void TearDown() override { kdev_.stop(); }
 
     // Two sessions of three events with all ten areas, recorded once for the
     // suite through aov-sim's own FUSE node. `recording_` holds the three
@@ -184,28 +181,15 @@ class RetraceAgainstKdev : public ::testing::Test {
     }
 
     // aov-kdev serving the script the recording was made with.
-    void startKdev() { startKdev({"--scenario", kScript}); }
-    void startKdev(std::vector<std::string> extra) {
-        extra.insert(extra.begin(), "--quiet");
-        std::string problem;
-        ASSERT_TRUE(kdev_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
-    }
-    void stopKdev() {
-        // A request parked in the driver holds its caller until the server ends.
-        kdev_.stop();
-        if (!dir_.empty()) {
-            ::umount2(dir_.c_str(), MNT_DETACH);
-        }
-    }
+    void startKdev() { kdev_.start({"--scenario", kScript}); }
     ProcessResult retrace(const std::string& file, const std::string& node) {
         return rec({"retrace", file, "-d", node, "--ready-timeout", std::to_string(kReadyLimitMs),
                     "--request-timeout", std::to_string(kRequestLimitMs)});
     }
 
     static std::string recording_, streamed_;
-    aovtest::MountSandbox sandbox_;  // outlives the server
+    aovrectest::ServedKdev kdev_;
     std::string dir_, node_;
-    aovsimtool::KdevLauncher kdev_;
 };
 
 std::string RetraceAgainstKdev::recording_;
@@ -243,11 +227,11 @@ class RetraceFault : public RetraceAgainstKdev, public ::testing::WithParamInter
 
 TEST_P(RetraceFault, ShowsAsADifferenceAndTheRunEnds) {
     const FaultCase& c = GetParam();
-    startKdev({"--fault", c.fault});
+    kdev_.start({"--fault", c.fault});
     // Against a request that never returns too, retrace ends by itself: only
     // its abandoned child stays in the driver until the server is stopped.
     const ProcessResult faulty = retrace(streamed_, node_);
-    stopKdev();
+    kdev_.stop();
     EXPECT_EQ(faulty.exit_code, 1) << faulty.output;
     EXPECT_NE(faulty.output.find(c.shows), std::string::npos) << faulty.output;
     EXPECT_NE(faulty.output.find("retrace: " + streamed_ + " against " + node_), std::string::npos)
@@ -276,9 +260,9 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
     EXPECT_EQ(directory.output, "aov-rec: cannot open " + dir_ + ": Is a directory\n");
 
     // The server dies at the second dequeue: that dequeue was sent, nothing after it.
-    startKdev({"--scenario", kScript, "--die-at-dequeue", "2"});
+    kdev_.start({"--scenario", kScript, "--die-at-dequeue", "2"});
     const ProcessResult gone = retrace(recording_, node_);
-    stopKdev();
+    kdev_.stop();
     EXPECT_EQ(gone.exit_code, 3) << gone.output;
     EXPECT_NE(gone.output.find("aov-rec: " + node_ + " went away: DEQUEUE_EVENT got E"),
               std::string::npos)
@@ -311,7 +295,7 @@ TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent
     startKdev();
     const ProcessResult refused = retrace(damaged, node_);
     const std::string status = readText(dir_ + "/status");
-    stopKdev();
+    kdev_.stop();
     ::unlink(damaged.c_str());
     EXPECT_EQ(refused.exit_code, 2) << refused.output;
     EXPECT_NE(refused.output.find("aov-rec: " + damaged + ": record "), std::string::npos)

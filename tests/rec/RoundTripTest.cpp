@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <linux/ioctl.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,8 +16,6 @@
 
 #include <gtest/gtest.h>
 
-#include "FuseSandbox.h"
-#include "KdevLauncher.h"
 #include "ProcessRun.h"
 #include "SessionFiles.h"
 #include "kelo_aov.h"
@@ -164,29 +161,17 @@ void PrintTo(const RoundTripCase& c, std::ostream* out) {
 class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
   protected:
     void SetUp() override {
-        aovtest::enterFuseSandboxOrSkip(&sandbox_, "aov-rec-kdev");
+        kdev_.enterOrSkip("aov-rec-kdev");
         if (IsSkipped() || HasFatalFailure()) {
             return;
         }
-        dir_ = sandbox_.dir();
+        dir_ = kdev_.dir();
         session_ = tempPath(std::string(GetParam().name) + ".rec");
     }
     void TearDown() override {
-        stopKdev();
+        kdev_.stop();
         ::unlink(session_.c_str());
         ::unlink(scenario_.c_str());
-    }
-    // Starts aov-kdev on dir_ and waits, with a limit, until it serves.
-    void startKdev(std::vector<std::string> extra) {
-        extra.insert(extra.begin(), "--quiet");
-        std::string problem;
-        ASSERT_TRUE(kdev_.start(AOV_KDEV_PATH, dir_, extra, &problem)) << problem;
-    }
-    void stopKdev() {
-        kdev_.stop();
-        if (!dir_.empty()) {
-            ::umount2(dir_.c_str(), MNT_DETACH);
-        }
     }
     std::string scenarioFile() {
         const RoundTripCase& c = GetParam();
@@ -213,9 +198,8 @@ class FuseRoundTrip : public ::testing::TestWithParam<RoundTripCase> {
         writeText(scenario_, text);
         return scenario_;
     }
-    aovtest::MountSandbox sandbox_;  // outlives the server
+    aovrectest::ServedKdev kdev_;
     std::string dir_, session_, scenario_;
-    aovsimtool::KdevLauncher kdev_;
 };
 
 TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFaultIsFound) {
@@ -320,16 +304,16 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
     }
 
     std::vector<std::string> kdev = {"--scenario", scenario};
-    startKdev(kdev);
+    kdev_.start(kdev);
     const ProcessResult same =
         rec({"retrace", session_, "-d", dir_ + "/kelo_aov", "--ready-timeout", "5000"});
     EXPECT_EQ(same.exit_code, 0) << same.output << info.output;
     EXPECT_NE(same.output.find(", 0 differences\n"), std::string::npos) << same.output;
-    stopKdev();
+    kdev_.stop();
 
     // The same driver with a fault at a dequeue that succeeded.
     kdev.insert(kdev.end(), {"--overlong-reply-at-dequeue", c.fault_at});
-    startKdev(kdev);
+    kdev_.start(kdev);
     const ProcessResult faulty =
         rec({"retrace", session_, "-d", dir_ + "/kelo_aov", "--ready-timeout", "5000"});
     EXPECT_EQ(faulty.exit_code, 1) << faulty.output;
@@ -375,10 +359,10 @@ std::string rewrite(const std::string& from, const std::string& to, const Edits&
     size_t last_close = records.size();
     for (size_t i = 0; i < records.size(); ++i) {
         const aovrec::Record& x = records[i];
-        if (node < 0 && x.type == RecordType::Open && (x.open_flags & O_CREAT) == 0 &&
+        if (node < 0 && x.type == RecordType::kOpen && (x.open_flags & O_CREAT) == 0 &&
             x.call.result >= 0) {
             node = x.call.result;
-        } else if (x.type == RecordType::Close && x.call.fd == node) {
+        } else if (x.type == RecordType::kClose && x.call.fd == node) {
             last_close = i;
         }
     }
@@ -405,7 +389,7 @@ std::string rewrite(const std::string& from, const std::string& to, const Edits&
         }
     };
     copy.after = [&](size_t, const aovrec::Record& x, aovrec::SessionBuilder* b) {
-        if (x.type == RecordType::Open && x.call.result == node && edits.refused_first) {
+        if (x.type == RecordType::kOpen && x.call.result == node && edits.refused_first) {
             b->ioctl(node, kUnknownRequest, nullptr, 0, -EINVAL);
         }
     };
@@ -435,15 +419,15 @@ TEST_P(EditedRecording, RetraceFindsEveryChangeAndReplayTheRequestLeftOver) {
 
     // Without its readiness records, each dequeue that got an event still
     // waits for the node to be ready.
-    startKdev({"--scenario", scenario});
+    kdev_.start({"--scenario", scenario});
     const ProcessResult same = rec({"retrace", plain, "-d", dir_ + "/kelo_aov"});
     EXPECT_EQ(same.exit_code, 0) << same.output;
     EXPECT_NE(same.output.find(", 0 differences\n"), std::string::npos) << same.output;
-    stopKdev();
+    kdev_.stop();
 
-    startKdev({"--scenario", scenario});
+    kdev_.start({"--scenario", scenario});
     const ProcessResult changed = rec({"retrace", edited, "-d", dir_ + "/kelo_aov"});
-    stopKdev();
+    kdev_.stop();
     EXPECT_EQ(changed.exit_code, 1) << changed.output;
     EXPECT_NE(changed.output.find("(result): ioctl 0x00004805: result -1 (Inappropriate ioctl for "
                                   "device), recorded -1 (Invalid argument)"),

@@ -93,7 +93,7 @@ class Recording {
         EXPECT_TRUE(reader_->start()) << reader_->error();
         Record r;
         SessionReader::Next next;
-        while ((next = reader_->next(&r)) == SessionReader::Next::Record) {
+        while ((next = reader_->next(&r)) == SessionReader::Next::kRecord) {
             records.push_back(keep(r));
         }
         if (last != nullptr) {
@@ -180,7 +180,7 @@ uint32_t word(const uint8_t* bytes, size_t offset) {
 class SessionRoundTrip : public ::testing::TestWithParam<bool> {};
 
 TEST_P(SessionRoundTrip, EveryCallComesBackAsMadeWithItsResultAndErrno) {
-    Recording rec(ContentMode::Written, GetParam());
+    Recording rec(ContentMode::kWritten, GetParam());
     const int fd = rec.openNode();
     ASSERT_GE(fd, 0);
 
@@ -199,7 +199,7 @@ TEST_P(SessionRoundTrip, EveryCallComesBackAsMadeWithItsResultAndErrno) {
 
     pollfd fds[2] = {{0, POLLIN, 0}, {fd, POLLIN, POLLIN}};
     errno = EAGAIN;
-    aovrec::recordPoll(aovrec::WaitKind::Ppoll, aovrec::monotonicNs(), fds, 2, 25, 1, EAGAIN);
+    aovrec::recordPoll(aovrec::WaitKind::kPpoll, aovrec::monotonicNs(), fds, 2, 25, 1, EAGAIN);
     EXPECT_EQ(errno, EAGAIN);
     epoll_event ev{};
     ev.events = EPOLLIN;
@@ -210,7 +210,7 @@ TEST_P(SessionRoundTrip, EveryCallComesBackAsMadeWithItsResultAndErrno) {
     got[0].data.u64 = 0x1111;  // another descriptor's
     got[1].events = EPOLLIN;
     got[1].data.u64 = 0xABCD;
-    aovrec::recordEpollWait(aovrec::WaitKind::EpollWait, aovrec::monotonicNs(), 99, got, -1, 2, 0);
+    aovrec::recordEpollWait(aovrec::WaitKind::kEpollWait, aovrec::monotonicNs(), 99, got, -1, 2, 0);
     EXPECT_FALSE(aovrec::forgetOnClose(99)) << "an epoll descriptor is not the node";
     EXPECT_FALSE(aovrec::fdHas(99, aovrec::kFdEpoll));
     rec.closeNode(fd);
@@ -218,16 +218,16 @@ TEST_P(SessionRoundTrip, EveryCallComesBackAsMadeWithItsResultAndErrno) {
 
     SessionReader::Next last;
     const std::vector<Record> r = rec.read(&last);
-    EXPECT_EQ(last, SessionReader::Next::End);
+    EXPECT_EQ(last, SessionReader::Next::kEnd);
     ASSERT_EQ(r.size(), 8u);
     EXPECT_EQ(aovrec::stats().written, 8u);
 
-    EXPECT_EQ(r[0].type, RecordType::Open);
+    EXPECT_EQ(r[0].type, RecordType::kOpen);
     EXPECT_EQ(r[0].path, kNode);
     EXPECT_EQ(r[0].call.result, fd);
     EXPECT_EQ(r[0].open_flags, static_cast<uint32_t>(O_RDWR));
 
-    EXPECT_EQ(r[1].type, RecordType::Ioctl);
+    EXPECT_EQ(r[1].type, RecordType::kIoctl);
     EXPECT_EQ(r[1].request, AOV_IOC_START);
     EXPECT_EQ(r[1].call.result, -1);
     EXPECT_EQ(r[1].call.err, EIO);
@@ -263,23 +263,23 @@ TEST_P(SessionRoundTrip, EveryCallComesBackAsMadeWithItsResultAndErrno) {
     EXPECT_EQ(r[3].arg_flags, aovrec::kArgNull);
     EXPECT_EQ(r[3].call.err, ENOTTY);
 
-    EXPECT_EQ(r[4].type, RecordType::Poll);
-    EXPECT_EQ(r[4].wait_kind, aovrec::WaitKind::Ppoll);
+    EXPECT_EQ(r[4].type, RecordType::kPoll);
+    EXPECT_EQ(r[4].wait_kind, aovrec::WaitKind::kPpoll);
     EXPECT_EQ(r[4].timeout_ms, 25);
     ASSERT_EQ(r[4].entry_count, 1u) << "only the node's entry";
     EXPECT_EQ(r[4].entries[0].fd, fd);
     EXPECT_EQ(r[4].entries[0].revents, static_cast<uint32_t>(POLLIN));
 
-    EXPECT_EQ(r[5].type, RecordType::EpollCtl);
+    EXPECT_EQ(r[5].type, RecordType::kEpollCtl);
     EXPECT_EQ(r[5].ctl_fd, fd);
     EXPECT_EQ(r[5].ctl_data, 0xABCDu);
 
-    EXPECT_EQ(r[6].type, RecordType::EpollWait);
+    EXPECT_EQ(r[6].type, RecordType::kEpollWait);
     ASSERT_EQ(r[6].entry_count, 1u);
     EXPECT_EQ(r[6].entries[0].fd, fd);
     EXPECT_EQ(r[6].entries[0].revents, static_cast<uint32_t>(EPOLLIN));
 
-    EXPECT_EQ(r[7].type, RecordType::Close);
+    EXPECT_EQ(r[7].type, RecordType::kClose);
     EXPECT_EQ(r[7].call.fd, fd);
 }
 
@@ -294,8 +294,8 @@ TEST(SessionFile, ContentModesKeepAllAreasTheWrittenOnesOrNone) {
         uint8_t areas;
         uint32_t first_area;
     };
-    for (const Case c : {Case{ContentMode::All, 10, aov_event_sections[0].data_size},
-                         Case{ContentMode::Written, 9, 100}, Case{ContentMode::None, 0, 0}}) {
+    for (const Case c : {Case{ContentMode::kAll, 10, aov_event_sections[0].data_size},
+                         Case{ContentMode::kWritten, 9, 100}, Case{ContentMode::kNone, 0, 0}}) {
         Recording rec(c.mode);
         const int fd = rec.openNode();
         Dequeue dq;
@@ -314,7 +314,7 @@ TEST(SessionFile, ContentModesKeepAllAreasTheWrittenOnesOrNone) {
 }
 
 TEST(SessionFile, MemoryThatCannotBeReadIsLeftOutAndTheCallStillHappens) {
-    Recording rec(ContentMode::Written);
+    Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     void* hole = ::mmap(nullptr, 1 << 20, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(hole, MAP_FAILED);
@@ -351,10 +351,10 @@ TEST(SessionFile, MemoryThatCannotBeReadIsLeftOutAndTheCallStillHappens) {
 // A wait that failed (here EINTR) reports nothing ready, whatever the
 // caller's entries held from an earlier wait.
 TEST(SessionFile, AFailedWaitReportsNothingReady) {
-    Recording rec(ContentMode::Written);
+    Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     pollfd stale{fd, POLLIN, POLLIN};
-    aovrec::recordPoll(aovrec::WaitKind::Poll, aovrec::monotonicNs(), &stale, 1, 10, -1, EINTR);
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, -1, EINTR);
     EXPECT_EQ(errno, EINTR);
     rec.closeNode(fd);
     const std::vector<Record> r = rec.read();
@@ -369,7 +369,7 @@ TEST(SessionFile, AFailedWaitReportsNothingReady) {
 // request that succeeds leaves no errno in its record, whatever errno held
 // before it.
 TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
-    Recording rec(ContentMode::Written);
+    Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     Dequeue failing;
     const aov_event_query sent = failing.query;
@@ -397,7 +397,7 @@ TEST(SessionFile, AreasThatDoNotCompressAreKeptAsTheyAre) {
     if (!aovrec::SessionWriter::zstdAvailable()) {
         GTEST_SKIP() << "built without zstd";
     }
-    Recording rec(ContentMode::All);
+    Recording rec(ContentMode::kAll);
     const int fd = rec.openNode();
     Dequeue dq;
     // Noise in every area: compressed, the record would grow.
@@ -417,7 +417,7 @@ TEST(SessionFile, AreasThatDoNotCompressAreKeptAsTheyAre) {
     rec.closeNode(fd);
     SessionReader::Next last;
     const std::vector<Record> r = rec.read(&last);
-    EXPECT_EQ(last, SessionReader::Next::End) << "the file does not read back whole";
+    EXPECT_EQ(last, SessionReader::Next::kEnd) << "the file does not read back whole";
     ASSERT_EQ(r.size(), 3u);
     ASSERT_EQ(r[1].area_count, 10);
     for (uint8_t i = 0; i < r[1].area_count; ++i) {
@@ -461,13 +461,13 @@ TEST(SessionFile, TheEnvironmentChoosesTheFileTheNodeAndCompression) {
         SessionReader reader(source);
         ASSERT_TRUE(reader.start()) << file << ": " << reader.error();
         EXPECT_EQ(reader.header().pid, static_cast<uint32_t>(::getpid()));
-        EXPECT_EQ(reader.header().content, ContentMode::Written);
+        EXPECT_EQ(reader.header().content, ContentMode::kWritten);
         const bool compressed = zstd == nullptr && aovrec::SessionWriter::zstdAvailable();
         EXPECT_EQ(reader.header().compression,
-                  compressed ? aovrec::Compression::Zstd : aovrec::Compression::None)
+                  compressed ? aovrec::Compression::kZstd : aovrec::Compression::kNone)
             << "AOV_REC_ZSTD " << (zstd == nullptr ? "unset" : zstd);
         Record r;
-        ASSERT_EQ(reader.next(&r), SessionReader::Next::Record) << reader.error();
+        ASSERT_EQ(reader.next(&r), SessionReader::Next::kRecord) << reader.error();
         EXPECT_EQ(r.path, devDir + "/kelo_aov");
         ::unlink(file.c_str());
     }
@@ -477,7 +477,7 @@ TEST(SessionFile, TheEnvironmentChoosesTheFileTheNodeAndCompression) {
 }
 
 TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
-    Recording rec(ContentMode::Written, true, "/nonexistent-dir/session.rec");
+    Recording rec(ContentMode::kWritten, true, "/nonexistent-dir/session.rec");
     const int fd = rec.openNode();
     EXPECT_TRUE(aovrec::stats().failed);
     EXPECT_FALSE(aovrec::g_armed.load());
@@ -492,7 +492,7 @@ TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
 
 // A small file of a few records, some compressed.
 std::vector<uint8_t> smallSession(std::vector<uint64_t>* frame_ends) {
-    Recording rec(ContentMode::Written);
+    Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     Dequeue dq;
     aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query);
@@ -521,7 +521,7 @@ TEST(SessionFile, ACutFileReadsUpToItsLastWholeRecordWhereverItIsCut) {
         Record r;
         SessionReader::Next next;
         uint64_t read = 0;
-        while ((next = reader.next(&r)) == SessionReader::Next::Record) {
+        while ((next = reader.next(&r)) == SessionReader::Next::kRecord) {
             ++read;
         }
         uint64_t whole = 0;
@@ -531,7 +531,7 @@ TEST(SessionFile, ACutFileReadsUpToItsLastWholeRecordWhereverItIsCut) {
             at_boundary = at_boundary || end == cut;
         }
         EXPECT_EQ(read, whole) << "cut at " << cut;
-        EXPECT_EQ(next, at_boundary ? SessionReader::Next::End : SessionReader::Next::Cut)
+        EXPECT_EQ(next, at_boundary ? SessionReader::Next::kEnd : SessionReader::Next::kCut)
             << "cut at " << cut << ": " << reader.error();
     }
 }
@@ -555,7 +555,7 @@ std::vector<uint8_t> frame(uint16_t type, const std::vector<uint8_t>& stored, ui
 
 std::vector<uint8_t> header(uint16_t version = aovrec::kVersion) {
     aovrec::FileHeader h;
-    h.compression = aovrec::Compression::Zstd;
+    h.compression = aovrec::Compression::kZstd;
     uint8_t bytes[aovrec::kHeaderSize];
     aovrec::encodeHeader(h, bytes);
     bytes[8] = static_cast<uint8_t>(version);
@@ -569,11 +569,11 @@ std::string verdict(const std::vector<uint8_t>& file, SessionReader::Next* next)
     aovrec::MemorySource source(file.data(), file.size());
     SessionReader reader(source);
     if (!reader.start()) {
-        *next = SessionReader::Next::Bad;
+        *next = SessionReader::Next::kBad;
         return reader.error();
     }
     Record r;
-    while ((*next = reader.next(&r)) == SessionReader::Next::Record) {
+    while ((*next = reader.next(&r)) == SessionReader::Next::kRecord) {
     }
     return reader.error();
 }
@@ -631,7 +631,7 @@ TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
         file.insert(file.end(), c.body.begin(), c.body.end());
         SessionReader::Next next;
         const std::string why = verdict(file, &next);
-        EXPECT_EQ(next, SessionReader::Next::Bad) << c.name;
+        EXPECT_EQ(next, SessionReader::Next::kBad) << c.name;
         EXPECT_NE(why.find(c.reason), std::string::npos) << c.name << ": " << why;
         EXPECT_EQ(why.find('\n'), std::string::npos) << c.name;
     }
@@ -648,10 +648,10 @@ TEST(SessionFile, AZstdFrameThatClaimsMoreThanTheRecordSaysIsRefused) {
     ASSERT_GE(fd, 0);
     aovrec::SessionWriter writer;
     aovrec::FileHeader h;
-    h.compression = aovrec::Compression::Zstd;
+    h.compression = aovrec::Compression::kZstd;
     ASSERT_TRUE(writer.begin(fd, h, work.data(), work.size()));
     std::vector<uint8_t> payload(64 * 1024, 0);
-    ASSERT_TRUE(writer.write(RecordType::Close, payload.data(), payload.size()));
+    ASSERT_TRUE(writer.write(RecordType::kClose, payload.data(), payload.size()));
     ::close(fd);
     std::vector<uint8_t> file = readFile(path);
     ::unlink(path);
@@ -664,7 +664,7 @@ TEST(SessionFile, AZstdFrameThatClaimsMoreThanTheRecordSaysIsRefused) {
     lying.insert(lying.end(), liar.begin(), liar.end());
     SessionReader::Next next;
     const std::string why = verdict(lying, &next);
-    EXPECT_EQ(next, SessionReader::Next::Bad);
+    EXPECT_EQ(next, SessionReader::Next::kBad);
     EXPECT_NE(why.find("does not decode to 61440 bytes"), std::string::npos) << why;
 }
 
@@ -692,12 +692,12 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
 }
 
 TEST(SessionFile, TheWrittenAreaRuleCapsAtTheAreaAndSkipsUnwrittenSections) {
-    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::Written, 0, 0), 0u);
-    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::Written, 0, 5), 5u);
-    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::Written, 9, 0xFFFFFFFFu), 1024u);
-    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::All, 5, 0), aov_event_sections[5].data_size);
-    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::None, 5, 100), 0u);
-    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::All, 10, 0), 0u);
+    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::kWritten, 0, 0), 0u);
+    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::kWritten, 0, 5), 5u);
+    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::kWritten, 9, 0xFFFFFFFFu), 1024u);
+    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::kAll, 5, 0), aov_event_sections[5].data_size);
+    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::kNone, 5, 100), 0u);
+    EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::kAll, 10, 0), 0u);
 }
 
 // A dequeue answered as answerDequeue does, numbered in its first header word.
@@ -711,7 +711,7 @@ int answerNumbered(int fd, unsigned long request, void* arg) {
 // A readiness record whose timeout names it.
 void smallRecord(int fd, int name) {
     pollfd p{fd, POLLIN, 0};
-    aovrec::recordPoll(aovrec::WaitKind::Poll, aovrec::monotonicNs(), &p, 1, name, 0, 0);
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &p, 1, name, 0, 0);
 }
 
 // Whether an area holds what answerDequeue put there (section 3: nothing).
@@ -735,16 +735,16 @@ bool filledAsAnswered(const aovrec::AreaView& area) {
 // out whole, "P<timeout>" for a readiness record, "open", "close", or what
 // is wrong with it.
 std::string describe(const Record& r) {
-    if (r.type == RecordType::Open || r.type == RecordType::Close) {
-        return r.type == RecordType::Open ? "open" : "close";
+    if (r.type == RecordType::kOpen || r.type == RecordType::kClose) {
+        return r.type == RecordType::kOpen ? "open" : "close";
     }
-    if (r.type == RecordType::Poll) {
+    if (r.type == RecordType::kPoll) {
         return "P" + std::to_string(r.timeout_ms);
     }
-    if (r.type == RecordType::Ioctl && r.request == AOV_IOC_STOP) {
+    if (r.type == RecordType::kIoctl && r.request == AOV_IOC_STOP) {
         return "STOP";
     }
-    if (r.type == RecordType::Ioctl && r.back_len == sizeof(aov_event_query)) {
+    if (r.type == RecordType::kIoctl && r.back_len == sizeof(aov_event_query)) {
         bool whole = r.area_count == 9;
         for (uint8_t i = 0; whole && i < r.area_count; ++i) {
             whole = filledAsAnswered(r.areas[i]);
@@ -773,17 +773,17 @@ std::vector<std::string> describeBytes(const std::vector<uint8_t>& bytes, std::s
     }
     Record r;
     SessionReader::Next next;
-    while ((next = reader.next(&r)) == SessionReader::Next::Record) {
+    while ((next = reader.next(&r)) == SessionReader::Next::kRecord) {
         out.push_back(describe(r));
     }
-    if (next != SessionReader::Next::End) {
+    if (next != SessionReader::Next::kEnd) {
         *error = reader.error();
     }
     return out;
 }
 
 TEST(WriterThread, RecordsFromTwoThreadsComeOutCompleteAndEachThreadsInCallOrder) {
-    Recording rec(ContentMode::Written);
+    Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     g_dequeues = 0;
     constexpr int kDequeues = 30;
@@ -890,7 +890,7 @@ TEST(WriterThread, WhileTheWriterIsBlockedSmallRecordsQueueBehindTheContentInCal
     std::vector<uint8_t> bytes;
     {
         // Uncompressed: each dequeue is far more than the pipe holds.
-        Recording rec(ContentMode::Written, false, pipe.path());
+        Recording rec(ContentMode::kWritten, false, pipe.path());
         const int fd = rec.openNode();
         ASSERT_FALSE(aovrec::stats().failed);
         g_dequeues = 0;
@@ -941,7 +941,7 @@ TEST(WriterThread, ANormalExitWritesWhatIsStillQueued) {
         {
             aovrec::RecorderConfig config;
             config.file = path.c_str();
-            config.content = ContentMode::Written;
+            config.content = ContentMode::kWritten;
             config.compress = false;
             config.node = kNode;
             config.stall_limit_ms = 60000;  // order, not a stall, is tested here
@@ -1001,7 +1001,7 @@ TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
     PipeSession pipe;
     CapturedStderr err;
     {
-        Recording rec(ContentMode::Written, false, pipe.path());
+        Recording rec(ContentMode::kWritten, false, pipe.path());
         const int fd = rec.openNode();
         ASSERT_FALSE(aovrec::stats().failed);
         pipe.closeReader();  // the next write fails (EPIPE; SIGPIPE stays blocked there)
@@ -1109,7 +1109,7 @@ TEST(WriterThread, APipeWhoseReaderHasGoneStopsTheRecordingAndTheProcessGoesOn) 
         {
             std::signal(SIGPIPE, SIG_DFL);
             PipeSession pipe;
-            Recording rec(ContentMode::Written, false, pipe.path());
+            Recording rec(ContentMode::kWritten, false, pipe.path());
             const int fd = rec.openNode();
             bool ok = !aovrec::stats().failed;
             pipe.closeReader();
@@ -1175,7 +1175,7 @@ int answerWithoutSection4(int fd, unsigned long request, void* arg) {
 }
 
 TEST_P(AreaCopy, AreasTheProcessCannotReadAreLeftOutWhereverTheDriverPointed) {
-    Recording rec(ContentMode::Written);
+    Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     MappedDequeue first;
     const aovrec::RecorderStats before = aovrec::stats();
@@ -1264,7 +1264,7 @@ TEST(StalledOutput, ContentIsDroppedAndCountedAndTheCallRecordKept) {
     std::vector<uint8_t> bytes;
     uint64_t dropped = 0;
     {
-        Recording rec(ContentMode::Written, false, pipe.path(), 20);
+        Recording rec(ContentMode::kWritten, false, pipe.path(), 20);
         const int fd = rec.openNode();
         g_dequeues = 0;
         // Each is far more than the pipe holds: the first blocks the writer,
@@ -1289,9 +1289,9 @@ TEST(StalledOutput, ContentIsDroppedAndCountedAndTheCallRecordKept) {
     ASSERT_TRUE(reader.start()) << reader.error();
     std::vector<std::string> got;
     Record r;
-    while (reader.next(&r) == SessionReader::Next::Record) {
+    while (reader.next(&r) == SessionReader::Next::kRecord) {
         const bool flagged = (r.arg_flags & aovrec::kArgContentDropped) != 0;
-        got.push_back(describe(r) + (r.type == RecordType::Ioctl && flagged ? " dropped" : ""));
+        got.push_back(describe(r) + (r.type == RecordType::kIoctl && flagged ? " dropped" : ""));
     }
     const std::vector<std::string> want = {"open", "D1", "D2", "D3 damaged dropped", "close"};
     EXPECT_EQ(got, want);
@@ -1301,7 +1301,7 @@ TEST(StalledOutput, ACallNeverWaitsLongerThanTheLimitAndTheRecordingStopsOnce) {
     PipeSession pipe;
     CapturedStderr err;
     {
-        Recording rec(ContentMode::Written, false, pipe.path(), 20);
+        Recording rec(ContentMode::kWritten, false, pipe.path(), 20);
         const int fd = rec.openNode();
         // More call records than the queue holds, none taken by the reader.
         for (int i = 0; i < 6000; ++i) {
@@ -1361,7 +1361,7 @@ void holdUntilForkBegins(void*) {
 // waits for it, and the child's calls on an inherited node descriptor take
 // a lock that works, into a file of the child's own.
 TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
-    Recording rec(ContentMode::Written);
+    Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     ASSERT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
     static const bool registered = pthread_atfork(forkBegins, nullptr, nullptr) == 0;

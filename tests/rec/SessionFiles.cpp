@@ -1,6 +1,7 @@
 #include "SessionFiles.h"
 
 #include <fcntl.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -40,13 +41,13 @@ std::string sentCalls(const std::string& path, uint64_t records) {
     }
     aovrec::Record r;
     int calls = 0, requests = 0, dequeues = 0;
-    while (reader.records() < records && reader.next(&r) == aovrec::SessionReader::Next::Record) {
-        if (r.type == aovrec::RecordType::Ioctl) {
+    while (reader.records() < records && reader.next(&r) == aovrec::SessionReader::Next::kRecord) {
+        if (r.type == aovrec::RecordType::kIoctl) {
             ++requests;
             dequeues += r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
         }
-        if (r.type == aovrec::RecordType::Ioctl || r.type == aovrec::RecordType::Open ||
-            r.type == aovrec::RecordType::Close) {
+        if (r.type == aovrec::RecordType::kIoctl || r.type == aovrec::RecordType::kOpen ||
+            r.type == aovrec::RecordType::kClose) {
             ++calls;
         }
     }
@@ -62,7 +63,7 @@ uint64_t recordsIn(const std::string& path) {
         return 0;
     }
     aovrec::Record r;
-    while (reader.next(&r) == aovrec::SessionReader::Next::Record) {
+    while (reader.next(&r) == aovrec::SessionReader::Next::kRecord) {
     }
     return reader.records();
 }
@@ -75,8 +76,8 @@ uint64_t recordsThroughDequeue(const std::string& path, int n) {
         return 0;
     }
     aovrec::Record r;
-    while (n > 0 && reader.next(&r) == aovrec::SessionReader::Next::Record) {
-        n -= r.type == aovrec::RecordType::Ioctl && r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
+    while (n > 0 && reader.next(&r) == aovrec::SessionReader::Next::kRecord) {
+        n -= r.type == aovrec::RecordType::kIoctl && r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
     }
     return n == 0 ? reader.records() : 0;
 }
@@ -98,7 +99,7 @@ std::string loadSession(const std::string& path, LoadedSession* out) {
     };
     aovrec::Record r;
     aovrec::SessionReader::Next next;
-    while ((next = reader.next(&r)) == aovrec::SessionReader::Next::Record) {
+    while ((next = reader.next(&r)) == aovrec::SessionReader::Next::kRecord) {
         r.sent = own(r.sent, r.sent_len);
         r.back = own(r.back, r.back_len);
         for (uint8_t i = 0; i < r.area_count; ++i) {
@@ -106,7 +107,7 @@ std::string loadSession(const std::string& path, LoadedSession* out) {
         }
         out->records.push_back(r);
     }
-    if (next != aovrec::SessionReader::Next::End) {
+    if (next != aovrec::SessionReader::Next::kEnd) {
         return reader.error().empty() ? path + ": not read to its end" : reader.error();
     }
     return "";
@@ -127,11 +128,11 @@ std::string writeSession(const LoadedSession& session, const std::string& to,
         if (edits.before) {
             edits.before(i, x, &b);
         }
-        if (x.type == aovrec::RecordType::Open) {
+        if (x.type == aovrec::RecordType::kOpen) {
             b.open(x.path.c_str(), static_cast<int>(x.open_flags), result(x));
-        } else if (x.type == aovrec::RecordType::Close) {
+        } else if (x.type == aovrec::RecordType::kClose) {
             b.close(x.call.fd, result(x));
-        } else if (x.type == aovrec::RecordType::Ioctl) {
+        } else if (x.type == aovrec::RecordType::kIoctl) {
             std::vector<uint8_t> back(x.back, x.back + x.back_len);
             std::vector<std::vector<uint8_t>> data;
             for (uint8_t a = 0; a < x.area_count; ++a) {
@@ -155,6 +156,23 @@ std::string writeSession(const LoadedSession& session, const std::string& to,
     const bool ok = b.ok();
     ::close(fd);
     return ok ? "" : "cannot write " + to;
+}
+
+void ServedKdev::enterOrSkip(const std::string& prefix) {
+    aovtest::enterFuseSandboxOrSkip(&sandbox_, prefix);
+}
+
+void ServedKdev::start(std::vector<std::string> options) {
+    options.insert(options.begin(), "--quiet");
+    std::string problem;
+    ASSERT_TRUE(kdev_.start(AOV_KDEV_PATH, dir(), options, &problem)) << problem;
+}
+
+void ServedKdev::stop() {
+    kdev_.stop();
+    if (!dir().empty()) {
+        ::umount2(dir().c_str(), MNT_DETACH);
+    }
 }
 
 }  // namespace aovrectest

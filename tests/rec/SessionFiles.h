@@ -2,7 +2,8 @@
 
 // What the aov-rec tests do with session files: temporary paths, whole-file
 // reads, counting a recording's records and calls, and copying a recording
-// through the session builder with changes on the way.
+// through the session builder with changes on the way; and the aov-kdev that
+// a recording is retraced against.
 
 #include <cstdint>
 #include <deque>
@@ -10,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "FuseSandbox.h"
+#include "KdevLauncher.h"
 #include "ProcessRun.h"
 #include "aovsession/SessionBuilder.h"
 #include "aovsession/SessionReader.h"
@@ -62,5 +65,29 @@ struct SessionEdits {
 // Empty, or why the copy failed.
 std::string writeSession(const LoadedSession& session, const std::string& to,
                          const SessionEdits& edits = {});
+
+// aov-kdev serving the node on a directory of a mount namespace of the test's
+// own. The fixture calls enterOrSkip() in SetUp and stop() in TearDown.
+class ServedKdev {
+  public:
+    // Skips the test where FUSE tests cannot run (fails it in CI), else enters
+    // the namespace and makes dir(). SetUp then returns when IsSkipped() or
+    // HasFatalFailure().
+    void enterOrSkip(const std::string& prefix);
+    // Starts aov-kdev --quiet with `options` on dir() and waits, with a limit,
+    // until it serves.
+    void start(std::vector<std::string> options);
+    // Stops the server and detaches its mount, so that the next start() mounts
+    // afresh. A request parked in the driver holds its caller until the server
+    // ends. Nothing to do when none runs.
+    void stop();
+
+    const std::string& dir() const { return sandbox_.dir(); }
+    std::string node() const { return dir() + "/kelo_aov"; }
+
+  private:
+    aovtest::MountSandbox sandbox_;  // outlives the server
+    aovsimtool::KdevLauncher kdev_;
+};
 
 }  // namespace aovrectest

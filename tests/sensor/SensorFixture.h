@@ -70,17 +70,17 @@ inline std::string errorLine(const char* function, int line, const std::string& 
     return head + text;
 }
 
-// Where a scripted bring-up fails, in the order of the steps; None runs it to the end.
-enum class DeviceFail { None, NullDevice, Mclk, PowerOn };
+// Where a scripted bring-up fails, in the order of the steps; kNone runs it to the end.
+enum class DeviceFail { kNone, kNullDevice, kMclk, kPowerOn };
 enum class PipeFail {
-    None,
-    NoCoordinator,
-    NotImp,
-    NoAgent,
-    ConfigSensor,
-    ConfigP1,
-    NoPipe,
-    StartPipe
+    kNone,
+    kNoCoordinator,
+    kNotImp,
+    kNoAgent,
+    kConfigSensor,
+    kConfigP1,
+    kNoPipe,
+    kStartPipe
 };
 
 // How a scripted pipeline runs, beyond where it fails.
@@ -177,24 +177,24 @@ class SensorServiceTest : public ::testing::Test {
 
     void expectDeviceStart(DeviceFail fail, Doubles& doubles, int32_t sensorId = kSensorId) {
         EXPECT_CALL(*list_, openSensorDevice(StrEq("AOV"), static_cast<uint32_t>(sensorId)))
-            .WillOnce(Return(fail == DeviceFail::NullDevice ? nullptr : &doubles.device));
-        if (fail == DeviceFail::NullDevice) {
+            .WillOnce(Return(fail == DeviceFail::kNullDevice ? nullptr : &doubles.device));
+        if (fail == DeviceFail::kNullDevice) {
             return;
         }
         EXPECT_CALL(doubles.device, switchMclkToUlposc(StrEq("AOV"), Pointee(sensorId)))
-            .WillOnce(Return(fail != DeviceFail::Mclk));
-        if (fail != DeviceFail::Mclk) {
+            .WillOnce(Return(fail != DeviceFail::kMclk));
+        if (fail != DeviceFail::kMclk) {
             EXPECT_CALL(doubles.device, powerOnSensor(StrEq("AOV"), 1u, Pointee(sensorId)))
-                .WillOnce(Return(fail != DeviceFail::PowerOn));
+                .WillOnce(Return(fail != DeviceFail::kPowerOn));
         }
-        if (fail != DeviceFail::None) {
+        if (fail != DeviceFail::kNone) {
             EXPECT_CALL(doubles.device, releaseSensorDevice(StrEq("AOV")));
         }
     }
 
     void expectPipelineStart(PipeFail fail, Doubles& doubles, const PipeScript& script = {}) {
         // Steps run up to and including the one that fails.
-        const auto runs = [fail](PipeFail step) { return fail == PipeFail::None || fail >= step; };
+        const auto runs = [fail](PipeFail step) { return fail == PipeFail::kNone || fail >= step; };
         if (script.createAgent) {
             EXPECT_CALL(*source_, getInstance()).WillOnce(Return(coordinator_));
             EXPECT_CALL(*coordinator_, createAgent(_)).WillOnce([this](coord::AgentParams& p) {
@@ -203,43 +203,43 @@ class SensorServiceTest : public ::testing::Test {
             });
         }
         EXPECT_CALL(*source_, getInstance())
-            .WillOnce(Return(fail == PipeFail::NoCoordinator ? nullptr
-                             : fail == PipeFail::NotImp
+            .WillOnce(Return(fail == PipeFail::kNoCoordinator ? nullptr
+                             : fail == PipeFail::kNotImp
                                  ? std::shared_ptr<coord::ICamCoordinator>(bare_coordinator_)
                                  : coordinator_));
-        if (runs(PipeFail::NoAgent)) {
+        if (runs(PipeFail::kNoAgent)) {
             EXPECT_CALL(*coordinator_, lookupAgent(kAgentId))
                 .WillOnce(
-                    lend<coord::ICamAgent>(fail == PipeFail::NoAgent ? nullptr : doubles.agent));
+                    lend<coord::ICamAgent>(fail == PipeFail::kNoAgent ? nullptr : doubles.agent));
         }
-        if (runs(PipeFail::ConfigSensor)) {
+        if (runs(PipeFail::kConfigSensor)) {
             EXPECT_CALL(
                 *doubles.agent,
                 configSensor(Pointee(Field(&coord::ConfigSensorParams::sensorId, script.sensorId))))
-                .WillOnce(Return(fail == PipeFail::ConfigSensor ? -2 : 0));
+                .WillOnce(Return(fail == PipeFail::kConfigSensor ? -2 : 0));
         }
-        if (runs(PipeFail::ConfigP1)) {
+        if (runs(PipeFail::kConfigP1)) {
             EXPECT_CALL(*doubles.agent, configNonLaggingP1Drv())
-                .WillOnce(Return(fail == PipeFail::ConfigP1 ? -3 : 0));
+                .WillOnce(Return(fail == PipeFail::kConfigP1 ? -3 : 0));
         }
-        if (runs(PipeFail::NoPipe)) {
+        if (runs(PipeFail::kNoPipe)) {
             EXPECT_CALL(*factory_, createPipe(script.cameraId, 17, -1, 0))
                 .WillOnce(
-                    lend<pipes::ISensorPipe>(fail == PipeFail::NoPipe ? nullptr : doubles.pipe));
+                    lend<pipes::ISensorPipe>(fail == PipeFail::kNoPipe ? nullptr : doubles.pipe));
         }
-        if (runs(PipeFail::StartPipe)) {
+        if (runs(PipeFail::kStartPipe)) {
             EXPECT_CALL(*doubles.pipe, startPipe(script.pipeMode))
-                .WillOnce(Return(fail == PipeFail::StartPipe ? -5 : 0));
+                .WillOnce(Return(fail == PipeFail::kStartPipe ? -5 : 0));
         }
-        if (fail == PipeFail::None) {
+        if (fail == PipeFail::kNone) {
             return;
         }
         // Every failure releases the agent, and a started pipe.
-        if (fail == PipeFail::StartPipe) {
+        if (fail == PipeFail::kStartPipe) {
             EXPECT_CALL(*doubles.pipe, getPipeId()).WillOnce(Return(script.pipeId));
             EXPECT_CALL(*factory_, destroyPipe(script.pipeId, 17)).WillOnce(Return(0));
         }
-        if (fail > PipeFail::NoAgent) {
+        if (fail > PipeFail::kNoAgent) {
             EXPECT_CALL(*doubles.agent, detachSensor(Pointee(script.poweredId)));
         }
         EXPECT_CALL(*source_, getInstance()).WillOnce(Return(coordinator_));
@@ -267,8 +267,8 @@ class SensorServiceTest : public ::testing::Test {
     void expectRun(const user_param& param, Doubles& doubles, const PipeScript& script = {}) {
         InSequence seq;
         expectFrameInfo(param);
-        expectDeviceStart(DeviceFail::None, doubles, script.sensorId);
-        expectPipelineStart(PipeFail::None, doubles, script);
+        expectDeviceStart(DeviceFail::kNone, doubles, script.sensorId);
+        expectPipelineStart(PipeFail::kNone, doubles, script);
         expectPipelineStop(doubles, script);
         expectDeviceStop(doubles, script.sensorId);
     }

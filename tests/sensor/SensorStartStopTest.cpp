@@ -26,11 +26,11 @@ const auto kRowName = [](const auto& info) { return std::string(info.param.name)
 // line, then the start's own for a device or pipeline step.
 std::vector<std::string> stepErrors(DeviceFail device, PipeFail pipe, int line,
                                     const char* message) {
-    if (device != DeviceFail::None) {
+    if (device != DeviceFail::kNone) {
         return {errorLine("startDevice", line, message),
                 errorLine("startSensor", 381, "failed to start sensor(3) device: -1")};
     }
-    if (pipe != PipeFail::None) {
+    if (pipe != PipeFail::kNone) {
         return {errorLine("startPipeline", line, message),
                 errorLine("startSensor", 390, "failed to start sensor(3) pipeline: -1")};
     }
@@ -114,37 +114,37 @@ struct FailedStart {
 // Rows where neither the device nor the pipeline fails are requests rejected
 // before the device is touched.
 const FailedStart kFailedStarts[] = {
-    {"RateNotOffered", "0", 640, 480, 3, DeviceFail::None, PipeFail::None, 354,
+    {"RateNotOffered", "0", 640, 480, 3, DeviceFail::kNone, PipeFail::kNone, 354,
      "failed to find scenario for the frame rate(3)"},
-    {"RateNotOfferedUnderTestModel", "2", 640, 480, 3, DeviceFail::None, PipeFail::None, 354,
+    {"RateNotOfferedUnderTestModel", "2", 640, 480, 3, DeviceFail::kNone, PipeFail::kNone, 354,
      "failed to find scenario for the frame rate(3)"},
-    {"ZeroRateOfMatchedSize", "0", 640, 480, 0, DeviceFail::None, PipeFail::None, 354,
+    {"ZeroRateOfMatchedSize", "0", 640, 480, 0, DeviceFail::kNone, PipeFail::kNone, 354,
      "failed to find scenario for the frame rate(0)"},
-    {"ZeroRateOfUnknownSize", "0", 800, 600, 0, DeviceFail::None, PipeFail::None, 374,
+    {"ZeroRateOfUnknownSize", "0", 800, 600, 0, DeviceFail::kNone, PipeFail::kNone, 374,
      "invalid sensor(3) width(800), height(600) or frame rate(0)"},
-    {"ZeroWidth", "0", 0, 480, 5, DeviceFail::None, PipeFail::None, 374,
+    {"ZeroWidth", "0", 0, 480, 5, DeviceFail::kNone, PipeFail::kNone, 374,
      "invalid sensor(3) width(0), height(480) or frame rate(5)"},
-    {"ZeroHeight", "0", 640, 0, 5, DeviceFail::None, PipeFail::None, 374,
+    {"ZeroHeight", "0", 640, 0, 5, DeviceFail::kNone, PipeFail::kNone, 374,
      "invalid sensor(3) width(640), height(0) or frame rate(5)"},
-    {"NoDevice", "0", 640, 480, 5, DeviceFail::NullDevice, PipeFail::None, 141,
+    {"NoDevice", "0", 640, 480, 5, DeviceFail::kNullDevice, PipeFail::kNone, 141,
      "invalid null sensor device for id(3)"},
-    {"ClockSwitch", "0", 640, 480, 5, DeviceFail::Mclk, PipeFail::None, 151,
+    {"ClockSwitch", "0", 640, 480, 5, DeviceFail::kMclk, PipeFail::kNone, 151,
      "failed to switch aov sensor(3) mclk to ulposc"},
     // Released without restoring the clock.
-    {"PowerOn", "0", 640, 480, 5, DeviceFail::PowerOn, PipeFail::None, 161,
+    {"PowerOn", "0", 640, 480, 5, DeviceFail::kPowerOn, PipeFail::kNone, 161,
      "failed to power on sensor device(3)"},
-    {"NoCoordinator", "0", 640, 480, 5, DeviceFail::None, PipeFail::NoCoordinator, 217,
+    {"NoCoordinator", "0", 640, 480, 5, DeviceFail::kNone, PipeFail::kNoCoordinator, 217,
      "failed to get ICamCoordinator instance"},
-    {"NotAnImplementation", "0", 640, 480, 5, DeviceFail::None, PipeFail::NotImp, 225,
+    {"NotAnImplementation", "0", 640, 480, 5, DeviceFail::kNone, PipeFail::kNotImp, 225,
      "failed to get CamCoordinatorImp"},
-    {"NoAgent", "0", 640, 480, 5, DeviceFail::None, PipeFail::NoAgent, 231, "failed to getAgent"},
-    {"ConfigSensor", "0", 640, 480, 5, DeviceFail::None, PipeFail::ConfigSensor, 239,
+    {"NoAgent", "0", 640, 480, 5, DeviceFail::kNone, PipeFail::kNoAgent, 231, "failed to getAgent"},
+    {"ConfigSensor", "0", 640, 480, 5, DeviceFail::kNone, PipeFail::kConfigSensor, 239,
      "failed to get configSensor, cam_id(3)"},
-    {"ConfigP1", "0", 640, 480, 5, DeviceFail::None, PipeFail::ConfigP1, 245,
+    {"ConfigP1", "0", 640, 480, 5, DeviceFail::kNone, PipeFail::kConfigP1, 245,
      "failed to get configNonLaggingP1Drv"},
-    {"NoPipe", "0", 640, 480, 5, DeviceFail::None, PipeFail::NoPipe, 253,
+    {"NoPipe", "0", 640, 480, 5, DeviceFail::kNone, PipeFail::kNoPipe, 253,
      "failed to create sensor pipe"},
-    {"StartPipe", "0", 640, 480, 5, DeviceFail::None, PipeFail::StartPipe, 278,
+    {"StartPipe", "0", 640, 480, 5, DeviceFail::kNone, PipeFail::kStartPipe, 278,
      "failed to start sensor pipe(-5)"},
 };
 
@@ -152,7 +152,7 @@ class SensorFailedStartTest : public SensorServiceTest, public WithParamInterfac
 
 TEST_P(SensorFailedStartTest, UnwindsWhatStartedAndStaysStopped) {
     const FailedStart& row = GetParam();
-    const bool rejected = row.device == DeviceFail::None && row.pipe == PipeFail::None;
+    const bool rejected = row.device == DeviceFail::kNone && row.pipe == PipeFail::kNone;
     setTestModel(row.testModel);
     createSensor();
     user_param param = request(kSensorId, row.width, row.height, row.fps);
@@ -163,7 +163,7 @@ TEST_P(SensorFailedStartTest, UnwindsWhatStartedAndStaysStopped) {
             expectDeviceStart(row.device, main_);
         }
         // A failed device skips the pipeline; a failed pipeline also powers the sensor down.
-        if (!rejected && row.device == DeviceFail::None) {
+        if (!rejected && row.device == DeviceFail::kNone) {
             expectPipelineStart(row.pipe, main_);
             expectDeviceStop(main_);
         }
@@ -218,11 +218,11 @@ struct TestModelStart {
 };
 
 const TestModelStart kTestModelStarts[] = {
-    {"ZeroWidth", "2", 0, DeviceFail::None, PipeFail::None, 374,
+    {"ZeroWidth", "2", 0, DeviceFail::kNone, PipeFail::kNone, 374,
      "invalid sensor(3) width(0), height(480) or frame rate(5)"},
-    {"NoDevice", "1", 640, DeviceFail::NullDevice, PipeFail::None, 141,
+    {"NoDevice", "1", 640, DeviceFail::kNullDevice, PipeFail::kNone, 141,
      "invalid null sensor device for id(3)"},
-    {"PipeFails", "2", 640, DeviceFail::None, PipeFail::StartPipe, 278,
+    {"PipeFails", "2", 640, DeviceFail::kNone, PipeFail::kStartPipe, 278,
      "failed to start sensor pipe(-5)"},
 };
 
@@ -244,13 +244,13 @@ TEST_P(SensorTestModelTest, CarriesOnAndStreamsTheTestGeometry) {
         expectRun(powered, main_, script);
         expectFrameInfo(param);
         expectDeviceStart(row.device, main_);
-        script.poweredId = row.device == DeviceFail::None ? kSensorId : -1;
+        script.poweredId = row.device == DeviceFail::kNone ? kSensorId : -1;
         expectPipelineStart(row.pipe, main_, script);
         // The stop takes down what is left.
-        if (row.pipe == PipeFail::None) {
+        if (row.pipe == PipeFail::kNone) {
             expectPipelineStop(main_, script);
         }
-        if (row.device == DeviceFail::None) {
+        if (row.device == DeviceFail::kNone) {
             expectDeviceStop(main_);
         }
     }
@@ -281,11 +281,11 @@ TEST_F(SensorServiceTest, SecondStartReusesTheAgentAndDestructionStopsIt) {
     {
         InSequence seq;
         expectFrameInfo(first);
-        expectDeviceStart(DeviceFail::None, main_);
-        expectPipelineStart(PipeFail::None, main_);
+        expectDeviceStart(DeviceFail::kNone, main_);
+        expectPipelineStart(PipeFail::kNone, main_);
         expectFrameInfo(again);
-        expectDeviceStart(DeviceFail::None, second);
-        expectPipelineStart(PipeFail::None, second, reuse);
+        expectDeviceStart(DeviceFail::kNone, second);
+        expectPipelineStart(PipeFail::kNone, second, reuse);
         // Only the second pipe, agent and device are taken down, the pipeline first.
         expectPipelineStop(second, reuse);
         expectDeviceStop(second);

@@ -68,8 +68,8 @@ aov_event_query dequeueSent(uint8_t* event) {
 class Composed {
   public:
     Composed() : fd_(::memfd_create("replay-test", MFD_CLOEXEC)) {
-        builder_ = std::make_unique<aovrec::SessionBuilder>(fd_, aovrec::ContentMode::Written,
-                                                            aovrec::Compression::Zstd);
+        builder_ = std::make_unique<aovrec::SessionBuilder>(fd_, aovrec::ContentMode::kWritten,
+                                                            aovrec::Compression::kZstd);
     }
     ~Composed() { ::close(fd_); }
     aovrec::SessionBuilder& b() { return *builder_; }

@@ -11,6 +11,7 @@
 
 #include "Commands.h"
 #include "ErrnoName.h"
+#include "aovsession/RequestCodec.h"
 #include "aovsession/SessionReader.h"
 #include "kelo_aov.h"
 
@@ -62,19 +63,19 @@ const char* epollOp(int32_t op) {
 
 const char* waitKindName(WaitKind kind) {
     switch (kind) {
-        case WaitKind::Poll:
+        case WaitKind::kPoll:
             return "poll";
-        case WaitKind::Ppoll:
+        case WaitKind::kPpoll:
             return "ppoll";
-        case WaitKind::EpollWait:
+        case WaitKind::kEpollWait:
             return "epoll_wait";
-        case WaitKind::EpollPwait:
+        case WaitKind::kEpollPwait:
             return "epoll_pwait";
-        case WaitKind::Select:
+        case WaitKind::kSelect:
             return "select";
-        case WaitKind::Pselect:
+        case WaitKind::kPselect:
             return "pselect";
-        case WaitKind::EpollPwait2:
+        case WaitKind::kEpollPwait2:
             return "epoll_pwait2";
     }
     return "?";
@@ -110,14 +111,15 @@ std::string describe(const Record& r, uint64_t start_ns) {
     std::string out = head;
     char text[96];
     switch (r.type) {
-        case RecordType::Open:
+        case RecordType::kOpen:
             std::snprintf(text, sizeof(text), ",\"flags\":\"0x%x\",\"mode\":\"0%o\"", r.open_flags,
                           r.open_mode);
             out += ",\"path\":" + jsonString(r.path) + text;
             break;
-        case RecordType::Close:
+        case RecordType::kClose:
             break;
-        case RecordType::Ioctl: {
+        case RecordType::kIoctl: {
+            // JSON fields, not describeRequest()'s line; digests of the kept bytes, addresses too.
             const char* name = requestName(r.request);
             std::snprintf(text, sizeof(text), ",\"code\":\"0x%08x\"", r.request);
             out +=
@@ -161,8 +163,8 @@ std::string describe(const Record& r, uint64_t start_ns) {
             }
             break;
         }
-        case RecordType::Poll:
-        case RecordType::EpollWait:
+        case RecordType::kPoll:
+        case RecordType::kEpollWait:
             out += std::string(",\"kind\":\"") + waitKindName(r.wait_kind) +
                    "\",\"timeout_ms\":" + std::to_string(r.timeout_ms) + ",\"node\":[";
             for (uint16_t i = 0; i < r.entry_count; ++i) {
@@ -173,7 +175,7 @@ std::string describe(const Record& r, uint64_t start_ns) {
             }
             out += "]";
             break;
-        case RecordType::EpollCtl:
+        case RecordType::kEpollCtl:
             std::snprintf(text, sizeof(text),
                           ",\"op\":\"%s\",\"target\":%d,\"events\":%u,\"data\":", epollOp(r.ctl_op),
                           r.ctl_fd, r.ctl_events);
@@ -199,7 +201,7 @@ bool openSession(const std::string& path, FileSource& file, SessionReader& reade
 
 int endOf(SessionReader::Next last, const SessionReader& reader, const std::string& path,
           FILE* err) {
-    if (last == SessionReader::Next::End) {
+    if (last == SessionReader::Next::kEnd) {
         return 0;
     }
     std::fprintf(err, "aov-rec: %s: %s\n", path.c_str(), reader.error().c_str());
@@ -219,10 +221,10 @@ int runDump(const std::string& path, FILE* out, FILE* err) {
                  "{\"format\":%u,\"content\":\"%s\",\"compression\":\"%s\",\"pid\":%u,"
                  "\"start_ns\":%" PRIu64 ",\"digest\":\"xxh64\"}\n",
                  h.version, contentModeName(h.content),
-                 h.compression == Compression::Zstd ? "zstd" : "none", h.pid, h.start_ns);
+                 h.compression == Compression::kZstd ? "zstd" : "none", h.pid, h.start_ns);
     Record record;
     SessionReader::Next next;
-    while ((next = reader.next(&record)) == SessionReader::Next::Record) {
+    while ((next = reader.next(&record)) == SessionReader::Next::kRecord) {
         std::fprintf(out, "%s\n", describe(record, h.start_ns).c_str());
     }
     std::fflush(out);
@@ -249,7 +251,7 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
     uint64_t first = 0, last = 0;
     Record r;
     SessionReader::Next next;
-    while ((next = reader.next(&r)) == SessionReader::Next::Record) {
+    while ((next = reader.next(&r)) == SessionReader::Next::kRecord) {
         if (r.index == 0) {
             first = r.call.begin_ns;
         }
@@ -260,7 +262,8 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
             ++failed;
             ++errors[r.call.err];
         }
-        if (r.type == RecordType::Ioctl) {
+        if (r.type == RecordType::kIoctl) {
+            // The bare code, not requestLabel(): "ioctl 0x..." overflows the table's name column.
             const char* name = requestName(r.request);
             char code[32];
             std::snprintf(code, sizeof(code), "0x%08x", r.request);
@@ -277,7 +280,7 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
                 }
             }
         }
-        if (r.type == RecordType::Poll || r.type == RecordType::EpollWait) {
+        if (r.type == RecordType::kPoll || r.type == RecordType::kEpollWait) {
             for (uint16_t i = 0; i < r.entry_count; ++i) {
                 ready += r.entries[i].revents != 0 ? 1 : 0;
             }
@@ -285,7 +288,7 @@ int runInfo(const std::string& path, FILE* out, FILE* err) {
     }
     std::fprintf(out, "session: %s, format %u, content %s, %s, pid %u\n", path.c_str(), h.version,
                  contentModeName(h.content),
-                 h.compression == Compression::Zstd ? "zstd" : "uncompressed", h.pid);
+                 h.compression == Compression::kZstd ? "zstd" : "uncompressed", h.pid);
     std::fprintf(out, "duration: %.6f s (first call to last return), %zu threads\n",
                  last > first ? static_cast<double>(last - first) / 1e9 : 0.0, threads.size());
     std::fprintf(out, "records: %" PRIu64, reader.records());

@@ -143,24 +143,24 @@ class Retracer {
 
     void apply(const Record& r) {
         switch (r.type) {
-            case RecordType::Open:
+            case RecordType::kOpen:
                 open(r);
                 break;
-            case RecordType::Close:
+            case RecordType::kClose:
                 close(r);
                 break;
-            case RecordType::Ioctl:
+            case RecordType::kIoctl:
                 ioctl(r);
                 break;
-            case RecordType::Poll:
-            case RecordType::EpollWait:
+            case RecordType::kPoll:
+            case RecordType::kEpollWait:
                 for (uint16_t i = 0; i < r.entry_count; ++i) {
                     if ((r.entries[i].revents & POLLIN) != 0) {
                         ready_seen_ = true;
                     }
                 }
                 break;
-            case RecordType::EpollCtl:
+            case RecordType::kEpollCtl:
                 break;
         }
         ++applied_;
@@ -259,7 +259,7 @@ class Retracer {
     static std::string label(uint32_t request) { return requestLabel(request); }
 
     static std::string label(const Record& r) {
-        return r.type == RecordType::Ioctl ? label(r.request) : recordTypeName(r.type);
+        return r.type == RecordType::kIoctl ? label(r.request) : recordTypeName(r.type);
     }
 
     // Ends the retrace: no record after this one is sent.
@@ -328,7 +328,7 @@ class Retracer {
         const bool recorded_ok = r.call.result >= 0;
         const bool live_ok = result >= 0;
         // An open's descriptor number is the process's, not the driver's.
-        const bool same = r.type == RecordType::Open
+        const bool same = r.type == RecordType::kOpen
                               ? recorded_ok == live_ok && (live_ok || err == r.call.err)
                               : result == r.call.result && (live_ok || err == r.call.err);
         if (!same) {
@@ -965,10 +965,10 @@ bool checkWhole(const std::string& path, uint64_t* records, FILE* err) {
     }
     Record record;
     SessionReader::Next next;
-    while ((next = reader.next(&record)) == SessionReader::Next::Record) {
+    while ((next = reader.next(&record)) == SessionReader::Next::kRecord) {
     }
     // A recording cut off by a crash is retraced up to its last whole record.
-    if (next != SessionReader::Next::End && next != SessionReader::Next::Cut) {
+    if (next != SessionReader::Next::kEnd && next != SessionReader::Next::kCut) {
         std::fprintf(err, "aov-rec: %s: %s; nothing sent\n", path.c_str(), reader.error().c_str());
         return false;
     }
@@ -999,8 +999,8 @@ int runRetrace(const std::string& path, const RetraceOptions& options, FILE* out
         return kExitNodeUnavailable;
     }
     Record record;
-    SessionReader::Next next = SessionReader::Next::End;
-    while (!retracer.halted() && (next = reader.next(&record)) == SessionReader::Next::Record) {
+    SessionReader::Next next = SessionReader::Next::kEnd;
+    while (!retracer.halted() && (next = reader.next(&record)) == SessionReader::Next::kRecord) {
         retracer.apply(record);
     }
     if (retracer.halt() == Retracer::Halt::kNotOpened) {
@@ -1008,7 +1008,7 @@ int runRetrace(const std::string& path, const RetraceOptions& options, FILE* out
     }
     retracer.checkDuties();
     const int status = retracer.finish(path);
-    if (next != SessionReader::Next::End && next != SessionReader::Next::Record) {
+    if (next != SessionReader::Next::kEnd && next != SessionReader::Next::kRecord) {
         // Cut off, or changed since it was checked.
         std::fprintf(err, "aov-rec: %s: %s\n", path.c_str(), reader.error().c_str());
         return kExitBadInput;

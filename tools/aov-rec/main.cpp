@@ -69,7 +69,7 @@ constexpr int kMaxMs = 3600000;
 
 int record(int argc, char** argv) {
     std::string out = "aov-session.rec";
-    aovrec::ContentMode content = aovrec::ContentMode::Written;
+    aovrec::ContentMode content = aovrec::ContentMode::kWritten;
     int i = 2;
     for (; i < argc; ++i) {
         const std::string arg = argv[i];

@@ -38,11 +38,11 @@ uint32_t wordAt(const uint8_t* bytes, size_t offset) {
 
 std::string describeRecord(const Record& r) {
     switch (r.type) {
-        case RecordType::Open:
+        case RecordType::kOpen:
             return "open " + r.path;
-        case RecordType::Close:
+        case RecordType::kClose:
             return "close";
-        case RecordType::Ioctl:
+        case RecordType::kIoctl:
             if ((r.arg_flags & aovrec::kArgUnreadable) != 0) {
                 return aovrec::describeRequest(r.request, nullptr, 0) +
                        " (record unreadable when sent)";
@@ -104,16 +104,16 @@ void ReplayNode::markProbes(aovrec::ByteSource& source) {
     std::set<int32_t> requested;
     std::vector<uint64_t> probes;
     Record record;
-    while (reader.next(&record) == aovrec::SessionReader::Next::Record) {
+    while (reader.next(&record) == aovrec::SessionReader::Next::kRecord) {
         if (skippedLocked(record)) {
             continue;
         }
-        if (record.type == RecordType::Open && record.call.result >= 0) {
+        if (record.type == RecordType::kOpen && record.call.result >= 0) {
             probe_records_.insert(probes.begin(), probes.end());
             probes.clear();
             openedAt[record.call.result] = record.index;
             requested.erase(record.call.result);
-        } else if (record.type == RecordType::Close) {
+        } else if (record.type == RecordType::kClose) {
             const auto it = openedAt.find(record.call.fd);
             if (it != openedAt.end()) {
                 if (requested.count(record.call.fd) == 0) {
@@ -122,7 +122,7 @@ void ReplayNode::markProbes(aovrec::ByteSource& source) {
                 }
                 openedAt.erase(it);
             }
-        } else if (record.type == RecordType::Ioctl) {
+        } else if (record.type == RecordType::kIoctl) {
             requested.insert(record.call.fd);
         }
     }
@@ -155,16 +155,16 @@ std::shared_ptr<ReplayNode> ReplayNode::load(SourceFactory factory, double speed
     bool opened = false;
     uint64_t opened_ns = 0;
     uint64_t delivered_ns = 0;
-    while ((next = check.next(&record)) == aovrec::SessionReader::Next::Record) {
+    while ((next = check.next(&record)) == aovrec::SessionReader::Next::kRecord) {
         if (node->skippedLocked(record)) {
             continue;
         }
-        if (record.type == RecordType::Open && record.call.result >= 0) {
+        if (record.type == RecordType::kOpen && record.call.result >= 0) {
             if (!opened) {
                 opened_ns = record.call.begin_ns;
             }
             opened = true;
-        } else if (record.type == RecordType::Ioctl) {
+        } else if (record.type == RecordType::kIoctl) {
             ++node->total_requests_;
             if (record.request == AOV_IOC_DEQUEUE_EVENT) {
                 ++node->total_events_;
@@ -178,11 +178,11 @@ std::shared_ptr<ReplayNode> ReplayNode::load(SourceFactory factory, double speed
     }
     node->plan_.span_s =
         delivered_ns > opened_ns ? static_cast<double>(delivered_ns - opened_ns) / 1e9 : 0;
-    if (next == aovrec::SessionReader::Next::Cut) {
+    if (next == aovrec::SessionReader::Next::kCut) {
         *problem = "the recording is cut off (" + check.error() + ")";
         return nullptr;
     }
-    if (next == aovrec::SessionReader::Next::Bad) {
+    if (next == aovrec::SessionReader::Next::kBad) {
         *problem = check.error();
         return nullptr;
     }
@@ -230,14 +230,14 @@ void ReplayNode::advanceLocked() {
     has_current_ = false;
     for (;;) {
         const aovrec::SessionReader::Next next = reader_->next(&current_);
-        if (next == aovrec::SessionReader::Next::Record) {
+        if (next == aovrec::SessionReader::Next::kRecord) {
             if (skippedLocked(current_)) {
                 continue;
             }
             has_current_ = true;
             break;
         }
-        if (next != aovrec::SessionReader::Next::End) {
+        if (next != aovrec::SessionReader::Next::kEnd) {
             read_problem_ = reader_->error();
         }
         break;
@@ -251,7 +251,7 @@ bool ReplayNode::skippedLocked(const Record& r) {
         return true;
     }
     switch (r.type) {
-        case RecordType::Open:
+        case RecordType::kOpen:
             // A driver's node is opened, never created: an open that creates
             // the path is the desk making a mount point (aov-sim --kernel
             // fuse binds its node over it), not the library; its descriptor's
@@ -263,13 +263,13 @@ bool ReplayNode::skippedLocked(const Record& r) {
                 return true;
             }
             return false;
-        case RecordType::Close:
-        case RecordType::Ioctl: {
+        case RecordType::kClose:
+        case RecordType::kIoctl: {
             const auto it = std::find(skipped_fds_.begin(), skipped_fds_.end(), r.call.fd);
             if (it == skipped_fds_.end()) {
                 return false;
             }
-            if (r.type == RecordType::Close) {
+            if (r.type == RecordType::kClose) {
                 skipped_fds_.erase(it);
             }
             return true;
@@ -283,7 +283,7 @@ void ReplayNode::armLocked() {
     if (fd_ < 0) {
         return;
     }
-    if (has_current_ && current_.type == RecordType::Ioctl &&
+    if (has_current_ && current_.type == RecordType::kIoctl &&
         current_.request == AOV_IOC_DEQUEUE_EVENT) {
         const uint64_t at_ns = current_.call.begin_ns;
         Clock::time_point at = Clock::now();
@@ -328,7 +328,7 @@ int ReplayNode::open(int flags) {
         return -EPROTO;
     }
     ++requests_;
-    if (!has_current_ || current_.type != RecordType::Open ||
+    if (!has_current_ || current_.type != RecordType::kOpen ||
         (static_cast<int>(current_.open_flags) & O_ACCMODE) != (flags & O_ACCMODE)) {
         char text[64];
         std::snprintf(text, sizeof(text), "open (flags 0x%x)", static_cast<unsigned>(flags));
@@ -360,7 +360,7 @@ int ReplayNode::close(int fd) {
     fd_ = -1;
     timer_set_ = false;
     // The close comes as the process exits; it is answered, not checked.
-    if (!diverged_ && has_current_ && current_.type == RecordType::Close) {
+    if (!diverged_ && has_current_ && current_.type == RecordType::kClose) {
         const int result = answerOf(current_.call);
         advanceLocked();
         return result;
@@ -369,7 +369,7 @@ int ReplayNode::close(int fd) {
 }
 
 bool ReplayNode::matchesLocked(unsigned int request, const void* arg) const {
-    if (!has_current_ || current_.type != RecordType::Ioctl || current_.request != request) {
+    if (!has_current_ || current_.type != RecordType::kIoctl || current_.request != request) {
         return false;
     }
     const bool recorded_null = (current_.arg_flags & aovrec::kArgNull) != 0;
@@ -404,7 +404,7 @@ int ReplayNode::ioctl(int fd, unsigned int request, void* arg) {
         // recording has first; the monitor takes the event once the
         // descriptor turns readable.
         if (request != AOV_IOC_DEQUEUE_EVENT && has_current_ &&
-            current_.type == RecordType::Ioctl && current_.request == AOV_IOC_DEQUEUE_EVENT) {
+            current_.type == RecordType::kIoctl && current_.request == AOV_IOC_DEQUEUE_EVENT) {
             const uint64_t index = current_.index;
             const Clock::time_point deadline = std::max(ready_at_, Clock::now()) + kDequeueWait;
             bool moved = movedPastLocked(index);
@@ -520,7 +520,7 @@ bool ReplayNode::finish() {
     if (diverged_) {
         return false;
     }
-    if (has_current_ && current_.type != RecordType::Close) {
+    if (has_current_ && current_.type != RecordType::kClose) {
         ++requests_;
         const std::function<void()> report = divergeLocked("(no more requests)");
         lock.unlock();

@@ -54,11 +54,13 @@ NumberStatus parseInteger(std::string_view text, int64_t min, int64_t max, int64
 }
 
 NumberStatus parseSeconds(std::string_view text, double max, double* out) {
-    // digits [. digits] [e [sign] digits], with a leading '-' let through so
-    // that a negative number reads as out of range rather than malformed.
+    // [sign] digits [. digits] [e [sign] digits]; a negative number reads as
+    // out of range rather than malformed.
     size_t i = 0;
     const bool negative = !text.empty() && text[0] == '-';
-    i += negative ? 1 : 0;
+    if (!text.empty() && (text[0] == '-' || text[0] == '+')) {
+        i = 1;
+    }
     size_t digits = 0;
     for (; i < text.size() && isDigit(text[i]); ++i) {
         ++digits;

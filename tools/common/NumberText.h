@@ -21,9 +21,9 @@ enum class NumberStatus {
 [[nodiscard]] NumberStatus parseInteger(std::string_view text, int64_t min, int64_t max,
                                         int64_t* out);
 
-// A decimal number of seconds, e.g. "3", "0.25", "1e2": more than 0 and at
-// most `max`. "nan", "inf", hexadecimal and signs other than an exponent's
-// are malformed; negative numbers and zero are out of range.
+// A decimal number of seconds, e.g. "3", "0.25", "1e2", with an optional '-'
+// or '+' as for a whole number: more than 0 and at most `max`. "nan", "inf"
+// and hexadecimal are malformed; negative numbers and zero are out of range.
 [[nodiscard]] NumberStatus parseSeconds(std::string_view text, double max, double* out);
 
 // parseInteger for the value of the option `what` (e.g. "--fps"); when it

@@ -11,8 +11,10 @@
 
 namespace aovrec {
 
-// "START", "DEQUEUE_EVENT", ... for the node's request codes; "ioctl 0x%08x"
-// for any other.
+// "START", "DEQUEUE_EVENT", ... for the seven request codes, else nullptr.
+const char* requestName(uint32_t request);
+
+// requestName(), or "ioctl 0x%08x" for any other code.
 std::string requestLabel(uint32_t request);
 
 // Bytes of a request's record that the recorder keeps: the size the code

@@ -33,35 +33,35 @@ constexpr uint8_t kArgUnreadable = 4;      // the record could not be read befor
 constexpr uint8_t kArgContentDropped = 8;  // the areas were dropped: the writer was behind
 constexpr uint8_t kArgFlagsKnown = 15;
 
-enum class ContentMode : uint8_t { None = 0, Written = 1, All = 2 };
-enum class Compression : uint8_t { None = 0, Zstd = 1 };
+enum class ContentMode : uint8_t { kNone = 0, kWritten = 1, kAll = 2 };
+enum class Compression : uint8_t { kNone = 0, kZstd = 1 };
 
 enum class RecordType : uint16_t {
-    Open = 1,
-    Close = 2,
-    Ioctl = 3,
-    Poll = 4,
-    EpollCtl = 5,
-    EpollWait = 6,
+    kOpen = 1,
+    kClose = 2,
+    kIoctl = 3,
+    kPoll = 4,
+    kEpollCtl = 5,
+    kEpollWait = 6,
 };
 constexpr uint16_t kLastRecordType = 6;
 
 // Which call of a readiness record.
 enum class WaitKind : uint8_t {
-    Poll = 0,
-    Ppoll = 1,
-    EpollWait = 2,
-    EpollPwait = 3,
-    Select = 4,
-    Pselect = 5,
-    EpollPwait2 = 6,
+    kPoll = 0,
+    kPpoll = 1,
+    kEpollWait = 2,
+    kEpollPwait = 3,
+    kSelect = 4,
+    kPselect = 5,
+    kEpollPwait2 = 6,
 };
 constexpr uint8_t kLastWaitKind = 6;
 
 struct FileHeader {
     uint16_t version = kVersion;
-    ContentMode content = ContentMode::Written;
-    Compression compression = Compression::None;
+    ContentMode content = ContentMode::kWritten;
+    Compression compression = Compression::kNone;
     uint64_t start_ns = 0;  // CLOCK_MONOTONIC when the file was begun
     uint32_t pid = 0;
 };
@@ -98,7 +98,7 @@ inline uint64_t digest(const void* data, size_t size) {
 uint32_t frameCheck(const uint8_t head[kFrameHeaderSize], const void* stored, size_t size);
 
 void encodeHeader(const FileHeader& header, uint8_t out[kHeaderSize]);
-enum class HeaderCheck { Ok, BadMagic, BadVersion, BadCrc, BadField };
+enum class HeaderCheck { kOk, kBadMagic, kBadVersion, kBadCrc, kBadField };
 HeaderCheck decodeHeader(const uint8_t in[kHeaderSize], FileHeader* out);
 
 void encodeFrameHeader(const FrameHeader& frame, uint8_t out[kFrameHeaderSize]);
@@ -111,8 +111,6 @@ uint32_t keptAreaBytes(ContentMode mode, size_t section, uint32_t first_info_wor
 
 const char* contentModeName(ContentMode mode);
 bool parseContentMode(const char* text, ContentMode* out);
-// "START", "DEQUEUE_EVENT", ... for the seven request codes, else nullptr.
-const char* requestName(uint32_t code);
 
 // Little-endian appender into a fixed buffer; remembers an overflow instead of
 // writing past the end.

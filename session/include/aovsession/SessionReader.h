@@ -58,7 +58,7 @@ struct WaitEntry {
 };
 
 struct Record {
-    RecordType type = RecordType::Open;
+    RecordType type = RecordType::kOpen;
     uint64_t index = 0;   // 0-based position in the file
     uint64_t offset = 0;  // of its frame in the file
     CallInfo call;
@@ -79,7 +79,7 @@ struct Record {
     uint8_t area_count = 0;
 
     // Poll, EpollWait
-    WaitKind wait_kind = WaitKind::Poll;
+    WaitKind wait_kind = WaitKind::kPoll;
     int32_t timeout_ms = 0;
     WaitEntry entries[kMaxWaitEntries];
     uint16_t entry_count = 0;
@@ -104,10 +104,10 @@ class SessionReader {
     bool start();
 
     enum class Next {
-        Record,  // *out holds the next record
-        End,     // the file ended after a whole record
-        Cut,     // the file ends inside a record (a recording cut off); error() says where
-        Bad,     // the file is damaged or not a session file; error() says how
+        kRecord,  // *out holds the next record
+        kEnd,     // the file ended after a whole record
+        kCut,     // the file ends inside a record (a recording cut off); error() says where
+        kBad,     // the file is damaged or not a session file; error() says how
     };
     Next next(Record* out);
 

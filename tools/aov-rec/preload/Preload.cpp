@@ -196,7 +196,7 @@ __attribute__((visibility("default"))) int poll(pollfd* fds, nfds_t n, int timeo
     }
     const uint64_t begin = aovrec::monotonicNs();
     const int result = fn(fds, n, timeout);
-    aovrec::recordPoll(aovrec::WaitKind::Poll, begin, fds, n, timeout, result, errno);
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, begin, fds, n, timeout, result, errno);
     return result;
 }
 
@@ -209,7 +209,7 @@ __attribute__((visibility("default"))) int ppoll(pollfd* fds, nfds_t n, const ti
     const uint64_t begin = aovrec::monotonicNs();
     const int result = fn(fds, n, ts, mask);
     const int err = errno;
-    aovrec::recordPoll(aovrec::WaitKind::Ppoll, begin, fds, n, aovrec::timeoutMs(ts), result, err);
+    aovrec::recordPoll(aovrec::WaitKind::kPpoll, begin, fds, n, aovrec::timeoutMs(ts), result, err);
     return result;
 }
 
@@ -230,8 +230,8 @@ __attribute__((visibility("default"))) int select(int nfds, fd_set* read, fd_set
     }
     const uint64_t begin = aovrec::monotonicNs();
     const int result = fn(nfds, read, write, except, tv);
-    aovrec::recordSelect(aovrec::WaitKind::Select, begin, nfds, asked, read, write, except, timeout,
-                         result, errno);
+    aovrec::recordSelect(aovrec::WaitKind::kSelect, begin, nfds, asked, read, write, except,
+                         timeout, result, errno);
     return result;
 }
 
@@ -247,7 +247,7 @@ __attribute__((visibility("default"))) int pselect(int nfds, fd_set* read, fd_se
     const uint64_t begin = aovrec::monotonicNs();
     const int result = fn(nfds, read, write, except, ts, mask);
     const int err = errno;
-    aovrec::recordSelect(aovrec::WaitKind::Pselect, begin, nfds, asked, read, write, except,
+    aovrec::recordSelect(aovrec::WaitKind::kPselect, begin, nfds, asked, read, write, except,
                          aovrec::timeoutMs(ts), result, err);
     return result;
 }
@@ -272,7 +272,7 @@ __attribute__((visibility("default"))) int epoll_wait(int epfd, epoll_event* eve
     const uint64_t begin = watched ? aovrec::monotonicNs() : 0;
     const int result = fn(epfd, events, max, timeout);
     if (__builtin_expect(watched || fdHas(epfd, kFdEpoll), 0)) {
-        aovrec::recordEpollWait(aovrec::WaitKind::EpollWait, begin, epfd, events, timeout, result,
+        aovrec::recordEpollWait(aovrec::WaitKind::kEpollWait, begin, epfd, events, timeout, result,
                                 errno);
     }
     return result;
@@ -287,7 +287,7 @@ __attribute__((visibility("default"))) int epoll_pwait(int epfd, epoll_event* ev
     const uint64_t begin = watched ? aovrec::monotonicNs() : 0;
     const int result = fn(epfd, events, max, timeout, mask);
     if (__builtin_expect(watched || fdHas(epfd, kFdEpoll), 0)) {
-        aovrec::recordEpollWait(aovrec::WaitKind::EpollPwait, begin, epfd, events, timeout, result,
+        aovrec::recordEpollWait(aovrec::WaitKind::kEpollPwait, begin, epfd, events, timeout, result,
                                 errno);
     }
     return result;
@@ -303,7 +303,7 @@ __attribute__((visibility("default"))) int epoll_pwait2(int epfd, epoll_event* e
     const int result = fn(epfd, events, max, timeout, mask);
     if (__builtin_expect(watched || fdHas(epfd, kFdEpoll), 0)) {
         const int err = errno;
-        aovrec::recordEpollWait(aovrec::WaitKind::EpollPwait2, begin, epfd, events,
+        aovrec::recordEpollWait(aovrec::WaitKind::kEpollPwait2, begin, epfd, events,
                                 aovrec::timeoutMs(timeout), result, err);
     }
     return result;

@@ -239,7 +239,7 @@ void WaitPayload::finish() {
 }
 
 uint64_t contentBytes(ContentMode mode, const uint8_t* back, size_t back_len) {
-    if (back_len < sizeof(aov_event_query) || mode == ContentMode::None) {
+    if (back_len < sizeof(aov_event_query) || mode == ContentMode::kNone) {
         return 0;
     }
     uint64_t total = 0;

@@ -45,7 +45,7 @@ struct Recorder {
     char dev_node[kMaxConfigPath] = {};
     char status[kMaxConfigPath] = {};
     char path[kMaxConfigPath + 32] AOV_GUARDED_BY(lock) = {};  // the file this process writes
-    ContentMode content AOV_GUARDED_BY(lock) = ContentMode::Written;
+    ContentMode content AOV_GUARDED_BY(lock) = ContentMode::kWritten;
     bool compress AOV_GUARDED_BY(lock) = true;
     bool owner AOV_GUARDED_BY(lock) = true;
     pid_t owner_pid AOV_GUARDED_BY(lock) = 0;
@@ -184,7 +184,7 @@ bool startLocked() AOV_REQUIRES(g_rec.lock) {
     }
     FileHeader header;
     header.content = g_rec.content;
-    header.compression = g_rec.compress ? Compression::Zstd : Compression::None;
+    header.compression = g_rec.compress ? Compression::kZstd : Compression::kNone;
     header.start_ns = monotonicNs();
     header.pid = static_cast<uint32_t>(::getpid());
     const bool may_signal = outputMaySignal(fd);
@@ -479,7 +479,7 @@ void recordOpen(uint64_t begin_ns, int dirfd, const char* path, int flags, mode_
             const size_t length = strnlen(path, kMaxPath);
             out.u16(static_cast<uint16_t>(length));
             out.put(path, length);
-            submitSmallLocked(RecordType::Open, out);
+            submitSmallLocked(RecordType::kOpen, out);
         }
     }
     errno = err;
@@ -505,7 +505,7 @@ void recordClose(uint64_t begin_ns, int fd, int result, int err) {
             g_rec.lock.assertHeld();
             ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);
-            submitSmallLocked(RecordType::Close, out);
+            submitSmallLocked(RecordType::kClose, out);
         }
     }
     errno = err;
@@ -580,7 +580,7 @@ void recordPoll(WaitKind kind, uint64_t begin_ns, const pollfd* fds, nfds_t n, i
                 }
             }
             wait.finish();
-            submitSmallLocked(RecordType::Poll, out);
+            submitSmallLocked(RecordType::kPoll, out);
         }
     }
     errno = err;
@@ -621,7 +621,7 @@ void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_eve
             out.u32(static_cast<uint32_t>(fd));
             out.u32(events);
             out.u64(data);
-            submitSmallLocked(RecordType::EpollCtl, out);
+            submitSmallLocked(RecordType::kEpollCtl, out);
         }
     }
     errno = err;
@@ -647,7 +647,7 @@ void recordEpollWait(WaitKind kind, uint64_t begin_ns, int epfd, const epoll_eve
                 }
             }
             wait.finish();
-            submitSmallLocked(RecordType::EpollWait, out);
+            submitSmallLocked(RecordType::kEpollWait, out);
         }
     }
     errno = err;
@@ -702,7 +702,7 @@ void recordSelect(WaitKind kind, uint64_t begin_ns, int nfds, const SelectSets& 
                 }
             }
             wait.finish();
-            submitSmallLocked(RecordType::Poll, out);
+            submitSmallLocked(RecordType::kPoll, out);
         }
     }
     errno = err;
@@ -770,12 +770,12 @@ int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
                 if (out.overflow()) {
                     queueReleaseContent(slot);
                     g_rec.dropped.fetch_add(1);
-                } else if (!queueContent(RecordType::Ioctl, slot, out.size())) {
+                } else if (!queueContent(RecordType::kIoctl, slot, out.size())) {
                     fail(g_rec.path,
                          "the output took nothing within the stall limit (a pipe nobody reads?)");
                 }
             } else {
-                submitSmallLocked(RecordType::Ioctl, out);
+                submitSmallLocked(RecordType::kIoctl, out);
             }
         }
     }

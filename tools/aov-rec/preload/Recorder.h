@@ -45,7 +45,7 @@ extern std::atomic<bool> g_armed;  // configured and not failed
 
 struct RecorderConfig {
     const char* file = nullptr;  // session file path; null: record nothing
-    ContentMode content = ContentMode::Written;
+    ContentMode content = ContentMode::kWritten;
     bool compress = true;
     const char* node = nullptr;     // the node's path; null: "/dev/kelo_aov" and
     const char* dev_dir = nullptr;  // DIR/kelo_aov for this AOV_DEV_DIR, if set

@@ -27,7 +27,7 @@ constexpr size_t kWakeAt = 64;
 constexpr long kLingerMs = 20;
 
 struct Entry {
-    RecordType type = RecordType::Open;
+    RecordType type = RecordType::kOpen;
     uint32_t size = 0;
     int slot = kSmallSlot;
     uint32_t offset = 0;  // in the ring, for a small record
