@@ -3,11 +3,14 @@
 
 #include "KdevLauncher.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <string>
 
 namespace aovsimtool {
@@ -21,6 +24,43 @@ TEST(KdevLauncherTest, AServerThatEndsWithoutSayingReadyIsReportedWithItsExitSta
               "aov-kdev did not come up on /tmp/aov-kdev-never: it closed its ready pipe without "
               "saying ready (exit status 1)");
     EXPECT_FALSE(launcher.running());
+}
+
+int openDescriptors() {
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return -1;
+    }
+    int n = 0;
+    while (::readdir(dir) != nullptr) {
+        ++n;
+    }
+    ::closedir(dir);
+    return n;
+}
+
+// A tool or a test starts and stops servers many times in one process: each
+// start, whether the server came up or not, leaves no descriptor behind.
+TEST(KdevLauncherTest, StartingAndStoppingLeavesNoDescriptorOpen) {
+    const std::string script =
+        ::testing::TempDir() + "kdev_stand_in_" + std::to_string(::getpid()) + ".sh";
+    {
+        std::ofstream out(script);
+        out << "#!/bin/sh\necho ready >&3\nexec sleep 30\n";
+    }
+    ASSERT_EQ(::chmod(script.c_str(), 0700), 0);
+    const int before = openDescriptors();
+    ASSERT_GT(before, 0);
+    for (int round = 0; round < 3; ++round) {
+        KdevLauncher launcher;
+        std::string problem;
+        ASSERT_TRUE(launcher.start(script, "/tmp/aov-kdev-stand-in", {}, &problem)) << problem;
+        EXPECT_TRUE(launcher.running());
+        EXPECT_TRUE(launcher.stop()) << "the stand-in did not end on SIGTERM";
+        EXPECT_FALSE(launcher.start("false", "/tmp/aov-kdev-never", {}, &problem));
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    ::unlink(script.c_str());
 }
 
 TEST(KdevLauncherTest, ExitTextNamesTheExitStatusOrTheSignal) {
