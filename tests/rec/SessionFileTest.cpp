@@ -966,6 +966,51 @@ TEST(WriterThread, ANormalExitWritesWhatIsStillQueued) {
     EXPECT_EQ(got, want);
 }
 
+// The writer thread starts with every signal blocked in it; the thread
+// whose call started it keeps its own mask, so that a recorded program's
+// signals reach it as before (a child process: the writer starts once a
+// process).
+TEST(WriterThread, TheThreadThatStartsTheWriterKeepsItsSignalMask) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path = fileOfDeathTest("AOVREC_MASK_TEST_FILE", "mask.rec");
+    EXPECT_EXIT(
+        {
+            sigset_t usr1;
+            sigemptyset(&usr1);
+            sigaddset(&usr1, SIGUSR1);
+            pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+            sigset_t before;
+            pthread_sigmask(SIG_BLOCK, nullptr, &before);
+            aovrec::RecorderConfig config;
+            config.file = path.c_str();
+            config.content = ContentMode::Written;
+            config.node = kNode;
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            Dequeue dq;
+            aov_event_query query = dq.query;
+            aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query);
+            sigset_t after;
+            pthread_sigmask(SIG_BLOCK, nullptr, &after);
+            for (int sig = 1; sig < NSIG; ++sig) {
+                if (sigismember(&before, sig) != sigismember(&after, sig)) {
+                    std::fprintf(stderr, "signal %d: %s before, %s after\n", sig,
+                                 sigismember(&before, sig) ? "blocked" : "open",
+                                 sigismember(&after, sig) ? "blocked" : "open");
+                    std::_Exit(2);
+                }
+            }
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    std::string error;
+    const std::vector<std::string> got = describeBytes(readFile(path), &error);
+    ::unlink(path.c_str());
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(got, (std::vector<std::string>{"open", "D1"})) << "the writer thread wrote them";
+}
+
 // Standard error into a file for the length of a test.
 class CapturedStderr {
   public:
