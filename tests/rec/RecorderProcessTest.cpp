@@ -207,14 +207,15 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
     EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 4u) << dump.output;
     EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
     // select and pselect on the node (the symlink's descriptor, whatever
-    // number it got), each found it readable.
+    // number it got), each found it readable, with its limit in milliseconds.
     const size_t firstOpen = dump.output.find("\"call\":\"open\"");
     ASSERT_NE(firstOpen, std::string::npos) << dump.output;
     const size_t resultAt = dump.output.find("\"result\":", firstOpen);
     const std::string linkFd = std::to_string(std::atoi(dump.output.c_str() + resultAt + 9));
     for (const std::string kind : {"select", "pselect"}) {
-        EXPECT_NE(dump.output.find("\"kind\":\"" + kind + "\",\"timeout_ms\":0,\"node\":[{\"fd\":" +
-                                   linkFd + ",\"events\":1,\"revents\":1}]"),
+        EXPECT_NE(dump.output.find("\"kind\":\"" + kind +
+                                   "\",\"timeout_ms\":2500,\"node\":[{\"fd\":" + linkFd +
+                                   ",\"events\":1,\"revents\":1}]"),
                   std::string::npos)
             << kind << "\n"
             << dump.output;
