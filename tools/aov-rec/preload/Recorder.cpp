@@ -323,6 +323,11 @@ void forkChild() AOV_NO_THREAD_SAFETY_ANALYSIS {
 
 void configure(const RecorderConfig& config) {
     g_rec.lock.lock();
+    // The previous recording's queued records go to its file, and a writer
+    // thread still busy with them (reporting a failure through the status
+    // file, say) is done before the paths change under it.
+    queueDrain(kDrainLimitSeconds);
+    queueQuiesce(kDrainLimitSeconds);
     copyPath(g_rec.file, config.file);
     copyPath(g_rec.node, config.node != nullptr ? config.node : AOV_DEVICE_NODE);
     copyPath(g_rec.status, config.status);
@@ -339,8 +344,6 @@ void configure(const RecorderConfig& config) {
     g_rec.owner = config.owner;
     g_rec.owner_pid = ::getpid();
     queueSetStallLimit(config.stall_limit_ms);
-    // The previous recording's queued records go to its file.
-    queueDrain(kDrainLimitSeconds);
     queueResume();
     watchClearLocked();
     if (g_rec.out_fd >= 0) {
