@@ -4,8 +4,10 @@
 // while it is busy or blocked, exit, write failure) and when a data area is
 // copied directly.
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -966,11 +968,43 @@ TEST(WriterThread, ANormalExitWritesWhatIsStillQueued) {
     EXPECT_EQ(got, want);
 }
 
-// The writer thread starts with every signal blocked in it; the thread
-// whose call started it keeps its own mask, so that a recorded program's
-// signals reach it as before (a child process: the writer starts once a
-// process).
-TEST(WriterThread, TheThreadThatStartsTheWriterKeepsItsSignalMask) {
+// True when a thread of this process other than the caller runs at
+// SCHED_BATCH with every standard signal it can block blocked.
+bool aBackgroundThreadBlocksEverySignal() {
+    DIR* tasks = ::opendir("/proc/self/task");
+    if (tasks == nullptr) {
+        return false;
+    }
+    const long self = ::syscall(SYS_gettid);
+    bool found = false;
+    while (const dirent* entry = ::readdir(tasks)) {
+        const long tid = std::strtol(entry->d_name, nullptr, 10);
+        if (tid <= 0 || tid == self ||
+            ::sched_getscheduler(static_cast<pid_t>(tid)) != SCHED_BATCH) {
+            continue;
+        }
+        std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+        unsigned long long blocked = 0;
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("SigBlk:", 0) == 0) {
+                blocked = std::strtoull(line.c_str() + 7, nullptr, 16);
+            }
+        }
+        bool all = true;
+        for (int sig = 1; sig < 32; ++sig) {
+            all = all && (sig == SIGKILL || sig == SIGSTOP || ((blocked >> (sig - 1)) & 1) != 0);
+        }
+        found = found || all;
+    }
+    ::closedir(tasks);
+    return found;
+}
+
+// The writer thread runs at background priority with every signal blocked
+// in it; the thread whose call started it keeps its own mask, so that a
+// recorded program's signals reach it as before (a child process: the
+// writer starts once a process).
+TEST(WriterThread, TheWriterRunsInTheBackgroundAndTheThreadThatStartsItKeepsItsSignalMask) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const std::string path = fileOfDeathTest("AOVREC_MASK_TEST_FILE", "mask.rec");
     EXPECT_EXIT(
@@ -1000,6 +1034,10 @@ TEST(WriterThread, TheThreadThatStartsTheWriterKeepsItsSignalMask) {
                                  sigismember(&after, sig) ? "blocked" : "open");
                     std::_Exit(2);
                 }
+            }
+            if (!aBackgroundThreadBlocksEverySignal()) {
+                std::fprintf(stderr, "no thread at SCHED_BATCH with every signal blocked\n");
+                std::_Exit(3);
             }
             std::exit(0);
         },

@@ -206,16 +206,17 @@ bool startThreadLocked() AOV_REQUIRES(g_q.lock) {
     sched_param param{};
     pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
     pthread_attr_setschedparam(&attr, &param);
+    pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
     pthread_t thread;
-    bool started = false;
+    const bool started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
 #ifdef SCHED_BATCH
-    started = pthread_attr_setschedpolicy(&attr, SCHED_BATCH) == 0 &&
-              pthread_create(&thread, &attr, writerMain, nullptr) == 0;
-#endif
-    if (!started) {
-        pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
-        started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
+    // A thread attribute cannot carry SCHED_BATCH (pthread_attr_setschedpolicy
+    // takes only OTHER, FIFO and RR); the thread is moved once created. It
+    // never exits, so its handle stays valid although it is detached.
+    if (started) {
+        pthread_setschedparam(thread, SCHED_BATCH, &param);
     }
+#endif
     pthread_attr_destroy(&attr);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     g_q.thread_started = started;
