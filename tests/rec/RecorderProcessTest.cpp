@@ -143,6 +143,32 @@ TEST_F(UnderTheRecorder, AFileNothingWasRecordedIntoStaysAsItWasAndTheLineNamesT
         << r.output;
 }
 
+// The stall limit comes from the environment: 1 to 600000 ms records; any
+// other value turns the recording off with one line naming it, and the
+// program runs as without the recorder.
+TEST_F(UnderTheRecorder, AStallLimitOutsideItsRangeTurnsTheRecordingOffWithOneLine) {
+    const std::vector<std::string> client = {"record", "-o",  session_, "--", AOV_REC_CLIENT_PATH,
+                                             node_,    other_};
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_});
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    for (const std::string value : {"0", "-1", "600001", "5x"}) {
+        ::unlink(session_.c_str());
+        const ProcessResult r = rec(client, {"AOV_REC_NODE=" + node_, "AOV_REC_STALL_MS=" + value});
+        EXPECT_EQ(withoutRecLines(r.output), bare.output) << value;
+        EXPECT_EQ(count(r.output, "aov-rec: AOV_REC_STALL_MS must be 1 to 600000, not " + value +
+                                      "; recording off\n"),
+                  1u)
+            << r.output;
+        EXPECT_EQ(count(r.output, "session recorded"), 0u) << r.output;
+    }
+    for (const std::string value : {"1", "600000"}) {
+        const ProcessResult r = rec(client, {"AOV_REC_NODE=" + node_, "AOV_REC_STALL_MS=" + value});
+        EXPECT_EQ(r.exit_code, 0) << r.output;
+        EXPECT_EQ(count(r.output, "aov-rec: session recorded in " + session_), 1u) << r.output;
+        EXPECT_EQ(count(r.output, "AOV_REC_STALL_MS"), 0u) << r.output;
+    }
+}
+
 TEST_F(UnderTheRecorder, TheCommandsExitStatusIsHandedBack) {
 #ifdef AOV_REC_PRELOAD_SANITIZED
     GTEST_SKIP() << "the sanitized recorder loads only into sanitized programs, not /bin/sh";
