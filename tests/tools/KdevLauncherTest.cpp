@@ -26,6 +26,29 @@ TEST(KdevLauncherTest, AServerThatEndsWithoutSayingReadyIsReportedWithItsExitSta
     EXPECT_FALSE(launcher.running());
 }
 
+// A stand-in for aov-kdev: a shell script that runs `body`.
+std::string standIn(const std::string& name, const std::string& body) {
+    const std::string script =
+        ::testing::TempDir() + name + "_" + std::to_string(::getpid()) + ".sh";
+    std::ofstream(script) << "#!/bin/sh\n" << body << "\n";
+    EXPECT_EQ(::chmod(script.c_str(), 0700), 0);
+    return script;
+}
+
+// A server that closes its ready pipe is on its way out: its exit status is
+// waited for, even when it comes a while after the close.
+TEST(KdevLauncherTest, AServerThatClosesItsPipeAndEndsLaterIsReportedWithItsExitStatus) {
+    const std::string script = standIn("kdev_closes_then_ends", "exec 3>&-\nsleep 0.3\nexit 4");
+    KdevLauncher launcher;
+    std::string problem;
+    EXPECT_FALSE(launcher.start(script, "/tmp/aov-kdev-never", {}, &problem));
+    EXPECT_EQ(problem,
+              "aov-kdev did not come up on /tmp/aov-kdev-never: it closed its ready pipe without "
+              "saying ready (exit status 4)");
+    EXPECT_FALSE(launcher.running());
+    ::unlink(script.c_str());
+}
+
 int openDescriptors() {
     DIR* dir = ::opendir("/proc/self/fd");
     if (dir == nullptr) {
@@ -42,13 +65,7 @@ int openDescriptors() {
 // A tool or a test starts and stops servers many times in one process: each
 // start, whether the server came up or not, leaves no descriptor behind.
 TEST(KdevLauncherTest, StartingAndStoppingLeavesNoDescriptorOpen) {
-    const std::string script =
-        ::testing::TempDir() + "kdev_stand_in_" + std::to_string(::getpid()) + ".sh";
-    {
-        std::ofstream out(script);
-        out << "#!/bin/sh\necho ready >&3\nexec sleep 30\n";
-    }
-    ASSERT_EQ(::chmod(script.c_str(), 0700), 0);
+    const std::string script = standIn("kdev_ready", "echo ready >&3\nexec sleep 30");
     const int before = openDescriptors();
     ASSERT_GT(before, 0);
     for (int round = 0; round < 3; ++round) {
