@@ -49,6 +49,23 @@ TEST(KdevLauncherTest, AServerThatClosesItsPipeAndEndsLaterIsReportedWithItsExit
     ::unlink(script.c_str());
 }
 
+// A program that answers with something long other than "ready" is given up
+// on at once, not after the time it has to come up, and is stopped.
+TEST(KdevLauncherTest, ALongAnswerOtherThanReadyIsRefusedWithoutWaitingForTheLimit) {
+    const std::string script = standIn("kdev_talks", "printf '%0100d' 0 >&3\nexec sleep 600");
+    KdevLauncher launcher;
+    std::string problem;
+    // A limit far beyond the test's own: only an answer taken at once passes.
+    EXPECT_FALSE(launcher.start(script, "/tmp/aov-kdev-never", {}, &problem, 3600 * 1000));
+    EXPECT_EQ(problem.rfind("aov-kdev did not come up on /tmp/aov-kdev-never: it said something "
+                            "other than ready",
+                            0),
+              0u)
+        << problem;
+    EXPECT_FALSE(launcher.running());
+    ::unlink(script.c_str());
+}
+
 int openDescriptors() {
     DIR* dir = ::opendir("/proc/self/fd");
     if (dir == nullptr) {
