@@ -255,6 +255,27 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
     ::unlink(link.c_str());
 }
 
+// A device's node is known by its device number: reached through a symlink
+// or a doubled slash, a character device (/dev/null here) is the node too.
+TEST_F(UnderTheRecorder, ACharacterDeviceNodeIsRecordedWhateverPathReachesIt) {
+    const std::string link = tempPath("device-link");
+    ASSERT_EQ(::symlink("/dev/null", link.c_str()), 0) << std::strerror(errno);
+    const std::vector<std::string> args = {"/dev/null", other_, "paths", link};
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, args);
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    std::vector<std::string> recordArgs = {"record", "-o", session_, "--", AOV_REC_CLIENT_PATH};
+    recordArgs.insert(recordArgs.end(), args.begin(), args.end());
+    const ProcessResult recorded = rec(recordArgs, {"AOV_REC_NODE=/dev/null"});
+    ::unlink(link.c_str());
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    // By the symlink, "//", /proc/self/fd/N and openat from the directory.
+    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 4u) << dump.output;
+    EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
+}
+
 // What a wait found is recorded per descriptor set, and a node descriptor is
 // known by its number only while it is open: the number 0 is a node's like
 // any other, and once closed, neither its epoll data nor its number make
