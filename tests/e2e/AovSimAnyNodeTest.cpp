@@ -185,6 +185,20 @@ TEST_F(ServedNode, EventsAnotherDriverNeverSendsStillFailTheRun) {
     EXPECT_EQ(run.count("unavailable"), 1u) << run.output;
 }
 
+// A driver without figures that dies mid-session: its node is looked up
+// again after the session, and the run ends in exit 1 saying it went away.
+TEST_F(ServedNode, AnotherDriverThatDiesMidSessionIsSaidToHaveGoneAway) {
+    ASSERT_NO_FATAL_FAILURE(serve(AOV_THIRD_PARTY_NODE_PATH, {"--die-at-dequeue", "2"}));
+    const SimRun run = aovSim({"--node", node(), "--events", "3", "--timeout", "1"});
+    EXPECT_EQ(run.exit_code, 1) << run.output;
+    int status = 0;
+    ASSERT_TRUE(server_.waitExit(aovsimtool::KdevLauncher::kStopTimeoutMs, &status))
+        << "the driver did not end at its second dequeue";
+    EXPECT_TRUE(
+        run.has("aov-sim: error: the driver serving " + node() + " went away during the session"))
+        << run.output;
+}
+
 TEST(AovSimNodeErrors, APathThatIsNoNodeEndsInExitTwoWithOneLineNamingWhatIsMissing) {
     const std::string base = ::testing::TempDir() + "aovsim_any_node";
     const std::string dir = base + "_dir";

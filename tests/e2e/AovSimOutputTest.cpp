@@ -248,6 +248,26 @@ TEST(AovSimOutput, ScriptedEventsCountTheirMismatches) {
     expectSummaryMatchesTrace(run);
 }
 
+// A driver that writes content with every second event: the events between
+// carry no content, whatever the event buffer still holds of the one before
+// (its info words included), and are neither checked nor counted as mismatches.
+TEST(AovSimOutput, EventsWithoutContentAreShownAsSuchAndNotChecked) {
+    const std::string path = scenarioFile("every-second", R"({"name": "every-second",
+        "sensors": [{"id": 0, "device": 1, "orientation": 90, "scenarios": [{"index": 2,
+        "width": 320, "height": 240, "rate": 100, "type": 2, "bit": 8}]}],
+        "driver": {"content_every": 2}, "failures": {}})");
+    const Output run = runAovSim({"-s", path, "--events", "4"});
+    ASSERT_EQ(run.exit_code, 0) << run.text();
+    const std::vector<std::string> events = run.starting("[evt ] #");
+    ASSERT_EQ(events.size(), 4u) << run.text();
+    for (size_t i = 0; i < events.size(); ++i) {
+        const std::string end = i % 2 == 0 ? " no content" : " content ok (5 sections)";
+        EXPECT_EQ(events[i].rfind(end), events[i].size() - end.size()) << events[i];
+    }
+    EXPECT_EQ(run.count("MISMATCH"), 0u) << run.text();
+    expectSummaryMatchesTrace(run);
+}
+
 TEST(AovSimOutput, APowerOnFailureLeavesTheClockOnUlposcAndExitsOne) {
     const Output run =
         runAovSim({"-s", tenFpsScenario("power", R"("power_on": [0])"), "--events", "2"});

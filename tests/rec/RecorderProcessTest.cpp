@@ -143,6 +143,32 @@ TEST_F(UnderTheRecorder, AFileNothingWasRecordedIntoStaysAsItWasAndTheLineNamesT
         << r.output;
 }
 
+// The stall limit comes from the environment: 1 to 600000 ms records; any
+// other value turns the recording off with one line naming it, and the
+// program runs as without the recorder.
+TEST_F(UnderTheRecorder, AStallLimitOutsideItsRangeTurnsTheRecordingOffWithOneLine) {
+    const std::vector<std::string> client = {"record", "-o",  session_, "--", AOV_REC_CLIENT_PATH,
+                                             node_,    other_};
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_});
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    for (const std::string value : {"0", "-1", "600001", "5x"}) {
+        ::unlink(session_.c_str());
+        const ProcessResult r = rec(client, {"AOV_REC_NODE=" + node_, "AOV_REC_STALL_MS=" + value});
+        EXPECT_EQ(withoutRecLines(r.output), bare.output) << value;
+        EXPECT_EQ(count(r.output, "aov-rec: AOV_REC_STALL_MS must be 1 to 600000, not " + value +
+                                      "; recording off\n"),
+                  1u)
+            << r.output;
+        EXPECT_EQ(count(r.output, "session recorded"), 0u) << r.output;
+    }
+    for (const std::string value : {"1", "600000"}) {
+        const ProcessResult r = rec(client, {"AOV_REC_NODE=" + node_, "AOV_REC_STALL_MS=" + value});
+        EXPECT_EQ(r.exit_code, 0) << r.output;
+        EXPECT_EQ(count(r.output, "aov-rec: session recorded in " + session_), 1u) << r.output;
+        EXPECT_EQ(count(r.output, "AOV_REC_STALL_MS"), 0u) << r.output;
+    }
+}
+
 TEST_F(UnderTheRecorder, TheCommandsExitStatusIsHandedBack) {
 #ifdef AOV_REC_PRELOAD_SANITIZED
     GTEST_SKIP() << "the sanitized recorder loads only into sanitized programs, not /bin/sh";
@@ -207,14 +233,15 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
     EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 4u) << dump.output;
     EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
     // select and pselect on the node (the symlink's descriptor, whatever
-    // number it got), each found it readable.
+    // number it got), each found it readable, with its limit in milliseconds.
     const size_t firstOpen = dump.output.find("\"call\":\"open\"");
     ASSERT_NE(firstOpen, std::string::npos) << dump.output;
     const size_t resultAt = dump.output.find("\"result\":", firstOpen);
     const std::string linkFd = std::to_string(std::atoi(dump.output.c_str() + resultAt + 9));
     for (const std::string kind : {"select", "pselect"}) {
-        EXPECT_NE(dump.output.find("\"kind\":\"" + kind + "\",\"timeout_ms\":0,\"node\":[{\"fd\":" +
-                                   linkFd + ",\"events\":1,\"revents\":1}]"),
+        EXPECT_NE(dump.output.find("\"kind\":\"" + kind +
+                                   "\",\"timeout_ms\":2500,\"node\":[{\"fd\":" + linkFd +
+                                   ",\"events\":1,\"revents\":1}]"),
                   std::string::npos)
             << kind << "\n"
             << dump.output;
@@ -226,6 +253,27 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":90,"), std::string::npos) << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":100,"), std::string::npos) << dump.output;
     ::unlink(link.c_str());
+}
+
+// A device's node is known by its device number: reached through a symlink
+// or a doubled slash, a character device (/dev/null here) is the node too.
+TEST_F(UnderTheRecorder, ACharacterDeviceNodeIsRecordedWhateverPathReachesIt) {
+    const std::string link = tempPath("device-link");
+    ASSERT_EQ(::symlink("/dev/null", link.c_str()), 0) << std::strerror(errno);
+    const std::vector<std::string> args = {"/dev/null", other_, "paths", link};
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, args);
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    std::vector<std::string> recordArgs = {"record", "-o", session_, "--", AOV_REC_CLIENT_PATH};
+    recordArgs.insert(recordArgs.end(), args.begin(), args.end());
+    const ProcessResult recorded = rec(recordArgs, {"AOV_REC_NODE=/dev/null"});
+    ::unlink(link.c_str());
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    // By the symlink, "//", /proc/self/fd/N and openat from the directory.
+    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 4u) << dump.output;
+    EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
 }
 
 // What a wait found is recorded per descriptor set, and a node descriptor is

@@ -4,8 +4,10 @@
 // while it is busy or blocked, exit, write failure) and when a data area is
 // copied directly.
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sched.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -966,6 +968,87 @@ TEST(WriterThread, ANormalExitWritesWhatIsStillQueued) {
     EXPECT_EQ(got, want);
 }
 
+// True when a thread of this process other than the caller runs at
+// SCHED_BATCH with every standard signal it can block blocked.
+bool aBackgroundThreadBlocksEverySignal() {
+    DIR* tasks = ::opendir("/proc/self/task");
+    if (tasks == nullptr) {
+        return false;
+    }
+    const long self = ::syscall(SYS_gettid);
+    bool found = false;
+    while (const dirent* entry = ::readdir(tasks)) {
+        const long tid = std::strtol(entry->d_name, nullptr, 10);
+        if (tid <= 0 || tid == self ||
+            ::sched_getscheduler(static_cast<pid_t>(tid)) != SCHED_BATCH) {
+            continue;
+        }
+        std::ifstream status("/proc/self/task/" + std::to_string(tid) + "/status");
+        unsigned long long blocked = 0;
+        for (std::string line; std::getline(status, line);) {
+            if (line.rfind("SigBlk:", 0) == 0) {
+                blocked = std::strtoull(line.c_str() + 7, nullptr, 16);
+            }
+        }
+        bool all = true;
+        for (int sig = 1; sig < 32; ++sig) {
+            all = all && (sig == SIGKILL || sig == SIGSTOP || ((blocked >> (sig - 1)) & 1) != 0);
+        }
+        found = found || all;
+    }
+    ::closedir(tasks);
+    return found;
+}
+
+// The writer thread runs at background priority with every signal blocked
+// in it; the thread whose call started it keeps its own mask, so that a
+// recorded program's signals reach it as before (a child process: the
+// writer starts once a process).
+TEST(WriterThread, TheWriterRunsInTheBackgroundAndTheThreadThatStartsItKeepsItsSignalMask) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path = fileOfDeathTest("AOVREC_MASK_TEST_FILE", "mask.rec");
+    EXPECT_EXIT(
+        {
+            sigset_t usr1;
+            sigemptyset(&usr1);
+            sigaddset(&usr1, SIGUSR1);
+            pthread_sigmask(SIG_BLOCK, &usr1, nullptr);
+            sigset_t before;
+            pthread_sigmask(SIG_BLOCK, nullptr, &before);
+            aovrec::RecorderConfig config;
+            config.file = path.c_str();
+            config.content = ContentMode::kWritten;
+            config.node = kNode;
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            Dequeue dq;
+            aov_event_query query = dq.query;
+            aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query);
+            sigset_t after;
+            pthread_sigmask(SIG_BLOCK, nullptr, &after);
+            for (int sig = 1; sig < NSIG; ++sig) {
+                if (sigismember(&before, sig) != sigismember(&after, sig)) {
+                    std::fprintf(stderr, "signal %d: %s before, %s after\n", sig,
+                                 sigismember(&before, sig) ? "blocked" : "open",
+                                 sigismember(&after, sig) ? "blocked" : "open");
+                    std::_Exit(2);
+                }
+            }
+            if (!aBackgroundThreadBlocksEverySignal()) {
+                std::fprintf(stderr, "no thread at SCHED_BATCH with every signal blocked\n");
+                std::_Exit(3);
+            }
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    std::string error;
+    const std::vector<std::string> got = describeBytes(readFile(path), &error);
+    ::unlink(path.c_str());
+    EXPECT_EQ(error, "");
+    EXPECT_EQ(got, (std::vector<std::string>{"open", "D1"})) << "the writer thread wrote them";
+}
+
 // Standard error into a file for the length of a test.
 class CapturedStderr {
   public:
@@ -1314,7 +1397,8 @@ TEST(StalledOutput, ACallNeverWaitsLongerThanTheLimitAndTheRecordingStopsOnce) {
         pipe.closeReader();  // lets the writer's blocked write end
     }
     const std::string text = err.text();
-    const std::string line = "took nothing within the stall limit";
+    // The limit named is the one this recording was configured with.
+    const std::string line = "took nothing within the stall limit, 20 ms";
     EXPECT_NE(text.find(line), std::string::npos) << text;
     EXPECT_EQ(text.find(line), text.rfind(line)) << text;
 }

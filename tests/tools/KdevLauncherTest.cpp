@@ -3,11 +3,14 @@
 
 #include "KdevLauncher.h"
 
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <string>
 
 namespace aovsimtool {
@@ -21,6 +24,77 @@ TEST(KdevLauncherTest, AServerThatEndsWithoutSayingReadyIsReportedWithItsExitSta
               "aov-kdev did not come up on /tmp/aov-kdev-never: it closed its ready pipe without "
               "saying ready (exit status 1)");
     EXPECT_FALSE(launcher.running());
+}
+
+// A stand-in for aov-kdev: a shell script that runs `body`.
+std::string standIn(const std::string& name, const std::string& body) {
+    const std::string script =
+        ::testing::TempDir() + name + "_" + std::to_string(::getpid()) + ".sh";
+    std::ofstream(script) << "#!/bin/sh\n" << body << "\n";
+    EXPECT_EQ(::chmod(script.c_str(), 0700), 0);
+    return script;
+}
+
+// A server that closes its ready pipe is on its way out: its exit status is
+// waited for, even when it comes a while after the close.
+TEST(KdevLauncherTest, AServerThatClosesItsPipeAndEndsLaterIsReportedWithItsExitStatus) {
+    const std::string script = standIn("kdev_closes_then_ends", "exec 3>&-\nsleep 0.3\nexit 4");
+    KdevLauncher launcher;
+    std::string problem;
+    EXPECT_FALSE(launcher.start(script, "/tmp/aov-kdev-never", {}, &problem));
+    EXPECT_EQ(problem,
+              "aov-kdev did not come up on /tmp/aov-kdev-never: it closed its ready pipe without "
+              "saying ready (exit status 4)");
+    EXPECT_FALSE(launcher.running());
+    ::unlink(script.c_str());
+}
+
+// A program that answers with something long other than "ready" is given up
+// on at once, not after the time it has to come up, and is stopped.
+TEST(KdevLauncherTest, ALongAnswerOtherThanReadyIsRefusedWithoutWaitingForTheLimit) {
+    const std::string script = standIn("kdev_talks", "printf '%0100d' 0 >&3\nexec sleep 600");
+    KdevLauncher launcher;
+    std::string problem;
+    // A limit far beyond the test's own: only an answer taken at once passes.
+    EXPECT_FALSE(launcher.start(script, "/tmp/aov-kdev-never", {}, &problem, 3600 * 1000));
+    EXPECT_EQ(problem.rfind("aov-kdev did not come up on /tmp/aov-kdev-never: it said something "
+                            "other than ready",
+                            0),
+              0u)
+        << problem;
+    EXPECT_FALSE(launcher.running());
+    ::unlink(script.c_str());
+}
+
+int openDescriptors() {
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return -1;
+    }
+    int n = 0;
+    while (::readdir(dir) != nullptr) {
+        ++n;
+    }
+    ::closedir(dir);
+    return n;
+}
+
+// A tool or a test starts and stops servers many times in one process: each
+// start, whether the server came up or not, leaves no descriptor behind.
+TEST(KdevLauncherTest, StartingAndStoppingLeavesNoDescriptorOpen) {
+    const std::string script = standIn("kdev_ready", "echo ready >&3\nexec sleep 30");
+    const int before = openDescriptors();
+    ASSERT_GT(before, 0);
+    for (int round = 0; round < 3; ++round) {
+        KdevLauncher launcher;
+        std::string problem;
+        ASSERT_TRUE(launcher.start(script, "/tmp/aov-kdev-stand-in", {}, &problem)) << problem;
+        EXPECT_TRUE(launcher.running());
+        EXPECT_TRUE(launcher.stop()) << "the stand-in did not end on SIGTERM";
+        EXPECT_FALSE(launcher.start("false", "/tmp/aov-kdev-never", {}, &problem));
+    }
+    EXPECT_EQ(openDescriptors(), before);
+    ::unlink(script.c_str());
 }
 
 TEST(KdevLauncherTest, ExitTextNamesTheExitStatusOrTheSignal) {

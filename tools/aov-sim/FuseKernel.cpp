@@ -333,10 +333,11 @@ bool FuseKernel::checkServer(std::string* ending) {
         }
         return true;
     }
-    // Nothing to read of another driver's: the node is looked up again, which
-    // a FUSE driver whose server died refuses.
-    struct stat st;
-    if (::stat(node_.c_str(), &st) != 0 && errno == ENOTCONN) {
+    // Nothing to read of another driver's: its file system is asked for its
+    // figures, which a FUSE driver whose server died refuses (a stat may be
+    // answered from the attribute cache, and an open would reach a live driver).
+    struct statfs fs;
+    if (::statfs(node_.c_str(), &fs) != 0 && errno == ENOTCONN) {
         return fail(ending, "the driver serving " + node_ + " went away during the session");
     }
     return true;

@@ -4,13 +4,16 @@
 // status). It knows only the kernel interface header.
 //
 //   aov_third_party_node --mount DIR [--ready-fd FD] [--events N] [--period-ms MS]
+//                        [--die-at-dequeue K]
 //
 // After START and SENSOR_ON it produces one event every MS milliseconds
 // (default 10), at most N per session (default 5). Each event has a header
 // (its sequence number, the events still pending, and "content" set), 40
 // bytes of text in section 1 and 64 pattern bytes in section 2, with their
 // lengths as the sections' info words. The node polls readable while an event
-// is pending. "ready" goes to FD once the file system is mounted.
+// is pending. "ready" goes to FD once the file system is mounted. With
+// --die-at-dequeue, the server ends at its Kth dequeue without answering it,
+// as a prototype that crashes does.
 //
 // FUSE hands a regular file's ioctl over in its restricted form: the records
 // a code writes are copied in, those it reads are copied out, and nothing
@@ -27,6 +30,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -60,6 +64,8 @@ struct Driver {
 };
 
 Driver driver;
+int dieAtDequeue = 0;  // 0: never
+std::atomic<int> dequeuesAsked{0};
 
 // Drops what a session left; the caller holds the mutex.
 void endSession() {
@@ -91,6 +97,9 @@ bool writeCaller(pid_t pid, const void* from, size_t size, void* to) {
 // Hands out the oldest pending event into the caller's record at `arg`;
 // `out` receives the record the kernel copies back.
 int dequeue(pid_t pid, void* arg, void* out) {
+    if (dieAtDequeue > 0 && dequeuesAsked.fetch_add(1) + 1 == dieAtDequeue) {
+        ::_exit(3);
+    }
     aov_event_query record;
     iovec local{&record, sizeof(record)};
     iovec remote{arg, sizeof(record)};
@@ -270,6 +279,10 @@ int main(int argc, char** argv) {
         } else if (option == "--period-ms") {
             if (!readNumber(value, 1, 60000, &periodMs)) {
                 return usage("--period-ms: expected 1 to 60000");
+            }
+        } else if (option == "--die-at-dequeue") {
+            if (!readNumber(value, 1, 1000000, &dieAtDequeue)) {
+                return usage("--die-at-dequeue: expected 1 to 1000000");
             }
         } else {
             return usage(("unknown option " + option).c_str());

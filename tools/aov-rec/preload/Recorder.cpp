@@ -254,6 +254,16 @@ class Scope {
     bool held_ = false;
 };
 
+// Stops the recording of an output that took nothing within the stall
+// limit, naming the limit in force.
+void failStalled() AOV_REQUIRES(g_rec.lock) {
+    char why[128];
+    std::snprintf(why, sizeof(why),
+                  "the output took nothing within the stall limit, %d ms (a pipe nobody reads?)",
+                  queueStallLimit());
+    fail(g_rec.path, why);
+}
+
 // Hands the small record over; an output that has taken nothing for the
 // stall limit stops the recording. Under the lock.
 void submitSmallLocked(RecordType type, const ByteWriter& out) AOV_REQUIRES(g_rec.lock) {
@@ -262,7 +272,7 @@ void submitSmallLocked(RecordType type, const ByteWriter& out) AOV_REQUIRES(g_re
         return;
     }
     if (!queueSmall(type, g_rec.small, out.size())) {
-        fail(g_rec.path, "the output took nothing within the stall limit (a pipe nobody reads?)");
+        failStalled();
     }
 }
 
@@ -323,6 +333,11 @@ void forkChild() AOV_NO_THREAD_SAFETY_ANALYSIS {
 
 void configure(const RecorderConfig& config) {
     g_rec.lock.lock();
+    // The previous recording's queued records go to its file, and a writer
+    // thread still busy with them (reporting a failure through the status
+    // file, say) is done before the paths change under it.
+    queueDrain(kDrainLimitSeconds);
+    queueQuiesce(kDrainLimitSeconds);
     copyPath(g_rec.file, config.file);
     copyPath(g_rec.node, config.node != nullptr ? config.node : AOV_DEVICE_NODE);
     copyPath(g_rec.status, config.status);
@@ -339,8 +354,6 @@ void configure(const RecorderConfig& config) {
     g_rec.owner = config.owner;
     g_rec.owner_pid = ::getpid();
     queueSetStallLimit(config.stall_limit_ms);
-    // The previous recording's queued records go to its file.
-    queueDrain(kDrainLimitSeconds);
     queueResume();
     watchClearLocked();
     if (g_rec.out_fd >= 0) {
@@ -771,8 +784,7 @@ int trackedIoctl(IoctlFn real, int fd, unsigned long request, void* arg) {
                     queueReleaseContent(slot);
                     g_rec.dropped.fetch_add(1);
                 } else if (!queueContent(RecordType::kIoctl, slot, out.size())) {
-                    fail(g_rec.path,
-                         "the output took nothing within the stall limit (a pipe nobody reads?)");
+                    failStalled();
                 }
             } else {
                 submitSmallLocked(RecordType::kIoctl, out);

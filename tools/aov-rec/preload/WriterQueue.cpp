@@ -51,6 +51,7 @@ struct Queue {
     size_t ring_used AOV_GUARDED_BY(lock) = 0;
     bool slot_busy[kContentSlots] AOV_GUARDED_BY(lock) = {};
     bool writer_waiting AOV_GUARDED_BY(lock) = false;
+    bool in_batch AOV_GUARDED_BY(lock) = false;  // writing (or skipping) a batch unlocked
     bool urgent AOV_GUARDED_BY(lock) =
         false;  // wake the writer: content, a drain, or records waiting too long
     bool thread_started AOV_GUARDED_BY(lock) = false;
@@ -122,6 +123,7 @@ void* writerMain(void*) {
         SessionWriter* writer = g_q.writer;
         const bool may_signal = g_q.may_signal;
         const WriteFailed on_fail = g_q.on_fail;
+        g_q.in_batch = true;
         g_q.lock.unlock();
         size_t ring_freed = 0;
         for (size_t i = 0; i < batch; ++i) {
@@ -145,6 +147,7 @@ void* writerMain(void*) {
             }
         }
         g_q.lock.lock();
+        g_q.in_batch = false;
         for (size_t i = 0; i < batch; ++i) {
             const Entry& e = g_q.entries[(head + i) % kEntries];
             if (e.slot != kSmallSlot) {
@@ -203,16 +206,17 @@ bool startThreadLocked() AOV_REQUIRES(g_q.lock) {
     sched_param param{};
     pthread_attr_setinheritsched(&attr, PTHREAD_EXPLICIT_SCHED);
     pthread_attr_setschedparam(&attr, &param);
+    pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
     pthread_t thread;
-    bool started = false;
+    const bool started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
 #ifdef SCHED_BATCH
-    started = pthread_attr_setschedpolicy(&attr, SCHED_BATCH) == 0 &&
-              pthread_create(&thread, &attr, writerMain, nullptr) == 0;
-#endif
-    if (!started) {
-        pthread_attr_setschedpolicy(&attr, SCHED_OTHER);
-        started = pthread_create(&thread, &attr, writerMain, nullptr) == 0;
+    // A thread attribute cannot carry SCHED_BATCH (pthread_attr_setschedpolicy
+    // takes only OTHER, FIFO and RR); the thread is moved once created. It
+    // never exits, so its handle stays valid although it is detached.
+    if (started) {
+        pthread_setschedparam(thread, SCHED_BATCH, &param);
     }
+#endif
     pthread_attr_destroy(&attr);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
     g_q.thread_started = started;
@@ -414,6 +418,16 @@ bool queueDrain(int seconds) {
     const bool drained = g_q.count == 0 || g_q.discard.load();
     g_q.lock.unlock();
     return drained;
+}
+
+bool queueQuiesce(int seconds) {
+    const timespec deadline = deadlineIn(seconds * 1000L);
+    g_q.lock.lock();
+    while (g_q.in_batch && waitRoomLocked(deadline)) {
+    }
+    const bool idle = !g_q.in_batch;
+    g_q.lock.unlock();
+    return idle;
 }
 
 uint64_t queueHandedOff() {

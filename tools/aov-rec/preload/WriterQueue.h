@@ -56,6 +56,10 @@ void queueResume();
 
 // Waits up to `seconds` until every queued record is written; true if so.
 bool queueDrain(int seconds);
+// Waits up to `seconds` until the writer thread is between batches, so that
+// nothing it took before a discard still runs (a failure it would report
+// included); true if so.
+bool queueQuiesce(int seconds);
 uint64_t queueHandedOff();
 
 // Signals delivered to the thread writing the file must not end the process.
