@@ -155,11 +155,17 @@ TEST_F(UnderTheRecorder, AStallLimitOutsideItsRangeTurnsTheRecordingOffWithOneLi
         ::unlink(session_.c_str());
         const ProcessResult r = rec(client, {"AOV_REC_NODE=" + node_, "AOV_REC_STALL_MS=" + value});
         EXPECT_EQ(withoutRecLines(r.output), bare.output) << value;
-        EXPECT_EQ(count(r.output, "aov-rec: AOV_REC_STALL_MS must be 1 to 600000, not " + value +
-                                      "; recording off\n"),
+        // record reports the recording as stopped, once, not as a program that
+        // never opened the node, and says so in its exit status.
+        EXPECT_EQ(count(r.output,
+                        "aov-rec: recording stopped: AOV_REC_STALL_MS must be 1 to "
+                        "600000, not " +
+                            value + "; recording off\n"),
                   1u)
             << r.output;
         EXPECT_EQ(count(r.output, "session recorded"), 0u) << r.output;
+        EXPECT_EQ(count(r.output, "never opened"), 0u) << r.output;
+        EXPECT_EQ(r.exit_code, 3) << r.output;
     }
     for (const std::string value : {"1", "600000"}) {
         const ProcessResult r = rec(client, {"AOV_REC_NODE=" + node_, "AOV_REC_STALL_MS=" + value});

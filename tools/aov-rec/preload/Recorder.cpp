@@ -85,25 +85,38 @@ void say(const char* a, const char* b = "", const char* c = "", const char* d = 
     }
 }
 
-// Appends one line to the status file; false when it cannot.
-bool tellStatus(const char* word, const char* a, const char* b = "", const char* c = "") {
-    if (g_rec.status[0] == '\0') {
-        return false;
-    }
+// Appends one line to the status file at `status`; false when it cannot.
+bool appendStatus(const char* status, const char* word, const char* a, const char* b,
+                  const char* c) {
     char line[kMaxConfigPath + 256];
     const int n = std::snprintf(line, sizeof(line), "%s %d %s%s%s\n", word,
                                 static_cast<int>(::getpid()), a, b, c);
     if (n <= 0 || static_cast<size_t>(n) >= sizeof(line)) {
         return false;
     }
-    const int fd = static_cast<int>(
-        ::syscall(SYS_openat, AT_FDCWD, g_rec.status, O_WRONLY | O_APPEND | O_CLOEXEC));
+    const int fd =
+        static_cast<int>(::syscall(SYS_openat, AT_FDCWD, status, O_WRONLY | O_APPEND | O_CLOEXEC));
     if (fd < 0) {
         return false;
     }
     const bool ok = ::syscall(SYS_write, fd, line, static_cast<size_t>(n)) == n;
     ::syscall(SYS_close, fd);
     return ok;
+}
+
+// Appends one line to the configured status file; false when it cannot.
+bool tellStatus(const char* word, const char* a, const char* b = "", const char* c = "") {
+    return g_rec.status[0] != '\0' && appendStatus(g_rec.status, word, a, b, c);
+}
+
+// A setting the recorder cannot use turns it off. Under aov-rec record the
+// reason goes to its status file, so that record reports a stopped recording
+// instead of a program that never opened the node.
+void refuseSetting(const char* a, const char* b, const char* c) {
+    const char* status = std::getenv(kEnvStatus);
+    if (status == nullptr || status[0] == '\0' || !appendStatus(status, "stop", a, b, c)) {
+        say(a, b, c);
+    }
 }
 
 // Stops the recording for good after a failure, saying so once. Called by
@@ -380,7 +393,8 @@ void configureFromEnvironment() {
     }
     const char* content = std::getenv(kEnvContent);
     if (content != nullptr && content[0] != '\0' && !parseContentMode(content, &config.content)) {
-        say("AOV_REC_CONTENT must be all, written or none, not ", content, "; recording off");
+        refuseSetting("AOV_REC_CONTENT must be all, written or none, not ", content,
+                      "; recording off");
         return;
     }
     const char* compress = std::getenv(kEnvCompress);
@@ -394,7 +408,7 @@ void configureFromEnvironment() {
         char* end = nullptr;
         const long ms = std::strtol(stall, &end, 10);
         if (*end != '\0' || ms <= 0 || ms > 600000) {
-            say("AOV_REC_STALL_MS must be 1 to 600000, not ", stall, "; recording off");
+            refuseSetting("AOV_REC_STALL_MS must be 1 to 600000, not ", stall, "; recording off");
             return;
         }
         config.stall_limit_ms = static_cast<int>(ms);
