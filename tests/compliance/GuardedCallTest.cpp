@@ -1,6 +1,7 @@
 // The guarded call: a call that answers, one that never does, one whose
 // process dies, a descriptor handed over from the child, and closes that run
-// in a child, one of them blocking; the report's plain and TAP lines.
+// in a child, one of them blocking; a wait that signals interrupt; the
+// report's plain and TAP lines.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
