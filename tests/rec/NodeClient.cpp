@@ -10,8 +10,8 @@
 //                 with each of its sets and by epoll, closed, and its number
 //                 reused by an eventfd under the same epoll data; then an
 //                 epoll descriptor closed and its number reused the same way
-//   late-watch    NODE is a FIFO holding a byte, added to an epoll descriptor
-//                 while another thread already waits on it: by epoll_wait,
+//   late-watch    NODE is a FIFO, added to an epoll descriptor while another
+//                 thread already waits on it, then given a byte: by epoll_wait,
 //                 epoll_pwait and epoll_pwait2 in turn
 
 #include <fcntl.h>
@@ -237,7 +237,6 @@ bool inEpollWait(long tid) {
 int lateWatch(const char* node) {
     const int fd = ::open(node, O_RDWR);
     show("open node", fd >= 0 ? 0 : -1);
-    show("write", ::write(fd, "x", 1));
     const char* names[] = {"epoll_wait late", "epoll_pwait late", "epoll_pwait2 late"};
     for (int kind = 0; kind < 3; ++kind) {
         LateWait w;
@@ -259,9 +258,13 @@ int lateWatch(const char* node) {
         show("waiting", waiting ? 0 : -1);
         epoll_event ev{};
         ev.events = EPOLLIN;
+        // Added empty, so that the byte, not the addition, ends the wait.
         show("epoll_ctl node", ::epoll_ctl(w.epoll, EPOLL_CTL_ADD, fd, &ev));
+        show("write", ::write(fd, "x", 1));
         ::pthread_join(waiter, nullptr);
         show(names[kind], w.result);
+        char byte;
+        show("read", ::read(fd, &byte, 1));
         ::close(w.epoll);
     }
     show("close node", ::close(fd));
