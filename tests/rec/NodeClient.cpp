@@ -12,7 +12,8 @@
 //                 epoll descriptor closed and its number reused the same way
 //   late-watch    NODE is a FIFO, added to an epoll descriptor while another
 //                 thread already waits on it, then given a byte: by epoll_wait,
-//                 epoll_pwait and epoll_pwait2 in turn
+//                 epoll_pwait and epoll_pwait2 in turn; then by epoll_wait
+//                 with the byte already there, so that the addition wakes it
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -184,7 +185,7 @@ int fifo(const char* node) {
 
 struct LateWait {
     int epoll;
-    int kind;  // 0 epoll_wait, 1 epoll_pwait, 2 epoll_pwait2
+    int kind;  // 0 epoll_wait, 1 epoll_pwait, 2 epoll_pwait2, 3 epoll_wait
     std::atomic<long> tid{0};
     int result = -1;
 };
@@ -193,7 +194,7 @@ void* waitLate(void* arg) {
     LateWait* w = static_cast<LateWait*>(arg);
     w->tid = ::syscall(SYS_gettid);
     epoll_event ev{};
-    if (w->kind == 0) {
+    if (w->kind == 0 || w->kind == 3) {
         w->result = ::epoll_wait(w->epoll, &ev, 1, 30000);
     } else if (w->kind == 1) {
         w->result = ::epoll_pwait(w->epoll, &ev, 1, 30000, nullptr);
@@ -237,8 +238,12 @@ bool inEpollWait(long tid) {
 int lateWatch(const char* node) {
     const int fd = ::open(node, O_RDWR);
     show("open node", fd >= 0 ? 0 : -1);
-    const char* names[] = {"epoll_wait late", "epoll_pwait late", "epoll_pwait2 late"};
-    for (int kind = 0; kind < 3; ++kind) {
+    const char* names[] = {"epoll_wait late", "epoll_pwait late", "epoll_pwait2 late",
+                           "epoll_wait woken by the addition"};
+    for (int kind = 0; kind < 4; ++kind) {
+        if (kind == 3) {
+            show("write", ::write(fd, "x", 1));
+        }
         LateWait w;
         w.epoll = ::epoll_create1(EPOLL_CLOEXEC);
         w.kind = kind;
@@ -258,9 +263,11 @@ int lateWatch(const char* node) {
         show("waiting", waiting ? 0 : -1);
         epoll_event ev{};
         ev.events = EPOLLIN;
-        // Added empty, so that the byte, not the addition, ends the wait.
+        // Added empty, the byte ends the wait; added holding it, the addition.
         show("epoll_ctl node", ::epoll_ctl(w.epoll, EPOLL_CTL_ADD, fd, &ev));
-        show("write", ::write(fd, "x", 1));
+        if (kind < 3) {
+            show("write", ::write(fd, "x", 1));
+        }
         ::pthread_join(waiter, nullptr);
         show(names[kind], w.result);
         char byte;
