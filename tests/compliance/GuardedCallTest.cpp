@@ -1,17 +1,21 @@
 // The guarded call: a call that answers, one that never does, one whose
 // process dies, a descriptor handed over from the child, and closes that run
-// in a child, one of them blocking; the report's plain and TAP lines.
+// in a child, one of them blocking; a wait that signals interrupt; the
+// report's plain and TAP lines.
 
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 
+#include "BoundedWait.h"
 #include "Guarded.h"
 #include "Report.h"
 #include "gtest/gtest.h"
@@ -45,6 +49,42 @@ TEST(GuardedCall, ACallThatNeverReturnsIsGivenUpAfterTheLimit) {
     EXPECT_EQ(caller.abandoned(), 1);
     ::close(blocker[0]);
     ::close(blocker[1]);
+}
+
+void noteSignal(int) {}
+
+// Signals reach the checker while it waits (a terminal resized, a timer):
+// each interrupts the wait, which still ends at its limit. The call keeps
+// signalling its caller until the caller is gone, so that the wait is
+// certainly interrupted; the caller runs in a process of its own, so that a
+// wait that never ends can be stopped from here.
+TEST(GuardedCall, AWaitInterruptedBySignalsStillEndsAtItsLimit) {
+    const pid_t caller = ::fork();
+    ASSERT_GE(caller, 0);
+    if (caller == 0) {
+        struct sigaction note {};
+        note.sa_handler = noteSignal;
+        sigemptyset(&note.sa_mask);
+        ::sigaction(SIGUSR1, &note, nullptr);
+        GuardedCaller guarded;
+        const pid_t self = ::getpid();
+        const CallResult r = guarded.run(200, [self]() -> long {
+            const timespec pause{0, 5 * 1000 * 1000};
+            while (::getppid() == self) {
+                ::kill(self, SIGUSR1);
+                ::nanosleep(&pause, nullptr);
+            }
+            return 0;
+        });
+        ::_exit(r.status == CallResult::Status::kTimedOut ? 0 : 1);
+    }
+    int status = 0;
+    if (!aovtest::exitedWithin(caller, &status, std::chrono::seconds(10))) {
+        aovtest::killed(caller);
+        FAIL() << "a wait interrupted by signals did not end within 10 s of its 200 ms limit";
+    }
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
+        << "the call was not reported as timed out (status " << status << ")";
 }
 
 TEST(GuardedCall, AChildThatDiesIsReportedNotWaitedFor) {

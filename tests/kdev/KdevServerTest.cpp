@@ -281,6 +281,32 @@ TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfI
     EXPECT_EQ(elsewhere_.get(), EAGAIN);
 }
 
+// A waiting dequeue is tried again when an event wakes the server or its wait
+// ends, never in between: a wake-up the server left unconsumed would make it
+// spin, trying the driver again and again for as long as it runs.
+TEST_F(KdevServerTest, AWaitingDequeueIsTriedAgainOnlyWhenWokenOrAtTheEndOfItsWait) {
+    aovkdev::ServerFaults wait;
+    wait.empty_dequeue_wait_ms = 200;
+    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue), wait);
+    ASSERT_FALSE(HasFailure());
+    startSession();
+    auto event = std::make_unique<aov_event>();
+    aov_event_query query = queryInto(event.get());
+    // The event wakes the server once; it is dequeued at once.
+    driver_->produceEvent();
+    ASSERT_EQ(::ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, &query), 0) << std::strerror(errno);
+    const uint64_t before = driver_->stats().requests;
+    const int fd = fd_;
+    elsewhere_ = std::async(std::launch::async, [fd, &query] {
+        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
+    });
+    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+        << "the waiting dequeue did not give up at the end of its wait";
+    EXPECT_EQ(elsewhere_.get(), EAGAIN);
+    // Its first try, and the one at the end of its wait.
+    EXPECT_EQ(driver_->stats().requests - before, 2u);
+}
+
 TEST_F(KdevServerTest, AfterAFailedCopyWithPollerrAfterErrorPollReportsPollerrAndTheEventStays) {
     restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kPollerrAfterError));
     ASSERT_FALSE(HasFailure());

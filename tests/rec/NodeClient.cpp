@@ -10,20 +10,28 @@
 //                 with each of its sets and by epoll, closed, and its number
 //                 reused by an eventfd under the same epoll data; then an
 //                 epoll descriptor closed and its number reused the same way
+//   late-watch    NODE is a FIFO, added to an epoll descriptor while another
+//                 thread already waits on it, then given a byte: by epoll_wait,
+//                 epoll_pwait and epoll_pwait2 in turn; then by epoll_wait
+//                 with the byte already there, so that the addition wakes it
 
 #include <fcntl.h>
 #include <linux/close_range.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/select.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 
 #include "kelo_aov.h"
@@ -176,6 +184,101 @@ int fifo(const char* node) {
     return 0;
 }
 
+struct LateWait {
+    int epoll;
+    int kind;  // 0 epoll_wait, 1 epoll_pwait, 2 epoll_pwait2, 3 epoll_wait
+    std::atomic<long> tid{0};
+    int result = -1;
+};
+
+void* waitLate(void* arg) {
+    LateWait* w = static_cast<LateWait*>(arg);
+    w->tid = ::syscall(SYS_gettid);
+    epoll_event ev{};
+    if (w->kind == 0 || w->kind == 3) {
+        w->result = ::epoll_wait(w->epoll, &ev, 1, 30000);
+    } else if (w->kind == 1) {
+        w->result = ::epoll_pwait(w->epoll, &ev, 1, 30000, nullptr);
+    } else {
+#if defined(__GLIBC__) && (__GLIBC__ > 2 || __GLIBC_MINOR__ >= 35)
+        const timespec limit{30, 0};
+        w->result = ::epoll_pwait2(w->epoll, &ev, 1, &limit, nullptr);
+#else
+        w->result = ::epoll_pwait(w->epoll, &ev, 1, 30000, nullptr);
+#endif
+    }
+    return nullptr;
+}
+
+// Whether thread `tid` is in an epoll wait now, as /proc shows its system call.
+bool inEpollWait(long tid) {
+    const std::string path = "/proc/self/task/" + std::to_string(tid) + "/syscall";
+    std::FILE* file = std::fopen(path.c_str(), "r");
+    if (file == nullptr) {
+        return false;
+    }
+    long number = -1;
+    const bool read = std::fscanf(file, "%ld", &number) == 1;
+    std::fclose(file);
+    if (!read) {
+        return false;
+    }
+#ifdef SYS_epoll_wait
+    if (number == SYS_epoll_wait) {
+        return true;
+    }
+#endif
+#ifdef SYS_epoll_pwait2
+    if (number == SYS_epoll_pwait2) {
+        return true;
+    }
+#endif
+    return number == SYS_epoll_pwait;
+}
+
+int lateWatch(const char* node) {
+    const int fd = ::open(node, O_RDWR);
+    show("open node", fd >= 0 ? 0 : -1);
+    const char* names[] = {"epoll_wait late", "epoll_pwait late", "epoll_pwait2 late",
+                           "epoll_wait woken by the addition"};
+    for (int kind = 0; kind < 4; ++kind) {
+        if (kind == 3) {
+            show("write", ::write(fd, "x", 1));
+        }
+        LateWait w;
+        w.epoll = ::epoll_create1(EPOLL_CLOEXEC);
+        w.kind = kind;
+        pthread_t waiter;
+        if (::pthread_create(&waiter, nullptr, waitLate, &w) != 0) {
+            return 1;
+        }
+        // The node is added only once the other thread waits (10 s at most).
+        bool waiting = false;
+        for (int tries = 0; tries < 10000 && !waiting; ++tries) {
+            waiting = w.tid != 0 && inEpollWait(w.tid);
+            if (!waiting) {
+                const timespec pause{0, 1000 * 1000};
+                ::nanosleep(&pause, nullptr);
+            }
+        }
+        show("waiting", waiting ? 0 : -1);
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        // Added empty, the byte ends the wait; added holding it, the addition.
+        show("epoll_ctl node", ::epoll_ctl(w.epoll, EPOLL_CTL_ADD, fd, &ev));
+        if (kind < 3) {
+            show("write", ::write(fd, "x", 1));
+        }
+        ::pthread_join(waiter, nullptr);
+        show(names[kind], w.result);
+        char byte;
+        show("read", ::read(fd, &byte, 1));
+        ::close(w.epoll);
+    }
+    show("close node", ::close(fd));
+    return 0;
+}
+
 int execChild(char* self, char* node, char* other) {
     const pid_t pid = ::fork();
     if (pid == 0) {
@@ -205,6 +308,9 @@ int main(int argc, char** argv) {
     }
     if (mode == "fifo") {
         return fifo(argv[1]);
+    }
+    if (mode == "late-watch") {
+        return lateWatch(argv[1]);
     }
     const int fd = ::open(argv[1], O_RDWR);
     show("open node", fd);

@@ -1184,6 +1184,47 @@ TEST(WriterThread, AFileAtItsSizeLimitStopsTheRecordingAndTheProcessGoesOn) {
     ::unlink(path.c_str());
 }
 
+// The writer thread blocks every signal, but the file's header is written by
+// the thread that first opens the node: a header refused at the size limit
+// raises SIGXFSZ there, and that must not end the process either.
+TEST(WriterThread, AHeaderRefusedAtTheSizeLimitStopsTheRecordingAndTheProcessGoesOn) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path = fileOfDeathTest("AOVREC_HEADER_TEST_FILE", "header.rec");
+    EXPECT_EXIT(
+        {
+            std::signal(SIGXFSZ, SIG_DFL);
+            // The limit holds for every file the process writes: its output
+            // and errors go nowhere until it is lifted.
+            std::fflush(stdout);
+            std::fflush(stderr);
+            const int saved = ::dup(STDERR_FILENO);
+            const int null = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+            ::dup2(null, STDOUT_FILENO);
+            ::dup2(null, STDERR_FILENO);
+            rlimit fsize{};
+            ::getrlimit(RLIMIT_FSIZE, &fsize);
+            const rlimit unlimited = fsize;
+            fsize.rlim_cur = 0;
+            ::setrlimit(RLIMIT_FSIZE, &fsize);
+            aovrec::RecorderConfig config;
+            config.file = path.c_str();
+            config.compress = false;
+            config.node = kNode;
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            ::setrlimit(RLIMIT_FSIZE, &unlimited);
+            ::dup2(saved, STDERR_FILENO);
+            if (!aovrec::stats().failed) {
+                std::fprintf(stderr, "the refused header did not stop the recording\n");
+                std::exit(1);
+            }
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
+    ::unlink(path.c_str());
+}
+
 // A session file that is a pipe whose reader has gone: a record its caller
 // writes raises SIGPIPE, which must not end the process.
 TEST(WriterThread, APipeWhoseReaderHasGoneStopsTheRecordingAndTheProcessGoesOn) {

@@ -13,6 +13,7 @@
 #include <future>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -340,6 +341,27 @@ TEST(ReplayNodePace, AnEventIsDueAtItsRecordedTimeDividedByTheSpeed) {
             EXPECT_TRUE(readable(fd)) << "the event was not ready at speed " << speed;
         }
         EXPECT_EQ(node->close(fd), 0);
+    }
+}
+
+// aov-sim's driver line says what is replayed and at which pace: a speed
+// below 1 slows the recording down, only no speed at all is "max".
+TEST(ReplayNodePace, TheDriverLineNamesTheSpeedGiven) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
+    std::vector<uint8_t> other(sizeof(aov_event));
+    RecordedEvent event;
+    event.record(b, other.data());
+    std::vector<uint8_t> bytes = recording.bytes();
+    const std::pair<double, const char*> speeds[] = {
+        {0.0, "max"}, {0.25, "0.25"}, {1.0, "1"}, {2.5, "2.5"}};
+    for (const auto& [speed, shown] : speeds) {
+        std::string problem;
+        std::shared_ptr<ReplayNode> node = load(bytes, &problem, speed);
+        ASSERT_TRUE(node) << problem;
+        EXPECT_EQ(node->describe(),
+                  std::string("1 requests, 1 events, content written, speed ") + shown);
     }
 }
 

@@ -155,6 +155,22 @@ void watchRemoveLocked(int epfd, int fd) {
     }
 }
 
+bool watchDataLocked(int epfd, int fd, uint64_t* data) {
+    for (const Watch& w : g_watches) {
+        if (w.epfd == epfd && w.fd == fd) {
+            *data = w.data;
+            return true;
+        }
+    }
+    return false;
+}
+
+void unmarkEpoll(int epfd) {
+    if (epfd >= 0 && epfd < kMaxTrackedFd) {
+        g_fd_flags[epfd].fetch_and(static_cast<uint8_t>(~kFdEpoll));
+    }
+}
+
 void watchForgetLocked(int epfd, int fd) {
     for (Watch& w : g_watches) {
         if ((epfd >= 0 && w.epfd == epfd) || (fd >= 0 && w.fd == fd)) {

@@ -59,6 +59,10 @@ int nodeFdsIn(unsigned first, unsigned last, int* out, int max);
 // its events. Guarded by the recorder's lock (the "Locked" functions).
 void watchSetLocked(int epfd, int fd, uint64_t data);
 void watchRemoveLocked(int epfd, int fd);
+// Whether `fd` is registered with `epfd`, and with which data.
+bool watchDataLocked(int epfd, int fd, uint64_t* data);
+// `epfd` no longer counts as an epoll descriptor watching the node.
+void unmarkEpoll(int epfd);
 // Forgets the watches of an epoll descriptor or of a node descriptor (-1: none).
 void watchForgetLocked(int epfd, int fd);
 // The node descriptor registered with `epfd` whose data is `data`, or -1.

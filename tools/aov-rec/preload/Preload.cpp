@@ -258,8 +258,9 @@ __attribute__((visibility("default"))) int epoll_ctl(int epfd, int op, int fd, e
         return fn(epfd, op, fd, event);
     }
     const uint64_t begin = aovrec::monotonicNs();
+    const aovrec::WatchBefore before = aovrec::watchBeforeCtl(epfd, op, fd, event);
     const int result = fn(epfd, op, fd, event);
-    aovrec::recordEpollCtl(begin, epfd, op, fd, event, result, errno);
+    aovrec::recordEpollCtl(begin, epfd, op, fd, event, result, errno, before);
     return result;
 }
 

@@ -622,8 +622,26 @@ int timeoutMs(const struct timespec* ts) {
                               : static_cast<int>(t.tv_sec * 1000 + t.tv_nsec / 1000000);
 }
 
+WatchBefore watchBeforeCtl(int epfd, int op, int fd, const epoll_event* event) {
+    WatchBefore before;
+    const int err = errno;  // the caller's, whatever the call does
+    epoll_event copy{};
+    if ((op == EPOLL_CTL_ADD || op == EPOLL_CTL_MOD) && safeCopy(&copy, event, sizeof(copy))) {
+        Scope scope;
+        if (scope.held()) {
+            g_rec.lock.assertHeld();
+            before.taken = true;
+            before.had_epoll = fdHas(epfd, kFdEpoll);
+            before.had_watch = watchDataLocked(epfd, fd, &before.data);
+            watchSetLocked(epfd, fd, copy.data.u64);
+        }
+    }
+    errno = err;
+    return before;
+}
+
 void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_event* event,
-                    int result, int err) {
+                    int result, int err, const WatchBefore& before) {
     const CallInfo call = callInfo(begin_ns, epfd, result, err);
     uint32_t events = 0;
     uint64_t data = 0;
@@ -641,6 +659,16 @@ void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_eve
                 watchRemoveLocked(epfd, fd);
             } else if (result == 0) {
                 watchSetLocked(epfd, fd, data);
+            } else if (before.taken) {
+                // The registration taken before the call did not happen.
+                if (before.had_watch) {
+                    watchSetLocked(epfd, fd, before.data);
+                } else {
+                    watchRemoveLocked(epfd, fd);
+                }
+                if (!before.had_epoll) {
+                    unmarkEpoll(epfd);
+                }
             }
             ByteWriter out(g_rec.small, kSmallRecord);
             putCall(out, call);

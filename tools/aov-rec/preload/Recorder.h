@@ -106,8 +106,19 @@ void recordCloseRange(uint64_t begin_ns, const int* fds, int n, int result, int 
 // read only through safeCopy, after the call.
 void recordPoll(WaitKind kind, uint64_t begin_ns, const pollfd* fds, nfds_t n, int timeout_ms,
                 int result, int err);
+// Before an epoll_ctl that adds or changes a node descriptor's registration
+// (`event` copied through safeCopy): the registration is known before the
+// call, so that a wait the call itself wakes is recorded and finds the node.
+// What it replaced is kept for recordEpollCtl to put back if the call fails.
+struct WatchBefore {
+    bool taken = false;
+    bool had_epoll = false;  // the epoll descriptor already watched a node
+    bool had_watch = false;  // this node descriptor was registered, with `data`
+    uint64_t data = 0;
+};
+WatchBefore watchBeforeCtl(int epfd, int op, int fd, const epoll_event* event);
 void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_event* event,
-                    int result, int err);
+                    int result, int err, const WatchBefore& before = WatchBefore());
 void recordEpollWait(WaitKind kind, uint64_t begin_ns, int epfd, const epoll_event* events,
                      int timeout_ms, int result, int err);
 // select and pselect: `asked` holds the three sets as they were passed
