@@ -12,7 +12,9 @@ about the tests and is passed over, until COUNT faults have built.
 The suite runs once unseeded first. A fault is caught when a test that passed
 unseeded does not pass with it (failed, crashed, not run, or ended by its time
 limit: a hang bounded by the limit counts as caught, and is shown as such); it
-survived when every such test still passes.
+survived when every such test still passes. The tests that failed are run a
+second time with the fault still in place: if they all pass then, the failure
+was not the fault's, and the fault is shown as 'flaky' and not counted caught.
 
     python3 scripts/mutate.py --seed 7 --count 40 [--paths tools/ session/] [--tests REGEX]
     python3 scripts/mutate.py --seed 7 --count 40 --list     # the sample, nothing run
@@ -63,14 +65,17 @@ def sample(files, seed):
     return sites
 
 
-def test_outcomes(regex, per_test, stop_on_failure=False):
-    """Each test's outcome: 'Passed', or what ctest said instead."""
+def test_outcomes(regex, per_test, stop_on_failure=False, numbers=None):
+    """Each test's outcome: 'Passed', or what ctest said instead. With
+    `numbers`, only the tests of those numbers run."""
     cmd = ["ctest", "--preset", "debug", "-j2", "--timeout", str(per_test)]
     if stop_on_failure:
         # One failing test is enough to call a fault caught: the rest of the
         # suite is not run, which saves most of the time a fault costs.
         cmd.append("--stop-on-failure")
-    if regex:
+    if numbers:
+        cmd += ["-I", "0,0,0," + ",".join(str(n) for n in numbers)]
+    elif regex:
         cmd += ["-R", regex]
     result = run(cmd)
     return parse_outcomes(result.stdout)
@@ -84,6 +89,19 @@ def parse_outcomes(output):
         name = parts[0].split("  # GetParam()")[0].strip()
         outcomes[f"#{number} {name}"] = parts[-1].strip().strip("*")
     return outcomes
+
+
+def confirm(outcome, broken, rerun):
+    """A catch stands only if the tests that failed fail again with the fault
+    still in place: one that passes on the second run failed for another
+    reason (a loaded machine, a flaky test), and the fault is judged 'flaky',
+    which is not counted as caught. `rerun(numbers)` runs those tests."""
+    if outcome != "caught":
+        return outcome, broken
+    again = rerun([int(name[1:].split(" ", 1)[0]) for name in broken])
+    if any(again.get(name) != "Passed" for name in broken):
+        return outcome, broken
+    return "flaky", broken
 
 
 def judge(baseline, outcomes, stopped_at_failure=False):
@@ -160,6 +178,8 @@ def main():
                 invalid += 1
                 continue
             outcome, broken = judge(baseline, test_outcomes(args.tests, args.timeout, True), True)
+            outcome, broken = confirm(
+                outcome, broken, lambda numbers: test_outcomes("", args.timeout, False, numbers))
         finally:
             path.write_text(text)
         results.append({"number": number, "file": site.path, "line": site.line,
@@ -172,12 +192,14 @@ def main():
     run(["cmake", "--build", "--preset", "debug", "-j2"])  # the build matches the sources again
     caught = sum(r["outcome"] in ("caught", "hung") for r in results)
     hung = sum(r["outcome"] == "hung" for r in results)
+    flaky = sum(r["outcome"] == "flaky" for r in results)
     share = 100.0 * caught / len(results) if results else 0.0
     print(f"mutate: seed {args.seed}: caught {caught} of {len(results)} ({share:.0f}%), "
-          f"{hung} of them by a time limit; {invalid} did not build")
+          f"{hung} of them by a time limit; {flaky} failed once but not again (not counted); "
+          f"{invalid} did not build")
     for r in results:
-        if r["outcome"] == "survived":
-            print(f"  survived: #{r['number']} {r['file']}:{r['line']} {r['change']}")
+        if r["outcome"] in ("survived", "flaky"):
+            print(f"  {r['outcome']}: #{r['number']} {r['file']}:{r['line']} {r['change']}")
     if args.report:
         args.report.write_text(json.dumps({"seed": args.seed, "paths": args.paths,
                                            "results": results, "invalid": invalid}, indent=1))

@@ -137,6 +137,31 @@ class HowOutcomesAreJudged(unittest.TestCase):
         self.assertEqual(mutate.judge({"#3 Slow.Hang", "#2 Bad.Fail"}, outcomes),
                          ("caught", ["#2 Bad.Fail", "#3 Slow.Hang"]))
 
+    def test_a_catch_stands_only_if_a_failed_test_fails_again(self):
+        asked = []
+
+        def rerun(outcomes):
+            def run(numbers):
+                asked.append(numbers)
+                return outcomes
+            return run
+
+        broken = ["#2 Bad.Fail", "#12 Slow.Hang"]
+        self.assertEqual(mutate.confirm("caught", broken, rerun({"#2 Bad.Fail": "Failed",
+                                                                   "#12 Slow.Hang": "Passed"})),
+                         ("caught", broken))
+        self.assertEqual(asked, [[2, 12]])
+        self.assertEqual(mutate.confirm("caught", broken, rerun({"#2 Bad.Fail": "Passed",
+                                                                   "#12 Slow.Hang": "Passed"})),
+                         ("flaky", broken))
+        # A test the second run did not report has not passed it.
+        self.assertEqual(mutate.confirm("caught", broken, rerun({"#2 Bad.Fail": "Passed"})),
+                         ("caught", broken))
+        asked.clear()
+        for outcome in ("survived", "hung"):
+            self.assertEqual(mutate.confirm(outcome, broken, rerun({})), (outcome, broken))
+        self.assertEqual(asked, [])
+
 
 if __name__ == "__main__":
     unittest.main()
