@@ -240,6 +240,33 @@ TEST_F(KdevServerTest, ASecondOpenIsRefusedUntilTheFirstIsClosed) {
     EXPECT_GE(fd_, 0) << std::strerror(errno);
 }
 
+// The status file is a plain file: a program that polls it (a monitor that
+// waits on every file it reads) is answered at once, readable. The poll runs
+// in a child that holds nothing of this process's: a poll the server never
+// answers holds its caller until the server's connection goes, which ending
+// the server (in this process) then does.
+TEST_F(KdevServerTest, TheStatusFileIsReadableAtOnceWhenPolled) {
+    const std::string status = dir_ + "/" + aovkdev::kStatusName;
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0) << std::strerror(errno);
+    if (child == 0) {
+        ::syscall(SYS_close_range, 3U, ~0U, 0U);
+        const int fd = ::open(status.c_str(), O_RDONLY | O_CLOEXEC);
+        pollfd p{fd, POLLIN, 0};
+        const bool readable = fd >= 0 && ::poll(&p, 1, 0) == 1 &&
+                              (p.revents & (POLLIN | POLLERR | POLLHUP)) == POLLIN;
+        ::_exit(readable ? 0 : 1);
+    }
+    int wait_status = 0;
+    if (!aovtest::exitedWithin(child, &wait_status, std::chrono::seconds(10))) {
+        TearDown();
+        EXPECT_TRUE(aovtest::exitedWithin(child, &wait_status)) << "the poller outlived the server";
+        FAIL() << "a poll of " << status << " was not answered within 10 s";
+    }
+    EXPECT_TRUE(WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == 0)
+        << "a poll of " << status << " did not find it readable, and only readable";
+}
+
 aov_event_query queryInto(aov_event* event) {
     aov_event_query query{};
     query.s1_addr = event->s1_data;
