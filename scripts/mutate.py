@@ -42,6 +42,9 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 # then what ctest says of it after the run of dots. Tests are known by number:
 # a parametrised name can print a pointer, which changes when the test binary
 # is built again.
+# How much of a failing run's output a report keeps: enough for the failed
+# test's own lines, which ctest prints just before its summary.
+LOG_TAIL = 6000
 TEST_LINE = re.compile(r"^\s*\d+/\d+ Test\s+#(\d+): (.*)\s[\d.]+ sec\s*$", re.M)
 
 
@@ -65,10 +68,11 @@ def sample(files, seed):
     return sites
 
 
-def test_outcomes(regex, per_test, stop_on_failure=False, numbers=None):
+def test_outcomes(regex, per_test, stop_on_failure=False, numbers=None, log=None):
     """Each test's outcome: 'Passed', or what ctest said instead. With
-    `numbers`, only the tests of those numbers run."""
-    cmd = ["ctest", "--preset", "debug", "-j2", "--timeout", str(per_test)]
+    `numbers`, only the tests of those numbers run. With `log`, a list, what
+    the failed tests printed is appended to it."""
+    cmd = ["ctest", "--preset", "debug", "-j2", "--timeout", str(per_test), "--output-on-failure"]
     if stop_on_failure:
         # One failing test is enough to call a fault caught: the rest of the
         # suite is not run, which saves most of the time a fault costs.
@@ -78,7 +82,10 @@ def test_outcomes(regex, per_test, stop_on_failure=False, numbers=None):
     elif regex:
         cmd += ["-R", regex]
     result = run(cmd)
-    return parse_outcomes(result.stdout)
+    outcomes = parse_outcomes(result.stdout)
+    if log is not None and any(status != "Passed" for status in outcomes.values()):
+        log.append(result.stdout[-LOG_TAIL:])
+    return outcomes
 
 
 def parse_outcomes(output):
@@ -127,7 +134,7 @@ def main():
     parser.add_argument("--timeout", type=int, default=60, help="seconds per test (default 60)")
     parser.add_argument("--list", action="store_true", help="print the sample and stop")
     parser.add_argument("--apply", type=int, metavar="N", help="apply fault N of the sample and stop")
-    parser.add_argument("--report", type=pathlib.Path, help="write every outcome as JSON")
+    parser.add_argument("--report", type=pathlib.Path, help="write every outcome as JSON, with what the failed tests printed")
     args = parser.parse_args()
 
     files = sources(args.paths)
@@ -177,14 +184,17 @@ def main():
             if run(["cmake", "--build", "--preset", "debug", "-j2"]).returncode != 0:
                 invalid += 1
                 continue
-            outcome, broken = judge(baseline, test_outcomes(args.tests, args.timeout, True), True)
+            output = []
+            outcome, broken = judge(
+                baseline, test_outcomes(args.tests, args.timeout, True, log=output), True)
             outcome, broken = confirm(
-                outcome, broken, lambda numbers: test_outcomes("", args.timeout, False, numbers))
+                outcome, broken,
+                lambda numbers: test_outcomes("", args.timeout, False, numbers, log=output))
         finally:
             path.write_text(text)
         results.append({"number": number, "file": site.path, "line": site.line,
                         "kind": site.kind, "change": site.describe(text),
-                        "outcome": outcome, "tests": broken})
+                        "outcome": outcome, "tests": broken, "output": output})
         shown = ", ".join(broken[:2]) + (" ..." if len(broken) > 2 else "")
         print(f"{number:4} {outcome:8} {site.path}:{site.line} {site.describe(text)}" +
               (f"  [{shown}]" if shown else ""), flush=True)
