@@ -134,7 +134,8 @@ def main():
     parser.add_argument("--timeout", type=int, default=60, help="seconds per test (default 60)")
     parser.add_argument("--list", action="store_true", help="print the sample and stop")
     parser.add_argument("--apply", type=int, metavar="N", help="apply fault N of the sample and stop")
-    parser.add_argument("--report", type=pathlib.Path, help="write every outcome as JSON, with what the failed tests printed")
+    parser.add_argument("--report", type=pathlib.Path,
+                        help="write every outcome as JSON, with what the failed tests printed")
     args = parser.parse_args()
 
     files = sources(args.paths)
