@@ -361,7 +361,7 @@ TEST(ReplayNodePace, TheDriverLineNamesTheSpeedGiven) {
         std::shared_ptr<ReplayNode> node = load(bytes, &problem, speed);
         ASSERT_TRUE(node) << problem;
         EXPECT_EQ(node->describe(),
-                  std::string("1 requests, 1 events, content written, speed ") + shown);
+                  std::string("1 request, 1 event, content written, speed ") + shown);
     }
 }
 

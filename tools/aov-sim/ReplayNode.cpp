@@ -584,8 +584,11 @@ std::string ReplayNode::describe() const {
         std::snprintf(text, sizeof(text), "%g", speed_);
         speed = text;
     }
-    return std::to_string(total_requests_) + " requests, " + std::to_string(total_events_) +
-           " events, content " + aovrec::contentModeName(header_.content) + ", speed " + speed;
+    const auto counted = [](uint64_t n, const char* one, const char* many) {
+        return std::to_string(n) + " " + (n == 1 ? one : many);
+    };
+    return counted(total_requests_, "request", "requests") + ", " +
+           counted(total_events_, "event", "events") + ", content " + aovrec::contentModeName(header_.content) + ", speed " + speed;
 }
 
 namespace {
