@@ -14,7 +14,9 @@ unseeded does not pass with it (failed, crashed, not run, or ended by its time
 limit: a hang bounded by the limit counts as caught, and is shown as such); it
 survived when every such test still passes. The tests that failed are run a
 second time with the fault still in place: if they all pass then, the failure
-was not the fault's, and the fault is shown as 'flaky' and not counted caught.
+was not the fault's. The suite stops at its first failure, so it then runs
+whole once more, judged the same way; a fault whose failures again all pass
+a second time is shown as 'flaky' and not counted caught.
 
     python3 scripts/mutate.py --seed 7 --count 40 [--paths tools/ session/] [--tests REGEX]
     python3 scripts/mutate.py --seed 7 --count 40 --list     # the sample, nothing run
@@ -125,6 +127,17 @@ def judge(baseline, outcomes, stopped_at_failure=False):
     return "caught", broken
 
 
+def assess(baseline, run_stopping, run_all, rerun):
+    """The fault's outcome and the tests that decided it. The suite runs until
+    its first failure; when that failure does not come again (a loaded
+    machine), the tests the stopped run never reached have not been asked, so
+    the whole suite runs once more and is judged the same way."""
+    outcome, broken = confirm(*judge(baseline, run_stopping(), True), rerun)
+    if outcome == "flaky":
+        outcome, broken = confirm(*judge(baseline, run_all()), rerun)
+    return outcome, broken
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--seed", type=int, required=True)
@@ -186,10 +199,9 @@ def main():
                 invalid += 1
                 continue
             output = []
-            outcome, broken = judge(
-                baseline, test_outcomes(args.tests, args.timeout, True, log=output), True)
-            outcome, broken = confirm(
-                outcome, broken,
+            outcome, broken = assess(
+                baseline, lambda: test_outcomes(args.tests, args.timeout, True, log=output),
+                lambda: test_outcomes(args.tests, args.timeout, log=output),
                 lambda numbers: test_outcomes("", args.timeout, False, numbers, log=output))
         finally:
             path.write_text(text)

@@ -5,13 +5,16 @@
 // to do; every wait here ends at once or finds nothing ever coming.
 
 #include <fcntl.h>
+#include <sys/epoll.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 
+#include "MonitorWait.h"
 #include "Suite.h"
 #include "gtest/gtest.h"
 
@@ -85,6 +88,26 @@ class CheckerOnPipes : public ::testing::Test {
     int ends_[2] = {-1, -1};
     int null_ = -1;
 };
+
+// The monitor's wait retries only a wait a signal interrupted: one that found
+// nothing returns 0 even when errno still holds an earlier call's EINTR.
+TEST_F(CheckerOnPipes, AMonitorWaitReturnsWhatTheWaitFoundWhateverErrnoHeldBefore) {
+    const int epfd = ::epoll_create1(EPOLL_CLOEXEC);
+    ASSERT_GE(epfd, 0);
+    ASSERT_EQ(aovsimtool::armAsMonitor(epfd, ends_[0]), 0);
+    // In a guarded child, as the checks wait: a wait that retries forever is cut off.
+    const CallResult quiet = ctx_->guard().run(2000, [epfd]() -> long {
+        errno = EINTR;
+        return aovsimtool::waitAsMonitor(epfd, 0);
+    });
+    EXPECT_EQ(quiet.status, CallResult::Status::kReturned)
+        << "a wait with nothing ready did not return";
+    EXPECT_EQ(quiet.value, 0);
+
+    ASSERT_EQ(::write(ends_[1], "x", 1), 1);
+    EXPECT_EQ(aovsimtool::waitAsMonitor(epfd, 0), EPOLLIN);
+    ::close(epfd);
+}
 
 TEST_F(CheckerOnPipes, BeforeStartAndAfterStopAnyWakingBitIsReadinessAndIsNamed) {
     pipeNode(false, false);

@@ -9,7 +9,9 @@
 //   fifo          NODE is a FIFO: opened as descriptor 0, waited on by select
 //                 with each of its sets and by epoll, closed, and its number
 //                 reused by an eventfd under the same epoll data; then an
-//                 epoll descriptor closed and its number reused the same way
+//                 epoll descriptor closed and its number reused the same way;
+//                 last the node removed from an epoll descriptor and an
+//                 eventfd added there under its data
 //   late-watch    NODE is a FIFO, added to an epoll descriptor while another
 //                 thread already waits on it, then given a byte: by epoll_wait,
 //                 epoll_pwait and epoll_pwait2 in turn; then by epoll_wait
@@ -177,6 +179,18 @@ int fifo(const char* node) {
     show("write again", ::write(again, "x", 1));
     epoll_event both[2];
     show("epoll_wait both", ::epoll_wait(ep2, both, 2, 0));
+    // The node taken out of an epoll descriptor: a file registered there
+    // afterwards under the node's data is not taken for the node.
+    const int ep3 = ::epoll_create1(0);
+    const int third = ::open(node, O_RDWR);
+    ev.events = EPOLLIN;
+    ev.data.u64 = 45;
+    show("epoll_ctl node third", ::epoll_ctl(ep3, EPOLL_CTL_ADD, third, &ev));
+    show("epoll_ctl del node third", ::epoll_ctl(ep3, EPOLL_CTL_DEL, third, nullptr));
+    show("epoll_ctl eventfd as the node was", ::epoll_ctl(ep3, EPOLL_CTL_ADD, other, &ev));
+    show("epoll_wait after del", ::epoll_wait(ep3, &ev, 1, 0));
+    ::close(third);
+    ::close(ep3);
     ::close(copy);
     ::close(again);
     ::close(other);

@@ -436,6 +436,45 @@ TEST_F(RetraceAgainstKdev, EachAreaOfADequeueIsComparedWithTheRecordedOneAndADeq
     ::unlink(edited.c_str());
 }
 
+// The recorded program's buffer keeps what the driver wrote in a dequeue
+// whose content the recording dropped: a later area kept in full that the
+// driver left alone holds those bytes, and retrace, which saw the driver
+// write them, finds no difference.
+TEST_F(RetraceAgainstKdev, AnAreaLeftAloneHoldsWhatTheDriverWroteInADequeueWhoseContentWasDropped) {
+    // The third event carries nothing in section 4.
+    std::string script = readText(kScript);
+    for (const auto& [from, to] : {std::pair<std::string, std::string>{
+                                       "\"s4\": [737312, 320, 240, 3]", "\"s4\": [0, 0, 0, 0]"},
+                                   {"\"s4\": {\"fill\": 52}, ", ""}}) {
+        const size_t at = script.find(from);
+        ASSERT_NE(at, std::string::npos) << from;
+        script.replace(at, from.size(), to);
+    }
+    const std::string scenario = tempPath("s4-idle.json");
+    aovrectest::writeText(scenario, script);
+    const std::string all = tempPath("all.rec");
+    const ProcessResult recorded =
+        rec({"record", "-o", all, "--content", "all", "--", AOV_SIM_PATH, "--kernel", "fuse",
+             "--events", "3", "--timeout", "10", "--aov-mode", "2", "--scenario", scenario});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    const std::string edited = tempPath("dropped.rec");
+    int dequeues = 0;
+    ASSERT_TRUE(copyEdited(all, edited, [&](const aovrec::Record& x, auto* data, auto*) {
+        if (x.request == AOV_IOC_DEQUEUE_EVENT && x.call.result == 0 && ++dequeues == 2) {
+            data->clear();
+        }
+    }));
+    kdev_.start({"--scenario", scenario});
+    const ProcessResult full = retrace(all, node_);
+    EXPECT_EQ(full.exit_code, 0) << full.output;
+    const ProcessResult dropped = retrace(edited, node_);
+    EXPECT_EQ(dropped.exit_code, 0) << dropped.output;
+    EXPECT_NE(dropped.output.find(", 0 differences\n"), std::string::npos) << dropped.output;
+    for (const std::string& path : {scenario, all, edited}) {
+        ::unlink(path.c_str());
+    }
+}
+
 TEST_F(RetraceAgainstKdev, ACutRecordingIsRetracedUpToItsCutThenEndsInExitTwo) {
     const std::string bytes = readText(recording_);
     const std::string cut = tempPath("cut.rec");

@@ -142,12 +142,14 @@ std::string writeSession(const LoadedSession& session, const std::string& to,
                 edits.request(i, x, &back, &data);
             }
             std::vector<aovrec::SessionBuilder::Area> areas;
-            for (uint8_t a = 0; a < x.area_count; ++a) {
+            for (uint8_t a = 0; a < x.area_count && a < data.size(); ++a) {
                 areas.push_back({x.areas[a].section, data[a].data(), x.areas[a].length});
             }
+            const bool dropped = x.area_count > 0 && data.empty();
             const bool null_arg = (x.arg_flags & aovrec::kArgNull) != 0;
             b.ioctl(x.call.fd, x.request, null_arg ? nullptr : x.sent, x.sent_len, result(x),
-                    back.data(), back.size(), areas.data(), areas.size());
+                    back.data(), back.size(), areas.data(), areas.size(),
+                    dropped ? aovrec::kArgContentDropped : 0);
         }
         if (edits.after) {
             edits.after(i, x, &b);

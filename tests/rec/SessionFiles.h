@@ -53,6 +53,8 @@ std::string loadSession(const std::string& path, LoadedSession* out);
 // the original.
 struct SessionEdits {
     // A request record's answer and areas, changed before it is written.
+    // Emptying the areas drops them as a recorder whose writer fell behind
+    // does: the record says its content was dropped.
     std::function<void(size_t, const aovrec::Record&, std::vector<uint8_t>* back,
                        std::vector<std::vector<uint8_t>>* areas)>
         request;

@@ -162,6 +162,30 @@ class HowOutcomesAreJudged(unittest.TestCase):
             self.assertEqual(mutate.confirm(outcome, broken, rerun({})), (outcome, broken))
         self.assertEqual(asked, [])
 
+    def test_a_stopped_run_whose_failure_does_not_come_again_is_run_whole(self):
+        baseline = {"#1 Busy.Matrix", "#2 Round.Trip", "#3 Other.Pass"}
+        # Stopped at #1, which then passes alone; #2 was never reached.
+        stopped = {"#1 Busy.Matrix": "Failed"}
+        whole = {"#1 Busy.Matrix": "Passed", "#2 Round.Trip": "Failed", "#3 Other.Pass": "Passed"}
+        runs = []
+
+        def rerun(numbers):
+            runs.append(numbers)
+            return {"#1 Busy.Matrix": "Passed", "#2 Round.Trip": "Failed"}
+
+        self.assertEqual(mutate.assess(baseline, lambda: stopped, lambda: whole, rerun),
+                         ("caught", ["#2 Round.Trip"]))
+        self.assertEqual(runs, [[1], [2]])
+        # Nothing fails in the whole run: the fault survived.
+        self.assertEqual(mutate.assess(baseline, lambda: stopped,
+                                       lambda: {n: "Passed" for n in baseline}, rerun),
+                         ("survived", []))
+        # A catch in the stopped run stands without the whole run.
+        self.assertEqual(mutate.assess(baseline, lambda: {"#1 Busy.Matrix": "Failed"},
+                                       lambda: self.fail("the whole suite ran"),
+                                       lambda numbers: {"#1 Busy.Matrix": "Failed"}),
+                         ("caught", ["#1 Busy.Matrix"]))
+
 
 if __name__ == "__main__":
     unittest.main()
