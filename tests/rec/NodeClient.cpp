@@ -14,6 +14,10 @@
 //                 thread already waits on it, then given a byte: by epoll_wait,
 //                 epoll_pwait and epoll_pwait2 in turn; then by epoll_wait
 //                 with the byte already there, so that the addition wakes it
+//   watch-mod     NODE is a FIFO holding a byte, in an epoll descriptor under
+//                 data that is then changed, with a second node descriptor
+//                 beside it and an eventfd under the node's former data;
+//                 then an epoll descriptor at 0 closed and its number reused
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -184,6 +188,51 @@ int fifo(const char* node) {
     return 0;
 }
 
+int watchChanged(const char* node) {
+    const int fd = ::open(node, O_RDWR);
+    const int copy = ::dup(fd);
+    const int other = ::eventfd(1, 0);
+    const int ep = ::epoll_create1(0);
+    show("write", ::write(fd, "x", 1));
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = 46;
+    show("epoll_ctl node", ::epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev));
+    ev.data.u64 = 47;
+    show("epoll_ctl mod node", ::epoll_ctl(ep, EPOLL_CTL_MOD, fd, &ev));
+    ev.data.u64 = 48;
+    show("epoll_ctl node copy", ::epoll_ctl(ep, EPOLL_CTL_ADD, copy, &ev));
+    ev.data.u64 = 46;
+    show("epoll_ctl eventfd", ::epoll_ctl(ep, EPOLL_CTL_ADD, other, &ev));
+    epoll_event ready[3];
+    show("epoll_wait", ::epoll_wait(ep, ready, 3, 0));
+    // An epoll descriptor at 0 closed with the node registered; a new one at
+    // 0 given the eventfd under the node's data, and the node's copy.
+    ::close(0);
+    const int first = ::epoll_create1(0);
+    show("epoll at 0", first == 0 ? 0 : -1);
+    ev.data.u64 = 49;
+    show("epoll_ctl node at 0", ::epoll_ctl(first, EPOLL_CTL_ADD, fd, &ev));
+    show("close epoll at 0", ::close(first));
+    const int second = ::epoll_create1(0);
+    show("epoll at 0 again", second == 0 ? 0 : -1);
+    // A registration the kernel refuses leaves the new one without the node.
+    epoll_event refused = ev;
+    refused.events = EPOLLIN | EPOLLEXCLUSIVE | EPOLLONESHOT;
+    show("epoll_ctl node refused at 0", ::epoll_ctl(second, EPOLL_CTL_ADD, fd, &refused));
+    show("epoll_ctl eventfd at 0", ::epoll_ctl(second, EPOLL_CTL_ADD, other, &ev));
+    show("epoll_wait at 0 without the node", ::epoll_wait(second, ready, 3, 0));
+    ev.data.u64 = 50;
+    show("epoll_ctl node copy at 0", ::epoll_ctl(second, EPOLL_CTL_ADD, copy, &ev));
+    show("epoll_wait at 0", ::epoll_wait(second, ready, 3, 0));
+    ::close(second);
+    ::close(ep);
+    ::close(other);
+    ::close(copy);
+    ::close(fd);
+    return 0;
+}
+
 struct LateWait {
     int epoll;
     int kind;  // 0 epoll_wait, 1 epoll_pwait, 2 epoll_pwait2, 3 epoll_wait
@@ -311,6 +360,9 @@ int main(int argc, char** argv) {
     }
     if (mode == "late-watch") {
         return lateWatch(argv[1]);
+    }
+    if (mode == "watch-mod") {
+        return watchChanged(argv[1]);
     }
     const int fd = ::open(argv[1], O_RDWR);
     show("open node", fd);

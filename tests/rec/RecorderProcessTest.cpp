@@ -365,6 +365,42 @@ TEST_F(UnderTheRecorder, AWaitThatBeganBeforeTheNodeWasAddedIsRecordedFromItsEnd
     ::unlink(fifo.c_str());
 }
 
+// A registration follows the node's current epoll data: a file added later
+// under its former data is not taken for the node, and two node descriptors
+// in one epoll descriptor are each recorded once; a closed epoll
+// descriptor's registrations, at 0 too, are not a new one's at its number.
+TEST_F(UnderTheRecorder, AnEpollWaitNamesEachNodeDescriptorOnceUnderItsCurrentData) {
+    const std::string fifo = tempPath("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+    const ProcessResult recorded =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, fifo, other_, "watch-mod"},
+            {"AOV_REC_NODE=" + fifo});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(count(recorded.output, "epoll_wait -> 3 "), 1u) << recorded.output;
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    std::vector<std::string> waits;
+    std::istringstream lines(dump.output);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("\"kind\":\"epoll_wait\"") != std::string::npos) {
+            waits.push_back(line);
+        }
+    }
+    ASSERT_EQ(waits.size(), 2u) << dump.output;
+    // The call's descriptor and the two node descriptors, each ready to read.
+    EXPECT_EQ(count(waits[0], "\"fd\":"), 3u) << waits[0];
+    EXPECT_EQ(count(waits[0], "\"revents\":1}"), 2u) << waits[0];
+    // An epoll descriptor at 0 closed: its registration is not the new one's;
+    // nor is a refused one, and a wait before the node is added is not recorded.
+    EXPECT_EQ(count(recorded.output, "epoll_ctl node refused at 0 -> -1 errno 22"), 1u)
+        << recorded.output;
+    EXPECT_EQ(count(recorded.output, "epoll_wait at 0 without the node -> 1 "), 1u)
+        << recorded.output;
+    EXPECT_EQ(count(recorded.output, "epoll_wait at 0 -> 2 "), 1u) << recorded.output;
+    EXPECT_EQ(count(waits[1], "\"fd\":"), 2u) << waits[1];
+    ::unlink(fifo.c_str());
+}
+
 // Calls given memory they cannot read fail with EFAULT as without the
 // recorder, which reads nothing of theirs it cannot.
 TEST_F(UnderTheRecorder, CallsGivenUnreadableMemoryFailAsWithoutTheRecorder) {
