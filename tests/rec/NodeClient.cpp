@@ -206,6 +206,11 @@ int watchChanged(const char* node) {
     show("epoll_ctl eventfd", ::epoll_ctl(ep, EPOLL_CTL_ADD, other, &ev));
     epoll_event ready[3];
     show("epoll_wait", ::epoll_wait(ep, ready, 3, 0));
+    // The byte read: the eventfd alone is ready, under the node's former data.
+    char byte = 0;
+    show("read", ::read(fd, &byte, 1));
+    show("epoll_wait eventfd only", ::epoll_wait(ep, ready, 3, 0));
+    show("write again", ::write(fd, "x", 1));
     // An epoll descriptor at 0 closed with the node registered; a new one at
     // 0 given the eventfd under the node's data, and the node's copy.
     ::close(0);
