@@ -6,7 +6,8 @@
 //                 by duplicates, and reuses a node descriptor's number
 //   bad-pointers  readiness calls given memory they cannot read
 //   exec-child    runs itself again (no mode) in a forked child, and waits
-//   fifo          NODE is a FIFO: opened as descriptor 0, waited on by select
+//   fifo          NODE is a FIFO: opened as descriptor 0 (and duplicated),
+//                 waited on by select
 //                 with each of its sets and by epoll, closed, and its number
 //                 reused by an eventfd under the same epoll data; then an
 //                 epoll descriptor closed and its number reused the same way
@@ -17,7 +18,8 @@
 //   watch-mod     NODE is a FIFO holding a byte, in an epoll descriptor under
 //                 data that is then changed, with a second node descriptor
 //                 beside it and an eventfd under the node's former data;
-//                 then an epoll descriptor at 0 closed and its number reused
+//                 then an epoll descriptor at 0 closed and its number reused,
+//                 and a select whose range stops short of the node
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -142,6 +144,9 @@ int fifo(const char* node) {
     const int fd = ::open(node, O_RDWR);
     show("open node as 0", fd == 0 ? 0 : -1);
     ask("ioctl node at 0", fd);
+    const int copy0 = ::dup(fd);
+    ask("ioctl copy of the node at 0", copy0);
+    ::close(copy0);
     // Empty: writable, not readable, never exceptional.
     selectOn("select all sets empty", fd, true, true, true);
     selectOn("select except", fd, false, false, true);
@@ -231,6 +236,14 @@ int watchChanged(const char* node) {
     show("epoll_ctl node copy at 0", ::epoll_ctl(second, EPOLL_CTL_ADD, copy, &ev));
     show("epoll_wait at 0", ::epoll_wait(second, ready, 3, 0));
     ::close(second);
+    // A select whose range stops short of the node does not wait on it.
+    const int high = ::dup2(fd, 9);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(high, &set);
+    timeval zero{0, 0};
+    show("select short of the node", ::select(high, &set, nullptr, nullptr, &zero));
+    ::close(high);
     ::close(ep);
     ::close(other);
     ::close(copy);

@@ -302,6 +302,8 @@ TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIs
     EXPECT_NE(dump.output.find("\"call\":\"open\",\"fd\":-100,\"result\":0,"), std::string::npos)
         << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"ioctl\",\"fd\":0,"), std::string::npos) << dump.output;
+    // Its duplicate too: descriptor 0 is followed by dup like any other.
+    EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 2u) << dump.output;
     // POLLIN 1, POLLPRI 2, POLLOUT 4: asked of the read, except and write sets.
     std::vector<std::string> waits;
     std::istringstream lines(dump.output);
@@ -368,7 +370,8 @@ TEST_F(UnderTheRecorder, AWaitThatBeganBeforeTheNodeWasAddedIsRecordedFromItsEnd
 // A registration follows the node's current epoll data: a file added later
 // under its former data is not taken for the node, and two node descriptors
 // in one epoll descriptor are each recorded once; a closed epoll
-// descriptor's registrations, at 0 too, are not a new one's at its number.
+// descriptor's registrations, at 0 too, are not a new one's at its number;
+// a select whose range stops short of the node is not a wait on it.
 TEST_F(UnderTheRecorder, AnEpollWaitNamesEachNodeDescriptorOnceUnderItsCurrentData) {
     const std::string fifo = tempPath("fifo");
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
@@ -403,6 +406,9 @@ TEST_F(UnderTheRecorder, AnEpollWaitNamesEachNodeDescriptorOnceUnderItsCurrentDa
         << recorded.output;
     EXPECT_EQ(count(recorded.output, "epoll_wait at 0 -> 2 "), 1u) << recorded.output;
     EXPECT_EQ(count(waits[2], "\"fd\":"), 2u) << waits[2];
+    // A select that does not reach the node is not a wait on it.
+    EXPECT_EQ(count(recorded.output, "select short of the node -> 0 "), 1u) << recorded.output;
+    EXPECT_EQ(count(dump.output, "\"kind\":\"select\""), 0u) << dump.output;
     ::unlink(fifo.c_str());
 }
 
