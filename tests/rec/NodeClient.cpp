@@ -6,7 +6,8 @@
 //                 by duplicates, and reuses a node descriptor's number
 //   bad-pointers  readiness calls given memory they cannot read
 //   exec-child    runs itself again (no mode) in a forked child, and waits
-//   fifo          NODE is a FIFO: opened as descriptor 0, waited on by select
+//   fifo          NODE is a FIFO: opened as descriptor 0 (and duplicated),
+//                 waited on by select
 //                 with each of its sets and by epoll, closed, and its number
 //                 reused by an eventfd under the same epoll data; then an
 //                 epoll descriptor closed and its number reused the same way;
@@ -16,6 +17,11 @@
 //                 thread already waits on it, then given a byte: by epoll_wait,
 //                 epoll_pwait and epoll_pwait2 in turn; then by epoll_wait
 //                 with the byte already there, so that the addition wakes it
+//   watch-mod     NODE is a FIFO holding a byte, in an epoll descriptor under
+//                 data that is then changed, with a second node descriptor
+//                 beside it and an eventfd under the node's former data;
+//                 then an epoll descriptor at 0 closed and its number reused,
+//                 and a select whose range stops short of the node
 
 #include <fcntl.h>
 #include <linux/close_range.h>
@@ -140,6 +146,9 @@ int fifo(const char* node) {
     const int fd = ::open(node, O_RDWR);
     show("open node as 0", fd == 0 ? 0 : -1);
     ask("ioctl node at 0", fd);
+    const int copy0 = ::dup(fd);
+    ask("ioctl copy of the node at 0", copy0);
+    ::close(copy0);
     // Empty: writable, not readable, never exceptional.
     selectOn("select all sets empty", fd, true, true, true);
     selectOn("select except", fd, false, false, true);
@@ -195,6 +204,64 @@ int fifo(const char* node) {
     ::close(again);
     ::close(other);
     ::close(ep2);
+    return 0;
+}
+
+int watchChanged(const char* node) {
+    const int fd = ::open(node, O_RDWR);
+    const int copy = ::dup(fd);
+    const int other = ::eventfd(1, 0);
+    const int ep = ::epoll_create1(0);
+    show("write", ::write(fd, "x", 1));
+    epoll_event ev{};
+    ev.events = EPOLLIN;
+    ev.data.u64 = 46;
+    show("epoll_ctl node", ::epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev));
+    ev.data.u64 = 47;
+    show("epoll_ctl mod node", ::epoll_ctl(ep, EPOLL_CTL_MOD, fd, &ev));
+    ev.data.u64 = 48;
+    show("epoll_ctl node copy", ::epoll_ctl(ep, EPOLL_CTL_ADD, copy, &ev));
+    ev.data.u64 = 46;
+    show("epoll_ctl eventfd", ::epoll_ctl(ep, EPOLL_CTL_ADD, other, &ev));
+    epoll_event ready[3];
+    show("epoll_wait", ::epoll_wait(ep, ready, 3, 0));
+    // The byte read: the eventfd alone is ready, under the node's former data.
+    char byte = 0;
+    show("read", ::read(fd, &byte, 1));
+    show("epoll_wait eventfd only", ::epoll_wait(ep, ready, 3, 0));
+    show("write again", ::write(fd, "x", 1));
+    // An epoll descriptor at 0 closed with the node registered; a new one at
+    // 0 given the eventfd under the node's data, and the node's copy.
+    ::close(0);
+    const int first = ::epoll_create1(0);
+    show("epoll at 0", first == 0 ? 0 : -1);
+    ev.data.u64 = 49;
+    show("epoll_ctl node at 0", ::epoll_ctl(first, EPOLL_CTL_ADD, fd, &ev));
+    show("close epoll at 0", ::close(first));
+    const int second = ::epoll_create1(0);
+    show("epoll at 0 again", second == 0 ? 0 : -1);
+    // A registration the kernel refuses leaves the new one without the node.
+    epoll_event refused = ev;
+    refused.events = EPOLLIN | EPOLLEXCLUSIVE | EPOLLONESHOT;
+    show("epoll_ctl node refused at 0", ::epoll_ctl(second, EPOLL_CTL_ADD, fd, &refused));
+    show("epoll_ctl eventfd at 0", ::epoll_ctl(second, EPOLL_CTL_ADD, other, &ev));
+    show("epoll_wait at 0 without the node", ::epoll_wait(second, ready, 3, 0));
+    ev.data.u64 = 50;
+    show("epoll_ctl node copy at 0", ::epoll_ctl(second, EPOLL_CTL_ADD, copy, &ev));
+    show("epoll_wait at 0", ::epoll_wait(second, ready, 3, 0));
+    ::close(second);
+    // A select whose range stops short of the node does not wait on it.
+    const int high = ::dup2(fd, 9);
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(high, &set);
+    timeval zero{0, 0};
+    show("select short of the node", ::select(high, &set, nullptr, nullptr, &zero));
+    ::close(high);
+    ::close(ep);
+    ::close(other);
+    ::close(copy);
+    ::close(fd);
     return 0;
 }
 
@@ -325,6 +392,9 @@ int main(int argc, char** argv) {
     }
     if (mode == "late-watch") {
         return lateWatch(argv[1]);
+    }
+    if (mode == "watch-mod") {
+        return watchChanged(argv[1]);
     }
     const int fd = ::open(argv[1], O_RDWR);
     show("open node", fd);

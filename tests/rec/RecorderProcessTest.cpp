@@ -302,6 +302,8 @@ TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIs
     EXPECT_NE(dump.output.find("\"call\":\"open\",\"fd\":-100,\"result\":0,"), std::string::npos)
         << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"ioctl\",\"fd\":0,"), std::string::npos) << dump.output;
+    // Its duplicate too: descriptor 0 is followed by dup like any other.
+    EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 2u) << dump.output;
     // POLLIN 1, POLLPRI 2, POLLOUT 4: asked of the read, except and write sets.
     std::vector<std::string> waits;
     std::istringstream lines(dump.output);
@@ -364,6 +366,51 @@ TEST_F(UnderTheRecorder, AWaitThatBeganBeforeTheNodeWasAddedIsRecordedFromItsEnd
     EXPECT_EQ(kinds,
               (std::vector<std::string>{"epoll_wait", "epoll_pwait", "epoll_pwait2", "epoll_wait"}))
         << dump.output;
+    ::unlink(fifo.c_str());
+}
+
+// A registration follows the node's current epoll data: a file added later
+// under its former data is not taken for the node, and two node descriptors
+// in one epoll descriptor are each recorded once; a closed epoll
+// descriptor's registrations, at 0 too, are not a new one's at its number;
+// a select whose range stops short of the node is not a wait on it.
+TEST_F(UnderTheRecorder, AnEpollWaitNamesEachNodeDescriptorOnceUnderItsCurrentData) {
+    const std::string fifo = tempPath("fifo");
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+    const ProcessResult recorded =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, fifo, other_, "watch-mod"},
+            {"AOV_REC_NODE=" + fifo});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    EXPECT_EQ(count(recorded.output, "epoll_wait -> 3 "), 1u) << recorded.output;
+    const ProcessResult dump = rec({"dump", session_});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    std::vector<std::string> waits;
+    std::istringstream lines(dump.output);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("\"kind\":\"epoll_wait\"") != std::string::npos) {
+            waits.push_back(line);
+        }
+    }
+    ASSERT_EQ(waits.size(), 3u) << dump.output;
+    // The call's descriptor and the two node descriptors, each ready to read.
+    EXPECT_EQ(count(waits[0], "\"fd\":"), 3u) << waits[0];
+    EXPECT_EQ(count(waits[0], "\"revents\":1}"), 2u) << waits[0];
+    EXPECT_EQ(count(recorded.output, "epoll_wait eventfd only -> 1 "), 1u) << recorded.output;
+    EXPECT_NE(waits[1].find(
+                  "\"result\":1,\"errno\":0,\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[]}"),
+              std::string::npos)
+        << waits[1];
+    // An epoll descriptor at 0 closed: its registration is not the new one's;
+    // nor is a refused one, and a wait before the node is added is not recorded.
+    EXPECT_EQ(count(recorded.output, "epoll_ctl node refused at 0 -> -1 errno 22"), 1u)
+        << recorded.output;
+    EXPECT_EQ(count(recorded.output, "epoll_wait at 0 without the node -> 1 "), 1u)
+        << recorded.output;
+    EXPECT_EQ(count(recorded.output, "epoll_wait at 0 -> 2 "), 1u) << recorded.output;
+    EXPECT_EQ(count(waits[2], "\"fd\":"), 2u) << waits[2];
+    // A select that does not reach the node is not a wait on it.
+    EXPECT_EQ(count(recorded.output, "select short of the node -> 0 "), 1u) << recorded.output;
+    EXPECT_EQ(count(dump.output, "\"kind\":\"select\""), 0u) << dump.output;
     ::unlink(fifo.c_str());
 }
 

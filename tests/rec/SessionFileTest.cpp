@@ -478,6 +478,50 @@ TEST(SessionFile, TheEnvironmentChoosesTheFileTheNodeAndCompression) {
     ::unsetenv("AOV_DEV_DIR");
 }
 
+// A recorder configured again keeps nothing of the previous recording: not
+// its node's identity, nor, turned off or given a file name too long to
+// keep, its file (it names none and records nothing).
+TEST(SessionFile, ARecorderTurnedOffOrGivenANameTooLongRecordsNothing) {
+    {
+        Recording rec(ContentMode::kWritten);
+        rec.closeNode(rec.openNode());
+        EXPECT_EQ(rec.read().size(), 2u);
+        EXPECT_STRNE(aovrec::sessionPath(), "");
+    }
+    // The node's identity learnt then (that of /dev/null) is forgotten by the
+    // next recording: /dev/null by its own name is not its node.
+    {
+        Recording rec(ContentMode::kWritten);
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, "/dev/null", O_RDWR, 0, fd, 0);
+        EXPECT_FALSE(aovrec::forgetOnClose(fd)) << "the last recording's node taken for this one's";
+        ::close(fd);
+    }
+    const std::string too_long = ::testing::TempDir() + std::string(5000, 'x');
+    for (const char* file : {static_cast<const char*>(nullptr), too_long.c_str()}) {
+        const char* what = file == nullptr ? "no file" : "a file name too long";
+        aovrec::RecorderConfig config;
+        config.file = file;
+        config.node = kNode;
+        aovrec::configure(config);
+        EXPECT_FALSE(aovrec::g_armed.load()) << what;
+        EXPECT_STREQ(aovrec::sessionPath(), "") << what;
+        const uint64_t handed_off = aovrec::stats().handed_off;
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+        Dequeue dq;
+        EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+        aovrec::forgetOnClose(fd);
+        ::close(fd);
+        const aovrec::RecorderStats after = aovrec::stats();
+        EXPECT_EQ(after.handed_off, handed_off) << what;
+        EXPECT_FALSE(after.started) << what;
+        EXPECT_FALSE(after.failed) << what;
+        EXPECT_STREQ(aovrec::sessionPath(), "") << what;
+    }
+    aovrec::configure(aovrec::RecorderConfig{});
+}
+
 TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
     Recording rec(ContentMode::kWritten, true, "/nonexistent-dir/session.rec");
     const int fd = rec.openNode();
@@ -790,7 +834,9 @@ TEST(WriterThread, RecordsFromTwoThreadsComeOutCompleteAndEachThreadsInCallOrder
     g_dequeues = 0;
     constexpr int kDequeues = 30;
     constexpr int kSmall = 150;
-    std::thread other([fd] {
+    std::atomic<long> other_tid{0};
+    std::thread other([fd, &other_tid] {
+        other_tid = ::syscall(SYS_gettid);
         for (int i = 0; i < kSmall; ++i) {
             smallRecord(fd, i);
         }
@@ -803,7 +849,16 @@ TEST(WriterThread, RecordsFromTwoThreadsComeOutCompleteAndEachThreadsInCallOrder
     }
     other.join();
     rec.closeNode(fd);
-    const std::vector<std::string> got = describeAll(rec.read());
+    const std::vector<Record> records = rec.read();
+    const std::vector<std::string> got = describeAll(records);
+    // Each record names the thread that made the call.
+    const long self = ::syscall(SYS_gettid);
+    ASSERT_NE(other_tid.load(), self);
+    for (size_t i = 0; i < records.size(); ++i) {
+        EXPECT_EQ(records[i].call.tid,
+                  static_cast<uint32_t>(got[i][0] == 'P' ? other_tid.load() : self))
+            << got[i];
+    }
     std::vector<std::string> dequeues, small;
     for (const std::string& item : got) {
         if (item[0] == 'D' || item[0] == 'P') {
@@ -1080,6 +1135,36 @@ class CapturedStderr {
     int saved_ = -1;
 };
 
+// A setting of the environment the recorder cannot use turns the recording
+// off with one line naming it.
+TEST(SessionFile, ASettingTheRecorderCannotUseTurnsItOffWithOneLine) {
+    struct Case {
+        const char* variable;
+        const char* value;
+        const char* line;
+    };
+    const std::string file =
+        ::testing::TempDir() + "aovrec_setting_" + std::to_string(::getpid()) + ".rec";
+    ::unsetenv(aovrec::kEnvStatus);
+    ::setenv(aovrec::kEnvFile, file.c_str(), 1);
+    for (const Case c :
+         {Case{aovrec::kEnvContent, "some",
+               "aov-rec: AOV_REC_CONTENT must be all, written or none, not some; recording off\n"},
+          Case{aovrec::kEnvStallMs, "0",
+               "aov-rec: AOV_REC_STALL_MS must be 1 to 600000, not 0; recording off\n"}}) {
+        aovrec::configure(aovrec::RecorderConfig{});
+        ::setenv(c.variable, c.value, 1);
+        CapturedStderr err;
+        aovrec::configureFromEnvironment();
+        const std::string text = err.text();
+        ::unsetenv(c.variable);
+        EXPECT_EQ(text, c.line) << c.variable;
+        EXPECT_FALSE(aovrec::g_armed.load()) << c.variable;
+    }
+    ::unsetenv(aovrec::kEnvFile);
+    ::unsetenv(aovrec::kEnvParent);
+}
+
 TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
     PipeSession pipe;
     CapturedStderr err;
@@ -1282,6 +1367,20 @@ int answerElsewhere(int fd, unsigned long request, void* arg) {
 
 // Each data area is read through a copy that cannot fault, by
 // process_vm_readv or, where a sandbox refuses it, through a pipe.
+// The process's open descriptors, /proc/self/fd's own included.
+size_t openDescriptors() {
+    size_t n = 0;
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return 0;
+    }
+    while (const dirent* entry = ::readdir(dir)) {
+        n += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    ::closedir(dir);
+    return n;
+}
+
 class AreaCopy : public ::testing::TestWithParam<bool> {
   protected:
     void SetUp() override { aovrec::forcePipeCopies(GetParam()); }
@@ -1301,6 +1400,7 @@ int answerWithoutSection4(int fd, unsigned long request, void* arg) {
 TEST_P(AreaCopy, AreasTheProcessCannotReadAreLeftOutWhereverTheDriverPointed) {
     Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
+    const size_t fds_before = openDescriptors();
     MappedDequeue first;
     const aovrec::RecorderStats before = aovrec::stats();
     aov_event_query q1 = first.query;
@@ -1337,6 +1437,7 @@ TEST_P(AreaCopy, AreasTheProcessCannotReadAreLeftOutWhereverTheDriverPointed) {
     ASSERT_EQ(aovrec::trackedIoctl(answerWithoutSection4, fd, AOV_IOC_DEQUEUE_EVENT, &q6), 0);
     ASSERT_EQ(::mprotect(s4Page, 4096, PROT_READ | PROT_WRITE), 0);
     const aovrec::RecorderStats after = aovrec::stats();
+    EXPECT_EQ(openDescriptors(), fds_before) << "a copy left a descriptor open";
     rec.closeNode(fd);
     ::munmap(hole, 1 << 20);
 
