@@ -56,10 +56,6 @@ bool identityFromPath(int index, const char* path) {
     return true;
 }
 
-bool identityKnown(int index) {
-    return g_ids[index].kind.load(std::memory_order_acquire) != kUnknown;
-}
-
 bool identityMatches(const struct stat& info) {
     for (const Identity& id : g_ids) {
         const uint8_t kind = id.kind.load(std::memory_order_acquire);

@@ -41,7 +41,6 @@ void identityReset();
 // Sets path `index`'s identity from a stat of it; false when it does not exist.
 bool identityFromPath(int index, const char* path);
 void identityLearn(int index, const struct stat& info);
-bool identityKnown(int index);
 bool identityMatches(const struct stat& info);
 
 // Marks `fd` as a node descriptor.
