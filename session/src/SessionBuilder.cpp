@@ -8,7 +8,7 @@ namespace aovrec {
 
 SessionBuilder::SessionBuilder(int fd, ContentMode content, Compression compression,
                                uint64_t start_ns)
-    : fd_(fd), now_ns_(start_ns), work_(SessionWriter::workBytes()), payload_(kMaxPayload) {
+    : now_ns_(start_ns), work_(SessionWriter::workBytes()), payload_(kMaxPayload) {
     FileHeader header;
     header.content = content;
     header.compression = compression;
@@ -71,10 +71,6 @@ void SessionBuilder::ioctl(int fd, uint32_t request, const void* sent, size_t se
         out.put(areas[i].data, areas[i].length);
     }
     ok_ = ok_ && !out.overflow() && writer_.write(RecordType::kIoctl, payload_.data(), out.size());
-}
-
-bool SessionBuilder::writeRaw(const void* bytes, size_t size) {
-    return ::write(fd_, bytes, size) == static_cast<ssize_t>(size);
 }
 
 }  // namespace aovrec

@@ -35,14 +35,11 @@ class SessionBuilder {
     void ioctl(int fd, uint32_t request, const void* sent, size_t sent_len, int result,
                const void* back = nullptr, size_t back_len = 0, const Area* areas = nullptr,
                size_t area_count = 0, uint8_t arg_flags = 0);
-    // Appends raw bytes, as a writer cut off mid-record would leave them.
-    bool writeRaw(const void* bytes, size_t size);
 
   private:
     CallInfo call(int fd, int result) const;
     void put(RecordType type);
 
-    int fd_;
     bool ok_ = false;
     uint64_t now_ns_;
     SessionWriter writer_;
