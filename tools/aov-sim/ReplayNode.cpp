@@ -588,7 +588,8 @@ std::string ReplayNode::describe() const {
         return std::to_string(n) + " " + (n == 1 ? one : many);
     };
     return counted(total_requests_, "request", "requests") + ", " +
-           counted(total_events_, "event", "events") + ", content " + aovrec::contentModeName(header_.content) + ", speed " + speed;
+           counted(total_events_, "event", "events") + ", content " +
+           aovrec::contentModeName(header_.content) + ", speed " + speed;
 }
 
 namespace {
