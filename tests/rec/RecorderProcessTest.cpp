@@ -233,6 +233,26 @@ TEST_F(UnderTheRecorder, TheCommandsExitStatusIsHandedBack) {
     EXPECT_NE(missing.output.find("aov-rec: cannot run /nonexistent/program"), std::string::npos);
 }
 
+// The recorded program's environment: the recorder first in LD_PRELOAD with
+// the user's libraries after it, the user's sanitizer options kept, and the
+// recorder's own settings those of record alone.
+TEST_F(UnderTheRecorder, TheProgramKeepsTheUsersPreloadAndSanitizerOptionsAndGetsRecordsSettings) {
+#ifdef AOV_REC_PRELOAD_SANITIZED
+    GTEST_SKIP() << "the sanitized recorder loads only into sanitized programs, not env";
+#endif
+    const std::string lib = AOV_REC_PRELOAD_PATH;
+    const ProcessResult r =
+        rec({"record", "-o", session_, "--content", "none", "--", "/usr/bin/env"},
+            {"LD_PRELOAD=" + lib, "ASAN_OPTIONS=detect_leaks=0", "AOV_REC_CONTENT=all"});
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_NE(r.output.find("LD_PRELOAD=" + lib + ":" + lib + "\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0\n"),
+              std::string::npos)
+        << r.output;
+    EXPECT_EQ(count(r.output, "AOV_REC_CONTENT="), 1u) << r.output;
+    EXPECT_NE(r.output.find("AOV_REC_CONTENT=none\n"), std::string::npos) << r.output;
+}
+
 TEST_F(UnderTheRecorder, ACutRecordingPrintsItsWholeRecordsThenEndsInExitTwo) {
     ASSERT_EQ(rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_},
                   {"AOV_REC_NODE=" + node_})
@@ -263,6 +283,17 @@ TEST_F(UnderTheRecorder, AnOutputThatIsNotARegularFileStaysInPlace) {
     EXPECT_TRUE(S_ISFIFO(info.st_mode)) << "the pipe given as the output was replaced";
     EXPECT_NE(r.output.find("nothing recorded"), std::string::npos) << r.output;
     ::unlink(pipe.c_str());
+
+    // Recorded into /dev/null: said as written there, with no size.
+    const ProcessResult null =
+        rec({"record", "-o", "/dev/null", "--", AOV_REC_CLIENT_PATH, node_, other_},
+            {"AOV_REC_NODE=" + node_});
+    EXPECT_EQ(null.exit_code, 0) << null.output;
+    EXPECT_NE(null.output.find("aov-rec: session written to /dev/null\n"), std::string::npos)
+        << null.output;
+    struct stat device {};
+    ASSERT_EQ(::stat("/dev/null", &device), 0);
+    EXPECT_TRUE(S_ISCHR(device.st_mode)) << "/dev/null was replaced";
 }
 
 // Every path that reaches the node counts, and every duplicate of its
