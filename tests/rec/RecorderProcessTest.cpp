@@ -333,6 +333,11 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
             << kind << "\n"
             << dump.output;
     }
+    // A wait without a limit is recorded with -1.
+    EXPECT_NE(dump.output.find("\"kind\":\"pselect\",\"timeout_ms\":-1,\"node\":[{\"fd\":" +
+                               linkFd + ",\"events\":1,\"revents\":1}]"),
+              std::string::npos)
+        << dump.output;
     // Those nine and dup, F_DUPFD, dup2, dup3 and fcntl64's F_DUPFD; not the
     // other file's.
     EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 14u) << dump.output;
