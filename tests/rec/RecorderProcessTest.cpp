@@ -537,6 +537,8 @@ TEST_F(UnderTheRecorder, AForkedChildRecordsIntoAFileOfItsOwnAndTheParentGoesOn)
     EXPECT_EQ(count(childDump.output, "\"call\":\"close\""), 1u) << childDump.output;
     EXPECT_NE(childDump.output.find("\"pid\":" + child + ","), std::string::npos)
         << childDump.output;
+    // The child's only thread is the child: its calls carry its own id.
+    EXPECT_EQ(count(childDump.output, "\"tid\":" + child + ","), 2u) << childDump.output;
 }
 
 // Dequeues whose areas the recorder dropped (its writer was behind) are
