@@ -111,6 +111,9 @@ int otherPaths(const char* node, const char* other, const char* link) {
     ask("ioctl dup3", h);
     const int i = ::fcntl64(a, F_DUPFD, 110);
     ask("ioctl fcntl64 dupfd", i);
+    // Onto descriptor 0 (standard input, empty here).
+    show("dup3 onto 0", ::dup3(a, 0, 0));
+    ask("ioctl dup3 at 0", 0);
     // Numbers that stop being the node's: replaced by dup2, closed by close_range.
     const int o = ::open(other, O_RDONLY);
     show("dup2 other over node", ::dup2(o, g) == g ? 0 : -1);
@@ -119,7 +122,7 @@ int otherPaths(const char* node, const char* other, const char* link) {
     const int reused = ::fcntl(o, F_DUPFD, 100);
     show("reuse closed number", reused == 100 ? 0 : -1);
     ask("ioctl other at reused", reused);
-    for (const int fd : {a, b, c, d, e, g, o, reused, h, i}) {
+    for (const int fd : {a, b, c, d, e, g, o, reused, h, i, 0}) {
         ::close(fd);
     }
     for (const int fd : forms) {
