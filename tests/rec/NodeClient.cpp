@@ -6,6 +6,8 @@
 //                 by duplicates, and reuses a node descriptor's number
 //   bad-pointers  readiness calls given memory they cannot read
 //   exec-child    runs itself again (no mode) in a forked child, and waits
+//   fork-child    a forked child (no exec) asks on the inherited node
+//                 descriptor and closes it; the parent asks again after it
 //   fifo          NODE is a FIFO: opened as descriptor 0 (and duplicated),
 //                 waited on by select
 //                 with each of its sets and by epoll, closed, and its number
@@ -44,6 +46,15 @@
 
 #include "kelo_aov.h"
 
+// The checked open forms a fortified program calls, and the large-file
+// forms: declared here so that this client calls them by name.
+extern "C" {
+int __open_2(const char* path, int flags);
+int __openat_2(int dirfd, const char* path, int flags);
+int __open64_2(const char* path, int flags);
+int __openat64_2(int dirfd, const char* path, int flags);
+}
+
 namespace {
 
 void show(const char* what, long result) {
@@ -72,6 +83,9 @@ int otherPaths(const char* node, const char* other, const char* link) {
     FD_SET(a, &set);
     const timespec limitTs{2, 500000000};
     show("pselect", ::pselect(a + 1, &set, nullptr, nullptr, &limitTs, nullptr));
+    FD_ZERO(&set);
+    FD_SET(a, &set);
+    show("pselect without a limit", ::pselect(a + 1, &set, nullptr, nullptr, nullptr, nullptr));
     const std::string doubled = std::string("/") + node;
     const int b = ::open(doubled.c_str(), O_RDONLY);
     show("open doubled slash", b >= 0 ? 0 : -1);
@@ -86,6 +100,14 @@ int otherPaths(const char* node, const char* other, const char* link) {
     const int d = ::openat(dirfd, path.substr(path.rfind('/') + 1).c_str(), O_RDONLY);
     show("openat dirfd", d >= 0 ? 0 : -1);
     ask("ioctl openat dirfd", d);
+    const std::string base = path.substr(path.rfind('/') + 1);
+    const int forms[] = {::openat64(dirfd, base.c_str(), O_RDONLY), ::__open_2(node, O_RDONLY),
+                         ::__openat_2(dirfd, base.c_str(), O_RDONLY), ::__open64_2(node, O_RDONLY),
+                         ::__openat64_2(dirfd, base.c_str(), O_RDONLY)};
+    for (const int fd : forms) {
+        show("open other form", fd >= 0 ? 0 : -1);
+        ask("ioctl other form", fd);
+    }
     ::close(dirfd);
     const int e = ::dup(a);
     ask("ioctl dup", e);
@@ -93,6 +115,13 @@ int otherPaths(const char* node, const char* other, const char* link) {
     ask("ioctl fcntl dupfd", f);
     const int g = ::dup2(a, 90);
     ask("ioctl dup2", g);
+    const int h = ::dup3(a, 91, O_CLOEXEC);
+    ask("ioctl dup3", h);
+    const int i = ::fcntl64(a, F_DUPFD, 110);
+    ask("ioctl fcntl64 dupfd", i);
+    // Onto descriptor 0 (standard input, empty here).
+    show("dup3 onto 0", ::dup3(a, 0, 0));
+    ask("ioctl dup3 at 0", 0);
     // Numbers that stop being the node's: replaced by dup2, closed by close_range.
     const int o = ::open(other, O_RDONLY);
     show("dup2 other over node", ::dup2(o, g) == g ? 0 : -1);
@@ -101,7 +130,10 @@ int otherPaths(const char* node, const char* other, const char* link) {
     const int reused = ::fcntl(o, F_DUPFD, 100);
     show("reuse closed number", reused == 100 ? 0 : -1);
     ask("ioctl other at reused", reused);
-    for (const int fd : {a, b, c, d, e, g, o, reused}) {
+    for (const int fd : {a, b, c, d, e, g, o, reused, h, i, 0}) {
+        ::close(fd);
+    }
+    for (const int fd : forms) {
         ::close(fd);
     }
     return 0;
@@ -160,6 +192,11 @@ int fifo(const char* node) {
     ev.events = EPOLLIN;
     ev.data.u64 = 42;
     show("epoll_ctl node", ::epoll_ctl(ep, EPOLL_CTL_ADD, fd, &ev));
+    // A change the kernel refuses (EPOLLEXCLUSIVE is for ADD only) leaves the
+    // registration and its data as they were.
+    ev.events = EPOLLIN | EPOLLEXCLUSIVE;
+    ev.data.u64 = 99;
+    show("epoll_ctl refused change", ::epoll_ctl(ep, EPOLL_CTL_MOD, fd, &ev));
     show("epoll_wait node", ::epoll_wait(ep, &ev, 1, 0));
     show("close node", ::close(fd));
     // The node's number and its epoll data, now another file's.
@@ -373,6 +410,26 @@ int execChild(char* self, char* node, char* other) {
     return 0;
 }
 
+int forkChild(const char* node) {
+    const int fd = ::open(node, O_RDWR);
+    show("open node", fd >= 0 ? 0 : -1);
+    ask("ioctl in parent", fd);
+    std::fflush(stdout);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        ask("ioctl in child", fd);
+        show("close in child", ::close(fd));
+        // exit, not _exit: the exit handlers finish the child's file.
+        std::exit(0);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    std::printf("child %d exited %d\n", static_cast<int>(pid), WEXITSTATUS(status));
+    ask("ioctl in parent after the child", fd);
+    show("close node", ::close(fd));
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -383,6 +440,9 @@ int main(int argc, char** argv) {
     const std::string mode = argc > 3 ? argv[3] : "";
     if (mode == "paths" && argc == 5) {
         return otherPaths(argv[1], argv[2], argv[4]);
+    }
+    if (mode == "fork-child") {
+        return forkChild(argv[1]);
     }
     if (mode == "bad-pointers") {
         return badPointers(argv[1]);

@@ -2,6 +2,7 @@
 // without it; dump, info and retrace on good, cut and hostile files.
 
 #include <fcntl.h>
+#include <limits.h>
 #include <linux/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -143,6 +145,50 @@ TEST_F(UnderTheRecorder, AFileNothingWasRecordedIntoStaysAsItWasAndTheLineNamesT
         << r.output;
 }
 
+// record's own part: the output is said by its absolute path, and a library
+// the user preloads stays preloaded beside the recorder.
+TEST_F(UnderTheRecorder, RecordSaysTheOutputByItsAbsolutePathAndKeepsTheUsersPreload) {
+    char cwd[PATH_MAX];
+    ASSERT_NE(::getcwd(cwd, sizeof(cwd)), nullptr) << std::strerror(errno);
+    const std::string name = "aovrec_" + std::to_string(::getpid()) + "_relative.rec";
+    const std::string file = std::string(cwd) + "/" + name;
+    const ProcessResult r =
+        rec({"record", "-o", name, "--", AOV_REC_CLIENT_PATH, node_, other_},
+            {"AOV_REC_NODE=" + node_, std::string("LD_PRELOAD=") + AOV_REC_PRELOAD_PATH});
+    ::unlink(file.c_str());
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_NE(r.output.find("aov-rec: session recorded in " + file + " ("), std::string::npos)
+        << r.output;
+    // The loader names a preloaded library it could not load.
+    EXPECT_EQ(r.output.find("LD_PRELOAD"), std::string::npos) << r.output;
+}
+
+// Loaded without record (no status file, or one that cannot be written),
+// the recorder says a setting it refuses on the program's standard error,
+// records nothing, and the program runs as without it.
+TEST_F(UnderTheRecorder, ASettingRefusedWithoutRecordIsSaidOnTheProgramsOwnStandardError) {
+    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_});
+    ASSERT_EQ(bare.exit_code, 0) << bare.output;
+    for (const std::string status : {"", "/nonexistent-dir/status"}) {
+        std::vector<std::string> env = {std::string("LD_PRELOAD=") + AOV_REC_PRELOAD_PATH,
+                                        "AOV_REC_FILE=" + session_, "AOV_REC_NODE=" + node_,
+                                        "AOV_REC_CONTENT=some"};
+        if (!status.empty()) {
+            env.push_back("AOV_REC_STATUS=" + status);
+        }
+        const ProcessResult r = runProcess(AOV_REC_CLIENT_PATH, {node_, other_}, env);
+        EXPECT_EQ(r.exit_code, 0) << r.output;
+        EXPECT_EQ(withoutRecLines(r.output), bare.output) << status;
+        EXPECT_EQ(r.output.substr(0, r.output.size() - withoutRecLines(r.output).size()),
+                  "aov-rec: AOV_REC_CONTENT must be all, written or none, not some; recording "
+                  "off\n")
+            << status << "\n"
+            << r.output;
+        struct stat info {};
+        EXPECT_NE(::stat(session_.c_str(), &info), 0) << "a refused setting still recorded";
+    }
+}
+
 // The stall limit comes from the environment: 1 to 600000 ms records; any
 // other value turns the recording off with one line naming it, and the
 // program runs as without the recorder.
@@ -187,6 +233,26 @@ TEST_F(UnderTheRecorder, TheCommandsExitStatusIsHandedBack) {
     EXPECT_NE(missing.output.find("aov-rec: cannot run /nonexistent/program"), std::string::npos);
 }
 
+// The recorded program's environment: the recorder first in LD_PRELOAD with
+// the user's libraries after it, the user's sanitizer options kept, and the
+// recorder's own settings those of record alone.
+TEST_F(UnderTheRecorder, TheProgramKeepsTheUsersPreloadAndSanitizerOptionsAndGetsRecordsSettings) {
+#ifdef AOV_REC_PRELOAD_SANITIZED
+    GTEST_SKIP() << "the sanitized recorder loads only into sanitized programs, not env";
+#endif
+    const std::string lib = AOV_REC_PRELOAD_PATH;
+    const ProcessResult r =
+        rec({"record", "-o", session_, "--content", "none", "--", "/usr/bin/env"},
+            {"LD_PRELOAD=" + lib, "ASAN_OPTIONS=detect_leaks=0", "AOV_REC_CONTENT=all"});
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    EXPECT_NE(r.output.find("LD_PRELOAD=" + lib + ":" + lib + "\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("ASAN_OPTIONS=detect_leaks=0:verify_asan_link_order=0\n"),
+              std::string::npos)
+        << r.output;
+    EXPECT_EQ(count(r.output, "AOV_REC_CONTENT="), 1u) << r.output;
+    EXPECT_NE(r.output.find("AOV_REC_CONTENT=none\n"), std::string::npos) << r.output;
+}
+
 TEST_F(UnderTheRecorder, ACutRecordingPrintsItsWholeRecordsThenEndsInExitTwo) {
     ASSERT_EQ(rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_},
                   {"AOV_REC_NODE=" + node_})
@@ -217,13 +283,26 @@ TEST_F(UnderTheRecorder, AnOutputThatIsNotARegularFileStaysInPlace) {
     EXPECT_TRUE(S_ISFIFO(info.st_mode)) << "the pipe given as the output was replaced";
     EXPECT_NE(r.output.find("nothing recorded"), std::string::npos) << r.output;
     ::unlink(pipe.c_str());
+
+    // Recorded into /dev/null: said as written there, with no size.
+    const ProcessResult null =
+        rec({"record", "-o", "/dev/null", "--", AOV_REC_CLIENT_PATH, node_, other_},
+            {"AOV_REC_NODE=" + node_});
+    EXPECT_EQ(null.exit_code, 0) << null.output;
+    EXPECT_NE(null.output.find("aov-rec: session written to /dev/null\n"), std::string::npos)
+        << null.output;
+    struct stat device {};
+    ASSERT_EQ(::stat("/dev/null", &device), 0);
+    EXPECT_TRUE(S_ISCHR(device.st_mode)) << "/dev/null was replaced";
 }
 
 // Every path that reaches the node counts, and every duplicate of its
 // descriptors; a number that stopped being the node's (dup2 over it,
 // close_range) is not taken for it.
 TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatLeftItIsNot) {
-    const std::string link = tempPath("link");
+    // A name that is not plain ASCII: dump escapes each byte outside it.
+    const std::string link = tempPath("link-\xc3\xa9");
+    const std::string linkJson = tempPath("link-") + "\\u00c3\\u00a9";
     ASSERT_EQ(::symlink(node_.c_str(), link.c_str()), 0) << std::strerror(errno);
     const std::vector<std::string> args = {node_, other_, "paths", link};
     const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, args);
@@ -235,9 +314,11 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
     EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
-    // Opens by the symlink, "//", /proc/self/fd/N and openat from the directory.
-    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 4u) << dump.output;
-    EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
+    // Opens by the symlink, "//", /proc/self/fd/N and openat from the
+    // directory, then openat64 and the four checked forms, all without a mode.
+    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 9u) << dump.output;
+    EXPECT_EQ(count(dump.output, "\"mode\":\"00\""), 9u) << dump.output;
+    EXPECT_NE(dump.output.find("\"path\":\"" + linkJson + "\""), std::string::npos) << dump.output;
     // select and pselect on the node (the symlink's descriptor, whatever
     // number it got), each found it readable, with its limit in milliseconds.
     const size_t firstOpen = dump.output.find("\"call\":\"open\"");
@@ -252,10 +333,19 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
             << kind << "\n"
             << dump.output;
     }
-    // Those four and dup, F_DUPFD and dup2; not the other file's.
-    EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 7u) << dump.output;
-    // Five closes, the node's number replaced by dup2, the one close_range closed.
-    EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 7u) << dump.output;
+    // A wait without a limit is recorded with -1.
+    EXPECT_NE(dump.output.find("\"kind\":\"pselect\",\"timeout_ms\":-1,\"node\":[{\"fd\":" +
+                               linkFd + ",\"events\":1,\"revents\":1}]"),
+              std::string::npos)
+        << dump.output;
+    // Those nine and dup, F_DUPFD, dup2, dup3 (twice, once onto 0) and
+    // fcntl64's F_DUPFD; not the other file's.
+    EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 15u) << dump.output;
+    // Thirteen closes, the node's number replaced by dup2, the one close_range closed.
+    EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 15u) << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":0,"), std::string::npos) << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":91,"), std::string::npos) << dump.output;
+    EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":110,"), std::string::npos) << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":90,"), std::string::npos) << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":100,"), std::string::npos) << dump.output;
     ::unlink(link.c_str());
@@ -277,8 +367,9 @@ TEST_F(UnderTheRecorder, ACharacterDeviceNodeIsRecordedWhateverPathReachesIt) {
     EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
-    // By the symlink, "//", /proc/self/fd/N and openat from the directory.
-    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 4u) << dump.output;
+    // By the symlink, "//", /proc/self/fd/N, openat from the directory,
+    // openat64 and the four checked forms.
+    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 9u) << dump.output;
     EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
 }
 
@@ -291,7 +382,9 @@ TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIs
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
     const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {fifo, other_, "fifo"});
     ASSERT_EQ(bare.exit_code, 0) << bare.output;
-    EXPECT_EQ(count(bare.output, " -> -1 "), 0u) << bare.output;
+    EXPECT_EQ(count(bare.output, " -> -1 "), 1u) << bare.output;
+    EXPECT_NE(bare.output.find("epoll_ctl refused change -> -1 errno 22\n"), std::string::npos)
+        << bare.output;
     const ProcessResult recorded =
         rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, fifo, other_, "fifo"},
             {"AOV_REC_NODE=" + fifo});
@@ -461,6 +554,43 @@ TEST_F(UnderTheRecorder, AnExecdChildRecordsIntoAFileOfItsOwnAndLeavesTheParents
     ::unlink(childFile.c_str());
 }
 
+// A child forked without exec, in the middle of a recording, records its
+// calls on the inherited node into a file of its own, written from its own
+// thread; the parent goes on recording into its file alone.
+TEST_F(UnderTheRecorder, AForkedChildRecordsIntoAFileOfItsOwnAndTheParentGoesOn) {
+    const ProcessResult recorded =
+        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "fork-child"},
+            {"AOV_REC_NODE=" + node_});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    const size_t at = recorded.output.find("\nchild ");
+    ASSERT_NE(at, std::string::npos) << recorded.output;
+    const std::string child = std::to_string(std::atoi(recorded.output.c_str() + at + 7));
+    EXPECT_NE(recorded.output.find("child " + child + " exited 0"), std::string::npos);
+    EXPECT_NE(recorded.output.find("ioctl in child -> 0 errno 0"), std::string::npos)
+        << recorded.output;
+    const std::string childFile = session_ + "." + child;
+    EXPECT_EQ(count(recorded.output, "aov-rec: session recorded in "), 2u) << recorded.output;
+    EXPECT_NE(recorded.output.find("aov-rec: session recorded in " + childFile + " ("),
+              std::string::npos)
+        << recorded.output;
+    const ProcessResult parentDump = rec({"dump", session_});
+    ASSERT_EQ(parentDump.exit_code, 0) << parentDump.output;
+    EXPECT_EQ(count(parentDump.output, "\"call\":\"open\""), 1u) << parentDump.output;
+    EXPECT_EQ(count(parentDump.output, "\"call\":\"ioctl\""), 2u) << parentDump.output;
+    EXPECT_EQ(count(parentDump.output, "\"call\":\"close\""), 1u) << parentDump.output;
+    EXPECT_EQ(parentDump.output.find("\"pid\":" + child + ","), std::string::npos);
+    const ProcessResult childDump = rec({"dump", childFile});
+    ::unlink(childFile.c_str());
+    ASSERT_EQ(childDump.exit_code, 0) << childDump.output;
+    EXPECT_EQ(count(childDump.output, "\"call\":\"open\""), 0u) << childDump.output;
+    EXPECT_EQ(count(childDump.output, "\"call\":\"ioctl\""), 1u) << childDump.output;
+    EXPECT_EQ(count(childDump.output, "\"call\":\"close\""), 1u) << childDump.output;
+    EXPECT_NE(childDump.output.find("\"pid\":" + child + ","), std::string::npos)
+        << childDump.output;
+    // The child's only thread is the child: its calls carry its own id.
+    EXPECT_EQ(count(childDump.output, "\"tid\":" + child + ","), 2u) << childDump.output;
+}
+
 // Dequeues whose areas the recorder dropped (its writer was behind) are
 // counted by info and marked by dump.
 TEST(AovRecInput, InfoCountsTheDequeuesWhoseContentWasDropped) {
@@ -519,6 +649,45 @@ TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
         EXPECT_EQ(r.exit_code, 2) << c.args[0];
         EXPECT_EQ(r.output, c.line);
     }
+    // A wrong command line: its first line says what, the usage follows.
+    const std::vector<Case> commandLines = {
+        {{"dump"}, "aov-rec: dump: one session file\n"},
+        {{"info", text, text}, "aov-rec: info: one session file\n"},
+        {{"replay", text}, "aov-rec: unknown command replay\n"},
+    };
+    for (const Case& c : commandLines) {
+        const ProcessResult r = rec(c.args);
+        EXPECT_EQ(r.exit_code, 2) << c.args[0];
+        EXPECT_EQ(r.output.rfind(c.line + "usage: aov-rec", 0), 0u) << r.output;
+    }
+    // record cannot make its status file.
+    const ProcessResult noTmp =
+        rec({"record", "-o", text, "--", "true"}, {"TMPDIR=/nonexistent-dir"});
+    EXPECT_EQ(noTmp.exit_code, 2) << noTmp.output;
+    EXPECT_EQ(noTmp.output.rfind("aov-rec: /nonexistent-dir/aov-rec-status-", 0), 0u)
+        << noTmp.output;
+    EXPECT_EQ(count(noTmp.output, "\n"), 1u) << noTmp.output;
+    EXPECT_NE(noTmp.output.find(": No such file or directory\n"), std::string::npos)
+        << noTmp.output;
+    // An aov-rec with no recorder library beside it or under its lib folder.
+    const std::string lonely = tempPath("lonely");
+    ASSERT_EQ(::mkdir(lonely.c_str(), 0700), 0) << std::strerror(errno);
+    const std::string copy = lonely + "/aov-rec";
+    {
+        std::ifstream from(AOV_REC_PATH, std::ios::binary);
+        std::ofstream to(copy, std::ios::binary);
+        to << from.rdbuf();
+    }
+    ASSERT_EQ(::chmod(copy.c_str(), 0700), 0) << std::strerror(errno);
+    const ProcessResult noLibrary = runProcess(copy, {"record", "-o", text, "--", "true"});
+    ::unlink(copy.c_str());
+    ::rmdir(lonely.c_str());
+    EXPECT_EQ(noLibrary.exit_code, 2) << noLibrary.output;
+    EXPECT_EQ(
+        noLibrary.output.rfind("aov-rec: the recorder library is missing: " + lonely + "/", 0), 0u)
+        << noLibrary.output;
+    EXPECT_EQ(count(noLibrary.output, "\n"), 1u) << noLibrary.output;
+    EXPECT_EQ(readText(text), "not a session at all, just some text");
     for (const char* command : {"record", "dump", "info", "retrace"}) {
         const ProcessResult help = rec({command, "--help"});
         EXPECT_EQ(help.exit_code, 0) << command << ": " << help.output;

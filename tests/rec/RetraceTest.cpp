@@ -285,6 +285,40 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
         << gone.output;
 }
 
+// A plain file given as the node opens, then refuses every request and
+// cannot be waited on: each is a difference, no dequeue is sent, and past
+// ten differences the rest are only counted.
+TEST_F(RetraceAgainstKdev, APlainFileForTheNodeDiffersAtEachCallAndPastTenTheRestAreCounted) {
+    // Five events: three requests, five waits and two more requests differ.
+    const std::string five = tempPath("five.rec");
+    const ProcessResult recorded =
+        rec({"record", "-o", five, "--content", "none", "--", AOV_SIM_PATH, "--kernel", "fuse",
+             "--events", "5", "--timeout", "10", "--aov-mode", "2"});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    const std::string plain = tempPath("plain");
+    std::ofstream(plain) << "not a node";
+    const ProcessResult r = retrace(five, plain);
+    ::unlink(five.c_str());
+    ::unlink(plain.c_str());
+    EXPECT_EQ(r.exit_code, 1) << r.output;
+    size_t shown = 0;
+    for (size_t at = r.output.find("difference at record "); at != std::string::npos;
+         at = r.output.find("difference at record ", at + 1)) {
+        ++shown;
+    }
+    EXPECT_EQ(shown, 10u) << r.output;
+    EXPECT_NE(r.output.find("(result): START: result -1 (Inappropriate ioctl for device), "
+                            "recorded 0\n"),
+              std::string::npos)
+        << r.output;
+    EXPECT_NE(r.output.find("(readiness): poll: failed: -1 (Operation not permitted)\n"),
+              std::string::npos)
+        << r.output;
+    EXPECT_NE(r.output.find("\n... and 1 more differences\n"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find(" requests, 0 dequeues), "), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find(" driver checks, 11 differences\n"), std::string::npos) << r.output;
+}
+
 TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent) {
     // The last record damaged: the old way sent every earlier one first.
     std::string bytes = readText(recording_);
@@ -303,6 +337,11 @@ TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent
     EXPECT_NE(refused.output.find("; nothing sent\n"), std::string::npos) << refused.output;
     EXPECT_EQ(refused.output.find("retrace: "), std::string::npos) << refused.output;
     EXPECT_NE(status.find("\nrequests 0\n"), std::string::npos) << status;
+
+    const ProcessResult missing = retrace(tempPath("missing.rec"), node_);
+    EXPECT_EQ(missing.exit_code, 2) << missing.output;
+    EXPECT_EQ(missing.output,
+              "aov-rec: " + tempPath("missing.rec") + ": No such file or directory\n");
 
     // A file that cannot be read twice is not read once either.
     const ProcessResult device = retrace("/dev/zero", node_);
