@@ -3,6 +3,7 @@
 // data areas into the caller's memory, the node's readiness reaches epoll,
 // and the node stays exclusive.
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -20,6 +21,8 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -238,6 +241,20 @@ TEST_F(KdevServerTest, ASecondOpenIsRefusedUntilTheFirstIsClosed) {
     // The release travels to the server ahead of the next open.
     fd_ = ::open(server_->nodePath().c_str(), O_RDWR | O_CLOEXEC);
     EXPECT_GE(fd_, 0) << std::strerror(errno);
+}
+
+// A listing of the served directory shows what it holds, whatever size of
+// buffer the reader asks with.
+TEST_F(KdevServerTest, TheDirectoryListsTheNodeAndTheStatusFile) {
+    DIR* dir = ::opendir(dir_.c_str());
+    ASSERT_NE(dir, nullptr) << std::strerror(errno);
+    std::multiset<std::string> names;
+    while (const dirent* entry = ::readdir(dir)) {
+        names.insert(entry->d_name);
+    }
+    ::closedir(dir);
+    EXPECT_EQ(names,
+              (std::multiset<std::string>{".", "..", aovkdev::kNodeName, aovkdev::kStatusName}));
 }
 
 // The status file is a plain file: a program that polls it (a monitor that
