@@ -693,6 +693,15 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64(text, sizeof(text) - 1, 0), 0xFBCEA83C8A378BF1ull);
 }
 
+// The header's check is the common CRC-32, so that other tools can verify a
+// file; it may be taken over pieces.
+TEST(SessionFile, TheHeaderCheckIsTheCommonCrc32) {
+    const char text[] = "123456789";
+    EXPECT_EQ(aovrec::crc32(text, 9), 0xCBF43926u);
+    EXPECT_EQ(aovrec::crc32(text + 4, 5, aovrec::crc32(text, 4)), 0xCBF43926u);
+    EXPECT_EQ(aovrec::crc32(text, 0), 0u);
+}
+
 TEST(SessionFile, TheWrittenAreaRuleCapsAtTheAreaAndSkipsUnwrittenSections) {
     EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::kWritten, 0, 0), 0u);
     EXPECT_EQ(aovrec::keptAreaBytes(ContentMode::kWritten, 0, 5), 5u);

@@ -167,6 +167,9 @@ TEST_F(ReplayNodeTest, AnswersEachRequestWithTheRecordedResultInOrder) {
     compose();
     const int fd = node_->open(O_RDWR);
     ASSERT_GE(fd, 0);
+    // Another descriptor is not the node's: refused, and the node stays open.
+    EXPECT_EQ(node_->ioctl(fd + 100, AOV_IOC_STOP, nullptr), -EBADF);
+    EXPECT_EQ(node_->close(fd + 100), -EBADF);
     StartRecord start(0);
     EXPECT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
     EXPECT_FALSE(readableNow(fd)) << "readable before the recorded dequeue is next";
