@@ -325,6 +325,25 @@ TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfI
     EXPECT_EQ(elsewhere_.get(), EAGAIN);
 }
 
+// A request a driver bug never answers holds its caller until the server
+// ends, which answers it with EIO rather than leaving it to the unmount.
+TEST_F(KdevServerTest, ARequestABugNeverAnswersIsAnsweredWithEioWhenTheServerEnds) {
+    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kHangSensorOff));
+    ASSERT_FALSE(HasFailure());
+    startSession();
+    const int fd = fd_;
+    elsewhere_ = std::async(std::launch::async, [fd] {
+        aov_sensor_list off{};
+        off.count = 1;
+        return ::ioctl(fd, AOV_IOC_SENSOR_OFF, &off) == -1 ? errno : 0;
+    });
+    ASSERT_TRUE(traced("SENSOR_OFF: never answered")) << "the SENSOR_OFF never reached the server";
+    TearDown();
+    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+        << "the SENSOR_OFF was not answered when the server ended";
+    EXPECT_EQ(elsewhere_.get(), EIO);
+}
+
 // A waiting dequeue is tried again when an event wakes the server or its wait
 // ends, never in between: a wake-up the server left unconsumed would make it
 // spin, trying the driver again and again for as long as it runs.
