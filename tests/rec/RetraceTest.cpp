@@ -4,6 +4,7 @@
 // node that is missing or goes away, and a damaged file each end the run
 // with one line and a clear exit, sending nothing the file did not allow.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -17,6 +18,7 @@
 
 #include "ProcessRun.h"
 #include "SessionFiles.h"
+#include "aovsession/SessionBuilder.h"
 #include "aovsim/DriverBugs.h"
 #include "kelo_aov.h"
 
@@ -258,6 +260,23 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
     const ProcessResult directory = retrace(recording_, dir_);
     EXPECT_EQ(directory.exit_code, 3) << directory.output;
     EXPECT_EQ(directory.output, "aov-rec: cannot open " + dir_ + ": Is a directory\n");
+    // A session whose process had the node as descriptor 0 is no different.
+    const std::string atZero = tempPath("at-zero.rec");
+    {
+        const int fd = ::open(atZero.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0) << std::strerror(errno);
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+        b.open(AOV_DEVICE_NODE, O_RDWR, 0);
+        b.ioctl(0, AOV_IOC_STOP, nullptr, 0, 0);
+        b.close(0, 0);
+        EXPECT_TRUE(b.ok());
+        ::close(fd);
+    }
+    const ProcessResult zero = retrace(atZero, dir_ + "/missing");
+    ::unlink(atZero.c_str());
+    EXPECT_EQ(zero.exit_code, 3) << zero.output;
+    EXPECT_EQ(zero.output,
+              "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
 
     // The server dies at the second dequeue: that dequeue was sent, nothing after it.
     kdev_.start({"--scenario", kScript, "--die-at-dequeue", "2"});
