@@ -3,6 +3,7 @@
 // data areas into the caller's memory, the node's readiness reaches epoll,
 // and the node stays exclusive.
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -20,6 +21,8 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <set>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -240,6 +243,20 @@ TEST_F(KdevServerTest, ASecondOpenIsRefusedUntilTheFirstIsClosed) {
     EXPECT_GE(fd_, 0) << std::strerror(errno);
 }
 
+// A listing of the served directory shows what it holds, whatever size of
+// buffer the reader asks with.
+TEST_F(KdevServerTest, TheDirectoryListsTheNodeAndTheStatusFile) {
+    DIR* dir = ::opendir(dir_.c_str());
+    ASSERT_NE(dir, nullptr) << std::strerror(errno);
+    std::multiset<std::string> names;
+    while (const dirent* entry = ::readdir(dir)) {
+        names.insert(entry->d_name);
+    }
+    ::closedir(dir);
+    EXPECT_EQ(names,
+              (std::multiset<std::string>{".", "..", aovkdev::kNodeName, aovkdev::kStatusName}));
+}
+
 // The status file is a plain file: a program that polls it (a monitor that
 // waits on every file it reads) is answered at once, readable. The poll runs
 // in a child that holds nothing of this process's: a poll the server never
@@ -306,6 +323,25 @@ TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfI
     ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
         << "the waiting dequeue did not give up at the end of its wait";
     EXPECT_EQ(elsewhere_.get(), EAGAIN);
+}
+
+// A request a driver bug never answers holds its caller until the server
+// ends, which answers it with EIO rather than leaving it to the unmount.
+TEST_F(KdevServerTest, ARequestABugNeverAnswersIsAnsweredWithEioWhenTheServerEnds) {
+    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kHangSensorOff));
+    ASSERT_FALSE(HasFailure());
+    startSession();
+    const int fd = fd_;
+    elsewhere_ = std::async(std::launch::async, [fd] {
+        aov_sensor_list off{};
+        off.count = 1;
+        return ::ioctl(fd, AOV_IOC_SENSOR_OFF, &off) == -1 ? errno : 0;
+    });
+    ASSERT_TRUE(traced("SENSOR_OFF: never answered")) << "the SENSOR_OFF never reached the server";
+    TearDown();
+    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+        << "the SENSOR_OFF was not answered when the server ended";
+    EXPECT_EQ(elsewhere_.get(), EIO);
 }
 
 // A waiting dequeue is tried again when an event wakes the server or its wait

@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <sstream>
@@ -627,6 +628,70 @@ TEST(AovRecInput, InfoCountsTheDequeuesWhoseContentWasDropped) {
         }
     }
     EXPECT_EQ(marked, (std::vector<bool>{false, true, false, true})) << dump.output;
+    ::unlink(path.c_str());
+}
+
+// dump gives each request what its record kept, and only that: the sent
+// record, the answer and each kept area with their sizes and digests; info
+// counts the areas and their bytes.
+TEST(AovRecInput, DumpShowsTheSentRecordTheAnswerAndEachAreaARequestKept) {
+    const std::string path = tempPath("kept.rec");
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0) << std::strerror(errno);
+    aov_start_record start = {};
+    start[0] = 7;
+    aov_event_query answer{};
+    answer.header[0] = 42;
+    const std::vector<uint8_t> area(16, 0x44);
+    {
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+        b.open(AOV_DEVICE_NODE, O_RDWR, 5);
+        b.ioctl(5, AOV_IOC_START, start, sizeof(start), 0);
+        const aovrec::SessionBuilder::Area areas[] = {{4, area.data(), 16}};
+        b.ioctl(5, AOV_IOC_DEQUEUE_EVENT, &answer, sizeof(answer), 0, &answer, sizeof(answer),
+                areas, 1);
+        b.close(5, 0);
+        ASSERT_TRUE(b.ok());
+    }
+    ::close(fd);
+    const auto hex = [](const void* data, size_t size) {
+        char text[24];
+        std::snprintf(text, sizeof(text), "\"%016llx\"",
+                      static_cast<unsigned long long>(aovrec::digest(data, size)));
+        return std::string(text);
+    };
+    const ProcessResult dump = rec({"dump", path});
+    ASSERT_EQ(dump.exit_code, 0) << dump.output;
+    std::vector<std::string> requests;
+    std::istringstream lines(dump.output);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find("\"call\":\"ioctl\"") != std::string::npos) {
+            requests.push_back(line);
+        }
+    }
+    ASSERT_EQ(requests.size(), 2u) << dump.output;
+    EXPECT_NE(
+        requests[0].find(",\"sent\":{\"bytes\":200,\"xxh64\":" + hex(start, sizeof(start)) + "}"),
+        std::string::npos)
+        << requests[0];
+    EXPECT_EQ(requests[0].find("\"back\""), std::string::npos) << requests[0];
+    EXPECT_EQ(requests[0].find("\"areas\""), std::string::npos) << requests[0];
+    EXPECT_NE(requests[1].find(",\"back\":{\"bytes\":" + std::to_string(sizeof(answer)) +
+                               ",\"xxh64\":" + hex(&answer, sizeof(answer)) + "}"),
+              std::string::npos)
+        << requests[1];
+    EXPECT_NE(requests[1].find(",\"header\":[42,0,0,0,0,0]"), std::string::npos) << requests[1];
+    EXPECT_NE(requests[1].find(",\"areas\":[{\"section\":4,\"bytes\":16,\"xxh64\":" +
+                               hex(area.data(), area.size()) + "}]"),
+              std::string::npos)
+        << requests[1];
+
+    const ProcessResult info = rec({"info", path});
+    EXPECT_EQ(info.exit_code, 0) << info.output;
+    EXPECT_NE(info.output.find("\nevents: 1 dequeued, 0 with the content flag, 1 areas kept (16 "
+                               "bytes); node ready 0 times\n"),
+              std::string::npos)
+        << info.output;
     ::unlink(path.c_str());
 }
 

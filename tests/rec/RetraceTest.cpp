@@ -4,6 +4,7 @@
 // node that is missing or goes away, and a damaged file each end the run
 // with one line and a clear exit, sending nothing the file did not allow.
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -17,6 +18,7 @@
 
 #include "ProcessRun.h"
 #include "SessionFiles.h"
+#include "aovsession/SessionBuilder.h"
 #include "aovsim/DriverBugs.h"
 #include "kelo_aov.h"
 
@@ -36,7 +38,8 @@ using aovrectest::writeSession;
 // What retrace must print against a driver with one fault.
 struct FaultCase {
     const char* fault;
-    const char* shows;  // part of the line that reports it
+    const char* shows;      // part of the line that reports it
+    const char* also = "";  // more of the output, where the fault decides it
 };
 
 void PrintTo(const FaultCase& c, std::ostream* out) {
@@ -55,7 +58,9 @@ const FaultCase kFaults[] = {
      "after the session (unknown request): ioctl 0x00004805: result 0: a driver refuses"},
     {"accept-wrong-size",
      "after the session (wrong size): ioctl 0x00084804: result 0: a driver refuses"},
-    {"no-readiness", "(readiness): DEQUEUE_EVENT: the node was not ready within 3000 ms"},
+    // No dequeue is sent to a node that never turns ready, and none is counted.
+    {"no-readiness", "(readiness): DEQUEUE_EVENT: the node was not ready within 3000 ms",
+     " requests, 0 dequeues), "},
     {"readable-after-drain",
      "after the session (empty queue): poll: the node is ready with no event pending"},
     {"events-after-stop", "(after STOP): STOP: the node is ready after STOP returned"},
@@ -234,6 +239,7 @@ TEST_P(RetraceFault, ShowsAsADifferenceAndTheRunEnds) {
     kdev_.stop();
     EXPECT_EQ(faulty.exit_code, 1) << faulty.output;
     EXPECT_NE(faulty.output.find(c.shows), std::string::npos) << faulty.output;
+    EXPECT_NE(faulty.output.find(c.also), std::string::npos) << faulty.output;
     EXPECT_NE(faulty.output.find("retrace: " + streamed_ + " against " + node_), std::string::npos)
         << faulty.output;
     EXPECT_EQ(faulty.output.find(", 0 differences"), std::string::npos) << faulty.output;
@@ -258,6 +264,23 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
     const ProcessResult directory = retrace(recording_, dir_);
     EXPECT_EQ(directory.exit_code, 3) << directory.output;
     EXPECT_EQ(directory.output, "aov-rec: cannot open " + dir_ + ": Is a directory\n");
+    // A session whose process had the node as descriptor 0 is no different.
+    const std::string atZero = tempPath("at-zero.rec");
+    {
+        const int fd = ::open(atZero.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0) << std::strerror(errno);
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+        b.open(AOV_DEVICE_NODE, O_RDWR, 0);
+        b.ioctl(0, AOV_IOC_STOP, nullptr, 0, 0);
+        b.close(0, 0);
+        EXPECT_TRUE(b.ok());
+        ::close(fd);
+    }
+    const ProcessResult zero = retrace(atZero, dir_ + "/missing");
+    ::unlink(atZero.c_str());
+    EXPECT_EQ(zero.exit_code, 3) << zero.output;
+    EXPECT_EQ(zero.output,
+              "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
 
     // The server dies at the second dequeue: that dequeue was sent, nothing after it.
     kdev_.start({"--scenario", kScript, "--die-at-dequeue", "2"});

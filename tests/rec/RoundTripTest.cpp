@@ -246,6 +246,16 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
     EXPECT_EQ(callbackAreas, recordedAreas(dump.output));
+    // The replaying driver's own figures, read from it: every recorded request answered.
+    EXPECT_EQ(replayed.output.find("not answer"), std::string::npos) << replayed.output;
+    size_t requests = 0;
+    for (const std::string& line : linesOf(dump.output, "{\"i\":")) {
+        requests += line.find("\"call\":\"ioctl\"") != std::string::npos ? 1 : 0;
+    }
+    EXPECT_NE(replayed.output.find("summary: kernel requests " + std::to_string(requests) + " ("),
+              std::string::npos)
+        << requests << " requests recorded\n"
+        << replayed.output;
     EXPECT_EQ(callbackAreas.size(), static_cast<size_t>(3));
     // The dump's words of each event are those the live run's callback got.
     EXPECT_EQ(recordedWords(dump.output), deliveredWords(recorded.output));

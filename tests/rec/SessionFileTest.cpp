@@ -651,6 +651,12 @@ TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
     bad_crc.back() ^= 1;
     std::vector<uint8_t> retyped = frame(4, std::vector<uint8_t>(aovrec::kCallInfoSize + 8), 40);
     retyped[8] = 6;
+    std::vector<std::vector<uint8_t>> padded;
+    for (size_t pad = 1; pad <= 3; ++pad) {
+        std::vector<uint8_t> payload = ioctlPayload(1, 1, 0);
+        payload[aovrec::kCallInfoSize + 10 + pad] = 1;
+        padded.push_back(frame(3, payload, 50));
+    }
     const std::vector<Case> cases = {
         {"a length of 4 GiB", frame(2, {}, 0xFFFFFFFFu), "over the limit"},
         {"a raw length that differs from the stored one", frame(2, {1, 2, 3}, 4),
@@ -669,6 +675,9 @@ TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
         {"an area longer than the record", frame(3, ioctlPayload(1, 1, 100), 50),
          "malformed ioctl record"},
         {"one section kept twice", frame(3, ioctlPayload(2, 1, 0), 58), "malformed ioctl record"},
+        {"an area head's first pad byte set", padded[0], "malformed ioctl record"},
+        {"an area head's second pad byte set", padded[1], "malformed ioctl record"},
+        {"an area head's third pad byte set", padded[2], "malformed ioctl record"},
         {"a poll record's type changed to epoll_wait (their payloads look alike)", retyped,
          "checksum mismatch"},
     };
@@ -735,6 +744,15 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64("abc", 3, 0), 0x44BC2CF5AD770999ull);
     const char text[] = "Nobody inspects the spammish repetition";
     EXPECT_EQ(aovrec::xxh64(text, sizeof(text) - 1, 0), 0xFBCEA83C8A378BF1ull);
+}
+
+// The header's check is the common CRC-32, so that other tools can verify a
+// file; it may be taken over pieces.
+TEST(SessionFile, TheHeaderCheckIsTheCommonCrc32) {
+    const char text[] = "123456789";
+    EXPECT_EQ(aovrec::crc32(text, 9), 0xCBF43926u);
+    EXPECT_EQ(aovrec::crc32(text + 4, 5, aovrec::crc32(text, 4)), 0xCBF43926u);
+    EXPECT_EQ(aovrec::crc32(text, 0), 0u);
 }
 
 TEST(SessionFile, TheWrittenAreaRuleCapsAtTheAreaAndSkipsUnwrittenSections) {

@@ -167,6 +167,9 @@ TEST_F(ReplayNodeTest, AnswersEachRequestWithTheRecordedResultInOrder) {
     compose();
     const int fd = node_->open(O_RDWR);
     ASSERT_GE(fd, 0);
+    // Another descriptor is not the node's: refused, and the node stays open.
+    EXPECT_EQ(node_->ioctl(fd + 100, AOV_IOC_STOP, nullptr), -EBADF);
+    EXPECT_EQ(node_->close(fd + 100), -EBADF);
     StartRecord start(0);
     EXPECT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
     EXPECT_FALSE(readableNow(fd)) << "readable before the recorded dequeue is next";
@@ -290,6 +293,9 @@ TEST_F(ReplayNodeTest, RequestsTheLibraryNeverSentDivergeAtTheEnd) {
     const int fd = node_->open(O_RDWR);
     StartRecord start(0);
     ASSERT_EQ(node_->ioctl(fd, AOV_IOC_START, start.bytes), 0);
+    // A close before the recording's end is answered as a close; the
+    // requests it skipped stay unsent.
+    EXPECT_EQ(node_->close(fd), 0);
     EXPECT_FALSE(node_->finish());
     ASSERT_EQ(divergences_.size(), 1u);
     EXPECT_EQ(divergences_[0].library, "(no more requests)");
@@ -448,6 +454,47 @@ TEST(ReplayNodeProbes, ARequestlessOpenWithNoLaterOpenIsTheLibrarys) {
     const int fd = node->open(O_RDWR);
     EXPECT_GE(fd, 0);
     EXPECT_FALSE(node->diverged(nullptr));
+    EXPECT_EQ(node->close(fd), 0);
+}
+
+// Descriptor 0 is a descriptor like any other: a recorded process that had
+// closed its stdin got the node as 0, and a replay run with stdin closed gets
+// its timer as 0.
+TEST(ReplayNodeProbes, DescriptorZeroIsANodesDescriptorLikeAnyOther) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, 0);  // a probe on 0
+    b.close(0, 0);
+    b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, 0);
+    const StartRecord start(0);
+    b.ioctl(0, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
+    b.advance(1000ull * 1000000000ull);
+    std::vector<uint8_t> other(sizeof(aov_event));
+    RecordedEvent event;
+    event.record(b, other.data());
+    b.close(0, 0);
+    std::vector<uint8_t> bytes = recording.bytes();
+    std::string problem;
+    std::shared_ptr<ReplayNode> node = load(bytes, &problem, 1.0);
+    ASSERT_TRUE(node) << problem;
+
+    // stdin closed for the replay's descriptor, given back however the test ends.
+    struct StdinAside {
+        int saved = ::dup(0);
+        StdinAside() { ::close(0); }
+        ~StdinAside() {
+            ::dup2(saved, 0);
+            ::close(saved);
+        }
+    } aside;
+    ASSERT_GE(aside.saved, 0) << std::strerror(errno);
+    const int fd = node->open(O_RDWR);
+    ASSERT_EQ(fd, 0) << "the replay's descriptor is not the lowest free one";
+    StartRecord library(0);
+    EXPECT_EQ(node->ioctl(fd, AOV_IOC_START, library.bytes), 0);
+    EXPECT_FALSE(node->diverged(nullptr));
+    EXPECT_GT(node->progress().seconds_left, 900.0)
+        << "no time left shown for an event 1,000 s off";
     EXPECT_EQ(node->close(fd), 0);
 }
 
