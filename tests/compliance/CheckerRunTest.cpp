@@ -179,6 +179,19 @@ TEST_F(KdevNode, ANodeThatNeverSignalsSkipsTheEventChecksSayingWhy) {
     EXPECT_EQ(lastLine(run.output), "aov-compliance: 28 passed, 1 failed, 0 warnings, 9 skipped");
 }
 
+// With nothing more to come, a dequeue that waits for the next event runs
+// into the request limit: a warning naming the limit, and the run goes on.
+TEST_F(KdevNode, AnEmptyDequeueThatOutlastsTheLimitIsAWarningNamingTheLimit) {
+    start("block-empty-dequeue", "three-events.json");
+    const ProcessResult run = check({"--timeout-ms", "500", "--event-timeout-ms", "500"});
+    EXPECT_TRUE(hasLine(run.output,
+                        "dequeue: nothing pending returns promptly: WARN (expected an answer "
+                        "within 500 ms, got none: the dequeue blocks with nothing pending; a "
+                        "monitor that misreads readiness would stall)"))
+        << run.output;
+    EXPECT_EQ(verdicts(run.output).size(), aovcompliance::kCheckCount) << run.output;
+}
+
 // The TAP of one run, written to a file that prove reads through `cat`.
 class ProveReadsTheTap : public KdevNode {
   protected:

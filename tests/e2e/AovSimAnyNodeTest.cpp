@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -229,6 +230,22 @@ TEST(AovSimNodeErrors, APathThatIsNoNodeEndsInExitTwoWithOneLineNamingWhatIsMiss
         EXPECT_EQ(run.exit_code, 2) << run.output;
         EXPECT_EQ(run.output, "aov-sim: error: " + c.line + "\n");
     }
+}
+
+// A device node whose major number no driver registered opens with ENXIO:
+// the line says that nothing drives it rather than a bare open failure.
+TEST(AovSimNodeErrors, ACharacterDeviceWithoutADriverIsSaidToHaveNone) {
+    const std::string device = ::testing::TempDir() + "aovsim_any_node_nodriver";
+    ::unlink(device.c_str());
+    // Major 60 is reserved for local, experimental use: no driver claims it.
+    if (::mknod(device.c_str(), S_IFCHR | 0600, ::makedev(60, 0)) != 0) {
+        GTEST_SKIP() << "cannot make a device node: " << std::strerror(errno);
+    }
+    const SimRun run = aovSim({"--node", device});
+    ::unlink(device.c_str());
+    EXPECT_EQ(run.exit_code, 2) << run.output;
+    EXPECT_EQ(run.output, "aov-sim: error: --node: no driver behind \"" + device + "\" (" +
+                              std::strerror(ENXIO) + ")\n");
 }
 
 }  // namespace

@@ -7,9 +7,12 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <pthread.h>
+#include <signal.h>
 #include <sys/epoll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -423,6 +426,137 @@ TEST_F(KdevServerTest, WithWakePollinWaitersOnlyAnEpollArmedLaterIsNeverWokenBut
         EXPECT_EQ(::epoll_wait(atOnce, &event, 1, 0), 1);
         ::close(atOnce);
     }
+}
+
+// What a user sees of the mount: a directory holding the node and its status
+// file, listed once each; every other use is refused with the usual errno.
+// Looked at from a child that holds nothing of this process's, as the status
+// poll is: a request the server never answers holds its caller until the
+// server's connection goes. The child exits with the number of the first step
+// that went wrong.
+int firstWrongStep(const std::string& dir, const std::string& node) {
+    const std::string status = dir + "/" + aovkdev::kStatusName;
+    struct stat st;
+    if (::stat(dir.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || (st.st_mode & 07777) != 0755 ||
+        st.st_nlink != 2) {
+        return 1;
+    }
+    if (::stat(node.c_str(), &st) != 0 || st.st_mode != (S_IFREG | 0666)) {
+        return 2;
+    }
+    if (::stat(status.c_str(), &st) != 0 || st.st_mode != (S_IFREG | 0444)) {
+        return 3;
+    }
+    if (::stat((dir + "/absent").c_str(), &st) != -1 || errno != ENOENT) {
+        return 4;
+    }
+    // Bounded: a listing whose offsets do not advance would never end.
+    DIR* listing = ::opendir(dir.c_str());
+    if (listing == nullptr) {
+        return 5;
+    }
+    std::vector<std::string> names;
+    while (const dirent* entry = ::readdir(listing)) {
+        names.emplace_back(entry->d_name);
+        if (names.size() > 16) {
+            break;
+        }
+    }
+    ::closedir(listing);
+    std::sort(names.begin(), names.end());
+    if (names != std::vector<std::string>{".", "..", aovkdev::kNodeName, "status"}) {
+        return 6;
+    }
+    if (::open(status.c_str(), O_WRONLY | O_CLOEXEC) != -1 || errno != EACCES) {
+        return 7;
+    }
+    const int statusFd = ::open(status.c_str(), O_RDONLY | O_CLOEXEC);
+    if (statusFd < 0 || ::ioctl(statusFd, AOV_IOC_ULPOSC3_ON, nullptr) != -1 || errno != ENOTTY) {
+        return 8;
+    }
+    return 0;
+}
+
+TEST_F(KdevServerTest, TheMountIsADirectoryOfTheNodeAndItsStatusFileAndRefusesOtherUses) {
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0) << std::strerror(errno);
+    if (child == 0) {
+        ::syscall(SYS_close_range, 3U, ~0U, 0U);
+        ::_exit(firstWrongStep(dir_, server_->nodePath()));
+    }
+    int wait_status = 0;
+    if (!aovtest::exitedWithin(child, &wait_status, std::chrono::seconds(10))) {
+        TearDown();
+        EXPECT_TRUE(aovtest::exitedWithin(child, &wait_status)) << "the child outlived the server";
+        FAIL() << "a request on the mount was not answered within 10 s";
+    }
+    const char* const steps[] = {"",
+                                 "the mount point is a directory, 0755, two links",
+                                 "the node is a regular file, 0666",
+                                 "the status file is a regular file, 0444",
+                                 "an absent name is ENOENT",
+                                 "the directory opens",
+                                 "the listing is ., .., the node and status, once each",
+                                 "the status file refuses a write open with EACCES",
+                                 "the status file refuses an ioctl with ENOTTY"};
+    ASSERT_TRUE(WIFEXITED(wait_status));
+    const int step = WEXITSTATUS(wait_status);
+    EXPECT_EQ(step, 0) << "wrong: " << (step > 0 && step < 9 ? steps[step] : "?");
+
+    // A mount point that cannot be mounted on is refused with its name.
+    aovkdev::KdevServer other(driver_, std::make_shared<aovsim::Trace>(), "other",
+                              aovkdev::ServerFaults());
+    std::string problem;
+    EXPECT_FALSE(other.mount(dir_ + "_absent", &problem));
+    EXPECT_EQ(problem, "cannot mount a FUSE file system on " + dir_ + "_absent");
+}
+
+void noteSignal(int) {}
+
+// A waiting dequeue ends early when its caller takes a signal (EINTR), and
+// when the server ends (EIO); it is never left for the connection's end.
+TEST_F(KdevServerTest, AWaitingDequeueEndsWithEintrOnASignalAndWithEioWhenTheServerEnds) {
+    aovkdev::ServerFaults longWait;
+    longWait.empty_dequeue_wait_ms = 600000;
+    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue), longWait);
+    ASSERT_FALSE(HasFailure());
+    startSession();
+    struct sigaction note {};
+    note.sa_handler = noteSignal;
+    sigemptyset(&note.sa_mask);
+    struct sigaction old {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &note, &old), 0);
+    auto event = std::make_unique<aov_event>();
+    aov_event_query query = queryInto(event.get());
+    const int fd = fd_;
+    std::promise<pthread_t> caller;
+    std::future<pthread_t> callerId = caller.get_future();
+    elsewhere_ = std::async(std::launch::async, [fd, &query, &caller] {
+        caller.set_value(::pthread_self());
+        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
+    });
+    ASSERT_TRUE(traced("waits for the next event")) << "the empty dequeue did not wait";
+    ::pthread_kill(callerId.get(), SIGUSR1);
+    const bool interrupted = elsewhere_.wait_for(aovtest::kWaitLimit) == std::future_status::ready;
+    if (!interrupted) {
+        TearDown();  // answers it, so that the caller can be joined
+    }
+    ::sigaction(SIGUSR1, &old, nullptr);
+    ASSERT_TRUE(interrupted) << "the waiting dequeue did not return when its caller took a signal";
+    EXPECT_EQ(elsewhere_.get(), EINTR);
+
+    elsewhere_ = std::async(std::launch::async, [fd, &query] {
+        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
+    });
+    {
+        std::lock_guard<std::mutex> guard(traced_.mutex);
+        traced_.lines.clear();
+    }
+    ASSERT_TRUE(traced("waits for the next event")) << "the second empty dequeue did not wait";
+    TearDown();
+    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+        << "the waiting dequeue did not return when the server ended";
+    EXPECT_EQ(elsewhere_.get(), EIO);
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <string>
 
@@ -90,8 +92,21 @@ TEST(KdevLauncherTest, StartingAndStoppingLeavesNoDescriptorOpen) {
         std::string problem;
         ASSERT_TRUE(launcher.start(script, "/tmp/aov-kdev-stand-in", {}, &problem)) << problem;
         EXPECT_TRUE(launcher.running());
+        // One server per launcher: a second start is refused, the first kept.
+        EXPECT_FALSE(launcher.start(script, "/tmp/aov-kdev-stand-in", {}, &problem));
+        EXPECT_EQ(problem.rfind("an aov-kdev started here is still running (pid ", 0), 0u)
+            << problem;
+        EXPECT_TRUE(launcher.running());
         EXPECT_TRUE(launcher.stop()) << "the stand-in did not end on SIGTERM";
+        // Nothing left to stop or wait for.
+        EXPECT_FALSE(launcher.stop());
+        int status = 0;
+        EXPECT_FALSE(launcher.waitExit(0, &status));
         EXPECT_FALSE(launcher.start("false", "/tmp/aov-kdev-never", {}, &problem));
+        EXPECT_FALSE(launcher.start("/nonexistent/aov-kdev", "/tmp/aov-kdev-never", {}, &problem));
+        EXPECT_EQ(problem,
+                  std::string("cannot start /nonexistent/aov-kdev: ") + std::strerror(ENOENT));
+        EXPECT_FALSE(launcher.running());
     }
     EXPECT_EQ(openDescriptors(), before);
     ::unlink(script.c_str());
