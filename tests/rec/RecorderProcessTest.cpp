@@ -38,6 +38,18 @@ size_t count(const std::string& text, const std::string& what) {
     return n;
 }
 
+// The lines of `text` that hold `what`.
+std::vector<std::string> linesWith(const std::string& text, const std::string& what) {
+    std::vector<std::string> found;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.find(what) != std::string::npos) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
 // The lines of `output` that are not aov-rec's own.
 std::string withoutRecLines(const std::string& output) {
     std::string out;
@@ -64,11 +76,27 @@ class UnderTheRecorder : public ::testing::Test {
         writeText(other_, "other");
     }
     void TearDown() override {
-        for (const std::string& path : {node_, other_, session_}) {
+        for (const std::string& path : {node_, other_, session_, fifo_}) {
             ::unlink(path.c_str());
         }
     }
-    std::string node_, other_, session_;
+    // The test client in `mode` (none: its plain series) on `node`, recorded
+    // into session_ with `node` as the node the recorder watches.
+    ProcessResult recordClient(const std::string& node, const std::string& mode = "") {
+        std::vector<std::string> args = {"record", "-o",  session_, "--", AOV_REC_CLIENT_PATH,
+                                         node,     other_};
+        if (!mode.empty()) {
+            args.push_back(mode);
+        }
+        return rec(args, {"AOV_REC_NODE=" + node});
+    }
+    // A FIFO to stand for the node, removed with the test's other files.
+    std::string makeFifo() {
+        fifo_ = tempPath("fifo");
+        EXPECT_EQ(::mkfifo(fifo_.c_str(), 0600), 0) << std::strerror(errno);
+        return fifo_;
+    }
+    std::string node_, other_, session_, fifo_;
 };
 
 TEST_F(UnderTheRecorder, AProgramSeesTheSameResultsAndErrnoAsWithoutIt) {
@@ -79,9 +107,7 @@ TEST_F(UnderTheRecorder, AProgramSeesTheSameResultsAndErrnoAsWithoutIt) {
     EXPECT_NE(bare.output.find("epoll_ctl regular file -> -1 errno 1"), std::string::npos);
     EXPECT_NE(bare.output.find("close node twice -> -1 errno 9"), std::string::npos);
 
-    const ProcessResult recorded =
-        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_},
-            {"AOV_REC_NODE=" + node_});
+    const ProcessResult recorded = recordClient(node_);
     ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
     EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
     EXPECT_NE(recorded.output.find("aov-rec: session recorded in " + session_), std::string::npos)
@@ -255,10 +281,7 @@ TEST_F(UnderTheRecorder, TheProgramKeepsTheUsersPreloadAndSanitizerOptionsAndGet
 }
 
 TEST_F(UnderTheRecorder, ACutRecordingPrintsItsWholeRecordsThenEndsInExitTwo) {
-    ASSERT_EQ(rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_},
-                  {"AOV_REC_NODE=" + node_})
-                  .exit_code,
-              0);
+    ASSERT_EQ(recordClient(node_).exit_code, 0);
     const std::string whole = readText(session_);
     const ProcessResult full = rec({"dump", session_});
     writeText(session_, whole.substr(0, whole.size() - 3));
@@ -379,16 +402,14 @@ TEST_F(UnderTheRecorder, ACharacterDeviceNodeIsRecordedWhateverPathReachesIt) {
 // any other, and once closed, neither its epoll data nor its number make
 // another file's readiness the node's; nor do a closed epoll descriptor's.
 TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIsOpen) {
-    const std::string fifo = tempPath("fifo");
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+    const std::string fifo = makeFifo();
+    ASSERT_FALSE(HasFailure());
     const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {fifo, other_, "fifo"});
     ASSERT_EQ(bare.exit_code, 0) << bare.output;
     EXPECT_EQ(count(bare.output, " -> -1 "), 1u) << bare.output;
     EXPECT_NE(bare.output.find("epoll_ctl refused change -> -1 errno 22\n"), std::string::npos)
         << bare.output;
-    const ProcessResult recorded =
-        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, fifo, other_, "fifo"},
-            {"AOV_REC_NODE=" + fifo});
+    const ProcessResult recorded = recordClient(fifo, "fifo");
     ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
     EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
     const ProcessResult dump = rec({"dump", session_});
@@ -399,13 +420,7 @@ TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIs
     // Its duplicate too: descriptor 0 is followed by dup like any other.
     EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 2u) << dump.output;
     // POLLIN 1, POLLPRI 2, POLLOUT 4: asked of the read, except and write sets.
-    std::vector<std::string> waits;
-    std::istringstream lines(dump.output);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find("\"node\":") != std::string::npos) {
-            waits.push_back(line);
-        }
-    }
+    const std::vector<std::string> waits = linesWith(dump.output, "\"node\":");
     ASSERT_EQ(waits.size(), 8u) << dump.output;
     const std::vector<std::string> found = {
         "\"kind\":\"select\",\"timeout_ms\":0,\"node\":[{\"fd\":0,\"events\":7,\"revents\":4}]}",
@@ -428,7 +443,6 @@ TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIs
     }
     EXPECT_EQ(count(waits[6], "\"fd\":"), 2u) << waits[6];  // the call's and the node's
     EXPECT_EQ(count(dump.output, "\"call\":\"close\",\"fd\":0,"), 1u) << dump.output;
-    ::unlink(fifo.c_str());
 }
 
 // A wait that began before its epoll descriptor held the node is recorded
@@ -436,22 +450,16 @@ TEST_F(UnderTheRecorder, WaitsRecordEachSetAndANodeNumberIsTheNodesOnlyWhileItIs
 // when it began is not known, and the record says it began when it ended
 // rather than at some other time.
 TEST_F(UnderTheRecorder, AWaitThatBeganBeforeTheNodeWasAddedIsRecordedFromItsEnd) {
-    const std::string fifo = tempPath("fifo");
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
-    const ProcessResult recorded =
-        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, fifo, other_, "late-watch"},
-            {"AOV_REC_NODE=" + fifo});
+    const std::string fifo = makeFifo();
+    ASSERT_FALSE(HasFailure());
+    const ProcessResult recorded = recordClient(fifo, "late-watch");
     ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
     EXPECT_EQ(count(recorded.output, "waiting -> 0 "), 4u) << recorded.output;
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
     std::vector<std::string> kinds;
-    std::istringstream lines(dump.output);
-    for (std::string line; std::getline(lines, line);) {
+    for (const std::string& line : linesWith(dump.output, "\"kind\":\"")) {
         const size_t kind = line.find("\"kind\":\"");
-        if (kind == std::string::npos) {
-            continue;
-        }
         kinds.push_back(line.substr(kind + 8, line.find('"', kind + 8) - kind - 8));
         EXPECT_NE(line.find("\"dur_ns\":0,"), std::string::npos) << line;
         EXPECT_EQ(line.find("\"t_ns\":-"), std::string::npos) << line;
@@ -460,7 +468,6 @@ TEST_F(UnderTheRecorder, AWaitThatBeganBeforeTheNodeWasAddedIsRecordedFromItsEnd
     EXPECT_EQ(kinds,
               (std::vector<std::string>{"epoll_wait", "epoll_pwait", "epoll_pwait2", "epoll_wait"}))
         << dump.output;
-    ::unlink(fifo.c_str());
 }
 
 // A registration follows the node's current epoll data: a file added later
@@ -469,22 +476,14 @@ TEST_F(UnderTheRecorder, AWaitThatBeganBeforeTheNodeWasAddedIsRecordedFromItsEnd
 // descriptor's registrations, at 0 too, are not a new one's at its number;
 // a select whose range stops short of the node is not a wait on it.
 TEST_F(UnderTheRecorder, AnEpollWaitNamesEachNodeDescriptorOnceUnderItsCurrentData) {
-    const std::string fifo = tempPath("fifo");
-    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
-    const ProcessResult recorded =
-        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, fifo, other_, "watch-mod"},
-            {"AOV_REC_NODE=" + fifo});
+    const std::string fifo = makeFifo();
+    ASSERT_FALSE(HasFailure());
+    const ProcessResult recorded = recordClient(fifo, "watch-mod");
     ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
     EXPECT_EQ(count(recorded.output, "epoll_wait -> 3 "), 1u) << recorded.output;
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
-    std::vector<std::string> waits;
-    std::istringstream lines(dump.output);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find("\"kind\":\"epoll_wait\"") != std::string::npos) {
-            waits.push_back(line);
-        }
-    }
+    const std::vector<std::string> waits = linesWith(dump.output, "\"kind\":\"epoll_wait\"");
     ASSERT_EQ(waits.size(), 3u) << dump.output;
     // The call's descriptor and the two node descriptors, each ready to read.
     EXPECT_EQ(count(waits[0], "\"fd\":"), 3u) << waits[0];
@@ -505,7 +504,6 @@ TEST_F(UnderTheRecorder, AnEpollWaitNamesEachNodeDescriptorOnceUnderItsCurrentDa
     // A select that does not reach the node is not a wait on it.
     EXPECT_EQ(count(recorded.output, "select short of the node -> 0 "), 1u) << recorded.output;
     EXPECT_EQ(count(dump.output, "\"kind\":\"select\""), 0u) << dump.output;
-    ::unlink(fifo.c_str());
 }
 
 // Calls given memory they cannot read fail with EFAULT as without the
@@ -514,9 +512,7 @@ TEST_F(UnderTheRecorder, CallsGivenUnreadableMemoryFailAsWithoutTheRecorder) {
     const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_, "bad-pointers"});
     ASSERT_EQ(bare.exit_code, 0) << bare.output;
     EXPECT_EQ(count(bare.output, " errno 14\n"), 5u) << bare.output;
-    const ProcessResult recorded =
-        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "bad-pointers"},
-            {"AOV_REC_NODE=" + node_});
+    const ProcessResult recorded = recordClient(node_, "bad-pointers");
     ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
     EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
     const ProcessResult dump = rec({"dump", session_});
@@ -529,9 +525,7 @@ TEST_F(UnderTheRecorder, CallsGivenUnreadableMemoryFailAsWithoutTheRecorder) {
 // A child that the recorded program forks and execs records into a file of
 // its own; the parent's file keeps the parent's calls only.
 TEST_F(UnderTheRecorder, AnExecdChildRecordsIntoAFileOfItsOwnAndLeavesTheParentsAlone) {
-    const ProcessResult recorded =
-        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "exec-child"},
-            {"AOV_REC_NODE=" + node_});
+    const ProcessResult recorded = recordClient(node_, "exec-child");
     ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
     const size_t at = recorded.output.find("child ");
     ASSERT_NE(at, std::string::npos) << recorded.output;
@@ -559,9 +553,7 @@ TEST_F(UnderTheRecorder, AnExecdChildRecordsIntoAFileOfItsOwnAndLeavesTheParents
 // calls on the inherited node into a file of its own, written from its own
 // thread; the parent goes on recording into its file alone.
 TEST_F(UnderTheRecorder, AForkedChildRecordsIntoAFileOfItsOwnAndTheParentGoesOn) {
-    const ProcessResult recorded =
-        rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, node_, other_, "fork-child"},
-            {"AOV_REC_NODE=" + node_});
+    const ProcessResult recorded = recordClient(node_, "fork-child");
     ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
     const size_t at = recorded.output.find("\nchild ");
     ASSERT_NE(at, std::string::npos) << recorded.output;
@@ -621,11 +613,8 @@ TEST(AovRecInput, InfoCountsTheDequeuesWhoseContentWasDropped) {
     EXPECT_EQ(dump.exit_code, 0) << dump.output;
     // The mark is on the dequeues flagged, and only on them.
     std::vector<bool> marked;
-    std::istringstream lines(dump.output);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find("\"call\":\"ioctl\"") != std::string::npos) {
-            marked.push_back(line.find("\"content_dropped\":true") != std::string::npos);
-        }
+    for (const std::string& line : linesWith(dump.output, "\"call\":\"ioctl\"")) {
+        marked.push_back(line.find("\"content_dropped\":true") != std::string::npos);
     }
     EXPECT_EQ(marked, (std::vector<bool>{false, true, false, true})) << dump.output;
     ::unlink(path.c_str());
@@ -662,13 +651,7 @@ TEST(AovRecInput, DumpShowsTheSentRecordTheAnswerAndEachAreaARequestKept) {
     };
     const ProcessResult dump = rec({"dump", path});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
-    std::vector<std::string> requests;
-    std::istringstream lines(dump.output);
-    for (std::string line; std::getline(lines, line);) {
-        if (line.find("\"call\":\"ioctl\"") != std::string::npos) {
-            requests.push_back(line);
-        }
-    }
+    const std::vector<std::string> requests = linesWith(dump.output, "\"call\":\"ioctl\"");
     ASSERT_EQ(requests.size(), 2u) << dump.output;
     EXPECT_NE(
         requests[0].find(",\"sent\":{\"bytes\":200,\"xxh64\":" + hex(start, sizeof(start)) + "}"),
