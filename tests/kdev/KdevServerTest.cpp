@@ -94,6 +94,19 @@ class KdevServerTest : public ::testing::Test {
         }
     }
 
+    // Serves a node whose empty dequeue waits for the next event, at most
+    // `waitMs` (0: the server's default), and starts a session on it.
+    void startWithBlockingDequeue(int waitMs = 0) {
+        aovkdev::ServerFaults faults;
+        if (waitMs > 0) {
+            faults.empty_dequeue_wait_ms = waitMs;
+        }
+        restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue), faults);
+        if (!HasFailure()) {
+            startSession();
+        }
+    }
+
     // Waits, with a limit, for the driver's trace to hold a line containing `text`.
     bool traced(const std::string& text) {
         std::unique_lock<std::mutex> lock(traced_.mutex);
@@ -298,9 +311,8 @@ aov_event_query queryInto(aov_event* event) {
 }
 
 TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfItsWait) {
-    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue));
+    startWithBlockingDequeue();
     ASSERT_FALSE(HasFailure());
-    startSession();
     auto event = std::make_unique<aov_event>();
     aov_event_query query = queryInto(event.get());
     const int fd = fd_;
@@ -314,11 +326,8 @@ TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfI
     EXPECT_EQ(query.header[0], 1u);
 
     // With nothing coming, the wait ends with EAGAIN.
-    aovkdev::ServerFaults shortWait;
-    shortWait.empty_dequeue_wait_ms = 20;
-    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue), shortWait);
+    startWithBlockingDequeue(20);
     ASSERT_FALSE(HasFailure());
-    startSession();
     const int again = fd_;
     elsewhere_ = std::async(std::launch::async, [again, &query] {
         return ::ioctl(again, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
@@ -351,11 +360,8 @@ TEST_F(KdevServerTest, ARequestABugNeverAnswersIsAnsweredWithEioWhenTheServerEnd
 // ends, never in between: a wake-up the server left unconsumed would make it
 // spin, trying the driver again and again for as long as it runs.
 TEST_F(KdevServerTest, AWaitingDequeueIsTriedAgainOnlyWhenWokenOrAtTheEndOfItsWait) {
-    aovkdev::ServerFaults wait;
-    wait.empty_dequeue_wait_ms = 200;
-    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue), wait);
+    startWithBlockingDequeue(200);
     ASSERT_FALSE(HasFailure());
-    startSession();
     auto event = std::make_unique<aov_event>();
     aov_event_query query = queryInto(event.get());
     // The event wakes the server once; it is dequeued at once.
@@ -516,11 +522,8 @@ void noteSignal(int) {}
 // A waiting dequeue ends early when its caller takes a signal (EINTR), and
 // when the server ends (EIO); it is never left for the connection's end.
 TEST_F(KdevServerTest, AWaitingDequeueEndsWithEintrOnASignalAndWithEioWhenTheServerEnds) {
-    aovkdev::ServerFaults longWait;
-    longWait.empty_dequeue_wait_ms = 600000;
-    restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kBlockEmptyDequeue), longWait);
+    startWithBlockingDequeue(600000);
     ASSERT_FALSE(HasFailure());
-    startSession();
     struct sigaction note {};
     note.sa_handler = noteSignal;
     sigemptyset(&note.sa_mask);
