@@ -548,13 +548,14 @@ TEST_F(KdevServerTest, AWaitingDequeueEndsWithEintrOnASignalAndWithEioWhenTheSer
     ASSERT_TRUE(interrupted) << "the waiting dequeue did not return when its caller took a signal";
     EXPECT_EQ(elsewhere_.get(), EINTR);
 
-    elsewhere_ = std::async(std::launch::async, [fd, &query] {
-        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
-    });
+    // Cleared before the second dequeue is sent: its line may come at once.
     {
         std::lock_guard<std::mutex> guard(traced_.mutex);
         traced_.lines.clear();
     }
+    elsewhere_ = std::async(std::launch::async, [fd, &query] {
+        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
+    });
     ASSERT_TRUE(traced("waits for the next event")) << "the second empty dequeue did not wait";
     TearDown();
     ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
