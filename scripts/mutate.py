@@ -184,6 +184,11 @@ def main():
         sys.exit("mutate: no test passed unseeded (is the debug preset configured?)")
     print(f"mutate: unseeded, {len(baseline)} of {len(outcomes)} tests passed "
           f"in {time.monotonic() - began:.0f} s", flush=True)
+    # A test that did not pass unseeded judges no fault: say which, so that a
+    # reader knows what the figure was measured without.
+    for name, status in sorted(outcomes.items()):
+        if status != "Passed":
+            print(f"mutate: not counted, unseeded {status}: {name}", flush=True)
 
     # A stop from outside still restores the file being seeded.
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("mutate: stopped"))
@@ -224,7 +229,9 @@ def main():
         if r["outcome"] in ("survived", "flaky"):
             print(f"  {r['outcome']}: #{r['number']} {r['file']}:{r['line']} {r['change']}")
     if args.report:
+        unseeded = sorted(name for name in outcomes if name not in baseline)
         args.report.write_text(json.dumps({"seed": args.seed, "paths": args.paths,
+                                           "failed_unseeded": unseeded,
                                            "results": results, "invalid": invalid}, indent=1))
     if len(results) < args.count:
         sys.exit(f"mutate: only {len(results)} faults built; fewer places than asked for")
