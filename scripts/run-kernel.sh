@@ -38,8 +38,9 @@ out=$(realpath "$out")
 # check's outcome depends on whether another event arrives meanwhile, both
 # sides produce three events a session, so that no event of a streaming timer
 # can slip in between the checker's drained poll and its next dequeue. The
-# epoll check of wake-pollin-waiters-only needs an empty queue when it arms
-# its watch: the second event comes 2.4 s after the first on both sides.
+# epoll check of wake-pollin-waiters-only arms its watch with nothing pending
+# and waits for the next event: the second comes 2.4 s after the first on
+# both sides.
 FAULTS="
 overrun-area            -                                -
 accept-unknown-code     -                                -
