@@ -76,6 +76,7 @@ readable-when-stopped   -                                -
 pollerr-after-error     -                                -
 wake-pollin-waiters-only first_gap_ms=2400,period_ms=100 tests/compliance/late-events.json
 accept-null-sensor-list -                                -
+dequeue-keeps-event     -                                -
 "
 # Checks that report a fault in the kernel and cannot on aov-kdev, one a line:
 # the fault, then the check as the checker reports it. A null record never

@@ -311,6 +311,17 @@ const FaultCase kMatrix[] = {
      1,
      {{"requests: SENSOR_OFF with 64 ids", "FAIL", "the request blocks"}},
      "requests: SENSOR_OFF with 64 ids"},
+    // Every dequeue hands out the same event: the drain gives up after its 64
+    // dequeues, and the empty dequeue is judged once STOP has emptied the
+    // queue (the same verdict as the clean run's, reached the other way).
+    {"dequeue-keeps-event",
+     kStreaming,
+     1,
+     {{"readiness: epoll readable (empty mask, then modified)", "SKIP",
+       "still readable after 64 dequeues"},
+      {"readiness: not readable once drained", "FAIL", "POLLIN still after 64 dequeues"},
+      {"dequeue: faulting area refused with EFAULT", "SKIP"},
+      {"dequeue: works after a faulting area", "SKIP"}}},
     // The kernel fails the copy of a null record before the server could
     // answer it: through FUSE no verdict moves.
     {"accept-null-sensor-list", kStreaming, 0, {}},

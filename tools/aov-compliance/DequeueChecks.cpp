@@ -23,7 +23,8 @@ bool carriesContent(Context& ctx) {
 // Dequeues while the node has POLLIN, a bounded number of times; false when
 // the run stopped.
 bool redrain(Context& ctx, CheckId id) {
-    return drainQueue(ctx, id, kMaxRedrain) != Drained::kStopped;
+    int dequeues = 0;
+    return drainQueue(ctx, id, kMaxRedrain, &dequeues) != Drained::kStopped;
 }
 
 }  // namespace

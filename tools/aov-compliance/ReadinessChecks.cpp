@@ -153,7 +153,8 @@ void judgeWake(Context& ctx, CheckId id, const CallResult& r) {
     ctx.skip(id, "no event within " + within + " of the watch armed with nothing pending");
 }
 
-Drained drainQueue(Context& ctx, CheckId id, int maxDequeues) {
+Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int* dequeues) {
+    *dequeues = 0;
     for (int round = 0; round < maxDequeues; ++round) {
         long bits = 0;
         const Wait w = waitFor(ctx, id, 0, &bits);
@@ -164,6 +165,7 @@ Drained drainQueue(Context& ctx, CheckId id, int maxDequeues) {
             return Drained::kEmpty;
         }
         const CallResult r = ctx.dequeue(false);
+        ++*dequeues;
         if (!ctx.answered(id, r)) {
             return Drained::kStopped;
         }
@@ -183,12 +185,13 @@ void epollReadableCheck(Context& ctx) {
     const CheckId id = CheckId::kEpollReadable;
     const int waitMs = ctx.options().event_timeout_ms;
     for (int tries = 1; tries <= kArmTries; ++tries) {
-        switch (drainQueue(ctx, id, kMaxDrain)) {
+        int dequeues = 0;
+        switch (drainQueue(ctx, id, kMaxDrain, &dequeues)) {
             case Drained::kStopped:
                 return;
             case Drained::kEndless:
                 ctx.skip(id, "the queue never drained: still readable after " +
-                                 std::to_string(kMaxDrain) +
+                                 std::to_string(dequeues) +
                                  " dequeues, so a watch is never armed with nothing pending");
                 return;
             case Drained::kNothingToDequeue:
@@ -227,6 +230,7 @@ Drain notReadableOnceDrainedCheck(Context& ctx) {
     const CheckId id = CheckId::kNotReadableDrained;
     Drain drain;
     // Events keep arriving: dequeue while readable, a bounded number of times.
+    int dequeues = 0;
     for (int round = 0; round < kMaxDrain; ++round) {
         long bits = 0;
         const Wait w = waitFor(ctx, id, 0, &bits);
@@ -247,6 +251,7 @@ Drain notReadableOnceDrainedCheck(Context& ctx) {
             return drain;
         }
         const CallResult r = ctx.dequeue(false);
+        ++dequeues;
         if (!ctx.answered(id, r)) {
             return drain;
         }
@@ -259,8 +264,10 @@ Drain notReadableOnceDrainedCheck(Context& ctx) {
             return drain;
         }
     }
-    ctx.problem(id, "expected no readiness after at most " + std::to_string(kMaxDrain) +
-                        " dequeues, got POLLIN still: a readiness storm");
+    ctx.problem(id, "expected no readiness once drained, got POLLIN still after " +
+                        std::to_string(dequeues) +
+                        " dequeues that each returned an event: a readiness storm, or a "
+                        "dequeue that never takes its event off the queue");
     drain.end = Drain::End::kStorm;
     return drain;
 }
