@@ -58,6 +58,34 @@ Armed armWatch(Context& ctx, CheckId id, int epfd) {
     return r.value == 0 ? Armed::kEmpty : Armed::kReady;
 }
 
+// The wait of a watch armed with nothing pending: a wake-up passes; none
+// fails if an event is pending by then, and is a SKIP if none came.
+void judgeWake(Context& ctx, CheckId id, const CallResult& r) {
+    const std::string within = std::to_string(ctx.options().event_timeout_ms) + " ms";
+    if (r.value > 0 && (r.value & EPOLLIN) != 0) {
+        ctx.pass(id);
+        return;
+    }
+    if (r.value != 0) {
+        ctx.problem(id, "expected EPOLLIN within " + within +
+                            " of a watch armed with nothing pending, got " +
+                            (r.value > 0 ? pollBitsText(r.value) : resultText(r)));
+        return;
+    }
+    long bits = 0;
+    const Wait w = waitFor(ctx, id, 0, &bits);
+    if (w == Wait::kStopped) {
+        return;
+    }
+    if (w == Wait::kReadable) {
+        ctx.problem(id, "expected EPOLLIN within " + within +
+                            " of a watch armed with nothing pending, got none while poll says " +
+                            pollBitsText(bits) + ": the monitor is never woken by the next event");
+        return;
+    }
+    ctx.skip(id, "no event within " + within + " of the watch armed with nothing pending");
+}
+
 }  // namespace
 
 std::string noEventWhy(const Context& ctx) {
@@ -123,34 +151,6 @@ Events pollReadableCheck(Context& ctx) {
     ctx.skip(id, noEventWhy(ctx) + (bits != 0 ? " (the node signalled " + pollBitsText(bits) + ")"
                                               : std::string()));
     return Events::kNone;
-}
-
-// The wait of a watch armed with nothing pending: a wake-up passes; none
-// fails if an event is pending by then, and is a SKIP if none came.
-void judgeWake(Context& ctx, CheckId id, const CallResult& r) {
-    const std::string within = std::to_string(ctx.options().event_timeout_ms) + " ms";
-    if (r.value > 0 && (r.value & EPOLLIN) != 0) {
-        ctx.pass(id);
-        return;
-    }
-    if (r.value != 0) {
-        ctx.problem(id, "expected EPOLLIN within " + within +
-                            " of a watch armed with nothing pending, got " +
-                            (r.value > 0 ? pollBitsText(r.value) : resultText(r)));
-        return;
-    }
-    long bits = 0;
-    const Wait w = waitFor(ctx, id, 0, &bits);
-    if (w == Wait::kStopped) {
-        return;
-    }
-    if (w == Wait::kReadable) {
-        ctx.problem(id, "expected EPOLLIN within " + within +
-                            " of a watch armed with nothing pending, got none while poll says " +
-                            pollBitsText(bits) + ": the monitor is never woken by the next event");
-        return;
-    }
-    ctx.skip(id, "no event within " + within + " of the watch armed with nothing pending");
 }
 
 Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int* dequeues) {
