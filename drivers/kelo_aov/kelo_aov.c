@@ -210,6 +210,10 @@ static bool accept_null_sensor_list;
 module_param(accept_null_sensor_list, bool, 0444);
 MODULE_PARM_DESC(accept_null_sensor_list, "bug: a null sensor list is taken for none and returns 0");
 
+static bool dequeue_keeps_event;
+module_param(dequeue_keeps_event, bool, 0444);
+MODULE_PARM_DESC(dequeue_keeps_event, "bug: a dequeue hands out the oldest event without removing it");
+
 /* How long a wait that is never woken lasts at most (the hang bugs). */
 static unsigned int hang_ms = 5000;
 module_param(hang_ms, uint, 0444);
@@ -616,8 +620,11 @@ static int aov_dequeue(struct aov_device *dev, void __user *arg)
 	}
 
 	spin_lock_bh(&dev->qlock);
-	dev->head = (dev->head + 1) % AOV_MAX_QUEUE_DEPTH;
-	dev->count--;
+	/* The event is copied out; the buggy driver forgets to take it off. */
+	if (!dequeue_keeps_event) {
+		dev->head = (dev->head + 1) % AOV_MAX_QUEUE_DEPTH;
+		dev->count--;
+	}
 	if (!dev->count && !readable_after_drain)
 		dev->ready = false;
 	rate = session->frame_rate;

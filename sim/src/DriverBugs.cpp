@@ -72,6 +72,8 @@ constexpr Named kBugs[] = {
      "a poller that did not ask for POLLIN at first (epoll's empty mask) is never woken"},
     {DriverBug::kAcceptNullSensorList, "accept-null-sensor-list",
      "SENSOR_ON or SENSOR_OFF with a null record returns 0 (not seen through FUSE)"},
+    {DriverBug::kDequeueKeepsEvent, "dequeue-keeps-event",
+     "a dequeue hands out the oldest event without removing it from the queue"},
 };
 
 }  // namespace

@@ -567,11 +567,7 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     if (missingArea(query, (1u << sections) - 1u, head)) {
         return -EFAULT;
     }
-    pending_.pop_front();
-    if (pending_.empty() && !has(bugs_, DriverBug::kReadableAfterDrain)) {
-        unsignalLocked();
-    }
-    depthChangedLocked(0);
+    takeOldestLocked();
 
     const uint32_t seq = event.sequence;
     const auto rate = static_cast<uint32_t>(session_.frame_rate);
@@ -629,6 +625,18 @@ int SimDriver::dequeue(uint8_t* record, UserMemory& user) {
     last_.dequeue_began = began;
     last_.dequeue_ended = std::chrono::steady_clock::now();
     return 0;
+}
+
+void SimDriver::takeOldestLocked() {
+    if (has(bugs_, DriverBug::kDequeueKeepsEvent)) {
+        // The event is copied out but stays queued (driver bug).
+        return;
+    }
+    pending_.pop_front();
+    if (pending_.empty() && !has(bugs_, DriverBug::kReadableAfterDrain)) {
+        unsignalLocked();
+    }
+    depthChangedLocked(0);
 }
 
 bool SimDriver::missingArea(aov_event_query& query, unsigned sections, const std::string& head) {
@@ -694,11 +702,7 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
     if (missingArea(query, written, head)) {
         return -EFAULT;
     }
-    pending_.pop_front();
-    if (pending_.empty() && !has(bugs_, DriverBug::kReadableAfterDrain)) {
-        unsignalLocked();
-    }
-    depthChangedLocked(0);
+    takeOldestLocked();
     if (const int section = writeScripted(query, scripted, user)) {
         return areaFault(section, head, event);
     }

@@ -2,9 +2,10 @@
 // table once and its exact totals; checks that cannot run say SKIP and the
 // exit code says so; a driver that goes away ends the run with one line; a
 // node that stays readable leaves the checks that depend on readiness
-// skipped, not failed; and the TAP of a clean, a failing and a stopped run is
-// read by a real TAP consumer (Perl's prove) without a parse error. A
-// millisecond count that is not one is refused before any node is opened.
+// skipped, not failed; a session that never started is sent no dequeue; and
+// the TAP of a clean, a failing and a stopped run is read by a real TAP
+// consumer (Perl's prove) without a parse error. A millisecond count that is
+// not one is refused before any node is opened.
 
 #include <unistd.h>
 
@@ -19,6 +20,7 @@
 #include "CheckTable.h"
 #include "KdevInstance.h"
 #include "gtest/gtest.h"
+#include "kelo_aov.h"
 
 namespace {
 
@@ -146,12 +148,69 @@ TEST_F(KdevNode, ANodeReadableWithNothingPendingSkipsTheChecksThatNeedReadiness)
     EXPECT_TRUE(hasLine(run.output, "dequeue: faulting area refused with EFAULT" + why))
         << run.output;
     EXPECT_TRUE(hasLine(run.output, "dequeue: works after a faulting area" + why)) << run.output;
+    // Its epoll watch is never armed with nothing pending.
+    EXPECT_TRUE(hasLine(run.output,
+                        "readiness: epoll readable (empty mask, then modified): SKIP (readable "
+                        "with nothing to dequeue"))
+        << run.output;
     // The dequeue that found nothing was an empty dequeue: it answered at once.
     EXPECT_TRUE(hasLine(run.output,
                         "dequeue: nothing pending returns promptly: OK (drained until empty: "
                         "returned EAGAIN in "))
         << run.output;
-    EXPECT_EQ(lastLine(run.output), "aov-compliance: 35 passed, 1 failed, 0 warnings, 2 skipped");
+    EXPECT_EQ(lastLine(run.output), "aov-compliance: 34 passed, 1 failed, 0 warnings, 3 skipped");
+}
+
+// The DEQUEUE_EVENTs aov-kdev's driver track recorded ("request CODE ...").
+int dequeuesInTrack(const std::string& path) {
+    std::ifstream track(path);
+    std::string word;
+    unsigned long code = 0;
+    int dequeues = 0;
+    std::string line;
+    while (std::getline(track, line)) {
+        std::istringstream fields(line);
+        if (fields >> word >> code && word == "request" && code == AOV_IOC_DEQUEUE_EVENT) {
+            ++dequeues;
+        }
+    }
+    return dequeues;
+}
+
+class DequeueTrack : public KdevNode {
+  protected:
+    // The checker's run against aov-kdev with `fault` (none when empty): the
+    // DEQUEUE_EVENTs the driver's track recorded.
+    int dequeuesSentWith(const char* fault) {
+        char path[] = "/tmp/aov-track.XXXXXX";
+        const int fd = ::mkstemp(path);
+        EXPECT_GE(fd, 0);
+        if (fd < 0) {
+            return -1;
+        }
+        ::close(fd);
+        extra_ = {"--timeline", path};
+        start(fault);
+        int dequeues = -1;
+        if (!HasFatalFailure()) {
+            const ProcessResult run = check();
+            node_.kill();
+            EXPECT_NE(run.exit_code, -1) << run.output;
+            dequeues = dequeuesInTrack(path);
+        }
+        ::unlink(path);
+        return dequeues;
+    }
+};
+
+// A session that never started gets no dequeue at all, not even the empty
+// one after STOP; the clean driver's track holds the event checks' dequeues.
+TEST_F(DequeueTrack, ANodeWhoseStartFailsIsSentNoDequeue) {
+    EXPECT_EQ(dequeuesSentWith("refuse-full-content"), 0);
+}
+
+TEST_F(DequeueTrack, TheCleanDriversTrackHoldsTheEventChecksDequeues) {
+    EXPECT_GT(dequeuesSentWith(""), 1);
 }
 
 TEST_F(KdevNode, ANodeThatNeverSignalsSkipsTheEventChecksSayingWhy) {

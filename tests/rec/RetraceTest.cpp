@@ -110,6 +110,10 @@ const FaultCase kFaults[] = {
     // whatever the session's own waits found already pending.
     {"wake-pollin-waiters-only",
      "after the session (monitor): epoll_wait: not woken within 3000 ms of START"},
+    // The second dequeue hands out the first event again.
+    {"dequeue-keeps-event", "(words): DEQUEUE_EVENT: header[0] 1, recorded 2",
+     "difference after the session (empty queue): DEQUEUE_EVENT: the queue was not empty after "
+     "64 dequeues"},
 };
 
 // Faults no retrace can show, each with the reason.

@@ -268,6 +268,24 @@ TEST_F(SimDriverTest, ACloseAnswersWhatItsFlushAnswersAndItsReleaseDecidesTheNex
     }
 }
 
+TEST_F(SimDriverTest, WithDequeueKeepsEventEveryDequeueHandsOutTheOldestEventUntilStop) {
+    makeDriver(static_cast<DriverBugs>(DriverBug::kDequeueKeepsEvent));
+    ASSERT_EQ(start(), 0);
+    driver_->produceEvent();
+    driver_->produceEvent();
+    aov_event_query query;
+    for (int i = 0; i < 3; ++i) {
+        SCOPED_TRACE(i);
+        ASSERT_EQ(dequeue(query), 0);
+        EXPECT_EQ(query.header[0], 1u);
+        EXPECT_TRUE(readable());
+    }
+    EXPECT_EQ(driver_->stats().dequeued, 3u);
+    EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_STOP, nullptr), 0);
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(driver_->stats().discarded_at_stop, 2u);
+}
+
 TEST_F(SimDriverTest, AFailedCopyWithPollerrAfterErrorKeepsTheEventAndPollerrLastsUntilStart) {
     for (const bool bug : {false, true}) {
         SCOPED_TRACE(bug ? "pollerr-after-error" : "clean");

@@ -23,24 +23,8 @@ bool carriesContent(Context& ctx) {
 // Dequeues while the node has POLLIN, a bounded number of times; false when
 // the run stopped.
 bool redrain(Context& ctx, CheckId id) {
-    for (int round = 0; round < kMaxRedrain; ++round) {
-        long bits = 0;
-        const Wait w = waitFor(ctx, id, 0, &bits);
-        if (w == Wait::kStopped) {
-            return false;
-        }
-        if (w != Wait::kReadable) {
-            return true;
-        }
-        const CallResult r = ctx.dequeue(false);
-        if (!ctx.answered(id, r)) {
-            return false;
-        }
-        if (r.value < 0) {
-            return true;
-        }
-    }
-    return true;
+    int dequeues = 0;
+    return drainQueue(ctx, id, kMaxRedrain, &dequeues) != Drained::kStopped;
 }
 
 }  // namespace

@@ -17,6 +17,74 @@ namespace {
 constexpr int kQuietMs = 3 * 1000 / Arena::kFrameRate;
 // Dequeues at most this many events to drain the queue.
 constexpr int kMaxDrain = 64;
+// Times the epoll watch is armed in search of an arm with nothing pending.
+constexpr int kArmTries = 8;
+
+// What the epoll watch saw when it was armed.
+// kDone: the check has its verdict, or the run has stopped.
+enum class Armed { kEmpty, kReady, kDone };
+
+// A fresh watch on `epfd`, armed as the monitor arms it, then looked at
+// without waiting: kEmpty when nothing was pending at the arm, so that only
+// the driver's wake-up can make it ready later; kReady when EPOLLIN was.
+// Other bits at the arm leave the check with a SKIP.
+Armed armWatch(Context& ctx, CheckId id, int epfd) {
+    const int fd = ctx.fd();
+    CallResult r = ctx.guard().run(ctx.options().timeout_ms, [epfd, fd]() -> long {
+        return aovsimtool::armAsMonitor(epfd, fd);
+    });
+    if (!ctx.answered(id, r)) {
+        return Armed::kDone;
+    }
+    if (r.value < 0) {
+        ctx.problem(id, "expected the node to be watchable, got epoll_ctl " + resultText(r));
+        return Armed::kDone;
+    }
+    r = ctx.guard().run(ctx.options().timeout_ms,
+                        [epfd]() -> long { return aovsimtool::waitAsMonitor(epfd, 0); });
+    if (!ctx.answered(id, r)) {
+        return Armed::kDone;
+    }
+    if (r.value < 0) {
+        ctx.problem(id, "expected epoll_wait to answer, got " + resultText(r));
+        return Armed::kDone;
+    }
+    if (r.value != 0 && (r.value & EPOLLIN) == 0) {
+        ctx.skip(id, "the node signalled " + pollBitsText(r.value) +
+                         " with nothing to dequeue when the watch was armed (see " +
+                         entry(CheckId::kNotReadableDrained).name + ")");
+        return Armed::kDone;
+    }
+    return r.value == 0 ? Armed::kEmpty : Armed::kReady;
+}
+
+// The wait of a watch armed with nothing pending: a wake-up passes; none
+// fails if an event is pending by then, and is a SKIP if none came.
+void judgeWake(Context& ctx, CheckId id, const CallResult& r) {
+    const std::string within = std::to_string(ctx.options().event_timeout_ms) + " ms";
+    if (r.value > 0 && (r.value & EPOLLIN) != 0) {
+        ctx.pass(id);
+        return;
+    }
+    if (r.value != 0) {
+        ctx.problem(id, "expected EPOLLIN within " + within +
+                            " of a watch armed with nothing pending, got " +
+                            (r.value > 0 ? pollBitsText(r.value) : resultText(r)));
+        return;
+    }
+    long bits = 0;
+    const Wait w = waitFor(ctx, id, 0, &bits);
+    if (w == Wait::kStopped) {
+        return;
+    }
+    if (w == Wait::kReadable) {
+        ctx.problem(id, "expected EPOLLIN within " + within +
+                            " of a watch armed with nothing pending, got none while poll says " +
+                            pollBitsText(bits) + ": the monitor is never woken by the next event");
+        return;
+    }
+    ctx.skip(id, "no event within " + within + " of the watch armed with nothing pending");
+}
 
 }  // namespace
 
@@ -85,45 +153,84 @@ Events pollReadableCheck(Context& ctx) {
     return Events::kNone;
 }
 
-// Registered with no events first and then modified, as the system layer's
-// monitor does.
-void epollReadableCheck(Context& ctx) {
-    const CheckId id = CheckId::kEpollReadable;
-    const int epfd = ::epoll_create1(EPOLL_CLOEXEC);
-    if (epfd < 0) {
-        ctx.skip(id, "no epoll instance: " + aovsimtool::errnoName(errno));
-        return;
-    }
-    const int fd = ctx.fd();
-    const int waitMs = ctx.options().event_timeout_ms;
-    CallResult r = ctx.guard().run(ctx.options().timeout_ms, [epfd, fd]() -> long {
-        return aovsimtool::armAsMonitor(epfd, fd);
-    });
-    if (ctx.answered(id, r)) {
+Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int* dequeues) {
+    *dequeues = 0;
+    for (int round = 0; round < maxDequeues; ++round) {
+        long bits = 0;
+        const Wait w = waitFor(ctx, id, 0, &bits);
+        if (w == Wait::kStopped) {
+            return Drained::kStopped;
+        }
+        if (w != Wait::kReadable) {
+            return Drained::kEmpty;
+        }
+        const CallResult r = ctx.dequeue(false);
+        ++*dequeues;
+        if (!ctx.answered(id, r)) {
+            return Drained::kStopped;
+        }
         if (r.value < 0) {
-            ctx.problem(id, "expected the node to be watchable, got epoll_ctl " + resultText(r));
-        } else {
-            r = ctx.guard().run(ctx.options().timeout_ms + waitMs, [epfd, waitMs]() -> long {
-                return aovsimtool::waitAsMonitor(epfd, waitMs);
-            });
-            if (ctx.answered(id, r)) {
-                if (r.value > 0 && (r.value & EPOLLIN) != 0) {
-                    ctx.pass(id);
-                } else {
-                    ctx.problem(id, "expected EPOLLIN within " + std::to_string(waitMs) +
-                                        " ms with an event pending, got " +
-                                        (r.value > 0 ? pollBitsText(r.value) : resultText(r)));
-                }
-            }
+            return Drained::kNothingToDequeue;
         }
     }
-    ::close(epfd);
+    return Drained::kEndless;
+}
+
+// Registered with no events first and then modified, as the system layer's
+// monitor does. Only a watch armed with nothing pending proves the driver's
+// wake-up: an event pending at the arm is reported without one. So the queue
+// is drained, the watch armed on a fresh instance and looked at at once; one
+// already ready (an event came meanwhile) is drained and armed again.
+void epollReadableCheck(Context& ctx) {
+    const CheckId id = CheckId::kEpollReadable;
+    const int waitMs = ctx.options().event_timeout_ms;
+    for (int tries = 1; tries <= kArmTries; ++tries) {
+        int dequeues = 0;
+        switch (drainQueue(ctx, id, kMaxDrain, &dequeues)) {
+            case Drained::kStopped:
+                return;
+            case Drained::kEndless:
+                ctx.skip(id, "the queue never drained: still readable after " +
+                                 std::to_string(dequeues) +
+                                 " dequeues, so a watch is never armed with nothing pending");
+                return;
+            case Drained::kNothingToDequeue:
+                ctx.skip(id,
+                         "readable with nothing to dequeue: a wake-up cannot be told from it "
+                         "(see " +
+                             std::string(entry(CheckId::kNotReadableDrained).name) + ")");
+                return;
+            case Drained::kEmpty:
+                break;
+        }
+        const int epfd = ::epoll_create1(EPOLL_CLOEXEC);
+        if (epfd < 0) {
+            ctx.skip(id, "no epoll instance: " + aovsimtool::errnoName(errno));
+            return;
+        }
+        const Armed armed = armWatch(ctx, id, epfd);
+        if (armed == Armed::kEmpty) {
+            const CallResult r = ctx.guard().run(
+                ctx.options().timeout_ms + waitMs,
+                [epfd, waitMs]() -> long { return aovsimtool::waitAsMonitor(epfd, waitMs); });
+            if (ctx.answered(id, r)) {
+                judgeWake(ctx, id, r);
+            }
+        }
+        ::close(epfd);
+        if (armed != Armed::kReady) {
+            return;
+        }
+    }
+    ctx.skip(id, "an event was pending each of the " + std::to_string(kArmTries) +
+                     " times the watch was armed: its wake-up was never needed");
 }
 
 Drain notReadableOnceDrainedCheck(Context& ctx) {
     const CheckId id = CheckId::kNotReadableDrained;
     Drain drain;
     // Events keep arriving: dequeue while readable, a bounded number of times.
+    int dequeues = 0;
     for (int round = 0; round < kMaxDrain; ++round) {
         long bits = 0;
         const Wait w = waitFor(ctx, id, 0, &bits);
@@ -144,6 +251,7 @@ Drain notReadableOnceDrainedCheck(Context& ctx) {
             return drain;
         }
         const CallResult r = ctx.dequeue(false);
+        ++dequeues;
         if (!ctx.answered(id, r)) {
             return drain;
         }
@@ -156,8 +264,10 @@ Drain notReadableOnceDrainedCheck(Context& ctx) {
             return drain;
         }
     }
-    ctx.problem(id, "expected no readiness after at most " + std::to_string(kMaxDrain) +
-                        " dequeues, got POLLIN still: a readiness storm");
+    ctx.problem(id, "expected no readiness once drained, got POLLIN still after " +
+                        std::to_string(dequeues) +
+                        " dequeues that each returned an event: a readiness storm, or a "
+                        "dequeue that never takes its event off the queue");
     drain.end = Drain::End::kStorm;
     return drain;
 }

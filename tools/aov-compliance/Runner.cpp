@@ -88,9 +88,9 @@ void sessionChecks(Context& ctx) {
     if (ctx.stopped()) {
         return;
     }
-    if (started) {
-        emptyDequeueAfterStopCheck(ctx);
-    }
+    // Decides the empty dequeue only when nothing did before: a session
+    // that never started has it skipped already.
+    emptyDequeueAfterStopCheck(ctx);
 }
 
 }  // namespace

@@ -33,6 +33,16 @@ enum class Wait {
 // Polls the node for up to `waitMs`; the revents in `revents`.
 Wait waitFor(Context& ctx, CheckId id, int waitMs, long* revents);
 
+// Dequeues while the node polls readable, at most `maxDequeues` times; the
+// dequeues made in `dequeues`.
+enum class Drained {
+    kEmpty,             // no POLLIN, or another bit (POLLERR, ...) without it
+    kNothingToDequeue,  // POLLIN, but a dequeue found nothing
+    kEndless,           // still readable after `maxDequeues` dequeues
+    kStopped,
+};
+Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int* dequeues);
+
 void notReadableBeforeStartCheck(Context& ctx);
 enum class Events { kArriving, kNone, kNotSignalled, kStopped };
 Events pollReadableCheck(Context& ctx);

@@ -59,6 +59,9 @@ enum class DriverBug : uint64_t {
     // taken for none; a FUSE node never sees it (the kernel's copy of the
     // record fails first), the in-process driver and a kernel driver do
     kAcceptNullSensorList = 1ull << 33,
+    // a dequeue copies the oldest event out but never removes it: the node
+    // stays readable and every dequeue hands out the same event until STOP
+    kDequeueKeepsEvent = 1ull << 34,
 };
 
 // A set of DriverBug bits.

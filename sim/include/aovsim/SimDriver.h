@@ -141,6 +141,8 @@ class SimDriver final : public aovhost::EmulatedNode {
     // `event`, just taken out, could not be written to the caller's memory
     // at section `section` (1-based); it is lost.
     int areaFault(int section, const std::string& head, const Pending& event) AOV_REQUIRES(mutex_);
+    // Takes the oldest pending event out of the queue, as a dequeue does.
+    void takeOldestLocked() AOV_REQUIRES(mutex_);
     // A request without an address for one of `sections` (bit s: section s + 1)
     // is refused and counted; true when it was.
     bool missingArea(aov_event_query& query, unsigned sections, const std::string& head)
