@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 
 #include "BoundedWait.h"
 
@@ -41,9 +42,17 @@ ProcessResult runWithOutput(const int fds[2], const std::string& program,
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, fds[1], 1);
     posix_spawn_file_actions_adddup2(&actions, fds[1], 2);
+    // A process group of its own, so that what the program started is ended
+    // with it: a recorded client left spinning after its recorder was killed
+    // would otherwise outlive the test and load every test after it.
+    posix_spawnattr_t attr;
+    posix_spawnattr_init(&attr);
+    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setpgroup(&attr, 0);
     pid_t pid = -1;
     const int spawned =
-        ::posix_spawn(&pid, program.c_str(), &actions, nullptr, argv.data(), envp.data());
+        ::posix_spawn(&pid, program.c_str(), &actions, &attr, argv.data(), envp.data());
+    posix_spawnattr_destroy(&attr);
     posix_spawn_file_actions_destroy(&actions);
     ::close(fds[1]);
     if (spawned != 0) {
@@ -59,6 +68,7 @@ ProcessResult runWithOutput(const int fds[2], const std::string& program,
             deadline - std::chrono::steady_clock::now());
         if (!aovtest::readableWithin(fds[0], left)) {
             ::close(fds[0]);
+            ::kill(-pid, SIGKILL);
             aovtest::killed(pid);
             result.output += "\n[test] " + program + " still running after " +
                              std::to_string(kRunLimit.count()) + " s: killed\n";
@@ -83,10 +93,14 @@ ProcessResult runWithOutput(const int fds[2], const std::string& program,
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     if (!aovtest::exitedWithin(pid, &status, std::max(left, std::chrono::milliseconds(1000)))) {
+        ::kill(-pid, SIGKILL);
         aovtest::killed(pid);
         result.output += "\n[test] " + program + " closed its output but did not exit: killed\n";
         return result;
     }
+    // Whatever the program left behind in its group goes too. The group's
+    // number is not reused while a member is alive.
+    ::kill(-pid, SIGKILL);
     result.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     return result;
 }
