@@ -9,6 +9,7 @@
 //   fork-child    a forked child (no exec) asks on the inherited node
 //                 descriptor and closes it; the parent asks again after it
 //   fifo          NODE is a FIFO: opened as descriptor 0 (and duplicated),
+//                 a select of a negative range refused,
 //                 waited on by select
 //                 with each of its sets and by epoll, closed, and its number
 //                 reused by an eventfd under the same epoll data; then an
@@ -187,6 +188,13 @@ int fifo(const char* node) {
     show("write", ::write(fd, "x", 1));
     selectOn("select all sets holding a byte", fd, true, true, true);
     selectOn("select read", fd, true, false, false);
+    // A negative range is refused (EINVAL) before any set is looked at: no
+    // wait on the node happened, although its bit is set.
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    timeval zero{0, 0};
+    show("select negative range", ::select(-1, &set, nullptr, nullptr, &zero));
     const int ep = ::epoll_create1(0);
     epoll_event ev{};
     ev.events = EPOLLIN;
@@ -226,11 +234,12 @@ int fifo(const char* node) {
     epoll_event both[2];
     show("epoll_wait both", ::epoll_wait(ep2, both, 2, 0));
     // The node taken out of an epoll descriptor: a file registered there
-    // afterwards under the node's data is not taken for the node.
+    // afterwards under the node's data (0, as a removal's own data would
+    // read) is not taken for the node.
     const int ep3 = ::epoll_create1(0);
     const int third = ::open(node, O_RDWR);
     ev.events = EPOLLIN;
-    ev.data.u64 = 45;
+    ev.data.u64 = 0;
     show("epoll_ctl node third", ::epoll_ctl(ep3, EPOLL_CTL_ADD, third, &ev));
     show("epoll_ctl del node third", ::epoll_ctl(ep3, EPOLL_CTL_DEL, third, nullptr));
     show("epoll_ctl eventfd as the node was", ::epoll_ctl(ep3, EPOLL_CTL_ADD, other, &ev));

@@ -522,20 +522,6 @@ TEST(SessionFile, ARecorderTurnedOffOrGivenANameTooLongRecordsNothing) {
     aovrec::configure(aovrec::RecorderConfig{});
 }
 
-TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
-    Recording rec(ContentMode::kWritten, true, "/nonexistent-dir/session.rec");
-    const int fd = rec.openNode();
-    EXPECT_TRUE(aovrec::stats().failed);
-    EXPECT_FALSE(aovrec::g_armed.load());
-    Dequeue dq;
-    EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
-    EXPECT_EQ(dq.query.header[0], 10u);
-    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
-    EXPECT_EQ(errno, EIO);
-    ::close(fd);
-    aovrec::forgetOnClose(fd);
-}
-
 // A small file of a few records, some compressed.
 std::vector<uint8_t> smallSession(std::vector<uint64_t>* frame_ends) {
     Recording rec(ContentMode::kWritten);
@@ -896,6 +882,7 @@ TEST(WriterThread, RecordsFromTwoThreadsComeOutCompleteAndEachThreadsInCallOrder
     }
     const aovrec::RecorderStats stats = aovrec::stats();
     EXPECT_EQ(stats.written, got.size());
+    EXPECT_EQ(stats.dropped, 0u) << "no call was left unrecorded";
     EXPECT_GE(stats.handed_off, uint64_t{kDequeues}) << "every content dequeue is queued";
 }
 
@@ -923,6 +910,27 @@ class PipeSession {
             ::close(reader_);
             reader_ = -1;
         }
+    }
+    // Reads on this thread until `n` bytes in all have come (10 s at most).
+    bool readAtLeast(size_t n) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        uint8_t chunk[65536];
+        while (bytes_.size() < n && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{reader_, POLLIN, 0};
+            if (::poll(&p, 1, 100) <= 0) {
+                continue;
+            }
+            const size_t want =
+                n - bytes_.size() < sizeof(chunk) ? n - bytes_.size() : sizeof(chunk);
+            const ssize_t got = ::read(reader_, chunk, want);
+            if (got == 0) {
+                return false;
+            }
+            if (got > 0) {
+                bytes_.insert(bytes_.end(), chunk, chunk + got);
+            }
+        }
+        return bytes_.size() >= n;
     }
     // Reads on another thread until the writer closes its end.
     void startReading() {
@@ -995,6 +1003,44 @@ TEST(WriterThread, WhileTheWriterIsBlockedSmallRecordsQueueBehindTheContentInCal
     const std::vector<std::string> want = {"open", "D1", "P0", "P1", "P2", "P3", "P4",  "D2",
                                            "P5",   "P6", "P7", "P8", "P9", "D3", "P10", "close"};
     EXPECT_EQ(got, want);
+}
+
+// A record queued while the writer is inside a batch is written in the
+// next one, and the room it took is given back exactly once: the records
+// after it find room at once (a short stall limit would stop the recording
+// otherwise).
+TEST(WriterThread, ARecordQueuedDuringABatchLeavesTheQueuesRoomAsItWas) {
+    PipeSession pipe;
+    std::vector<uint8_t> bytes;
+    {
+        Recording rec(ContentMode::kWritten, false, pipe.path(), 2000);
+        const int fd = rec.openNode();
+        ASSERT_FALSE(aovrec::stats().failed);
+        g_dequeues = 0;
+        Dequeue dq;
+        aov_event_query query = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+        // 128 KiB read and the pipe's 64 KiB are far less than the dequeue's
+        // record: the writer is inside its write, its batch already taken.
+        ASSERT_TRUE(pipe.readAtLeast(128 * 1024)) << "the writer wrote nothing within 10 s";
+        smallRecord(fd, 0);
+        pipe.startReading();
+        ASSERT_TRUE(aovrec::drain());
+        for (int i = 1; i <= 3; ++i) {
+            smallRecord(fd, i);
+        }
+        rec.closeNode(fd);
+        const aovrec::RecorderStats stats = aovrec::stats();
+        EXPECT_FALSE(stats.failed);
+        EXPECT_EQ(stats.written, 7u);
+        EXPECT_EQ(stats.dropped, 0u);
+        aovrec::configure(aovrec::RecorderConfig{});  // closes the writer's end
+        ASSERT_TRUE(pipe.finish(&bytes)) << "the session file was not closed within 30 s";
+    }
+    std::string error;
+    EXPECT_EQ(describeBytes(bytes, &error),
+              (std::vector<std::string>{"open", "D1", "P0", "P1", "P2", "P3", "close"}));
+    EXPECT_EQ(error, "");
 }
 
 // A session file a death test's child writes and its parent reads: the
@@ -1152,6 +1198,40 @@ class CapturedStderr {
     int file_ = -1;
     int saved_ = -1;
 };
+
+// A file that cannot be opened, or that opens but refuses the header: the
+// recording stops with one line naming the file and the system's reason,
+// and the calls go on with their own results.
+TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
+    // A memory file sealed against writes opens, then refuses the header (EPERM).
+    const int sealed = ::memfd_create("sealed", MFD_ALLOW_SEALING | MFD_CLOEXEC);
+    ASSERT_GE(sealed, 0) << std::strerror(errno);
+    ASSERT_EQ(::fcntl(sealed, F_ADD_SEALS, F_SEAL_WRITE), 0) << std::strerror(errno);
+    const struct {
+        std::string path;
+        int err;
+    } files[] = {{"/nonexistent-dir/session.rec", ENOENT},
+                 {"/proc/self/fd/" + std::to_string(sealed), EPERM}};
+    for (const auto& file : files) {
+        CapturedStderr err;
+        {
+            Recording rec(ContentMode::kWritten, true, file.path);
+            const int fd = rec.openNode();
+            EXPECT_TRUE(aovrec::stats().failed) << file.path;
+            EXPECT_FALSE(aovrec::g_armed.load()) << file.path;
+            Dequeue dq;
+            EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+            EXPECT_EQ(dq.query.header[0], 10u);
+            EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+            EXPECT_EQ(errno, EIO);
+            ::close(fd);
+            aovrec::forgetOnClose(fd);
+        }
+        EXPECT_EQ(err.text(), "aov-rec: recording stopped: " + file.path + ": " +
+                                  std::strerror(file.err) + "\n");
+    }
+    ::close(sealed);
+}
 
 // A setting of the environment the recorder cannot use turns the recording
 // off with one line naming it.
