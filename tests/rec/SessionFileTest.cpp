@@ -1006,10 +1006,9 @@ TEST(WriterThread, WhileTheWriterIsBlockedSmallRecordsQueueBehindTheContentInCal
 }
 
 // A record queued while the writer is inside a batch is written in the
-// next one, and the room it took is given back exactly once: the records
-// after it find room at once (a short stall limit would stop the recording
-// otherwise).
-TEST(WriterThread, ARecordQueuedDuringABatchLeavesTheQueuesRoomAsItWas) {
+// next one, in its place, and the records after it find room at once (a
+// short stall limit would stop the recording otherwise).
+TEST(WriterThread, ARecordQueuedDuringABatchIsWrittenNextAndTheQueueGoesOn) {
     PipeSession pipe;
     std::vector<uint8_t> bytes;
     {
