@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -1230,6 +1231,45 @@ TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
                                   std::strerror(file.err) + "\n");
     }
     ::close(sealed);
+}
+
+// The recorder follows 32 registrations of the node in epoll at once; one
+// more is not followed, which is said once, and the others still are.
+TEST(SessionFile, ARegistrationPastTheWatchTableIsSaidOnceAndTheOthersAreFollowed) {
+    CapturedStderr err;
+    std::vector<Record> r;
+    {
+        Recording rec(ContentMode::kWritten);
+        const int fd = rec.openNode();
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.u64 = 7;
+        // Epoll descriptors by number only: the recorder keeps what the calls said.
+        constexpr int kFirst = 1000;
+        constexpr int kTable = 32;
+        for (int i = 0; i <= kTable + 1; ++i) {
+            aovrec::recordEpollCtl(aovrec::monotonicNs(), kFirst + i, EPOLL_CTL_ADD, fd, &ev, 0, 0);
+        }
+        for (const int epfd : {kFirst, kFirst + kTable - 1, kFirst + kTable}) {
+            aovrec::recordEpollWait(aovrec::WaitKind::kEpollWait, aovrec::monotonicNs(), epfd, &ev,
+                                    0, 1, 0);
+        }
+        rec.closeNode(fd);
+        r = rec.read();
+    }
+    const std::string text = err.text();
+    EXPECT_EQ(text,
+              "aov-rec: the node is registered in epoll more than 32 times at once: waits "
+              "through the others are recorded without it\n");
+    const size_t waits = 1 + 32 + 2;
+    ASSERT_EQ(r.size(), waits + 3 + 1);
+    std::vector<int> named;
+    for (size_t i = waits; i < waits + 3; ++i) {
+        ASSERT_EQ(r[i].type, RecordType::kEpollWait);
+        named.push_back(r[i].entry_count == 1 ? r[i].entries[0].fd : -1);
+    }
+    const int fd = r[0].call.result;
+    EXPECT_EQ(named, (std::vector<int>{fd, fd, -1}));
 }
 
 // A setting of the environment the recorder cannot use turns the recording
