@@ -120,9 +120,15 @@ int otherPaths(const char* node, const char* other, const char* link) {
     ask("ioctl dup3", h);
     const int i = ::fcntl64(a, F_DUPFD, 110);
     ask("ioctl fcntl64 dupfd", i);
-    // Onto descriptor 0 (standard input, empty here).
+    // An fcntl that is not a duplicate (its result, 0, is no descriptor).
+    show("fcntl getfd", ::fcntl(a, F_GETFD));
+    // Onto descriptor 0 (standard input, empty here), then closed, and
+    // duplicated onto it again by fcntl.
     show("dup3 onto 0", ::dup3(a, 0, 0));
     ask("ioctl dup3 at 0", 0);
+    show("close 0", ::close(0));
+    show("fcntl dupfd onto 0", ::fcntl(a, F_DUPFD, 0));
+    ask("ioctl fcntl dupfd at 0", 0);
     // Numbers that stop being the node's: replaced by dup2, closed by close_range.
     const int o = ::open(other, O_RDONLY);
     show("dup2 other over node", ::dup2(o, g) == g ? 0 : -1);
