@@ -39,6 +39,19 @@
 #include "aovsession/SessionWriter.h"
 #include "kelo_aov.h"
 
+// Built with a sanitizer whose runtime reserves address space of its own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define AOVREC_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
+    __has_feature(memory_sanitizer)
+#define AOVREC_TEST_SANITIZED 1
+#endif
+#endif
+#ifndef AOVREC_TEST_SANITIZED
+#define AOVREC_TEST_SANITIZED 0
+#endif
+
 namespace {
 
 using aovrec::ContentMode;
@@ -1444,6 +1457,52 @@ TEST(WriterThread, AHeaderRefusedAtTheSizeLimitStopsTheRecordingAndTheProcessGoe
             std::exit(0);
         },
         ::testing::ExitedWithCode(0), "");
+    ::unlink(path.c_str());
+}
+
+// What the process has mapped, from /proc/self/status; 0 when unknown.
+rlim_t mappedBytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmSize:", 0) == 0) {
+            return static_cast<rlim_t>(std::strtoull(line.c_str() + 7, nullptr, 10)) * 1024;
+        }
+    }
+    return 0;
+}
+
+// A process whose address space has no room for the recorder's buffers
+// (taken at the first call on the node) goes on unrecorded, said once.
+TEST(SessionFile, NoRoomForTheRecordersBuffersStopsTheRecordingAndTheCallsGoOn) {
+#if AOVREC_TEST_SANITIZED
+    GTEST_SKIP() << "a sanitizer's own allocations need the address space this test takes away";
+#endif
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path = fileOfDeathTest("AOVREC_NOMEM_TEST_FILE", "nomem.rec");
+    EXPECT_EXIT(
+        {
+            aovrec::RecorderConfig config;
+            config.file = path.c_str();
+            config.node = kNode;
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            // 1 MiB more than the process has mapped: less than the buffers need.
+            const rlim_t mapped = mappedBytes();
+            if (mapped == 0) {
+                std::fprintf(stderr, "no VmSize in /proc/self/status\n");
+                std::exit(2);
+            }
+            rlimit as{};
+            as.rlim_cur = mapped + (1 << 20);
+            as.rlim_max = as.rlim_cur;
+            ::setrlimit(RLIMIT_AS, &as);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            errno = 0;
+            const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+            std::exit(result == -1 && errno == EIO && aovrec::stats().failed ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0),
+        "aov-rec: recording stopped: .*nomem.rec: no memory for the recorder's buffers");
     ::unlink(path.c_str());
 }
 
