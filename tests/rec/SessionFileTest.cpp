@@ -394,10 +394,12 @@ TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
     Dequeue dq;
     errno = EAGAIN;  // left over from an earlier call of the process
     EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+    // A failure after a success, with the answered record's areas in place.
+    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), -1);
     rec.closeNode(fd);
 
     const std::vector<Record> r = rec.read();
-    ASSERT_EQ(r.size(), 4u);
+    ASSERT_EQ(r.size(), 5u);
     EXPECT_EQ(r[1].call.result, -1);
     EXPECT_EQ(r[1].call.err, EIO);
     ASSERT_EQ(r[1].sent_len, sizeof(sent));
@@ -407,6 +409,8 @@ TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
     EXPECT_EQ(r[2].call.result, 0);
     EXPECT_EQ(r[2].call.err, 0) << "a successful call recorded with a stale errno";
     EXPECT_EQ(r[2].area_count, 9);
+    EXPECT_EQ(r[3].back_len, 0u);
+    EXPECT_EQ(r[3].area_count, 0) << "a failed dequeue's areas were kept";
 }
 
 TEST(SessionFile, AreasThatDoNotCompressAreKeptAsTheyAre) {
