@@ -87,6 +87,13 @@ int otherPaths(const char* node, const char* other, const char* link) {
     FD_ZERO(&set);
     FD_SET(a, &set);
     show("pselect without a limit", ::pselect(a + 1, &set, nullptr, nullptr, nullptr, nullptr));
+    // The longest limit whose milliseconds fit an int, and the first that does not.
+    for (const timespec longest : {timespec{2147483, 647999999}, timespec{2147483, 648000000}}) {
+        FD_ZERO(&set);
+        FD_SET(a, &set);
+        show("pselect at the longest limit",
+             ::pselect(a + 1, &set, nullptr, nullptr, &longest, nullptr));
+    }
     const std::string doubled = std::string("/") + node;
     const int b = ::open(doubled.c_str(), O_RDONLY);
     show("open doubled slash", b >= 0 ? 0 : -1);
