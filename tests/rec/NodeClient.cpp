@@ -94,6 +94,12 @@ int otherPaths(const char* node, const char* other, const char* link) {
         show("pselect at the longest limit",
              ::pselect(a + 1, &set, nullptr, nullptr, &longest, nullptr));
     }
+    for (const timeval longest : {timeval{2147483, 647999}, timeval{2147483, 648000}}) {
+        timeval limit = longest;
+        FD_ZERO(&set);
+        FD_SET(a, &set);
+        show("select at the longest limit", ::select(a + 1, &set, nullptr, nullptr, &limit));
+    }
     const std::string doubled = std::string("/") + node;
     const int b = ::open(doubled.c_str(), O_RDONLY);
     show("open doubled slash", b >= 0 ? 0 : -1);
