@@ -9,6 +9,7 @@
 //   fork-child    a forked child (no exec) asks on the inherited node
 //                 descriptor and closes it; the parent asks again after it
 //   fifo          NODE is a FIFO: opened as descriptor 0 (and duplicated),
+//                 a select of a negative range refused,
 //                 waited on by select
 //                 with each of its sets and by epoll, closed, and its number
 //                 reused by an eventfd under the same epoll data; then an
@@ -86,6 +87,19 @@ int otherPaths(const char* node, const char* other, const char* link) {
     FD_ZERO(&set);
     FD_SET(a, &set);
     show("pselect without a limit", ::pselect(a + 1, &set, nullptr, nullptr, nullptr, nullptr));
+    // The longest limit whose milliseconds fit an int, and the first that does not.
+    for (const timespec longest : {timespec{2147483, 647999999}, timespec{2147483, 648000000}}) {
+        FD_ZERO(&set);
+        FD_SET(a, &set);
+        show("pselect at the longest limit",
+             ::pselect(a + 1, &set, nullptr, nullptr, &longest, nullptr));
+    }
+    for (const timeval longest : {timeval{2147483, 647999}, timeval{2147483, 648000}}) {
+        timeval limit = longest;
+        FD_ZERO(&set);
+        FD_SET(a, &set);
+        show("select at the longest limit", ::select(a + 1, &set, nullptr, nullptr, &limit));
+    }
     const std::string doubled = std::string("/") + node;
     const int b = ::open(doubled.c_str(), O_RDONLY);
     show("open doubled slash", b >= 0 ? 0 : -1);
@@ -119,9 +133,15 @@ int otherPaths(const char* node, const char* other, const char* link) {
     ask("ioctl dup3", h);
     const int i = ::fcntl64(a, F_DUPFD, 110);
     ask("ioctl fcntl64 dupfd", i);
-    // Onto descriptor 0 (standard input, empty here).
+    // An fcntl that is not a duplicate (its result, 0, is no descriptor).
+    show("fcntl getfd", ::fcntl(a, F_GETFD));
+    // Onto descriptor 0 (standard input, empty here), then closed, and
+    // duplicated onto it again by fcntl.
     show("dup3 onto 0", ::dup3(a, 0, 0));
     ask("ioctl dup3 at 0", 0);
+    show("close 0", ::close(0));
+    show("fcntl dupfd onto 0", ::fcntl(a, F_DUPFD, 0));
+    ask("ioctl fcntl dupfd at 0", 0);
     // Numbers that stop being the node's: replaced by dup2, closed by close_range.
     const int o = ::open(other, O_RDONLY);
     show("dup2 other over node", ::dup2(o, g) == g ? 0 : -1);
@@ -187,6 +207,13 @@ int fifo(const char* node) {
     show("write", ::write(fd, "x", 1));
     selectOn("select all sets holding a byte", fd, true, true, true);
     selectOn("select read", fd, true, false, false);
+    // A negative range is refused (EINVAL) before any set is looked at: no
+    // wait on the node happened, although its bit is set.
+    fd_set set;
+    FD_ZERO(&set);
+    FD_SET(fd, &set);
+    timeval zero{0, 0};
+    show("select negative range", ::select(-1, &set, nullptr, nullptr, &zero));
     const int ep = ::epoll_create1(0);
     epoll_event ev{};
     ev.events = EPOLLIN;
@@ -226,11 +253,12 @@ int fifo(const char* node) {
     epoll_event both[2];
     show("epoll_wait both", ::epoll_wait(ep2, both, 2, 0));
     // The node taken out of an epoll descriptor: a file registered there
-    // afterwards under the node's data is not taken for the node.
+    // afterwards under the node's data (0, as a removal's own data would
+    // read) is not taken for the node.
     const int ep3 = ::epoll_create1(0);
     const int third = ::open(node, O_RDWR);
     ev.events = EPOLLIN;
-    ev.data.u64 = 45;
+    ev.data.u64 = 0;
     show("epoll_ctl node third", ::epoll_ctl(ep3, EPOLL_CTL_ADD, third, &ev));
     show("epoll_ctl del node third", ::epoll_ctl(ep3, EPOLL_CTL_DEL, third, nullptr));
     show("epoll_ctl eventfd as the node was", ::epoll_ctl(ep3, EPOLL_CTL_ADD, other, &ev));

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
+#include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -37,6 +38,19 @@
 #include "aovsession/SessionReader.h"
 #include "aovsession/SessionWriter.h"
 #include "kelo_aov.h"
+
+// Built with a sanitizer whose runtime reserves address space of its own.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define AOVREC_TEST_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || \
+    __has_feature(memory_sanitizer)
+#define AOVREC_TEST_SANITIZED 1
+#endif
+#endif
+#ifndef AOVREC_TEST_SANITIZED
+#define AOVREC_TEST_SANITIZED 0
+#endif
 
 namespace {
 
@@ -380,10 +394,12 @@ TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
     Dequeue dq;
     errno = EAGAIN;  // left over from an earlier call of the process
     EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+    // A failure after a success, with the answered record's areas in place.
+    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), -1);
     rec.closeNode(fd);
 
     const std::vector<Record> r = rec.read();
-    ASSERT_EQ(r.size(), 4u);
+    ASSERT_EQ(r.size(), 5u);
     EXPECT_EQ(r[1].call.result, -1);
     EXPECT_EQ(r[1].call.err, EIO);
     ASSERT_EQ(r[1].sent_len, sizeof(sent));
@@ -393,6 +409,8 @@ TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
     EXPECT_EQ(r[2].call.result, 0);
     EXPECT_EQ(r[2].call.err, 0) << "a successful call recorded with a stale errno";
     EXPECT_EQ(r[2].area_count, 9);
+    EXPECT_EQ(r[3].back_len, 0u);
+    EXPECT_EQ(r[3].area_count, 0) << "a failed dequeue's areas were kept";
 }
 
 TEST(SessionFile, AreasThatDoNotCompressAreKeptAsTheyAre) {
@@ -438,12 +456,18 @@ TEST(SessionFile, TheEnvironmentChoosesTheFileTheNodeAndCompression) {
     const std::string dir = ::testing::TempDir();
     const std::string pattern = dir + "aovrec_env_%p.rec";
     const std::string file = dir + "aovrec_env_" + std::to_string(::getpid()) + ".rec";
-    const std::string devDir = "/aov-rec-test-devdir";
     ::unsetenv(aovrec::kEnvNode);
     ::unsetenv(aovrec::kEnvContent);
-    ::setenv("AOV_DEV_DIR", devDir.c_str(), 1);
     ::setenv(aovrec::kEnvFile, pattern.c_str(), 1);
-    for (const char* zstd : {static_cast<const char*>(nullptr), "0"}) {
+    // The node in AOV_DEV_DIR, a directory of one character too.
+    const struct {
+        const char* zstd;
+        std::string devDir;
+    } cases[] = {{nullptr, "/aov-rec-test-devdir"}, {"0", "."}};
+    for (const auto& c : cases) {
+        const char* zstd = c.zstd;
+        const std::string& devDir = c.devDir;
+        ::setenv("AOV_DEV_DIR", devDir.c_str(), 1);
         if (zstd == nullptr) {
             ::unsetenv(aovrec::kEnvCompress);
         } else {
@@ -520,20 +544,6 @@ TEST(SessionFile, ARecorderTurnedOffOrGivenANameTooLongRecordsNothing) {
         EXPECT_STREQ(aovrec::sessionPath(), "") << what;
     }
     aovrec::configure(aovrec::RecorderConfig{});
-}
-
-TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
-    Recording rec(ContentMode::kWritten, true, "/nonexistent-dir/session.rec");
-    const int fd = rec.openNode();
-    EXPECT_TRUE(aovrec::stats().failed);
-    EXPECT_FALSE(aovrec::g_armed.load());
-    Dequeue dq;
-    EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
-    EXPECT_EQ(dq.query.header[0], 10u);
-    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
-    EXPECT_EQ(errno, EIO);
-    ::close(fd);
-    aovrec::forgetOnClose(fd);
 }
 
 // A small file of a few records, some compressed.
@@ -896,6 +906,7 @@ TEST(WriterThread, RecordsFromTwoThreadsComeOutCompleteAndEachThreadsInCallOrder
     }
     const aovrec::RecorderStats stats = aovrec::stats();
     EXPECT_EQ(stats.written, got.size());
+    EXPECT_EQ(stats.dropped, 0u) << "no call was left unrecorded";
     EXPECT_GE(stats.handed_off, uint64_t{kDequeues}) << "every content dequeue is queued";
 }
 
@@ -923,6 +934,27 @@ class PipeSession {
             ::close(reader_);
             reader_ = -1;
         }
+    }
+    // Reads on this thread until `n` bytes in all have come (10 s at most).
+    bool readAtLeast(size_t n) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        uint8_t chunk[65536];
+        while (bytes_.size() < n && std::chrono::steady_clock::now() < deadline) {
+            pollfd p{reader_, POLLIN, 0};
+            if (::poll(&p, 1, 100) <= 0) {
+                continue;
+            }
+            const size_t want =
+                n - bytes_.size() < sizeof(chunk) ? n - bytes_.size() : sizeof(chunk);
+            const ssize_t got = ::read(reader_, chunk, want);
+            if (got == 0) {
+                return false;
+            }
+            if (got > 0) {
+                bytes_.insert(bytes_.end(), chunk, chunk + got);
+            }
+        }
+        return bytes_.size() >= n;
     }
     // Reads on another thread until the writer closes its end.
     void startReading() {
@@ -995,6 +1027,43 @@ TEST(WriterThread, WhileTheWriterIsBlockedSmallRecordsQueueBehindTheContentInCal
     const std::vector<std::string> want = {"open", "D1", "P0", "P1", "P2", "P3", "P4",  "D2",
                                            "P5",   "P6", "P7", "P8", "P9", "D3", "P10", "close"};
     EXPECT_EQ(got, want);
+}
+
+// A record queued while the writer is inside a batch is written in the
+// next one, in its place, and the records after it find room at once (a
+// short stall limit would stop the recording otherwise).
+TEST(WriterThread, ARecordQueuedDuringABatchIsWrittenNextAndTheQueueGoesOn) {
+    PipeSession pipe;
+    std::vector<uint8_t> bytes;
+    {
+        Recording rec(ContentMode::kWritten, false, pipe.path(), 2000);
+        const int fd = rec.openNode();
+        ASSERT_FALSE(aovrec::stats().failed);
+        g_dequeues = 0;
+        Dequeue dq;
+        aov_event_query query = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+        // 128 KiB read and the pipe's 64 KiB are far less than the dequeue's
+        // record: the writer is inside its write, its batch already taken.
+        ASSERT_TRUE(pipe.readAtLeast(128 * 1024)) << "the writer wrote nothing within 10 s";
+        smallRecord(fd, 0);
+        pipe.startReading();
+        ASSERT_TRUE(aovrec::drain());
+        for (int i = 1; i <= 3; ++i) {
+            smallRecord(fd, i);
+        }
+        rec.closeNode(fd);
+        const aovrec::RecorderStats stats = aovrec::stats();
+        EXPECT_FALSE(stats.failed);
+        EXPECT_EQ(stats.written, 7u);
+        EXPECT_EQ(stats.dropped, 0u);
+        aovrec::configure(aovrec::RecorderConfig{});  // closes the writer's end
+        ASSERT_TRUE(pipe.finish(&bytes)) << "the session file was not closed within 30 s";
+    }
+    std::string error;
+    EXPECT_EQ(describeBytes(bytes, &error),
+              (std::vector<std::string>{"open", "D1", "P0", "P1", "P2", "P3", "close"}));
+    EXPECT_EQ(error, "");
 }
 
 // A session file a death test's child writes and its parent reads: the
@@ -1152,6 +1221,79 @@ class CapturedStderr {
     int file_ = -1;
     int saved_ = -1;
 };
+
+// A file that cannot be opened, or that opens but refuses the header: the
+// recording stops with one line naming the file and the system's reason,
+// and the calls go on with their own results.
+TEST(SessionFile, AFileThatCannotBeWrittenStopsTheRecordingButNotTheCalls) {
+    // A memory file sealed against writes opens, then refuses the header (EPERM).
+    const int sealed = ::memfd_create("sealed", MFD_ALLOW_SEALING | MFD_CLOEXEC);
+    ASSERT_GE(sealed, 0) << std::strerror(errno);
+    ASSERT_EQ(::fcntl(sealed, F_ADD_SEALS, F_SEAL_WRITE), 0) << std::strerror(errno);
+    const struct {
+        std::string path;
+        int err;
+    } files[] = {{"/nonexistent-dir/session.rec", ENOENT},
+                 {"/proc/self/fd/" + std::to_string(sealed), EPERM}};
+    for (const auto& file : files) {
+        CapturedStderr err;
+        {
+            Recording rec(ContentMode::kWritten, true, file.path);
+            const int fd = rec.openNode();
+            EXPECT_TRUE(aovrec::stats().failed) << file.path;
+            EXPECT_FALSE(aovrec::g_armed.load()) << file.path;
+            Dequeue dq;
+            EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+            EXPECT_EQ(dq.query.header[0], 10u);
+            EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+            EXPECT_EQ(errno, EIO);
+            ::close(fd);
+            aovrec::forgetOnClose(fd);
+        }
+        EXPECT_EQ(err.text(), "aov-rec: recording stopped: " + file.path + ": " +
+                                  std::strerror(file.err) + "\n");
+    }
+    ::close(sealed);
+}
+
+// The recorder follows 32 registrations of the node in epoll at once; one
+// more is not followed, which is said once, and the others still are.
+TEST(SessionFile, ARegistrationPastTheWatchTableIsSaidOnceAndTheOthersAreFollowed) {
+    CapturedStderr err;
+    std::vector<Record> r;
+    {
+        Recording rec(ContentMode::kWritten);
+        const int fd = rec.openNode();
+        epoll_event ev{};
+        ev.events = EPOLLIN;
+        ev.data.u64 = 7;
+        // Epoll descriptors by number only: the recorder keeps what the calls said.
+        constexpr int kFirst = 1000;
+        constexpr int kTable = 32;
+        for (int i = 0; i <= kTable + 1; ++i) {
+            aovrec::recordEpollCtl(aovrec::monotonicNs(), kFirst + i, EPOLL_CTL_ADD, fd, &ev, 0, 0);
+        }
+        for (const int epfd : {kFirst, kFirst + kTable - 1, kFirst + kTable}) {
+            aovrec::recordEpollWait(aovrec::WaitKind::kEpollWait, aovrec::monotonicNs(), epfd, &ev,
+                                    0, 1, 0);
+        }
+        rec.closeNode(fd);
+        r = rec.read();
+    }
+    const std::string text = err.text();
+    EXPECT_EQ(text,
+              "aov-rec: the node is registered in epoll more than 32 times at once: waits "
+              "through the others are recorded without it\n");
+    const size_t waits = 1 + 32 + 2;
+    ASSERT_EQ(r.size(), waits + 3 + 1);
+    std::vector<int> named;
+    for (size_t i = waits; i < waits + 3; ++i) {
+        ASSERT_EQ(r[i].type, RecordType::kEpollWait);
+        named.push_back(r[i].entry_count == 1 ? r[i].entries[0].fd : -1);
+    }
+    const int fd = r[0].call.result;
+    EXPECT_EQ(named, (std::vector<int>{fd, fd, -1}));
+}
 
 // A setting of the environment the recorder cannot use turns the recording
 // off with one line naming it.
@@ -1325,6 +1467,52 @@ TEST(WriterThread, AHeaderRefusedAtTheSizeLimitStopsTheRecordingAndTheProcessGoe
             std::exit(0);
         },
         ::testing::ExitedWithCode(0), "");
+    ::unlink(path.c_str());
+}
+
+// What the process has mapped, from /proc/self/status; 0 when unknown.
+rlim_t mappedBytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        if (line.rfind("VmSize:", 0) == 0) {
+            return static_cast<rlim_t>(std::strtoull(line.c_str() + 7, nullptr, 10)) * 1024;
+        }
+    }
+    return 0;
+}
+
+// A process whose address space has no room for the recorder's buffers
+// (taken at the first call on the node) goes on unrecorded, said once.
+TEST(SessionFile, NoRoomForTheRecordersBuffersStopsTheRecordingAndTheCallsGoOn) {
+#if AOVREC_TEST_SANITIZED
+    GTEST_SKIP() << "a sanitizer's own allocations need the address space this test takes away";
+#endif
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string path = fileOfDeathTest("AOVREC_NOMEM_TEST_FILE", "nomem.rec");
+    EXPECT_EXIT(
+        {
+            aovrec::RecorderConfig config;
+            config.file = path.c_str();
+            config.node = kNode;
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            // 1 MiB more than the process has mapped: less than the buffers need.
+            const rlim_t mapped = mappedBytes();
+            if (mapped == 0) {
+                std::fprintf(stderr, "no VmSize in /proc/self/status\n");
+                std::exit(2);
+            }
+            rlimit as{};
+            as.rlim_cur = mapped + (1 << 20);
+            as.rlim_max = as.rlim_cur;
+            ::setrlimit(RLIMIT_AS, &as);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            errno = 0;
+            const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+            std::exit(result == -1 && errno == EIO && aovrec::stats().failed ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0),
+        "aov-rec: recording stopped: .*nomem.rec: no memory for the recorder's buffers");
     ::unlink(path.c_str());
 }
 
@@ -1624,14 +1812,16 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
     }
     const pid_t pid = ::fork();
     if (pid == 0) {
-        // In the child: a call and a close on the inherited descriptor.
+        // In the child: no file of its own before its first call, then a
+        // call and a close on the inherited descriptor.
+        const bool fresh = !aovrec::stats().started;
         const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
         rec.closeNode(fd);
         const bool drained = aovrec::drain();
         const std::string own = std::string(aovrec::sessionPath());
         const bool named =
             own.size() > 0 && own.substr(own.rfind('.') + 1) == std::to_string(::getpid());
-        ::_exit(result == -1 && drained && named ? 0 : 1);
+        ::_exit(fresh && result == -1 && drained && named ? 0 : 1);
     }
     holder.join();
     {

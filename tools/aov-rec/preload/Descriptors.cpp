@@ -18,7 +18,6 @@ struct Identity {
 };
 Identity g_ids[kNodePaths];
 
-constexpr int kMaxWatches = 32;
 struct Watch {
     int epfd = -1;
     int fd = -1;
@@ -122,7 +121,7 @@ int nodeFdsIn(unsigned first, unsigned last, int* out, int max) {
     return n;
 }
 
-void watchSetLocked(int epfd, int fd, uint64_t data) {
+bool watchSetLocked(int epfd, int fd, uint64_t data) {
     Watch* slot = nullptr;
     for (Watch& w : g_watches) {
         if (w.epfd == epfd && w.fd == fd) {
@@ -135,12 +134,13 @@ void watchSetLocked(int epfd, int fd, uint64_t data) {
         }
     }
     if (slot == nullptr) {
-        return;
+        return false;
     }
     *slot = Watch{epfd, fd, data};
     if (epfd >= 0 && epfd < kMaxTrackedFd) {
         g_fd_flags[epfd].fetch_or(kFdEpoll);
     }
+    return true;
 }
 
 void watchRemoveLocked(int epfd, int fd) {

@@ -56,7 +56,9 @@ int nodeFdsIn(unsigned first, unsigned last, int* out, int max);
 
 // Epoll registrations of node descriptors, and the data each returns with
 // its events. Guarded by the recorder's lock (the "Locked" functions).
-void watchSetLocked(int epfd, int fd, uint64_t data);
+constexpr int kMaxWatches = 32;
+// False when all kMaxWatches are taken: the registration is not followed.
+bool watchSetLocked(int epfd, int fd, uint64_t data);
 void watchRemoveLocked(int epfd, int fd);
 // Whether `fd` is registered with `epfd`, and with which data.
 bool watchDataLocked(int epfd, int fd, uint64_t* data);

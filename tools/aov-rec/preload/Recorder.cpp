@@ -52,8 +52,9 @@ struct Recorder {
     int out_fd AOV_GUARDED_BY(lock) = -1;
     uint8_t small[kSmallRecord] AOV_GUARDED_BY(lock) = {};
     SessionWriter writer AOV_GUARDED_BY(lock);
-    bool fork_locked AOV_GUARDED_BY(lock) = false;  // the fork's prepare handler took `lock`
-    std::atomic<bool> stopping{false};              // the stop has been said
+    bool fork_locked AOV_GUARDED_BY(lock) = false;   // the fork's prepare handler took `lock`
+    bool watches_full AOV_GUARDED_BY(lock) = false;  // a registration found no room, said
+    std::atomic<bool> stopping{false};               // the stop has been said
     std::atomic<uint64_t> dropped{0};
     std::atomic<uint64_t> content_dropped{0};
 };
@@ -289,6 +290,20 @@ void submitSmallLocked(RecordType type, const ByteWriter& out) AOV_REQUIRES(g_re
     }
 }
 
+// Follows a registration of the node in epoll; one the table has no room
+// for is not followed (waits through it are recorded without the node),
+// which is said once.
+void watchLocked(int epfd, int fd, uint64_t data) AOV_REQUIRES(g_rec.lock) {
+    if (watchSetLocked(epfd, fd, data) || g_rec.watches_full) {
+        return;
+    }
+    g_rec.watches_full = true;
+    char count[16];
+    std::snprintf(count, sizeof(count), "%d", kMaxWatches);
+    say("the node is registered in epoll more than ", count,
+        " times at once: waits through the others are recorded without it");
+}
+
 // Whether `path` names one of the configured node paths.
 bool namesNode(const char* path, int* index) {
     if (path == nullptr) {
@@ -369,6 +384,7 @@ void configure(const RecorderConfig& config) {
     queueSetStallLimit(config.stall_limit_ms);
     queueResume();
     watchClearLocked();
+    g_rec.watches_full = false;
     if (g_rec.out_fd >= 0) {
         ::syscall(SYS_close, g_rec.out_fd);
         g_rec.out_fd = -1;
@@ -633,6 +649,7 @@ WatchBefore watchBeforeCtl(int epfd, int op, int fd, const epoll_event* event) {
             before.taken = true;
             before.had_epoll = fdHas(epfd, kFdEpoll);
             before.had_watch = watchDataLocked(epfd, fd, &before.data);
+            // Said, when there is no room, once the call has succeeded.
             watchSetLocked(epfd, fd, copy.data.u64);
         }
     }
@@ -658,7 +675,7 @@ void recordEpollCtl(uint64_t begin_ns, int epfd, int op, int fd, const epoll_eve
             if (result == 0 && op == EPOLL_CTL_DEL) {
                 watchRemoveLocked(epfd, fd);
             } else if (result == 0) {
-                watchSetLocked(epfd, fd, data);
+                watchLocked(epfd, fd, data);
             } else if (before.taken) {
                 // The registration taken before the call did not happen.
                 if (before.had_watch) {
