@@ -205,8 +205,15 @@ TEST(AovSimNodeErrors, APathThatIsNoNodeEndsInExitTwoWithOneLineNamingWhatIsMiss
     const std::string base = ::testing::TempDir() + "aovsim_any_node";
     const std::string dir = base + "_dir";
     const std::string file = base + "_plain";
+    const std::string fifo = base + "_fifo";
+    const std::string block = base + "_block";
     ::mkdir(dir.c_str(), 0700);
     std::ofstream(file) << "not a driver";
+    ::unlink(fifo.c_str());
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0) << std::strerror(errno);
+    ::unlink(block.c_str());
+    // Never opened: the kind of file is refused first.
+    ASSERT_EQ(::mknod(block.c_str(), S_IFBLK | 0600, ::makedev(7, 0)), 0) << std::strerror(errno);
     struct Case {
         std::vector<std::string> args;
         std::string line;
@@ -218,6 +225,10 @@ TEST(AovSimNodeErrors, APathThatIsNoNodeEndsInExitTwoWithOneLineNamingWhatIsMiss
              "\" is a plain file, not a driver's node (a character device, or a file a FUSE "
              "driver serves)"},
         {{"--node", dir}, "--node: \"" + dir + "\" is a directory, not a node"},
+        {{"--node", fifo},
+         "--node: \"" + fifo + "\" is a fifo, not a character device or a driver's file"},
+        {{"--node", block},
+         "--node: \"" + block + "\" is a block device, not a character device or a driver's file"},
         {{"--kernel", "fuse", "--kdev", dir},
          "--kdev: no node at \"" + dir + "/kelo_aov\": nothing serves a driver on \"" + dir + "\""},
         {{"--kernel", "fuse", "--kdev", base + "_absent"},
@@ -231,6 +242,8 @@ TEST(AovSimNodeErrors, APathThatIsNoNodeEndsInExitTwoWithOneLineNamingWhatIsMiss
         EXPECT_EQ(run.exit_code, 2) << run.output;
         EXPECT_EQ(run.output, "aov-sim: error: " + c.line + "\n");
     }
+    ::unlink(fifo.c_str());
+    ::unlink(block.c_str());
 }
 
 // A device node whose major number no driver registered opens with ENXIO:

@@ -342,6 +342,17 @@ void expectTimelineShowsTheSession(const RunResult& run, const nlohmann::json& d
         oneByOne.push_back(n);
     }
     EXPECT_EQ(delivered, oneByOne);
+    // The driver's own track is merged, and said so, only when aov-kdev ran.
+    const nlohmann::json& other = doc["otherData"];
+    if (fuse) {
+        const nlohmann::json& track = other["driver_track"];
+        EXPECT_GT(track.value("records", 0u), 0u) << track.dump();
+        EXPECT_EQ(track.value("lines_unread", 1u), 0u) << track.dump();
+        EXPECT_EQ(track.value("full", true), false) << track.dump();
+        EXPECT_FALSE(track.contains("problem")) << track.dump();
+    } else {
+        EXPECT_FALSE(other.contains("driver_track")) << other.dump();
+    }
 
     expectTimelineCountsMatchTheSummary(run, doc);
 }
@@ -666,6 +677,20 @@ TEST_F(UserStartedServer, AnAnswerTheKernelRefusesCostsOneEventAndTheSessionGoes
         << run.output;
     EXPECT_TRUE(run.has("ERROR: failed to query event: -5 (")) << run.output;
     EXPECT_TRUE(run.has("stopDevice() -> 0")) << run.output;
+}
+
+// The scenario the driver serves is compared with aov-sim's own: another one
+// is named in a warning, the same one is not mentioned.
+TEST_F(UserStartedServer, ADriverServingAnotherScenarioIsNamedInAWarning) {
+    const std::string scenario = scenarioFile("served_elsewhere", tenFpsScenario(""));
+    ASSERT_NO_FATAL_FAILURE(start({"--scenario", scenario}));
+    const RunResult other = runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "1"});
+    const RunResult same =
+        runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "1", "--scenario", scenario});
+    EXPECT_EQ(same.exit_code, 0) << same.output;
+    EXPECT_TRUE(other.has("[sys ] warning: the driver serves scenario \"ten-fps\""))
+        << other.output;
+    EXPECT_FALSE(same.has("warning: the driver serves")) << same.output;
 }
 
 TEST_F(UserStartedServer, EachStopSignalEndsItWithExitZeroAndItsMountGone) {

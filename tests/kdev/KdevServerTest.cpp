@@ -32,6 +32,7 @@
 #include "BoundedWait.h"
 #include "FuseSandbox.h"
 #include "KdevServer.h"
+#include "ProcessMemory.h"
 #include "aovsim/EventContent.h"
 #include "kelo_aov.h"
 
@@ -78,7 +79,7 @@ class KdevServerTest : public ::testing::Test {
         std::promise<void> served;
         served_ = served.get_future();
         serving_ = std::thread([this, done = std::move(served)]() mutable {
-            server_->serve();
+            serve_result_ = server_->serve();
             done.set_value();
         });
         fd_ = ::open(server_->nodePath().c_str(), O_RDWR | O_CLOEXEC);
@@ -131,6 +132,7 @@ class KdevServerTest : public ::testing::Test {
                 std::_Exit(1);
             }
             serving_.join();
+            EXPECT_EQ(serve_result_, 0) << "a server stopped from outside ends its serve with 0";
         }
         // Answers what a bug left unanswered: a caller still waiting returns.
         server_.reset();
@@ -173,6 +175,7 @@ class KdevServerTest : public ::testing::Test {
     std::unique_ptr<aovkdev::KdevServer> server_;
     std::thread serving_;
     std::future<void> served_;
+    int serve_result_ = -1;
     Seen seen_;
     int fd_ = -1;
 };
@@ -480,6 +483,17 @@ int firstWrongStep(const std::string& dir, const std::string& node) {
     if (statusFd < 0 || ::ioctl(statusFd, AOV_IOC_ULPOSC3_ON, nullptr) != -1 || errno != ENOTTY) {
         return 8;
     }
+    // Read from any offset: the rest of the same text, nothing from its end on.
+    char whole[4096];
+    char rest[4096];
+    const ssize_t length = ::pread(statusFd, whole, sizeof(whole), 0);
+    if (length < 8 || ::pread(statusFd, rest, sizeof(rest), 7) != length - 7 ||
+        std::memcmp(whole + 7, rest, static_cast<size_t>(length - 7)) != 0 ||
+        ::pread(statusFd, rest, 3, 0) != 3 || std::memcmp(whole, rest, 3) != 0 ||
+        ::pread(statusFd, rest, sizeof(rest), length) != 0 ||
+        ::pread(statusFd, rest, sizeof(rest), length + 100) != 0) {
+        return 9;
+    }
     return 0;
 }
 
@@ -504,10 +518,16 @@ TEST_F(KdevServerTest, TheMountIsADirectoryOfTheNodeAndItsStatusFileAndRefusesOt
                                  "the directory opens",
                                  "the listing is ., .., the node and status, once each",
                                  "the status file refuses a write open with EACCES",
-                                 "the status file refuses an ioctl with ENOTTY"};
+                                 "the status file refuses an ioctl with ENOTTY",
+                                 "the status file reads the same text from any offset"};
     ASSERT_TRUE(WIFEXITED(wait_status));
     const int step = WEXITSTATUS(wait_status);
-    EXPECT_EQ(step, 0) << "wrong: " << (step > 0 && step < 9 ? steps[step] : "?");
+    EXPECT_EQ(step, 0) << "wrong: " << (step > 0 && step < 10 ? steps[step] : "?");
+
+    // The node is no file to read.
+    char buffer[8];
+    EXPECT_EQ(::read(fd_, buffer, sizeof(buffer)), -1);
+    EXPECT_EQ(errno, EINVAL);
 
     // A mount point that cannot be mounted on is refused with its name.
     aovkdev::KdevServer other(driver_, std::make_shared<aovsim::Trace>(), "other",
@@ -561,6 +581,40 @@ TEST_F(KdevServerTest, AWaitingDequeueEndsWithEintrOnASignalAndWithEioWhenTheSer
     ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
         << "the waiting dequeue did not return when the server ended";
     EXPECT_EQ(elsewhere_.get(), EIO);
+}
+
+// The copies to and from a caller's memory: all of a range or -EFAULT, the
+// bytes before an unmapped page moved, nothing read through a null address.
+TEST(ProcessMemoryTest, CopiesAWholeRangeOrFaultsAtTheFirstUnmappedByte) {
+    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    auto* mapped = static_cast<uint8_t*>(
+        ::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(mapped, MAP_FAILED) << std::strerror(errno);
+    ASSERT_EQ(::munmap(mapped + page, page), 0);
+    uint8_t* const edge = mapped + page - 8;  // the last 8 mapped bytes
+    const pid_t self = ::getpid();
+    aovkdev::ProcessMemory memory(self);
+    const auto fill = [](uint8_t* bytes) {
+        for (uint8_t i = 0; i < 16; ++i) {
+            bytes[i] = static_cast<uint8_t>(0xA0 + i);
+        }
+    };
+
+    EXPECT_EQ(memory.write(edge, 8, fill), 0);
+    uint8_t read[16] = {};
+    EXPECT_EQ(aovkdev::readProcessMemory(self, edge, read, 8), 0);
+    for (uint8_t i = 0; i < 8; ++i) {
+        EXPECT_EQ(read[i], 0xA0 + i) << "byte " << int(i);
+    }
+
+    std::memset(edge, 0, 8);
+    EXPECT_EQ(memory.write(edge, 16, fill), -EFAULT);
+    EXPECT_EQ(edge[0], 0xA0) << "the mapped part is written before the fault";
+    EXPECT_EQ(edge[7], 0xA7);
+    EXPECT_EQ(aovkdev::readProcessMemory(self, edge, read, 16), -EFAULT);
+    EXPECT_EQ(aovkdev::readProcessMemory(self, nullptr, read, 1), -EFAULT);
+    EXPECT_EQ(memory.write(nullptr, 1, fill), -EFAULT);
+    ::munmap(mapped, page);
 }
 
 }  // namespace

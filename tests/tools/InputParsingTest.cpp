@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <fstream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -353,6 +354,31 @@ TEST(OptionsTest, HelpIsReturnedNotPrinted) {
     ASSERT_EQ(parse({"--help"}, &o, &message), ParseOutcome::kHelp);
     EXPECT_NE(message.find("--scenario"), std::string::npos) << message;
     EXPECT_NE(message.find("--notify-ids"), std::string::npos) << message;
+}
+
+TEST(OptionsTest, HelpListsEveryOptionWithItsTextInOneColumn) {
+    Options o;
+    std::string message;
+    ASSERT_EQ(parse({"--help"}, &o, &message), ParseOutcome::kHelp);
+    const std::vector<std::string> expected = {
+        "-h,--help",   "-s,--scenario", "--print-scenario", "--size",           "--force",
+        "--duration",  "--timeout",     "--notify-ids",     "--trace",          "--timeline",
+        "--kernel",    "--kdev",        "--node",           "--replay",         "--speed",
+        "--sensor",    "--fps",         "--aov-mode",       "--frame-info-sel", "-n,--events",
+        "--verbosity", "--test-model",  "--view-mode",      "--debug-device",   "--image-callback"};
+    std::vector<std::string> listed;
+    std::istringstream in(message);
+    for (std::string line; std::getline(in, line);) {
+        if (line.rfind("  -", 0) != 0) {
+            continue;
+        }
+        listed.push_back(line.substr(2, line.find(' ', 2) - 2));
+        // Names and their value's form, then the text from column 30 on.
+        const size_t gap = line.find("  ", 2);
+        ASSERT_NE(gap, std::string::npos) << line;
+        EXPECT_EQ(line.find_first_not_of(' ', gap), 30u) << line;
+    }
+    EXPECT_EQ(listed, expected);
 }
 
 TEST(ScenarioTextTest, TheEmbeddedDefaultParses) {

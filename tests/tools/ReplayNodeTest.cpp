@@ -10,6 +10,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -512,6 +513,52 @@ ParseOutcome parse(std::vector<std::string> args, Options* options, std::string*
         argv.push_back(arg.c_str());
     }
     return aovsimtool::parseOptions(static_cast<int>(argv.size()), argv.data(), options, message);
+}
+
+// The progress line is shown at once and cleared when it goes, each time
+// flushed: on a terminal nothing else would push it out.
+TEST(ReplayProgressLine, ShowsTheCountAtOnceAndClearsItsLineWhenDestroyed) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
+    std::vector<uint8_t> other(sizeof(aov_event));
+    RecordedEvent event;
+    event.record(b, other.data());
+    b.close(kFd, 0);
+    std::vector<uint8_t> bytes = recording.bytes();
+    std::string problem;
+    std::shared_ptr<ReplayNode> node = load(bytes, &problem);
+    ASSERT_TRUE(node) << problem;
+    int fds[2];
+    ASSERT_EQ(::pipe2(fds, O_CLOEXEC), 0) << std::strerror(errno);
+    FILE* out = ::fdopen(fds[1], "w");
+    ASSERT_NE(out, nullptr) << std::strerror(errno);
+    std::string text;
+    // Reads until `done` holds of the text, or nothing more comes within the limit.
+    const auto readUntil = [&](const std::function<bool()>& done) {
+        char chunk[256];
+        while (!done() && readable(fds[0])) {
+            const ssize_t n = ::read(fds[0], chunk, sizeof(chunk));
+            if (n <= 0) {
+                return false;
+            }
+            text.append(chunk, static_cast<size_t>(n));
+        }
+        return done();
+    };
+    const std::string clear = "\r\033[K";
+    {
+        aovsimtool::ReplayProgressLine progress(*node, out);
+        EXPECT_TRUE(readUntil([&] { return text.find("replay: 0 of 1 events, ") == 4; }))
+            << "no progress line: " << text;
+    }
+    EXPECT_TRUE(readUntil([&] {
+        return text.size() >= clear.size() &&
+               text.compare(text.size() - clear.size(), clear.size(), clear) == 0;
+    })) << "the line was not cleared: "
+        << text;
+    std::fclose(out);
+    ::close(fds[0]);
 }
 
 TEST(ReplayOptions, SpeedIsMaxOrAPositiveFactorAndNeedsAReplay) {

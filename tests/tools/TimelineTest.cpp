@@ -9,7 +9,9 @@
 #include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "TimelineCollector.h"
@@ -306,6 +308,20 @@ TEST(TrackLayoutTest, AProcessWithOnlyCountersAndMarkersIsNamed) {
     std::sort(namedPids.begin(), namedPids.end());
     EXPECT_EQ(namedPids, (std::vector<int>{aovsimtool::kSimPid, aovsimtool::kKdevPid}));
     EXPECT_EQ(eventPids, namedPids);
+    // The marker's thread is named; a counter belongs to no thread.
+    std::set<std::pair<int, int>> namedThreads;
+    std::set<std::pair<int, int>> eventThreads;
+    for (const nlohmann::json& m : layout.metadata) {
+        if (m["name"] == "thread_name") {
+            namedThreads.insert({m["pid"].get<int>(), m["tid"].get<int>()});
+        }
+    }
+    for (const TraceEvent& e : layout.events) {
+        if (e.phase != 'C') {
+            eventThreads.insert({e.pid, e.tid});
+        }
+    }
+    EXPECT_EQ(namedThreads, eventThreads);
 }
 
 TEST(TraceWriterTest, WritesTheObjectFormWithFlowsCountersAndMarkers) {
