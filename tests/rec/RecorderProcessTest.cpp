@@ -170,6 +170,24 @@ TEST_F(UnderTheRecorder, AFileNothingWasRecordedIntoStaysAsItWasAndTheLineNamesT
                             "(AOV_REC_NODE=PATH or AOV_DEV_DIR=DIR watches another)"),
               std::string::npos)
         << r.output;
+    // Without AOV_REC_NODE (or with it empty), the line names what the
+    // recorder watched: the node under AOV_DEV_DIR, else the device's own.
+    const struct {
+        std::vector<std::string> env;
+        std::string node;
+    } watched[] = {
+        {{"AOV_REC_NODE=", "AOV_DEV_DIR=/aov-dir"},
+         "/aov-dir/" AOV_DEVICE_NAME " or " AOV_DEVICE_NODE},
+        {{"AOV_REC_NODE=", "AOV_DEV_DIR="}, AOV_DEVICE_NODE},
+    };
+    for (const auto& w : watched) {
+        const ProcessResult elsewhere =
+            rec({"record", "-o", session_, "--", AOV_REC_CLIENT_PATH, other_, other_}, w.env);
+        EXPECT_EQ(elsewhere.exit_code, 0) << elsewhere.output;
+        EXPECT_NE(elsewhere.output.find("never opened the node " + w.node + "; nothing recorded"),
+                  std::string::npos)
+            << elsewhere.output;
+    }
 }
 
 // record's own part: the output is said by its absolute path, and a library
@@ -264,6 +282,32 @@ TEST_F(UnderTheRecorder, TheCommandsExitStatusIsHandedBack) {
     const ProcessResult missing = rec({"record", "-o", session_, "--", "/nonexistent/program"});
     EXPECT_EQ(missing.exit_code, 2);
     EXPECT_NE(missing.output.find("aov-rec: cannot run /nonexistent/program"), std::string::npos);
+}
+
+// The command keeps the signals its caller ignores, but for the interrupt and
+// quit signals, which record ignores itself while the command runs.
+TEST_F(UnderTheRecorder, TheCommandIgnoresWhatItsCallerIgnoresButInterruptAndQuit) {
+#ifdef AOV_REC_PRELOAD_SANITIZED
+    GTEST_SKIP() << "the sanitized recorder loads only into sanitized programs, not /bin/sh";
+#endif
+    const ProcessResult r = runProcess(
+        "/bin/sh",
+        {"-c",
+         "trap '' HUP INT QUIT USR1 TERM; exec \"$0\" record -o \"$1\" -- /bin/grep SigIgn "
+         "/proc/self/status",
+         AOV_REC_PATH, session_},
+        {"AOV_REC_NODE=" + node_});
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    const size_t at = r.output.find("SigIgn:\t");
+    ASSERT_NE(at, std::string::npos) << r.output;
+    const unsigned long long ignored = std::stoull(r.output.substr(at + 8, 16), nullptr, 16);
+    const auto bit = [](int signal) { return 1ull << (signal - 1); };
+    for (const int kept : {SIGHUP, SIGUSR1, SIGTERM}) {
+        EXPECT_NE(ignored & bit(kept), 0u) << strsignal(kept) << "\n" << r.output;
+    }
+    for (const int reset : {SIGINT, SIGQUIT}) {
+        EXPECT_EQ(ignored & bit(reset), 0u) << strsignal(reset) << "\n" << r.output;
+    }
 }
 
 // The recorded program's environment: the recorder first in LD_PRELOAD with
@@ -503,6 +547,9 @@ TEST_F(UnderTheRecorder, AnEpollWaitNamesEachNodeDescriptorOnceUnderItsCurrentDa
     // The call's descriptor and the two node descriptors, each ready to read.
     EXPECT_EQ(count(waits[0], "\"fd\":"), 3u) << waits[0];
     EXPECT_EQ(count(waits[0], "\"revents\":1}"), 2u) << waits[0];
+    // Entries are separated by a comma, with none before the first.
+    EXPECT_NE(waits[0].find("\"node\":[{\"fd\":"), std::string::npos) << waits[0];
+    EXPECT_EQ(count(waits[0], "},{\"fd\":"), 1u) << waits[0];
     EXPECT_EQ(count(recorded.output, "epoll_wait eventfd only -> 1 "), 1u) << recorded.output;
     EXPECT_NE(waits[1].find(
                   "\"result\":1,\"errno\":0,\"kind\":\"epoll_wait\",\"timeout_ms\":0,\"node\":[]}"),
@@ -697,6 +744,138 @@ TEST(AovRecInput, DumpShowsTheSentRecordTheAnswerAndEachAreaARequestKept) {
     ::unlink(path.c_str());
 }
 
+// dump and info of a session that holds each kind of request record: every
+// field, escape, boundary and total, compared whole.
+TEST(AovRecInput, DumpAndInfoPrintEveryFieldOfEachRecordAndEveryTotal) {
+    const std::string path = tempPath("every-field.rec");
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0) << std::strerror(errno);
+    // Each 32-bit word of the answer holds its own number, counted from 1.
+    uint32_t words[sizeof(aov_event_query) / 4];
+    for (size_t i = 0; i < std::size(words); ++i) {
+        words[i] = static_cast<uint32_t>(i + 1);
+    }
+    const uint32_t headerOnly[6] = {0, 0, 0, 0, 0, 9};
+    const uint8_t query[sizeof(aov_event_query)] = {};
+    const uint32_t sensors = 3;
+    const uint8_t cut[1] = {1};
+    aov_start_record start = {};
+    start[0] = 7;
+    const uint8_t first[8] = {0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11, 0x11};
+    const uint8_t last[3] = {0xaa, 0xab, 0xac};
+    {
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+        b.open("n\"b\\ ~\x7f\x1f", O_RDWR | O_NONBLOCK, 5);
+        b.advance(1000000);
+        b.ioctl(5, AOV_IOC_SENSOR_OFF, &sensors, sizeof(sensors), 0);
+        b.advance(1000000);
+        b.ioctl(5, AOV_IOC_SENSOR_ON, cut, sizeof(cut), -EINVAL);
+        b.advance(1000000);
+        b.ioctl(5, AOV_IOC_START, start, sizeof(start), -EBUSY);
+        b.advance(1000000);
+        b.ioctl(5, 0x1234, nullptr, 0, -ENOTTY);
+        b.advance(1000000);
+        const aovrec::SessionBuilder::Area areas[] = {{1, first, 8}, {10, last, 3}};
+        b.ioctl(5, AOV_IOC_DEQUEUE_EVENT, query, sizeof(query), 0, words, sizeof(words), areas, 2);
+        b.advance(1000000);
+        b.ioctl(5, AOV_IOC_DEQUEUE_EVENT, query, sizeof(query), 0, headerOnly, sizeof(headerOnly));
+        b.advance(1000000);
+        b.ioctl(5, AOV_IOC_DEQUEUE_EVENT, query, sizeof(query), -EAGAIN);
+        b.advance(1000000);
+        b.close(5, 0);
+        b.advance(1000000);
+        b.close(7, -EBADF);
+        ASSERT_TRUE(b.ok());
+    }
+    ::close(fd);
+    const auto hex = [](const void* data, size_t size) {
+        char text[24];
+        std::snprintf(text, sizeof(text), "\"%016llx\"",
+                      static_cast<unsigned long long>(aovrec::digest(data, size)));
+        return std::string(text);
+    };
+    const std::string pid = std::to_string(::getpid());
+    const std::string version = std::to_string(aovrec::FileHeader{}.version);
+    const auto head = [&](int i, const char* call, int fd, int result, int err) {
+        return "{\"i\":" + std::to_string(i) + ",\"t_ns\":" + std::to_string(i * 1000000) +
+               ",\"dur_ns\":1000,\"tid\":" + pid + ",\"call\":\"" + call +
+               "\",\"fd\":" + std::to_string(fd) + ",\"result\":" + std::to_string(result) +
+               ",\"errno\":" + std::to_string(err);
+    };
+    const std::string dequeueSent = ",\"sent\":{\"bytes\":216,\"xxh64\":" + hex(query, 216) + "}";
+    const std::string expected =
+        "{\"format\":" + version +
+        ",\"content\":\"written\",\"compression\":\"none\",\"pid\":" + pid +
+        ",\"start_ns\":1000,\"digest\":\"xxh64\"}\n" + head(0, "open", -100, 5, 0) +
+        ",\"path\":\"n\\\"b\\\\ ~\\u007f\\u001f\",\"flags\":\"0x802\",\"mode\":\"00\"}\n" +
+        head(1, "ioctl", 5, 0, 0) +
+        ",\"request\":\"SENSOR_OFF\",\"code\":\"0x41044802\",\"sent\":{\"bytes\":4,\"xxh64\":" +
+        hex(&sensors, 4) + "},\"count\":3}\n" + head(2, "ioctl", 5, -1, EINVAL) +
+        ",\"request\":\"SENSOR_ON\",\"code\":\"0x41044801\",\"sent\":{\"bytes\":1,\"xxh64\":" +
+        hex(cut, 1) + "}}\n" + head(3, "ioctl", 5, -1, EBUSY) +
+        ",\"request\":\"START\",\"code\":\"0x40c84800\",\"sent\":{\"bytes\":200,\"xxh64\":" +
+        hex(start, 200) + "}}\n" + head(4, "ioctl", 5, -1, ENOTTY) +
+        ",\"request\":null,\"code\":\"0x00001234\",\"arg\":null}\n" + head(5, "ioctl", 5, 0, 0) +
+        ",\"request\":\"DEQUEUE_EVENT\",\"code\":\"0x80d84803\"" + dequeueSent +
+        ",\"back\":{\"bytes\":216,\"xxh64\":" + hex(words, 216) +
+        "},\"header\":[1,2,3,4,5,6],\"info\":[[7],[11],[15],[19,20,21,22],[25,26,27,28],"
+        "[31,32,33,34,35],[39],[43],[47],[51]],\"areas\":[{\"section\":1,\"bytes\":8,"
+        "\"xxh64\":" +
+        hex(first, 8) + "},{\"section\":10,\"bytes\":3,\"xxh64\":" + hex(last, 3) + "}]}\n" +
+        head(6, "ioctl", 5, 0, 0) + ",\"request\":\"DEQUEUE_EVENT\",\"code\":\"0x80d84803\"" +
+        dequeueSent + ",\"back\":{\"bytes\":24,\"xxh64\":" + hex(headerOnly, 24) + "}}\n" +
+        head(7, "ioctl", 5, -1, EAGAIN) + ",\"request\":\"DEQUEUE_EVENT\",\"code\":\"0x80d84803\"" +
+        dequeueSent + "}\n" + head(8, "close", 5, 0, 0) + "}\n" + head(9, "close", 7, -1, EBADF) +
+        "}\n";
+    const ProcessResult dump = rec({"dump", path});
+    EXPECT_EQ(dump.exit_code, 0);
+    EXPECT_EQ(dump.output, expected);
+
+    const ProcessResult info = rec({"info", path});
+    EXPECT_EQ(info.exit_code, 0);
+    EXPECT_EQ(info.output,
+              "session: " + path + ", format " + version + ", content written, uncompressed, pid " +
+                  pid +
+                  "\n"
+                  "duration: 0.009001 s (first call to last return), 1 threads\n"
+                  "records: 10 (close 2, ioctl 7, open 1)\n"
+                  "requests:\n"
+                  "  0x00001234            1  failed 1\n"
+                  "  DEQUEUE_EVENT         3  failed 1\n"
+                  "  SENSOR_OFF            1  failed 0\n"
+                  "  SENSOR_ON             1  failed 1\n"
+                  "  START                 1  failed 1\n"
+                  "events: 2 dequeued, 2 with the content flag, 2 areas kept (11 bytes); node "
+                  "ready 0 times\n"
+                  "errors: 5 (EBADF 1, EAGAIN 1, EBUSY 1, EINVAL 1, ENOTTY 1)\n");
+
+    // A session of no calls: no lists, every total 0.
+    const int emptyFd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(emptyFd, 0) << std::strerror(errno);
+    {
+        aovrec::SessionBuilder b(emptyFd, aovrec::ContentMode::kAll, aovrec::Compression::kZstd);
+        ASSERT_TRUE(b.ok());
+    }
+    ::close(emptyFd);
+    const ProcessResult emptyDump = rec({"dump", path});
+    EXPECT_EQ(emptyDump.exit_code, 0);
+    EXPECT_EQ(emptyDump.output, "{\"format\":" + version +
+                                    ",\"content\":\"all\",\"compression\":\"zstd\",\"pid\":" + pid +
+                                    ",\"start_ns\":1000,\"digest\":\"xxh64\"}\n");
+    const ProcessResult emptyInfo = rec({"info", path});
+    EXPECT_EQ(emptyInfo.exit_code, 0);
+    EXPECT_EQ(emptyInfo.output, "session: " + path + ", format " + version +
+                                    ", content all, zstd, pid " + pid +
+                                    "\n"
+                                    "duration: 0.000000 s (first call to last return), 0 threads\n"
+                                    "records: 0\n"
+                                    "requests:\n"
+                                    "events: 0 dequeued, 0 with the content flag, 0 areas kept (0 "
+                                    "bytes); node ready 0 times\n"
+                                    "errors: 0\n");
+    ::unlink(path.c_str());
+}
+
 TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
     const std::string text = tempPath("text");
     writeText(text, "not a session at all, just some text");
@@ -721,6 +900,17 @@ TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
         {{"dump"}, "aov-rec: dump: one session file\n"},
         {{"info", text, text}, "aov-rec: info: one session file\n"},
         {{"replay", text}, "aov-rec: unknown command replay\n"},
+        {{"record"}, "aov-rec: record: no command after --\n"},
+        {{"record", "-o", "x.rec", "--"}, "aov-rec: record: no command after --\n"},
+        {{"record", "-o"}, "aov-rec: -o needs a value\n"},
+        {{"record", "--content"}, "aov-rec: --content needs a value\n"},
+        {{"record", "--bogus", "--", "true"}, "aov-rec: record: unknown option --bogus\n"},
+        {{"record", "-o", "", "--", "true"}, "aov-rec: -o: empty file name\n"},
+        {{"retrace"}, "aov-rec: retrace: no session file\n"},
+        {{"retrace", "a.rec", "b.rec"}, "aov-rec: retrace: more than one file\n"},
+        {{"retrace", "a.rec", "-x"}, "aov-rec: retrace: unknown option -x\n"},
+        {{"retrace", "a.rec", "-d"}, "aov-rec: -d needs a value\n"},
+        {{"retrace", "a.rec", "--ready-timeout"}, "aov-rec: --ready-timeout needs a value\n"},
     };
     for (const Case& c : commandLines) {
         const ProcessResult r = rec(c.args);
@@ -764,6 +954,23 @@ TEST(AovRecInput, BadInputEndsInExitTwoWithOneLine) {
     const ProcessResult recordHelp = rec({"record", "--help"});
     EXPECT_NE(recordHelp.output.find("AOV_REC_NODE"), std::string::npos) << recordHelp.output;
     EXPECT_NE(recordHelp.output.find("AOV_DEV_DIR"), std::string::npos) << recordHelp.output;
+    for (const char* asked : {"--help", "-h"}) {
+        const ProcessResult top = rec({asked});
+        EXPECT_EQ(top.exit_code, 0) << asked << ": " << top.output;
+        EXPECT_EQ(top.output.rfind("usage: aov-rec record ", 0), 0u) << top.output;
+        EXPECT_NE(top.output.find("AOV_REC_NODE=PATH\n"), std::string::npos) << top.output;
+    }
+    const ProcessResult none = rec({});
+    EXPECT_EQ(none.exit_code, 2) << none.output;
+    EXPECT_EQ(none.output.rfind("aov-rec: no command\nusage: aov-rec", 0), 0u) << none.output;
+#ifndef AOV_REC_PRELOAD_SANITIZED
+    // A --help after -- is the command's own.
+    const ProcessResult commands =
+        rec({"record", "-o", tempPath("help.rec"), "--", "/usr/bin/printf", "%s\\n", "--help"},
+            {"AOV_REC_NODE=/nonexistent-node"});
+    EXPECT_EQ(commands.exit_code, 0) << commands.output;
+    EXPECT_EQ(commands.output.rfind("--help\n", 0), 0u) << commands.output;
+#endif
     const ProcessResult usage = rec({"record", "--content", "some", "--", "true"});
     EXPECT_EQ(usage.exit_code, 2);
     EXPECT_EQ(usage.output.rfind("aov-rec: --content must be all, written or none, not some\n", 0),

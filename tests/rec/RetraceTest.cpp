@@ -66,7 +66,8 @@ const FaultCase kFaults[] = {
     {"events-after-stop", "(after STOP): STOP: the node is ready after STOP returned"},
     {"ignore-area-fault",
      "after the session (faulting area): DEQUEUE_EVENT: result 0 with every data area unwritable"},
-    {"hang-sensor-off", "(result): SENSOR_OFF: did not return within 3000 ms"},
+    {"hang-sensor-off", "(result): SENSOR_OFF: did not return within 3000 ms",
+     "aov-rec: SENSOR_OFF never returned; "},
     // A dequeue that waits for the next frame never finds the queue empty, or
     // times out when no frame comes: either way the empty-queue check shows it.
     {"block-empty-dequeue", "after the session (empty queue): DEQUEUE_EVENT: "},
@@ -99,7 +100,8 @@ const FaultCase kFaults[] = {
     {"readable-when-stopped", "(after STOP): STOP: the node is ready after STOP returned"},
     // The first call's process cannot close its copy of the node; the run
     // still ends by itself, with no copy left to close at its exit.
-    {"hang-flush", "did not finish within 3000 ms: a FLUSH that never returns"},
+    {"hang-flush", "did not finish within 3000 ms: a FLUSH that never returns",
+     "aov-rec: a FLUSH after "},
     // Refused by the driver, not missing: the session's first call differs.
     {"refuse-rdwr", "(open): open: result -1 (Permission denied), recorded "},
     {"leak-padding", "(words): DEQUEUE_EVENT: padding at 0x1c "},
@@ -499,6 +501,28 @@ TEST_F(RetraceAgainstKdev, EachAreaOfADequeueIsComparedWithTheRecordedOneAndADeq
         std::string::npos)
         << two.output;
     EXPECT_NE(two.output.find(", 1 differences\n"), std::string::npos) << two.output;
+
+    // The second dequeue recorded with the first one's areas: what the buffer
+    // held before this dequeue is not this event's content.
+    std::vector<std::vector<uint8_t>> firstAreas;
+    int dequeues = 0;
+    ASSERT_TRUE(copyEdited(recording_, edited, [&](const aovrec::Record& x, auto* data, auto*) {
+        if (x.request != AOV_IOC_DEQUEUE_EVENT || x.call.result < 0 || data->empty()) {
+            return;
+        }
+        if (++dequeues == 1) {
+            firstAreas = *data;
+        } else if (dequeues == 2) {
+            *data = firstAreas;
+        }
+    }));
+    const ProcessResult stale = retrace(edited, node_);
+    EXPECT_EQ(stale.exit_code, 1) << stale.output;
+    EXPECT_NE(stale.output.find("(area): DEQUEUE_EVENT: section 1, first "), std::string::npos)
+        << stale.output;
+    EXPECT_NE(stale.output.find(" (byte 0: 0x21, recorded 0x11)\n"), std::string::npos)
+        << stale.output;
+    EXPECT_NE(stale.output.find(", 1 differences\n"), std::string::npos) << stale.output;
     ::unlink(edited.c_str());
 }
 
@@ -566,6 +590,17 @@ TEST(RetraceOptions, TimeLimitsOutsideTheirRangeAreRefusedWithExitTwo) {
         const ProcessResult r = rec(args);
         EXPECT_EQ(r.exit_code, 2) << args[2] << "\n" << r.output;
         EXPECT_EQ(r.output.rfind("aov-rec: " + args[2], 0), 0u) << r.output;
+    }
+    // Each limit at either end of its range is taken: the run goes on to the file.
+    const std::string missing = tempPath("no-such.rec");
+    for (const std::vector<std::string>& limits : std::vector<std::vector<std::string>>{
+             {"--ready-timeout", "0", "--request-timeout", "1"},
+             {"--ready-timeout", "3600000", "--request-timeout", "3600000"}}) {
+        std::vector<std::string> args = {"retrace", missing, "-d", "/nonexistent-node"};
+        args.insert(args.end(), limits.begin(), limits.end());
+        const ProcessResult r = rec(args);
+        EXPECT_EQ(r.exit_code, 2) << limits[1] << "\n" << r.output;
+        EXPECT_EQ(r.output, "aov-rec: " + missing + ": No such file or directory\n");
     }
 }
 
