@@ -723,6 +723,27 @@ TEST(SessionFile, AZstdFrameThatClaimsMoreThanTheRecordSaysIsRefused) {
     EXPECT_NE(why.find("does not decode to 61440 bytes"), std::string::npos) << why;
 }
 
+// A record of the largest payload a frame holds is written; one byte more is
+// refused with EMSGSIZE and leaves the file as it was.
+TEST(SessionFile, ARecordOverTheLargestPayloadIsRefusedAndNothingOfItWritten) {
+    std::string path = ::testing::TempDir() + "aovrec_big_XXXXXX";
+    const int fd = ::mkstemp(path.data());
+    ASSERT_GE(fd, 0);
+    aovrec::SessionWriter writer;
+    aovrec::FileHeader h;
+    h.compression = aovrec::Compression::kNone;
+    ASSERT_TRUE(writer.begin(fd, h, nullptr, 0));
+    std::vector<uint8_t> payload(aovrec::kMaxPayload + 1, 0);
+    EXPECT_TRUE(writer.write(RecordType::kClose, payload.data(), aovrec::kMaxPayload));
+    errno = 0;
+    EXPECT_FALSE(writer.write(RecordType::kClose, payload.data(), payload.size()));
+    EXPECT_EQ(errno, EMSGSIZE);
+    ::close(fd);
+    EXPECT_EQ(readFile(path).size(),
+              aovrec::kHeaderSize + aovrec::kFrameHeaderSize + aovrec::kMaxPayload);
+    ::unlink(path.c_str());
+}
+
 TEST(SessionFile, HeadersThatAreNotOursSayWhy) {
     std::vector<uint8_t> text(64, 'x');
     SessionReader::Next next;
