@@ -6,6 +6,8 @@
 //                 by duplicates, and reuses a node descriptor's number
 //   bad-pointers  readiness calls given memory they cannot read
 //   exec-child    runs itself again (no mode) in a forked child, and waits
+//   no-stdin      closes descriptor 0, then opens NODE as a directory (refused)
+//                 before the plain series
 //   fork-child    a forked child (no exec) asks on the inherited node
 //                 descriptor and closes it; the parent asks again after it
 //   fifo          NODE is a FIFO: opened as descriptor 0 (and duplicated),
@@ -483,6 +485,11 @@ int main(int argc, char** argv) {
     }
     if (mode == "watch-mod") {
         return watchChanged(argv[1]);
+    }
+    if (mode == "no-stdin") {
+        // The first call on the node, a refused open, finds descriptor 0 free.
+        ::close(0);
+        show("open node as a directory", ::open(argv[1], O_RDONLY | O_DIRECTORY));
     }
     const int fd = ::open(argv[1], O_RDWR);
     show("open node", fd);

@@ -136,26 +136,29 @@ TEST_F(UnderTheRecorder, AProgramSeesTheSameResultsAndErrnoAsWithoutIt) {
         << info.output;
 }
 
+// Said through the status file even when the program's descriptor 0 is free
+// when the recorder opens it ("no-stdin": the status file then gets 0).
 TEST_F(UnderTheRecorder, AFileThatCannotBeWrittenIsSaidOnceWithANonZeroExitAndTheProgramGoesOn) {
-    const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_});
-    const ProcessResult recorded =
-        rec({"record", "-o", "/nonexistent-dir/s.rec", "--", AOV_REC_CLIENT_PATH, node_, other_},
-            {"AOV_REC_NODE=" + node_});
-    EXPECT_EQ(recorded.exit_code, 3) << recorded.output;
-    EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
-    EXPECT_EQ(count(recorded.output, "aov-rec: recording stopped: /nonexistent-dir/s.rec: "), 1u)
-        << recorded.output;
-    EXPECT_EQ(count(recorded.output, "aov-rec: "), 1u) << recorded.output;
-
-    const ProcessResult full =
-        rec({"record", "-o", "/dev/full", "--", AOV_REC_CLIENT_PATH, node_, other_},
-            {"AOV_REC_NODE=" + node_});
-    EXPECT_EQ(full.exit_code, 3) << full.output;
-    EXPECT_EQ(withoutRecLines(full.output), bare.output);
-    EXPECT_EQ(
-        count(full.output, "aov-rec: recording stopped: /dev/full: No space left on device\n"), 1u)
-        << full.output;
-    EXPECT_EQ(count(full.output, "aov-rec: "), 1u) << full.output;
+    struct Case {
+        const char* output;
+        std::string line;  // what the stop line starts with
+    };
+    const Case cases[] = {{"/nonexistent-dir/s.rec", "/nonexistent-dir/s.rec: "},
+                          {"/dev/full", "/dev/full: No space left on device\n"}};
+    for (const std::string mode : {"", "no-stdin"}) {
+        const ProcessResult bare = runProcess(AOV_REC_CLIENT_PATH, {node_, other_, mode});
+        ASSERT_EQ(bare.exit_code, 0) << bare.output;
+        for (const Case& c : cases) {
+            const ProcessResult r =
+                rec({"record", "-o", c.output, "--", AOV_REC_CLIENT_PATH, node_, other_, mode},
+                    {"AOV_REC_NODE=" + node_});
+            EXPECT_EQ(r.exit_code, 3) << mode << " " << c.output << "\n" << r.output;
+            EXPECT_EQ(withoutRecLines(r.output), bare.output) << mode;
+            EXPECT_EQ(count(r.output, "aov-rec: recording stopped: " + c.line), 1u) << mode << "\n"
+                                                                                    << r.output;
+            EXPECT_EQ(count(r.output, "aov-rec: "), 1u) << mode << "\n" << r.output;
+        }
+    }
 }
 
 TEST_F(UnderTheRecorder, AFileNothingWasRecordedIntoStaysAsItWasAndTheLineNamesTheNode) {
@@ -188,6 +191,47 @@ TEST_F(UnderTheRecorder, AFileNothingWasRecordedIntoStaysAsItWasAndTheLineNamesT
                   std::string::npos)
             << elsewhere.output;
     }
+}
+
+// Without AOV_REC_NODE, or with it empty, the node is AOV_DEV_DIR's (or the
+// default) and only that: another file the program opens is not recorded.
+TEST_F(UnderTheRecorder, AnEmptyOrMissingNodeSettingWatchesTheDevDirsNodeAndNoOtherFile) {
+    const std::string dir = tempPath("devdir");
+    ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0) << std::strerror(errno);
+    const std::string node = dir + "/kelo_aov";
+    writeText(node, "twelve bytes");
+    const std::vector<std::string> recordArgs = {"record", "-o", session_, "--",
+                                                 AOV_REC_CLIENT_PATH};
+    for (const std::vector<std::string>& env :
+         {std::vector<std::string>{"AOV_DEV_DIR=" + dir},
+          std::vector<std::string>{"AOV_REC_NODE=", "AOV_DEV_DIR=" + dir}}) {
+        const std::string label = env.size() == 1 ? "unset" : "empty";
+        std::vector<std::string> args = recordArgs;
+        args.insert(args.end(), {node, other_});
+        const ProcessResult r = rec(args, env);
+        ASSERT_EQ(r.exit_code, 0) << label << "\n" << r.output;
+        const ProcessResult dump = rec({"dump", session_});
+        ASSERT_EQ(dump.exit_code, 0) << dump.output;
+        EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 2u) << label << "\n" << dump.output;
+        EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 4u) << label << "\n" << dump.output;
+        EXPECT_EQ(dump.output.find(other_), std::string::npos) << label << "\n" << dump.output;
+
+        args = recordArgs;
+        args.insert(args.end(), {other_, other_});
+        const ProcessResult none = rec(args, env);
+        EXPECT_EQ(none.exit_code, 0) << none.output;
+        EXPECT_EQ(count(none.output, "never opened the node " + node + " or /dev/kelo_aov; "), 1u)
+            << label << "\n"
+            << none.output;
+    }
+    // Both empty: the default node.
+    std::vector<std::string> args = recordArgs;
+    args.insert(args.end(), {other_, other_});
+    const ProcessResult none = rec(args, {"AOV_REC_NODE=", "AOV_DEV_DIR="});
+    EXPECT_EQ(count(none.output, "never opened the node /dev/kelo_aov; nothing recorded"), 1u)
+        << none.output;
+    ::unlink(node.c_str());
+    ::rmdir(dir.c_str());
 }
 
 // record's own part: the output is said by its absolute path, and a library

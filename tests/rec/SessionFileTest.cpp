@@ -733,6 +733,27 @@ TEST(SessionFile, AZstdFrameThatClaimsMoreThanTheRecordSaysIsRefused) {
     EXPECT_NE(why.find("does not decode to 61440 bytes"), std::string::npos) << why;
 }
 
+// A record of the largest payload a frame holds is written; one byte more is
+// refused with EMSGSIZE and leaves the file as it was.
+TEST(SessionFile, ARecordOverTheLargestPayloadIsRefusedAndNothingOfItWritten) {
+    std::string path = ::testing::TempDir() + "aovrec_big_XXXXXX";
+    const int fd = ::mkstemp(path.data());
+    ASSERT_GE(fd, 0);
+    aovrec::SessionWriter writer;
+    aovrec::FileHeader h;
+    h.compression = aovrec::Compression::kNone;
+    ASSERT_TRUE(writer.begin(fd, h, nullptr, 0));
+    std::vector<uint8_t> payload(aovrec::kMaxPayload + 1, 0);
+    EXPECT_TRUE(writer.write(RecordType::kClose, payload.data(), aovrec::kMaxPayload));
+    errno = 0;
+    EXPECT_FALSE(writer.write(RecordType::kClose, payload.data(), payload.size()));
+    EXPECT_EQ(errno, EMSGSIZE);
+    ::close(fd);
+    EXPECT_EQ(readFile(path).size(),
+              aovrec::kHeaderSize + aovrec::kFrameHeaderSize + aovrec::kMaxPayload);
+    ::unlink(path.c_str());
+}
+
 TEST(SessionFile, HeadersThatAreNotOursSayWhy) {
     std::vector<uint8_t> text(64, 'x');
     SessionReader::Next next;
@@ -754,6 +775,14 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64("abc", 3, 0), 0x44BC2CF5AD770999ull);
     const char text[] = "Nobody inspects the spammish repetition";
     EXPECT_EQ(aovrec::xxh64(text, sizeof(text) - 1, 0), 0xFBCEA83C8A378BF1ull);
+    // Each side of a 32-byte stripe (values from an independent implementation
+    // that gives the four above): the short path at 31, one stripe at 32, one
+    // stripe and a tail at 63, two stripes at 64.
+    const std::string twice = std::string(text) + text;
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 31, 0), 0xC1A0E0AE86E1D78Cull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 32, 0), 0x96F5BFCBFE7F0D1Aull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 63, 0), 0x9C282837B18C4135ull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 64, 0), 0xC3391970D5FCC409ull);
 }
 
 // The header's check is the common CRC-32, so that other tools can verify a

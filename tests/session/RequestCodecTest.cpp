@@ -167,6 +167,8 @@ TEST(RequestCodecTest, ARequestSentWithoutItsRecordSaysSoOnlyWhenItHasOne) {
     EXPECT_EQ(describeRequest(AOV_IOC_SENSOR_ON, nullptr, 0), "SENSOR_ON (no record)");
     EXPECT_EQ(describeRequest(AOV_IOC_STOP, nullptr, 0), "STOP");
     EXPECT_EQ(describeRequest(0x0000ABCDu, nullptr, 0), "ioctl 0x0000abcd");
+    // A record of one byte is a record still.
+    EXPECT_EQ(describeRequest(_IOW('x', 1, uint8_t), nullptr, 0), "ioctl 0x40017801 (no record)");
 }
 
 }  // namespace

@@ -7,9 +7,12 @@
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "DriverTrack.h"
+#include "Timeline.h"
 #include "kelo_aov.h"
 
 namespace {
@@ -133,6 +136,63 @@ TEST(DriverTrackTest, RefusesAFileThatIsNotATrack) {
     EXPECT_FALSE(aovsimtool::readDriverTrack(path, 1 << 20, &track, &problem));
     EXPECT_EQ(problem, "not a driver track");
     ::unlink(path.c_str());
+}
+
+// aov-sim merges the track into its timeline: a whole track is said merged,
+// one the writer cut at its limit or with lines that are not records is named
+// as such, and the timeline's file keeps the counts and the problem.
+TEST(DriverTrackTest, TheTimelineSaysWhetherTheTrackMergedAndKeepsItsCounts) {
+    struct Case {
+        const char* name;
+        std::string text;
+        bool merged;
+        const char* problem;
+        nlohmann::json kept;
+    };
+    const std::string header = "aov-kdev driver track 1\n";
+    const std::string records = "queued 1 100 200 1 0\ndepth 300 0 0\nrequest 3221 400 500 0\n";
+    const Case cases[] = {
+        {"whole",
+         header + records,
+         true,
+         "",
+         {{"records", 3}, {"lines_unread", 0}, {"full", false}}},
+        {"full",
+         header + records + "full\n",
+         false,
+         "aov-kdev stopped recording at its limit",
+         {{"records", 3},
+          {"lines_unread", 0},
+          {"full", true},
+          {"problem", "aov-kdev stopped recording at its limit"}}},
+        {"broken",
+         header + records + "hello\ndepth 1\n",
+         false,
+         "2 lines are not records",
+         {{"records", 3},
+          {"lines_unread", 2},
+          {"full", false},
+          {"problem", "2 lines are not records"}}},
+    };
+    for (const Case& c : cases) {
+        const std::string track = tempPath("merge_track");
+        const std::string trace = tempPath("merge_trace");
+        std::ofstream(track) << c.text;
+        std::string problem;
+        const std::shared_ptr<aovsimtool::Timeline> timeline =
+            aovsimtool::Timeline::open(trace, &problem);
+        ASSERT_NE(timeline, nullptr) << problem;
+        EXPECT_EQ(timeline->mergeDriverTrack(track, &problem), c.merged) << c.name;
+        EXPECT_EQ(problem, c.problem) << c.name;
+        ASSERT_TRUE(timeline->finish(&problem)) << problem;
+        std::ifstream in(trace);
+        const nlohmann::json doc = nlohmann::json::parse(
+            std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>(), nullptr, false);
+        ASSERT_FALSE(doc.is_discarded()) << c.name;
+        EXPECT_EQ(doc["otherData"]["driver_track"], c.kept) << c.name;
+        ::unlink(track.c_str());
+        ::unlink(trace.c_str());
+    }
 }
 
 }  // namespace

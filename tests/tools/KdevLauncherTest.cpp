@@ -68,6 +68,41 @@ TEST(KdevLauncherTest, ALongAnswerOtherThanReadyIsRefusedWithoutWaitingForTheLim
     ::unlink(script.c_str());
 }
 
+// A ready line that comes in pieces is read to its end: the stand-in writes
+// one byte, waits (at most 10 s) until the launcher has taken it, then the rest.
+TEST(KdevLauncherTest, AReadyLineWrittenOneByteFirstIsStillReady) {
+    const std::string script =
+        standIn("kdev_dribbles",
+                "exec perl -e 'open(my $w, \">&=\", 3) or exit 9; syswrite($w, \"r\");"
+                " for (1 .. 10000) { my $n = pack(\"L\", 0); ioctl($w, 0x541B, $n) or exit 8;"
+                " last if unpack(\"L\", $n) == 0; select(undef, undef, undef, 0.001); }"
+                " syswrite($w, \"eady\\n\"); exec(\"sleep\", \"30\");'");
+    KdevLauncher launcher;
+    std::string problem;
+    EXPECT_TRUE(launcher.start(script, "/tmp/aov-kdev-stand-in", {}, &problem)) << problem;
+    EXPECT_TRUE(launcher.stop());
+    ::unlink(script.c_str());
+}
+
+// A server that ends at once is reported with its own status, not after the
+// time it has to come up, even when the caller's errno still says an earlier
+// call was interrupted.
+TEST(KdevLauncherTest, AServerThatEndsAtOnceIsReportedAsEndedWhateverErrnoHeld) {
+    const std::string script = standIn("kdev_refuses", "echo 'aov-kdev: bad option' >&2\nexit 2");
+    for (const int before : {0, EINTR}) {
+        KdevLauncher launcher;
+        std::string problem;
+        errno = before;
+        EXPECT_FALSE(launcher.start(script, "/tmp/aov-kdev-never", {"--bad"}, &problem, 20000));
+        EXPECT_EQ(problem,
+                  "aov-kdev did not come up on /tmp/aov-kdev-never: it closed its ready pipe "
+                  "without saying ready (exit status 2)")
+            << "errno " << before;
+        EXPECT_FALSE(launcher.running());
+    }
+    ::unlink(script.c_str());
+}
+
 int openDescriptors() {
     DIR* dir = ::opendir("/proc/self/fd");
     if (dir == nullptr) {
