@@ -50,6 +50,14 @@ std::vector<std::string> linesWith(const std::string& text, const std::string& w
     return found;
 }
 
+// The digest of `size` bytes as dump writes it: sixteen hex digits, quoted.
+std::string hex(const void* data, size_t size) {
+    char text[24];
+    std::snprintf(text, sizeof(text), "\"%016llx\"",
+                  static_cast<unsigned long long>(aovrec::digest(data, size)));
+    return text;
+}
+
 // The lines of `output` that are not aov-rec's own.
 std::string withoutRecLines(const std::string& output) {
     std::string out;
@@ -753,12 +761,6 @@ TEST(AovRecInput, DumpShowsTheSentRecordTheAnswerAndEachAreaARequestKept) {
         ASSERT_TRUE(b.ok());
     }
     ::close(fd);
-    const auto hex = [](const void* data, size_t size) {
-        char text[24];
-        std::snprintf(text, sizeof(text), "\"%016llx\"",
-                      static_cast<unsigned long long>(aovrec::digest(data, size)));
-        return std::string(text);
-    };
     const ProcessResult dump = rec({"dump", path});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
     const std::vector<std::string> requests = linesWith(dump.output, "\"call\":\"ioctl\"");
@@ -832,12 +834,6 @@ TEST(AovRecInput, DumpAndInfoPrintEveryFieldOfEachRecordAndEveryTotal) {
         ASSERT_TRUE(b.ok());
     }
     ::close(fd);
-    const auto hex = [](const void* data, size_t size) {
-        char text[24];
-        std::snprintf(text, sizeof(text), "\"%016llx\"",
-                      static_cast<unsigned long long>(aovrec::digest(data, size)));
-        return std::string(text);
-    };
     const std::string pid = std::to_string(::getpid());
     const std::string version = std::to_string(aovrec::FileHeader{}.version);
     const auto head = [&](int i, const char* call, int fd, int result, int err) {

@@ -131,6 +131,21 @@ struct RecordedEvent {
     }
 };
 
+// A recording of the node opened and one event dequeued; closed after it
+// when `closed`.
+std::vector<uint8_t> oneEvent(bool closed) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
+    std::vector<uint8_t> other(sizeof(aov_event));
+    RecordedEvent event;
+    event.record(b, other.data());
+    if (closed) {
+        b.close(kFd, 0);
+    }
+    return recording.bytes();
+}
+
 class ReplayNodeTest : public ::testing::Test {
   protected:
     // open, START, SENSOR_ON refused, one event, SENSOR_OFF, STOP, close.
@@ -354,13 +369,7 @@ TEST(ReplayNodePace, AnEventIsDueAtItsRecordedTimeDividedByTheSpeed) {
 // aov-sim's driver line says what is replayed and at which pace: a speed
 // below 1 slows the recording down, only no speed at all is "max".
 TEST(ReplayNodePace, TheDriverLineNamesTheSpeedGiven) {
-    Composed recording;
-    aovrec::SessionBuilder& b = recording.b();
-    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
-    std::vector<uint8_t> other(sizeof(aov_event));
-    RecordedEvent event;
-    event.record(b, other.data());
-    std::vector<uint8_t> bytes = recording.bytes();
+    std::vector<uint8_t> bytes = oneEvent(false);
     const std::pair<double, const char*> speeds[] = {
         {0.0, "max"}, {0.25, "0.25"}, {1.0, "1"}, {2.5, "2.5"}};
     for (const auto& [speed, shown] : speeds) {
@@ -518,14 +527,7 @@ ParseOutcome parse(std::vector<std::string> args, Options* options, std::string*
 // The progress line is shown at once and cleared when it goes, each time
 // flushed: on a terminal nothing else would push it out.
 TEST(ReplayProgressLine, ShowsTheCountAtOnceAndClearsItsLineWhenDestroyed) {
-    Composed recording;
-    aovrec::SessionBuilder& b = recording.b();
-    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
-    std::vector<uint8_t> other(sizeof(aov_event));
-    RecordedEvent event;
-    event.record(b, other.data());
-    b.close(kFd, 0);
-    std::vector<uint8_t> bytes = recording.bytes();
+    std::vector<uint8_t> bytes = oneEvent(true);
     std::string problem;
     std::shared_ptr<ReplayNode> node = load(bytes, &problem);
     ASSERT_TRUE(node) << problem;
