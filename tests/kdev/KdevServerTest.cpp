@@ -161,6 +161,23 @@ class KdevServerTest : public ::testing::Test {
         return ready == 1 && (event.events & EPOLLIN) != 0;
     }
 
+    // Sends `request` on another thread; its errno, or 0 for a success, is
+    // what elsewhereEnded() gives.
+    void sendElsewhere(unsigned long request, void* arg) {
+        const int fd = fd_;
+        elsewhere_ = std::async(std::launch::async, [fd, request, arg] {
+            return ::ioctl(fd, request, arg) == -1 ? errno : 0;
+        });
+    }
+    // Whether the request sent elsewhere ended within the limit; its errno in `err`.
+    bool elsewhereEnded(int* err) {
+        if (elsewhere_.wait_for(aovtest::kWaitLimit) != std::future_status::ready) {
+            return false;
+        }
+        *err = elsewhere_.get();
+        return true;
+    }
+
     // A request made on another thread; declared first, so that it is waited
     // for last, after TearDown has answered it.
     std::future<int> elsewhere_;
@@ -318,26 +335,22 @@ TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfI
     ASSERT_FALSE(HasFailure());
     auto event = std::make_unique<aov_event>();
     aov_event_query query = queryInto(event.get());
-    const int fd = fd_;
-    elsewhere_ = std::async(std::launch::async,
-                            [fd, &query] { return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query); });
+    sendElsewhere(AOV_IOC_DEQUEUE_EVENT, &query);
     ASSERT_TRUE(traced("waits for the next event")) << "the empty dequeue did not wait";
     driver_->produceEvent();
-    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+    int err = -1;
+    ASSERT_TRUE(elsewhereEnded(&err))
         << "the waiting dequeue did not return when an event was queued";
-    EXPECT_EQ(elsewhere_.get(), 0);
+    EXPECT_EQ(err, 0);
     EXPECT_EQ(query.header[0], 1u);
 
     // With nothing coming, the wait ends with EAGAIN.
     startWithBlockingDequeue(20);
     ASSERT_FALSE(HasFailure());
-    const int again = fd_;
-    elsewhere_ = std::async(std::launch::async, [again, &query] {
-        return ::ioctl(again, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
-    });
-    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+    sendElsewhere(AOV_IOC_DEQUEUE_EVENT, &query);
+    ASSERT_TRUE(elsewhereEnded(&err))
         << "the waiting dequeue did not give up at the end of its wait";
-    EXPECT_EQ(elsewhere_.get(), EAGAIN);
+    EXPECT_EQ(err, EAGAIN);
 }
 
 // A request a driver bug never answers holds its caller until the server
@@ -346,17 +359,14 @@ TEST_F(KdevServerTest, ARequestABugNeverAnswersIsAnsweredWithEioWhenTheServerEnd
     restart(static_cast<aovsim::DriverBugs>(aovsim::DriverBug::kHangSensorOff));
     ASSERT_FALSE(HasFailure());
     startSession();
-    const int fd = fd_;
-    elsewhere_ = std::async(std::launch::async, [fd] {
-        aov_sensor_list off{};
-        off.count = 1;
-        return ::ioctl(fd, AOV_IOC_SENSOR_OFF, &off) == -1 ? errno : 0;
-    });
+    aov_sensor_list off{};
+    off.count = 1;
+    sendElsewhere(AOV_IOC_SENSOR_OFF, &off);
     ASSERT_TRUE(traced("SENSOR_OFF: never answered")) << "the SENSOR_OFF never reached the server";
     TearDown();
-    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
-        << "the SENSOR_OFF was not answered when the server ended";
-    EXPECT_EQ(elsewhere_.get(), EIO);
+    int err = -1;
+    ASSERT_TRUE(elsewhereEnded(&err)) << "the SENSOR_OFF was not answered when the server ended";
+    EXPECT_EQ(err, EIO);
 }
 
 // A waiting dequeue is tried again when an event wakes the server or its wait
@@ -371,13 +381,11 @@ TEST_F(KdevServerTest, AWaitingDequeueIsTriedAgainOnlyWhenWokenOrAtTheEndOfItsWa
     driver_->produceEvent();
     ASSERT_EQ(::ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, &query), 0) << std::strerror(errno);
     const uint64_t before = driver_->stats().requests;
-    const int fd = fd_;
-    elsewhere_ = std::async(std::launch::async, [fd, &query] {
-        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
-    });
-    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
+    sendElsewhere(AOV_IOC_DEQUEUE_EVENT, &query);
+    int err = -1;
+    ASSERT_TRUE(elsewhereEnded(&err))
         << "the waiting dequeue did not give up at the end of its wait";
-    EXPECT_EQ(elsewhere_.get(), EAGAIN);
+    EXPECT_EQ(err, EAGAIN);
     // Its first try, and the one at the end of its wait.
     EXPECT_EQ(driver_->stats().requests - before, 2u);
 }
@@ -573,14 +581,12 @@ TEST_F(KdevServerTest, AWaitingDequeueEndsWithEintrOnASignalAndWithEioWhenTheSer
         std::lock_guard<std::mutex> guard(traced_.mutex);
         traced_.lines.clear();
     }
-    elsewhere_ = std::async(std::launch::async, [fd, &query] {
-        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &query) == -1 ? errno : 0;
-    });
+    sendElsewhere(AOV_IOC_DEQUEUE_EVENT, &query);
     ASSERT_TRUE(traced("waits for the next event")) << "the second empty dequeue did not wait";
     TearDown();
-    ASSERT_EQ(elsewhere_.wait_for(aovtest::kWaitLimit), std::future_status::ready)
-        << "the waiting dequeue did not return when the server ended";
-    EXPECT_EQ(elsewhere_.get(), EIO);
+    int err = -1;
+    ASSERT_TRUE(elsewhereEnded(&err)) << "the waiting dequeue did not return when the server ended";
+    EXPECT_EQ(err, EIO);
 }
 
 // The copies to and from a caller's memory: all of a range or -EFAULT, the
