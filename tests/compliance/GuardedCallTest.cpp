@@ -8,6 +8,7 @@
 #include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -28,6 +29,18 @@ TEST(GuardedCall, AnswersWithTheCallsResultAndErrno) {
     const CallResult ok = caller.run(5000, []() -> long { return 42; });
     ASSERT_EQ(ok.status, CallResult::Status::kReturned);
     EXPECT_EQ(ok.value, 42);
+    EXPECT_EQ(ok.error, 0);
+    EXPECT_EQ(ok.passed_fd, -1) << "no descriptor asked for, none handed over";
+
+    // A call that succeeds with errno left over from an inner failure: the
+    // errno belongs to failures only.
+    const CallResult zero = caller.run(5000, []() -> long {
+        errno = EAGAIN;
+        return 0;
+    });
+    ASSERT_EQ(zero.status, CallResult::Status::kReturned);
+    EXPECT_EQ(zero.value, 0);
+    EXPECT_EQ(zero.error, 0);
 
     const CallResult failed = caller.run(5000, []() -> long { return ::close(-1); });
     ASSERT_TRUE(failed.failed());
@@ -107,6 +120,27 @@ TEST(GuardedCall, ADescriptorOpenedInTheChildReachesTheParent) {
     ASSERT_EQ(closed.status, CallResult::Status::kReturned);
     EXPECT_EQ(closed.value, 0);
     EXPECT_EQ(::fcntl(r.passed_fd, F_GETFD), -1) << "the parent's copy is closed too";
+    EXPECT_EQ(closed.error, 0);
+}
+
+// Descriptor 0 is a descriptor like any other: a call whose answer is 0 hands
+// it over (the child's standard input replaced by the file it opened).
+TEST(GuardedCall, ADescriptorNumberedZeroInTheChildReachesTheParent) {
+    GuardedCaller caller;
+    const int file = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    ASSERT_GE(file, 0);
+    const CallResult r = caller.run(
+        5000, [file]() -> long { return ::dup2(file, 0); }, true);
+    ASSERT_EQ(r.status, CallResult::Status::kReturned);
+    EXPECT_EQ(r.value, 0);
+    ASSERT_GE(r.passed_fd, 0) << "descriptor 0 was not handed over";
+    struct stat mine {};
+    struct stat passed {};
+    ASSERT_EQ(::fstat(file, &mine), 0);
+    ASSERT_EQ(::fstat(r.passed_fd, &passed), 0);
+    EXPECT_EQ(passed.st_rdev, mine.st_rdev);
+    ::close(r.passed_fd);
+    ::close(file);
 }
 
 // The report's lines, plain and TAP, and what --only leaves out.
