@@ -11,7 +11,10 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <string>
 
@@ -145,6 +148,69 @@ TEST(KdevLauncherTest, StartingAndStoppingLeavesNoDescriptorOpen) {
     }
     EXPECT_EQ(openDescriptors(), before);
     ::unlink(script.c_str());
+}
+
+// Run as a copy placed by the layout test below: prints where the copy finds
+// aov-kdev, before any test runs, and ends.
+const bool kLayoutProbe = [] {
+    if (std::getenv("AOV_KDEV_LAYOUT_PROBE") != nullptr) {
+        std::printf("%s\n", KdevLauncher::defaultProgram().c_str());
+        std::fflush(stdout);
+        ::_exit(0);
+    }
+    return false;
+}();
+
+// What a copy of this program at `bin/` under `root` names as aov-kdev, with
+// AOV_KDEV as given (nullptr: unset).
+std::string foundFrom(const std::string& root, const char* aovKdev) {
+    const std::string copy = root + "/bin/probe";
+    std::string command = "env -u AOV_KDEV AOV_KDEV_LAYOUT_PROBE=1 ";
+    if (aovKdev != nullptr) {
+        command += std::string("AOV_KDEV='") + aovKdev + "' ";
+    }
+    command += "timeout 20 " + copy;
+    FILE* out = ::popen(command.c_str(), "r");
+    if (out == nullptr) {
+        return "popen failed";
+    }
+    char line[4096] = {};
+    const bool got = std::fgets(line, sizeof(line), out) != nullptr;
+    ::pclose(out);
+    std::string text = got ? line : "no answer from the copy";
+    if (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    return text;
+}
+
+void executable(const std::string& path, mode_t mode) {
+    std::ofstream(path) << "#!/bin/sh\n";
+    ASSERT_EQ(::chmod(path.c_str(), mode), 0) << path;
+}
+
+// aov-kdev is looked for beside the program (an installed tree), then in the
+// build tree's sibling directory, then on PATH; AOV_KDEV, when not empty,
+// comes first.
+TEST(KdevLauncherTest, TheDefaultProgramIsFoundBesideTheToolOrInTheBuildTree) {
+    const std::string root = ::testing::TempDir() + "kdev_layout_" + std::to_string(::getpid());
+    std::filesystem::remove_all(root);
+    ASSERT_TRUE(std::filesystem::create_directories(root + "/bin"));
+    ASSERT_TRUE(std::filesystem::create_directories(root + "/aov-kdev"));
+    ASSERT_TRUE(std::filesystem::copy_file("/proc/self/exe", root + "/bin/probe"));
+    ASSERT_EQ(::chmod((root + "/bin/probe").c_str(), 0755), 0);
+
+    EXPECT_EQ(foundFrom(root, nullptr), "aov-kdev") << "nothing beside it: taken from PATH";
+    executable(root + "/aov-kdev/aov-kdev", 0755);
+    EXPECT_EQ(foundFrom(root, nullptr), root + "/bin/../aov-kdev/aov-kdev");
+    executable(root + "/bin/aov-kdev", 0644);
+    EXPECT_EQ(foundFrom(root, nullptr), root + "/bin/../aov-kdev/aov-kdev")
+        << "a file beside it that cannot run is passed over";
+    executable(root + "/bin/aov-kdev", 0755);
+    EXPECT_EQ(foundFrom(root, nullptr), root + "/bin/aov-kdev");
+    EXPECT_EQ(foundFrom(root, "/elsewhere/aov-kdev"), "/elsewhere/aov-kdev");
+    EXPECT_EQ(foundFrom(root, ""), root + "/bin/aov-kdev") << "an empty AOV_KDEV is unset";
+    std::filesystem::remove_all(root);
 }
 
 TEST(KdevLauncherTest, ExitTextNamesTheExitStatusOrTheSignal) {
