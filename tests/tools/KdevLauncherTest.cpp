@@ -57,7 +57,7 @@ TEST(KdevLauncherTest, AServerThatClosesItsPipeAndEndsLaterIsReportedWithItsExit
 // A program that answers with something long other than "ready" is given up
 // on at once, not after the time it has to come up, and is stopped.
 TEST(KdevLauncherTest, ALongAnswerOtherThanReadyIsRefusedWithoutWaitingForTheLimit) {
-    const std::string script = standIn("kdev_talks", "printf '%0100d' 0 >&3\nexec sleep 600");
+    const std::string script = standIn("kdev_talks", "printf '%065d' 0 >&3\nexec sleep 600");
     KdevLauncher launcher;
     std::string problem;
     // A limit far beyond the test's own: only an answer taken at once passes.
@@ -68,6 +68,42 @@ TEST(KdevLauncherTest, ALongAnswerOtherThanReadyIsRefusedWithoutWaitingForTheLim
               0u)
         << problem;
     EXPECT_FALSE(launcher.running());
+    ::unlink(script.c_str());
+}
+
+// Up to 64 bytes of an unfinished first line may still become "ready" (a server
+// that has not written the rest yet): only the time limit ends that wait.
+TEST(KdevLauncherTest, AnUnfinishedLineOf64BytesIsWaitedForUntilTheLimit) {
+    const std::string script = standIn("kdev_pauses", "printf '%064d' 0 >&3\nexec sleep 600");
+    KdevLauncher launcher;
+    std::string problem;
+    EXPECT_FALSE(launcher.start(script, "/tmp/aov-kdev-never", {}, &problem, 200));
+    EXPECT_EQ(problem,
+              "aov-kdev did not come up on /tmp/aov-kdev-never: it did not say ready "
+              "within 200 ms");
+    EXPECT_FALSE(launcher.running()) << "a server that did not come up in time is stopped";
+    ::unlink(script.c_str());
+}
+
+// The server is given the mount point, the ready descriptor and the caller's
+// arguments, in that order; a launcher that goes out of scope stops it.
+TEST(KdevLauncherTest, TheServerGetsItsArgumentsAndEndsWithItsLauncher) {
+    const std::string script =
+        standIn("kdev_args",
+                "[ \"$*\" = '--mount /tmp/aov-kdev-stand-in --ready-fd 3 --fault x' ] || exit 7\n"
+                "echo ready >&3\nexec sleep 30");
+    pid_t server = -1;
+    {
+        KdevLauncher launcher;
+        std::string problem;
+        ASSERT_TRUE(
+            launcher.start(script, "/tmp/aov-kdev-stand-in", {"--fault", "x"}, &problem, 20000))
+            << problem;
+        server = launcher.pid();
+        ASSERT_GT(server, 0);
+    }
+    EXPECT_EQ(::kill(server, 0), -1) << "the server outlived its launcher";
+    EXPECT_EQ(errno, ESRCH);
     ::unlink(script.c_str());
 }
 
