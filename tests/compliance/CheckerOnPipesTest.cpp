@@ -6,12 +6,14 @@
 
 #include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <regex>
 #include <string>
 
 #include "MonitorWait.h"
@@ -270,6 +272,27 @@ TEST_F(CheckerOnPipes, RequestsThatMustSucceedOrBeRefusedAreJudgedByTheirAnswer)
               "requests: DEQUEUE_EVENT with size 208 refused: WARN (expected a negative result "
               "(EAGAIN), got ENOTTY: a note)\n");
     EXPECT_EQ(closeNull(), 0);
+}
+
+// A pipe answers FIONREAD with 0: a success where one is expected passes, and
+// where a refusal is expected it is the check's problem. Verbose, each answer
+// is also noted.
+TEST_F(CheckerOnPipes, ARequestThatSucceedsPassesOrFailsAsTheCheckExpectsAndIsNoted) {
+    report_ = std::make_unique<Report>(out_, Report::Format::kPlain, true, "");
+    ctx_ = std::make_unique<Context>(options_, *report_);
+    ASSERT_TRUE(ctx_->arena().map());
+    pipeNode(false, false);
+    int waiting = -1;
+    EXPECT_TRUE(ctx_->expectSuccess(CheckId::kStart, FIONREAD, &waiting));
+    ctx_->expectRefused(CheckId::kUnknownIo, FIONREAD, &waiting, ENOTTY);
+    const std::string text = takeText();
+    const std::regex expected(
+        "  START -> 0 in [0-9]+ us\n"
+        "requests: START: OK\n"
+        "  unknown code _IO\\('H', 5\\) refused -> 0 in [0-9]+ us\n"
+        "requests: unknown code _IO\\('H', 5\\) refused: FAIL \\(expected a negative result "
+        "\\(ENOTTY\\), got 0\\)\n");
+    EXPECT_TRUE(std::regex_match(text, expected)) << text;
 }
 
 TEST_F(CheckerOnPipes, ANodeThatKnowsNoAovRequestStopsTheRunAtStop) {

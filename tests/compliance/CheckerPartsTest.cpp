@@ -215,6 +215,21 @@ TEST(CheckerVerdicts, AnOpenWhoseProcessCouldNotCloseItsCopyLeavesNoDescriptorBe
     EXPECT_EQ(memory.text().rfind("open: O_RDWR open: FAIL (the call returned ", 0), 0u)
         << memory.text();
     ::close(ends[1]);
+
+    // Descriptor 0 too: run with standard input closed, the node may get it.
+    const int input = ::dup(STDIN_FILENO);
+    ASSERT_GE(input, 0);
+    ASSERT_EQ(::pipe(ends), 0);
+    ASSERT_EQ(::dup2(ends[0], STDIN_FILENO), STDIN_FILENO);
+    r.value = STDIN_FILENO;
+    r.passed_fd = STDIN_FILENO;
+    EXPECT_FALSE(ctx.openAnswered(CheckId::kOpenReadWrite, r));
+    const int flags = ::fcntl(STDIN_FILENO, F_GETFD);
+    ASSERT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);
+    EXPECT_EQ(flags, -1) << "descriptor 0 was left open";
+    ::close(input);
+    ::close(ends[0]);
+    ::close(ends[1]);
 }
 
 TEST(CheckerText, ReadinessBitsAndResultsAreNamed) {
@@ -238,6 +253,8 @@ TEST(CheckerText, ReadinessBitsAndResultsAreNamed) {
     EXPECT_EQ(resultText(r), "-5 EIO");
     r.value = 3;
     EXPECT_EQ(resultText(r), "3");
+    r.value = 0;
+    EXPECT_EQ(resultText(r), "0");
     EXPECT_EQ(msText(1250), "1.2 ms");
     EXPECT_EQ(msText(20000), "20.0 ms");
 }
