@@ -150,6 +150,8 @@ TEST(ExcerptTest, QuotesShortTextEscapedAndCutsLongText) {
     EXPECT_EQ(excerpt("a\"b\\c\n\x1b"), "\"a\\\"b\\\\c\\x0a\\x1b\"");
     EXPECT_EQ(excerpt(std::string(41, 'z')), "\"" + std::string(40, 'z') + "\"... (41 bytes)");
     EXPECT_EQ(excerpt(std::string(40, 'z')), "\"" + std::string(40, 'z') + "\"");
+    // The printable range is space to tilde; DEL and bytes above are escaped.
+    EXPECT_EQ(excerpt(" ~\x1f\x7f\xff"), "\" ~\\x1f\\x7f\\xff\"");
 }
 
 TEST(ExcerptTest, PathsKeepTheirEnd) {
@@ -159,12 +161,18 @@ TEST(ExcerptTest, PathsKeepTheirEnd) {
     EXPECT_EQ(shown.rfind("\"...", 0), 0u) << shown;
     EXPECT_EQ(shown.substr(shown.size() - 15), "/scenario.json\"") << shown;
     EXPECT_EQ(shown.size(), 2 * kExcerptChars + 5) << shown;
+    const std::string atTheLimit(2 * kExcerptChars, 'p');
+    EXPECT_EQ(pathExcerpt(atTheLimit), "\"" + atTheLimit + "\"");
 }
 
 TEST(ExcerptTest, OneLineIsPrintableAndAtMostTheLimit) {
     EXPECT_EQ(oneLine("two\nlines", 100), "two\\x0alines");
     EXPECT_EQ(oneLine(std::string(20, 'a'), 20), std::string(20, 'a'));
     EXPECT_EQ(oneLine(std::string(21, 'a'), 20), std::string(17, 'a') + "...");
+    EXPECT_EQ(oneLine(" ~\x7f", 100), " ~\\x7f");
+    // Below three characters there is no room for the dots.
+    EXPECT_EQ(oneLine("abcdef", 3), "...");
+    EXPECT_EQ(oneLine("abcdef", 2), "ab");
     EXPECT_EQ(oneLine(std::string(1000000, '\x01')).size(), kMessageChars);
 }
 
