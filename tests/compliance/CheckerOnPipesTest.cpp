@@ -111,6 +111,28 @@ TEST_F(CheckerOnPipes, AMonitorWaitReturnsWhatTheWaitFoundWhateverErrnoHeldBefor
     ::close(epfd);
 }
 
+// A file epoll cannot watch is an error, not a quiet node; and the monitor's
+// own epoll descriptor may be descriptor 0 (run with standard input closed).
+TEST_F(CheckerOnPipes, AMonitorOnAFileEpollRefusesFailsAndOneOnDescriptorZeroWorks) {
+    const std::string path = ::testing::TempDir() + "monitor_plain_" + std::to_string(::getpid());
+    const int plain = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(plain, 0);
+    errno = 0;
+    EXPECT_EQ(aovsimtool::pollAsMonitor(plain, 0), -1);
+    EXPECT_EQ(errno, EPERM);
+    ::close(plain);
+    ::unlink(path.c_str());
+
+    ASSERT_EQ(::write(ends_[1], "x", 1), 1);
+    const int input = ::dup(STDIN_FILENO);
+    ASSERT_GE(input, 0);
+    ::close(STDIN_FILENO);
+    const long found = aovsimtool::pollAsMonitor(ends_[0], 0);
+    ASSERT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);
+    ::close(input);
+    EXPECT_EQ(found, EPOLLIN);
+}
+
 TEST_F(CheckerOnPipes, BeforeStartAndAfterStopAnyWakingBitIsReadinessAndIsNamed) {
     pipeNode(false, false);
     notReadableBeforeStartCheck(*ctx_);

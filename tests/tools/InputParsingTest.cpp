@@ -1,6 +1,7 @@
 // The number, excerpt, file and option parsing under aov-sim: boundaries of
 // every range, and what each kind of text is taken as.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -190,6 +191,24 @@ TEST_F(BoundedFileTest, ReadsAFileOfExactlyTheLimitAndRefusesOneByteMore) {
     EXPECT_EQ(text, std::string(100, 'x'));
     EXPECT_FALSE(readRegularFile(path_, 99, &text, &problem));
     EXPECT_EQ(problem, "it is larger than the limit of 99 bytes");
+}
+
+// Run with standard input closed, the file opens as descriptor 0: it is
+// closed after the read like any other.
+TEST_F(BoundedFileTest, AFileOpenedAsDescriptorZeroIsClosedAfterTheRead) {
+    std::ofstream(path_) << "zero";
+    const int input = ::dup(STDIN_FILENO);
+    ASSERT_GE(input, 0);
+    ::close(STDIN_FILENO);
+    std::string text;
+    std::string problem;
+    const bool read = readRegularFile(path_, 100, &text, &problem);
+    const int left = ::fcntl(STDIN_FILENO, F_GETFD);
+    ASSERT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);
+    ::close(input);
+    EXPECT_TRUE(read) << problem;
+    EXPECT_EQ(text, "zero");
+    EXPECT_EQ(left, -1) << "descriptor 0 was left open";
 }
 
 TEST_F(BoundedFileTest, ReadsAnEmptyFile) {
