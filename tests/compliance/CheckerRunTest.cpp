@@ -329,4 +329,36 @@ TEST(ComplianceOptions, AMillisecondCountThatIsNotOneInRangeIsRefusedWithOneLine
     EXPECT_EQ(plus.output.rfind("aov-compliance: error: --only: ", 0), 0u) << plus.output;
 }
 
+// Every other option is checked before anything runs: each case ends in one
+// line and exit 2, or in the help and exit 0. "--only none" stands for a
+// problem found after the option before it was taken.
+TEST(ComplianceOptions, EachOptionIsTakenOrRefusedBeforeAnyCheckRuns) {
+    const std::string unknown = "\" (open, requests, dequeue, readiness, lifecycle)\n";
+    const struct {
+        std::vector<std::string> args;
+        int exit_code;
+        std::string output;
+    } cases[] = {
+        {{"--event-timeout-ms", "0"},
+         2,
+         "aov-compliance: error: --event-timeout-ms: \"0\" is out of range 1..600000\n"},
+        {{"--timeout-ms", "600000", "--event-timeout-ms", "1", "--only", "none"},
+         2,
+         "aov-compliance: error: --only: unknown category \"none" + unknown},
+        {{"-v", "--tap", "--only", std::string(50, 'c')},
+         2,
+         "aov-compliance: error: --only: unknown category \"" + std::string(40, 'c') + unknown},
+        {{"-d", ""}, 2, "aov-compliance: error: -d: the node path is empty\n"},
+    };
+    for (const auto& c : cases) {
+        const ProcessResult run = runProcess(AOV_COMPLIANCE_PATH, c.args);
+        EXPECT_EQ(run.exit_code, c.exit_code) << c.args[0];
+        EXPECT_EQ(run.output, c.output) << c.args[0];
+    }
+    const ProcessResult help = runProcess(AOV_COMPLIANCE_PATH, {"--help", "--only", "none"});
+    EXPECT_EQ(help.exit_code, 0);
+    EXPECT_EQ(help.output.rfind("Checks an AOV driver node", 0), 0u) << help.output;
+    EXPECT_NE(help.output.find("--event-timeout-ms"), std::string::npos) << help.output;
+}
+
 }  // namespace
