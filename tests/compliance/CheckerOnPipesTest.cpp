@@ -327,6 +327,17 @@ TEST_F(CheckerOnPipes, ANodeThatKnowsNoAovRequestStopsTheRunAtStop) {
     EXPECT_EQ(closeNull(), 0);
 }
 
+// A STOP refused with anything but "no such request" is the driver's answer
+// to judge, not a sign that the path is no AOV node.
+TEST_F(CheckerOnPipes, AStopWithoutStartRefusedOtherwiseIsAWarning) {
+    ctx_->setFd(1 << 20);  // open nowhere
+    stopWithoutStartCheck(*ctx_);
+    EXPECT_EQ(takeText(),
+              "lifecycle: STOP without START: WARN (expected 0, got EBADF (the library logs "
+              "\"failed to stop device\"))\n");
+    EXPECT_FALSE(ctx_->stopped()) << ctx_->stopReason();
+}
+
 TEST_F(CheckerOnPipes, ALifecycleOnANodeThatRefusesStartSaysWhatFailedAtEachStep) {
     options_.node = "/dev/null";
     nullNode();
