@@ -924,6 +924,48 @@ TEST(SessionFile, ARecordOverTheLargestPayloadIsRefusedAndNothingOfItWritten) {
     ::unlink(path.c_str());
 }
 
+// Compression needs the whole work area and starts at 1 KiB of payload; a
+// second file on the same writer counts its records from zero.
+TEST(SessionFile, CompressionNeedsTheWholeWorkAreaAndStartsAtOneKibibyte) {
+    if (!aovrec::SessionWriter::zstdAvailable()) {
+        GTEST_SKIP() << "built without zstd";
+    }
+    std::vector<uint8_t> work(aovrec::SessionWriter::workBytes());
+    const std::vector<uint8_t> zeros(1024, 0);
+    std::string path = ::testing::TempDir() + "aovrec_pack_XXXXXX";
+    const int fd = ::mkstemp(path.data());
+    ASSERT_GE(fd, 0);
+    aovrec::SessionWriter writer;
+    aovrec::FileHeader h;
+    h.compression = aovrec::Compression::kZstd;
+    ASSERT_TRUE(writer.begin(fd, h, work.data(), work.size() - 1));
+    EXPECT_EQ(writer.header().compression, aovrec::Compression::kNone);
+    ASSERT_TRUE(writer.write(RecordType::kClose, zeros.data(), zeros.size()));
+    EXPECT_EQ(writer.records(), 1u);
+    ASSERT_EQ(::ftruncate(fd, 0), 0);
+    ASSERT_EQ(::lseek(fd, 0, SEEK_SET), 0);
+    ASSERT_TRUE(writer.begin(fd, h, work.data(), work.size()));
+    EXPECT_EQ(writer.records(), 0u);
+    EXPECT_EQ(writer.header().compression, aovrec::Compression::kZstd);
+    ASSERT_TRUE(writer.write(RecordType::kClose, zeros.data(), 1023));
+    ASSERT_TRUE(writer.write(RecordType::kClose, zeros.data(), 1024));
+    EXPECT_EQ(writer.records(), 2u);
+    ::close(fd);
+    const std::vector<uint8_t> file = readFile(path);
+    ::unlink(path.c_str());
+    ASSERT_GT(file.size(), aovrec::kHeaderSize + aovrec::kFrameHeaderSize + 1023);
+    const aovrec::FrameHeader plain = aovrec::decodeFrameHeader(file.data() + aovrec::kHeaderSize);
+    EXPECT_EQ(plain.flags, 0);
+    EXPECT_EQ(plain.stored_len, 1023u);
+    const size_t second = aovrec::kHeaderSize + aovrec::kFrameHeaderSize + 1023;
+    ASSERT_GE(file.size(), second + aovrec::kFrameHeaderSize);
+    const aovrec::FrameHeader packed = aovrec::decodeFrameHeader(file.data() + second);
+    EXPECT_EQ(packed.flags, aovrec::kFrameZstd);
+    EXPECT_EQ(packed.raw_len, 1024u);
+    EXPECT_LT(packed.stored_len, 1024u);
+    EXPECT_EQ(file.size(), second + aovrec::kFrameHeaderSize + packed.stored_len);
+}
+
 TEST(SessionFile, HeadersThatAreNotOursSayWhy) {
     std::vector<uint8_t> text(64, 'x');
     SessionReader::Next next;
