@@ -314,6 +314,39 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
         << gone.output;
 }
 
+// The server dies at the first dequeue after the session's, the faulting-area
+// check's: the run stops there and its totals count the checks made before it.
+TEST_F(RetraceAgainstKdev, ANodeThatGoesAwayDuringTheDriverChecksStopsThemWithExitThree) {
+    LoadedSession session;
+    ASSERT_EQ(loadSession(recording_, &session), "");
+    int dequeues = 0, stops = 0;
+    for (const aovrec::Record& r : session.records) {
+        if (r.type == aovrec::RecordType::kIoctl) {
+            dequeues += r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
+            stops += r.request == AOV_IOC_STOP && r.call.result >= 0 ? 1 : 0;
+        }
+    }
+    ASSERT_GT(dequeues, 0);
+    ASSERT_GT(stops, 0);
+    kdev_.start({"--scenario", kScript, "--die-at-dequeue", std::to_string(dequeues + 1)});
+    const ProcessResult gone = retrace(recording_, node_);
+    kdev_.stop();
+    EXPECT_EQ(gone.exit_code, 3) << gone.output;
+    EXPECT_NE(gone.output.find("aov-rec: " + node_ + " went away: DEQUEUE_EVENT got E"),
+              std::string::npos)
+        << gone.output;
+    EXPECT_NE(gone.output.find("; the driver checks stop there\n"), std::string::npos)
+        << gone.output;
+    EXPECT_EQ(gone.output.find("records not sent"), std::string::npos) << gone.output;
+    // Before it: a check after each STOP of the session, the open of the
+    // checks, the two requests it must refuse and the session's START again.
+    EXPECT_NE(gone.output.find("retrace: " + recording_ + " against " + node_ +
+                               sentCalls(recording_, recordsIn(recording_)) +
+                               std::to_string(stops + 4) + " driver checks, 0 differences\n"),
+              std::string::npos)
+        << gone.output;
+}
+
 // A plain file given as the node opens, then refuses every request and
 // cannot be waited on: each is a difference, no dequeue is sent, and past
 // ten differences the rest are only counted.
