@@ -416,6 +416,20 @@ TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent
     EXPECT_EQ(missing.output,
               "aov-rec: " + tempPath("missing.rec") + ": No such file or directory\n");
 
+    // Files that are no session, or only the start of one, send nothing either.
+    const std::string text = tempPath("text.rec");
+    const std::string empty = tempPath("empty.rec");
+    std::ofstream(text) << std::string(64, 'x');
+    std::ofstream(empty).close();
+    for (const auto& [file, why] :
+         {std::pair<std::string, std::string>{text, "not a session file (no AOVREC header)"},
+          {empty, "cut off in the header (0 of 32 bytes)"}}) {
+        const ProcessResult r = retrace(file, node_);
+        ::unlink(file.c_str());
+        EXPECT_EQ(r.exit_code, 2) << r.output;
+        EXPECT_EQ(r.output, "aov-rec: " + file + ": " + why + "\n");
+    }
+
     // A file that cannot be read twice is not read once either.
     const ProcessResult device = retrace("/dev/zero", node_);
     EXPECT_EQ(device.exit_code, 2) << device.output;
