@@ -347,6 +347,53 @@ TEST_F(RetraceAgainstKdev, ANodeThatGoesAwayDuringTheDriverChecksStopsThemWithEx
         << gone.output;
 }
 
+// Against the recording's own script a fault's differences are exact: each
+// is reported once and the run goes no further than it allows. The driver
+// checks are counted where the run ends before the queue is emptied (how
+// many dequeues that takes depends on when the events come).
+TEST_F(RetraceAgainstKdev, AgainstTheScriptEachFaultMakesExactlyItsDifferences) {
+    struct Exact {
+        const char* fault;
+        int differences;
+        int checks;  // -1: not pinned
+    };
+    const Exact cases[] = {
+        {"accept-unknown-code", 2, -1},
+        {"wrong-errno", 2, -1},
+        // START refused on the second open: nothing is waited for after it.
+        {"keep-session-on-close", 1, 10},
+        // The second open refused: no check needs it.
+        {"busy-after-started-close", 1, 8},
+        {"flush-busy", 1, -1},
+        {"area-fault-eio", 1, -1},
+        {"pollerr-after-error", 1, -1},
+        {"readable-when-stopped", 1, -1},
+        // Nine requests differ; START never matched, so no check needs it.
+        {"positive-success", 9, 3},
+        {"refuse-rdwr", 1, 0},
+        {"refuse-sensor-id-0", 2, -1},
+        {"stop-needs-ulposc3", 1, -1},
+        // Two dequeues differ in their words and their first area each.
+        {"dequeue-keeps-event", 5, -1},
+    };
+    for (const Exact& c : cases) {
+        kdev_.start({"--scenario", kScript, "--fault", c.fault});
+        const ProcessResult r = retrace(recording_, node_);
+        kdev_.stop();
+        EXPECT_EQ(r.exit_code, 1) << c.fault << "\n" << r.output;
+        const std::string tail = (c.checks >= 0 ? " " + std::to_string(c.checks) : std::string()) +
+                                 " driver checks, " + std::to_string(c.differences) +
+                                 " differences\n";
+        EXPECT_NE(r.output.find(tail), std::string::npos) << c.fault << "\n" << r.output;
+        size_t lines = 0;
+        for (size_t at = r.output.find("difference "); at != std::string::npos;
+             at = r.output.find("difference ", at + 1)) {
+            ++lines;
+        }
+        EXPECT_EQ(lines, static_cast<size_t>(c.differences)) << c.fault << "\n" << r.output;
+    }
+}
+
 // A plain file given as the node opens, then refuses every request and
 // cannot be waited on: each is a difference, no dequeue is sent, and past
 // ten differences the rest are only counted.
