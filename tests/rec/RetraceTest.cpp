@@ -283,10 +283,19 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
         ::close(fd);
     }
     const ProcessResult zero = retrace(atZero, dir_ + "/missing");
-    ::unlink(atZero.c_str());
     EXPECT_EQ(zero.exit_code, 3) << zero.output;
     EXPECT_EQ(zero.output,
               "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
+    // Against a node it is sent whole: the check after STOP, then the open and
+    // the two refused requests of the checks (no START to repeat).
+    startKdev();
+    const ProcessResult zeroSent = retrace(atZero, node_);
+    kdev_.stop();
+    ::unlink(atZero.c_str());
+    EXPECT_EQ(zeroSent.exit_code, 0) << zeroSent.output;
+    EXPECT_EQ(zeroSent.output, "retrace: " + atZero + " against " + node_ +
+                                   ": 3 calls sent (1 requests, 0 dequeues), 4 driver checks, 0 "
+                                   "differences\n");
 
     // The server dies at the second dequeue: that dequeue was sent, nothing after it.
     kdev_.start({"--scenario", kScript, "--die-at-dequeue", "2"});
