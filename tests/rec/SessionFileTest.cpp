@@ -975,6 +975,18 @@ TEST(SessionFile, HeadersThatAreNotOursSayWhy) {
     std::vector<uint8_t> damaged = header();
     damaged[20] ^= 1;
     EXPECT_NE(verdict(damaged, &next).find("checksum"), std::string::npos);
+    // Eight bytes are enough to tell a file is not a session; seven are not.
+    EXPECT_EQ(verdict(std::vector<uint8_t>(8, 'x'), &next),
+              "not a session file (no AOVREC header)");
+    EXPECT_EQ(verdict(std::vector<uint8_t>(7, 'x'), &next),
+              "cut off in the header (7 of 32 bytes)");
+    // The version is a 16-bit number.
+    std::vector<uint8_t> high = header(0x0201);
+    high[9] = 0x02;
+    const uint32_t high_crc = aovrec::crc32(high.data(), 28);
+    std::memcpy(high.data() + 28, &high_crc, 4);
+    EXPECT_EQ(verdict(high, &next),
+              "format version 513 is not supported (this aov-rec reads version 1)");
     const std::vector<uint8_t> whole = header();
     const std::vector<uint8_t> cut(whole.begin(), whole.begin() + 20);
     EXPECT_NE(verdict(cut, &next).find("cut off in the header (20 of 32 bytes)"),
