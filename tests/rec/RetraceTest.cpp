@@ -286,6 +286,28 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
     EXPECT_EQ(zero.exit_code, 3) << zero.output;
     EXPECT_EQ(zero.output,
               "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
+    // A dequeue that failed, with no readiness seen before it, is sent at
+    // once: the recorded session did not wait either (refused before START).
+    const std::string unwaited = tempPath("unwaited.rec");
+    {
+        const int fd = ::open(unwaited.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0) << std::strerror(errno);
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+        const aov_event_query query{};
+        b.open(AOV_DEVICE_NODE, O_RDWR, 3);
+        b.ioctl(3, AOV_IOC_DEQUEUE_EVENT, &query, sizeof(query), -EINVAL);
+        b.close(3, 0);
+        EXPECT_TRUE(b.ok());
+        ::close(fd);
+    }
+    startKdev();
+    const ProcessResult unwaitedSent = retrace(unwaited, node_);
+    kdev_.stop();
+    ::unlink(unwaited.c_str());
+    EXPECT_EQ(unwaitedSent.exit_code, 0) << unwaitedSent.output;
+    EXPECT_EQ(unwaitedSent.output, "retrace: " + unwaited + " against " + node_ +
+                                       ": 3 calls sent (1 requests, 1 dequeues), 3 driver checks, "
+                                       "0 differences\n");
     // Against a node it is sent whole: the check after STOP, then the open and
     // the two refused requests of the checks (no START to repeat).
     startKdev();
