@@ -1007,6 +1007,12 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64(twice.data(), 32, 0), 0x96F5BFCBFE7F0D1Aull);
     EXPECT_EQ(aovrec::xxh64(twice.data(), 63, 0), 0x9C282837B18C4135ull);
     EXPECT_EQ(aovrec::xxh64(twice.data(), 64, 0), 0xC3391970D5FCC409ull);
+    // Tails that end exactly on an 8- or 4-byte step, short and after a stripe.
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 4, 0), 0x265FAA35D7AFEC64ull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 8, 0), 0x93FC083B5A3F012Cull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 12, 0), 0xA45D439F3F93E297ull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 40, 0), 0xD9138FD97A74B6D8ull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 44, 0), 0xB7340EB2A8A201A8ull);
 }
 
 // The header's check is the common CRC-32, so that other tools can verify a
