@@ -283,10 +283,41 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
         ::close(fd);
     }
     const ProcessResult zero = retrace(atZero, dir_ + "/missing");
-    ::unlink(atZero.c_str());
     EXPECT_EQ(zero.exit_code, 3) << zero.output;
     EXPECT_EQ(zero.output,
               "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
+    // A dequeue that failed, with no readiness seen before it, is sent at
+    // once: the recorded session did not wait either (refused before START).
+    const std::string unwaited = tempPath("unwaited.rec");
+    {
+        const int fd = ::open(unwaited.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0) << std::strerror(errno);
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+        const aov_event_query query{};
+        b.open(AOV_DEVICE_NODE, O_RDWR, 3);
+        b.ioctl(3, AOV_IOC_DEQUEUE_EVENT, &query, sizeof(query), -EINVAL);
+        b.close(3, 0);
+        EXPECT_TRUE(b.ok());
+        ::close(fd);
+    }
+    startKdev();
+    const ProcessResult unwaitedSent = retrace(unwaited, node_);
+    kdev_.stop();
+    ::unlink(unwaited.c_str());
+    EXPECT_EQ(unwaitedSent.exit_code, 0) << unwaitedSent.output;
+    EXPECT_EQ(unwaitedSent.output, "retrace: " + unwaited + " against " + node_ +
+                                       ": 3 calls sent (1 requests, 1 dequeues), 3 driver checks, "
+                                       "0 differences\n");
+    // Against a node it is sent whole: the check after STOP, then the open and
+    // the two refused requests of the checks (no START to repeat).
+    startKdev();
+    const ProcessResult zeroSent = retrace(atZero, node_);
+    kdev_.stop();
+    ::unlink(atZero.c_str());
+    EXPECT_EQ(zeroSent.exit_code, 0) << zeroSent.output;
+    EXPECT_EQ(zeroSent.output, "retrace: " + atZero + " against " + node_ +
+                                   ": 3 calls sent (1 requests, 0 dequeues), 4 driver checks, 0 "
+                                   "differences\n");
 
     // The server dies at the second dequeue: that dequeue was sent, nothing after it.
     kdev_.start({"--scenario", kScript, "--die-at-dequeue", "2"});
@@ -314,38 +345,129 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
         << gone.output;
 }
 
+// The server dies at the first dequeue after the session's, the faulting-area
+// check's: the run stops there and its totals count the checks made before it.
+TEST_F(RetraceAgainstKdev, ANodeThatGoesAwayDuringTheDriverChecksStopsThemWithExitThree) {
+    LoadedSession session;
+    ASSERT_EQ(loadSession(recording_, &session), "");
+    int dequeues = 0, stops = 0;
+    for (const aovrec::Record& r : session.records) {
+        if (r.type == aovrec::RecordType::kIoctl) {
+            dequeues += r.request == AOV_IOC_DEQUEUE_EVENT ? 1 : 0;
+            stops += r.request == AOV_IOC_STOP && r.call.result >= 0 ? 1 : 0;
+        }
+    }
+    ASSERT_GT(dequeues, 0);
+    ASSERT_GT(stops, 0);
+    kdev_.start({"--scenario", kScript, "--die-at-dequeue", std::to_string(dequeues + 1)});
+    const ProcessResult gone = retrace(recording_, node_);
+    kdev_.stop();
+    EXPECT_EQ(gone.exit_code, 3) << gone.output;
+    EXPECT_NE(gone.output.find("aov-rec: " + node_ + " went away: DEQUEUE_EVENT got E"),
+              std::string::npos)
+        << gone.output;
+    EXPECT_NE(gone.output.find("; the driver checks stop there\n"), std::string::npos)
+        << gone.output;
+    EXPECT_EQ(gone.output.find("records not sent"), std::string::npos) << gone.output;
+    // Before it: a check after each STOP of the session, the open of the
+    // checks, the two requests it must refuse and the session's START again.
+    EXPECT_NE(gone.output.find("retrace: " + recording_ + " against " + node_ +
+                               sentCalls(recording_, recordsIn(recording_)) +
+                               std::to_string(stops + 4) + " driver checks, 0 differences\n"),
+              std::string::npos)
+        << gone.output;
+}
+
+// Against the recording's own script a fault's differences are exact: each
+// is reported once and the run goes no further than it allows. The driver
+// checks are counted where the run ends before the queue is emptied (how
+// many dequeues that takes depends on when the events come).
+TEST_F(RetraceAgainstKdev, AgainstTheScriptEachFaultMakesExactlyItsDifferences) {
+    struct Exact {
+        const char* fault;
+        int differences;
+        int checks;  // -1: not pinned
+    };
+    const Exact cases[] = {
+        {"accept-unknown-code", 2, -1},
+        {"wrong-errno", 2, -1},
+        // START refused on the second open: nothing is waited for after it.
+        {"keep-session-on-close", 1, 10},
+        // The second open refused: no check needs it.
+        {"busy-after-started-close", 1, 8},
+        {"flush-busy", 1, -1},
+        {"area-fault-eio", 1, -1},
+        {"pollerr-after-error", 1, -1},
+        {"readable-when-stopped", 1, -1},
+        // Nine requests differ; START never matched, so no check needs it.
+        {"positive-success", 9, 3},
+        {"refuse-rdwr", 1, 0},
+        {"refuse-sensor-id-0", 2, -1},
+        {"stop-needs-ulposc3", 1, -1},
+        // Two dequeues differ in their words and their first area each.
+        {"dequeue-keeps-event", 5, -1},
+    };
+    for (const Exact& c : cases) {
+        kdev_.start({"--scenario", kScript, "--fault", c.fault});
+        const ProcessResult r = retrace(recording_, node_);
+        kdev_.stop();
+        EXPECT_EQ(r.exit_code, 1) << c.fault << "\n" << r.output;
+        const std::string tail = (c.checks >= 0 ? " " + std::to_string(c.checks) : std::string()) +
+                                 " driver checks, " + std::to_string(c.differences) +
+                                 " differences\n";
+        EXPECT_NE(r.output.find(tail), std::string::npos) << c.fault << "\n" << r.output;
+        size_t lines = 0;
+        for (size_t at = r.output.find("difference "); at != std::string::npos;
+             at = r.output.find("difference ", at + 1)) {
+            ++lines;
+        }
+        EXPECT_EQ(lines, static_cast<size_t>(c.differences)) << c.fault << "\n" << r.output;
+    }
+}
+
 // A plain file given as the node opens, then refuses every request and
 // cannot be waited on: each is a difference, no dequeue is sent, and past
 // ten differences the rest are only counted.
 TEST_F(RetraceAgainstKdev, APlainFileForTheNodeDiffersAtEachCallAndPastTenTheRestAreCounted) {
-    // Five events: three requests, five waits and two more requests differ.
-    const std::string five = tempPath("five.rec");
-    const ProcessResult recorded =
-        rec({"record", "-o", five, "--content", "none", "--", AOV_SIM_PATH, "--kernel", "fuse",
-             "--events", "5", "--timeout", "10", "--aov-mode", "2"});
-    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
     const std::string plain = tempPath("plain");
     std::ofstream(plain) << "not a node";
-    const ProcessResult r = retrace(five, plain);
-    ::unlink(five.c_str());
-    ::unlink(plain.c_str());
-    EXPECT_EQ(r.exit_code, 1) << r.output;
-    size_t shown = 0;
-    for (size_t at = r.output.find("difference at record "); at != std::string::npos;
-         at = r.output.find("difference at record ", at + 1)) {
-        ++shown;
+    // Three requests, a wait for each event and three more requests differ:
+    // ten with four events, all shown; eleven with five, one only counted.
+    for (const int events : {4, 5}) {
+        const std::string recording = tempPath("plain-events.rec");
+        const ProcessResult recorded =
+            rec({"record", "-o", recording, "--content", "none", "--", AOV_SIM_PATH, "--kernel",
+                 "fuse", "--events", std::to_string(events), "--timeout", "10", "--aov-mode", "2"});
+        ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+        const ProcessResult r = retrace(recording, plain);
+        ::unlink(recording.c_str());
+        EXPECT_EQ(r.exit_code, 1) << r.output;
+        size_t shown = 0;
+        for (size_t at = r.output.find("difference at record "); at != std::string::npos;
+             at = r.output.find("difference at record ", at + 1)) {
+            ++shown;
+        }
+        EXPECT_EQ(shown, 10u) << r.output;
+        EXPECT_NE(r.output.find("(result): START: result -1 (Inappropriate ioctl for device), "
+                                "recorded 0\n"),
+                  std::string::npos)
+            << r.output;
+        EXPECT_NE(r.output.find("(readiness): poll: failed: -1 (Operation not permitted)\n"),
+                  std::string::npos)
+            << r.output;
+        if (events == 4) {
+            EXPECT_EQ(r.output.find("more differences"), std::string::npos) << r.output;
+        } else {
+            EXPECT_NE(r.output.find("\n... and 1 more differences\n"), std::string::npos)
+                << r.output;
+        }
+        // The checks after the session: the open and the two refused requests.
+        EXPECT_NE(r.output.find(" requests, 0 dequeues), 3 driver checks, " +
+                                std::to_string(6 + events) + " differences\n"),
+                  std::string::npos)
+            << r.output;
     }
-    EXPECT_EQ(shown, 10u) << r.output;
-    EXPECT_NE(r.output.find("(result): START: result -1 (Inappropriate ioctl for device), "
-                            "recorded 0\n"),
-              std::string::npos)
-        << r.output;
-    EXPECT_NE(r.output.find("(readiness): poll: failed: -1 (Operation not permitted)\n"),
-              std::string::npos)
-        << r.output;
-    EXPECT_NE(r.output.find("\n... and 1 more differences\n"), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find(" requests, 0 dequeues), "), std::string::npos) << r.output;
-    EXPECT_NE(r.output.find(" driver checks, 11 differences\n"), std::string::npos) << r.output;
+    ::unlink(plain.c_str());
 }
 
 TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent) {
@@ -371,6 +493,20 @@ TEST_F(RetraceAgainstKdev, ADamagedOrUnreadableFileIsRefusedBeforeAnythingIsSent
     EXPECT_EQ(missing.exit_code, 2) << missing.output;
     EXPECT_EQ(missing.output,
               "aov-rec: " + tempPath("missing.rec") + ": No such file or directory\n");
+
+    // Files that are no session, or only the start of one, send nothing either.
+    const std::string text = tempPath("text.rec");
+    const std::string empty = tempPath("empty.rec");
+    std::ofstream(text) << std::string(64, 'x');
+    std::ofstream(empty).close();
+    for (const auto& [file, why] :
+         {std::pair<std::string, std::string>{text, "not a session file (no AOVREC header)"},
+          {empty, "cut off in the header (0 of 32 bytes)"}}) {
+        const ProcessResult r = retrace(file, node_);
+        ::unlink(file.c_str());
+        EXPECT_EQ(r.exit_code, 2) << r.output;
+        EXPECT_EQ(r.output, "aov-rec: " + file + ": " + why + "\n");
+    }
 
     // A file that cannot be read twice is not read once either.
     const ProcessResult device = retrace("/dev/zero", node_);

@@ -651,6 +651,51 @@ std::vector<uint8_t> ioctlPayload(uint8_t area_count, uint8_t section, uint32_t 
     return p;
 }
 
+// Record payloads field by field, little-endian, for records at and past the
+// reader's limits.
+struct Payload {
+    std::vector<uint8_t> bytes = std::vector<uint8_t>(aovrec::kCallInfoSize, 0);
+    Payload& le(uint64_t v, int n) {
+        for (int i = 0; i < n; ++i) {
+            bytes.push_back(static_cast<uint8_t>(v >> (8 * i)));
+        }
+        return *this;
+    }
+    Payload& fill(size_t n, uint8_t v) {
+        bytes.insert(bytes.end(), n, v);
+        return *this;
+    }
+    std::vector<uint8_t> framed(uint16_t type) const {
+        return frame(type, bytes, static_cast<uint32_t>(bytes.size()));
+    }
+};
+
+std::vector<uint8_t> openRecord(size_t path_len) {
+    return Payload().le(2, 4).le(0, 4).le(path_len, 2).fill(path_len, 'p').framed(1);
+}
+
+// An ioctl record with `sent` and `back` argument bytes and no areas.
+std::vector<uint8_t> ioctlRecord(size_t sent, size_t back, uint8_t flags = 0) {
+    return Payload()
+        .le(0xC0DE, 4)
+        .le(flags, 1)
+        .le(0, 1)
+        .le(sent, 2)
+        .le(back, 2)
+        .fill(sent, 1)
+        .fill(back, 2)
+        .framed(3);
+}
+
+std::vector<uint8_t> waitRecord(uint16_t type, uint8_t kind, uint8_t pad, size_t count) {
+    Payload p;
+    p.le(kind, 1).le(pad, 1).le(count, 2).le(static_cast<uint32_t>(-1), 4);
+    for (size_t i = 0; i < count; ++i) {
+        p.le(100 + i, 4).le(1, 4).le(i, 4);
+    }
+    return p.framed(type);
+}
+
 TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
     struct Case {
         const char* name;
@@ -690,6 +735,27 @@ TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
         {"an area head's third pad byte set", padded[2], "malformed ioctl record"},
         {"a poll record's type changed to epoll_wait (their payloads look alike)", retyped,
          "checksum mismatch"},
+        {"a payload one byte over the limit", frame(2, {}, aovrec::kMaxPayload + 1),
+         "payload of 4194305 bytes over the limit of 4194304"},
+        {"a payload at the limit, stored short", frame(2, {}, aovrec::kMaxPayload),
+         "inconsistent frame header"},
+        {"record type 0", frame(0, {}, 0), "unknown record type 0"},
+        {"record type 7", frame(7, {}, 0), "unknown record type 7"},
+        {"a path one byte over the limit", openRecord(aovrec::kMaxPath + 1),
+         "malformed open record"},
+        {"a sent argument one byte over the limit", ioctlRecord(aovrec::kMaxArgBytes + 1, 0),
+         "malformed ioctl record"},
+        {"a returned argument one byte over the limit", ioctlRecord(0, aovrec::kMaxArgBytes + 1),
+         "malformed ioctl record"},
+        {"an unknown argument flag", ioctlRecord(0, 0, 16), "malformed ioctl record"},
+        {"an area of section 0", frame(3, ioctlPayload(1, 0, 0), 50), "malformed ioctl record"},
+        {"a wait of an unknown kind", waitRecord(4, aovrec::kLastWaitKind + 1, 0, 0),
+         "malformed poll record"},
+        {"a wait whose pad byte is set", waitRecord(6, 0, 1, 0), "malformed epoll_wait record"},
+        {"a wait of 65 entries", waitRecord(4, 0, 0, aovrec::kMaxWaitEntries + 1),
+         "malformed poll record"},
+        {"an epoll_ctl record with a byte left over", Payload().fill(21, 0).framed(5),
+         "malformed epoll_ctl record"},
     };
     for (const Case& c : cases) {
         std::vector<uint8_t> file = header();
@@ -699,6 +765,99 @@ TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
         EXPECT_EQ(next, SessionReader::Next::kBad) << c.name;
         EXPECT_NE(why.find(c.reason), std::string::npos) << c.name << ": " << why;
         EXPECT_EQ(why.find('\n'), std::string::npos) << c.name;
+    }
+}
+
+// Every field at its largest allowed value reads back whole, each record where
+// its frame starts.
+TEST(SessionFile, RecordsAtEveryLimitAreReadWhole) {
+    std::vector<uint8_t> file = header();
+    std::vector<uint64_t> starts;
+    Payload areas;
+    areas.le(0xC0DE, 4).le(aovrec::kArgFlagsKnown, 1).le(aovrec::kSections, 1).le(0, 2).le(0, 2);
+    for (size_t s = 1; s <= aovrec::kSections; ++s) {
+        const uint32_t size = aov_event_sections[s - 1].data_size;
+        areas.le(s, 1).le(0, 3).le(size, 4).fill(size, static_cast<uint8_t>(s));
+    }
+    const std::vector<std::vector<uint8_t>> records = {
+        openRecord(aovrec::kMaxPath),
+        ioctlRecord(aovrec::kMaxArgBytes, aovrec::kMaxArgBytes),
+        areas.framed(3),
+        waitRecord(4, aovrec::kLastWaitKind, 0, aovrec::kMaxWaitEntries),
+        waitRecord(aovrec::kLastRecordType, 2, 0, 1),
+    };
+    for (const auto& r : records) {
+        starts.push_back(file.size());
+        file.insert(file.end(), r.begin(), r.end());
+    }
+    aovrec::MemorySource source(file.data(), file.size());
+    SessionReader reader(source);
+    ASSERT_TRUE(reader.start()) << reader.error();
+    // Argument and area bytes are views valid until the next record: each
+    // record's last byte of each is taken as it is read.
+    std::vector<Record> got(records.size());
+    std::vector<std::vector<uint8_t>> last(records.size());
+    for (size_t i = 0; i < got.size(); ++i) {
+        ASSERT_EQ(reader.next(&got[i]), SessionReader::Next::kRecord)
+            << i << ": " << reader.error();
+        EXPECT_EQ(got[i].index, i);
+        EXPECT_EQ(got[i].offset, starts[i]);
+        if (got[i].sent_len > 0 && got[i].back_len > 0) {
+            last[i] = {got[i].sent[got[i].sent_len - 1], got[i].back[got[i].back_len - 1]};
+        }
+        for (size_t a = 0; a < got[i].area_count; ++a) {
+            last[i].push_back(got[i].areas[a].data[got[i].areas[a].length - 1]);
+        }
+    }
+    Record end;
+    EXPECT_EQ(reader.next(&end), SessionReader::Next::kEnd) << reader.error();
+    EXPECT_EQ(got[0].open_flags, 2u);
+    EXPECT_EQ(got[0].path, std::string(aovrec::kMaxPath, 'p'));
+    EXPECT_EQ(got[1].request, 0xC0DEu);
+    ASSERT_EQ(got[1].sent_len, aovrec::kMaxArgBytes);
+    ASSERT_EQ(got[1].back_len, aovrec::kMaxArgBytes);
+    EXPECT_EQ(last[1], (std::vector<uint8_t>{1, 2}));
+    EXPECT_EQ(got[2].arg_flags, aovrec::kArgFlagsKnown);
+    ASSERT_EQ(got[2].area_count, aovrec::kSections);
+    for (size_t s = 0; s < aovrec::kSections; ++s) {
+        EXPECT_EQ(got[2].areas[s].section, s + 1);
+        EXPECT_EQ(got[2].areas[s].length, aov_event_sections[s].data_size);
+    }
+    EXPECT_EQ(last[2], (std::vector<uint8_t>{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
+    EXPECT_EQ(got[3].type, RecordType::kPoll);
+    EXPECT_EQ(got[3].wait_kind, aovrec::WaitKind::kEpollPwait2);
+    EXPECT_EQ(got[3].timeout_ms, -1);
+    ASSERT_EQ(got[3].entry_count, aovrec::kMaxWaitEntries);
+    EXPECT_EQ(got[3].entries[63].fd, 163);
+    EXPECT_EQ(got[3].entries[63].revents, 63u);
+    EXPECT_EQ(got[4].type, RecordType::kEpollWait);
+    EXPECT_EQ(got[4].entry_count, 1u);
+}
+
+// Header fields past their ranges, one at a time; the largest allowed values
+// are read as they were written.
+TEST(SessionFile, HeaderFieldsOutOfRangeAreRefusedAndTheLargestAreRead) {
+    aovrec::FileHeader h;
+    h.content = ContentMode::kAll;
+    h.compression = aovrec::Compression::kZstd;
+    h.start_ns = 0x0102030405060708ull;
+    h.pid = 0xA1B2C3D4u;
+    uint8_t good[aovrec::kHeaderSize];
+    aovrec::encodeHeader(h, good);
+    aovrec::FileHeader back;
+    ASSERT_EQ(aovrec::decodeHeader(good, &back), aovrec::HeaderCheck::kOk);
+    EXPECT_EQ(back.version, aovrec::kVersion);
+    EXPECT_EQ(back.content, ContentMode::kAll);
+    EXPECT_EQ(back.compression, aovrec::Compression::kZstd);
+    EXPECT_EQ(back.start_ns, h.start_ns);
+    EXPECT_EQ(back.pid, h.pid);
+    for (const size_t at : {10, 11, 12, 13, 14, 15}) {
+        std::vector<uint8_t> bad(good, good + sizeof(good));
+        bad[at] = static_cast<uint8_t>(bad[at] + 1);
+        const uint32_t crc = aovrec::crc32(bad.data(), 28);
+        std::memcpy(bad.data() + 28, &crc, 4);
+        SessionReader::Next next;
+        EXPECT_EQ(verdict(bad, &next), "the header has a field out of range") << "byte " << at;
     }
 }
 
@@ -731,6 +890,17 @@ TEST(SessionFile, AZstdFrameThatClaimsMoreThanTheRecordSaysIsRefused) {
     const std::string why = verdict(lying, &next);
     EXPECT_EQ(next, SessionReader::Next::kBad);
     EXPECT_NE(why.find("does not decode to 61440 bytes"), std::string::npos) << why;
+
+    // The same frame in a file whose header says nothing is compressed.
+    aovrec::FileHeader plain;
+    plain.compression = aovrec::Compression::kNone;
+    uint8_t head[aovrec::kHeaderSize];
+    aovrec::encodeHeader(plain, head);
+    std::vector<uint8_t> mislabelled(head, head + sizeof(head));
+    const std::vector<uint8_t> honest = frame(2, stored, 64 * 1024, aovrec::kFrameZstd);
+    mislabelled.insert(mislabelled.end(), honest.begin(), honest.end());
+    EXPECT_EQ(verdict(mislabelled, &next),
+              "record 0 at byte 32: compressed in a file that says it is not");
 }
 
 // A record of the largest payload a frame holds is written; one byte more is
@@ -754,6 +924,48 @@ TEST(SessionFile, ARecordOverTheLargestPayloadIsRefusedAndNothingOfItWritten) {
     ::unlink(path.c_str());
 }
 
+// Compression needs the whole work area and starts at 1 KiB of payload; a
+// second file on the same writer counts its records from zero.
+TEST(SessionFile, CompressionNeedsTheWholeWorkAreaAndStartsAtOneKibibyte) {
+    if (!aovrec::SessionWriter::zstdAvailable()) {
+        GTEST_SKIP() << "built without zstd";
+    }
+    std::vector<uint8_t> work(aovrec::SessionWriter::workBytes());
+    const std::vector<uint8_t> zeros(1024, 0);
+    std::string path = ::testing::TempDir() + "aovrec_pack_XXXXXX";
+    const int fd = ::mkstemp(path.data());
+    ASSERT_GE(fd, 0);
+    aovrec::SessionWriter writer;
+    aovrec::FileHeader h;
+    h.compression = aovrec::Compression::kZstd;
+    ASSERT_TRUE(writer.begin(fd, h, work.data(), work.size() - 1));
+    EXPECT_EQ(writer.header().compression, aovrec::Compression::kNone);
+    ASSERT_TRUE(writer.write(RecordType::kClose, zeros.data(), zeros.size()));
+    EXPECT_EQ(writer.records(), 1u);
+    ASSERT_EQ(::ftruncate(fd, 0), 0);
+    ASSERT_EQ(::lseek(fd, 0, SEEK_SET), 0);
+    ASSERT_TRUE(writer.begin(fd, h, work.data(), work.size()));
+    EXPECT_EQ(writer.records(), 0u);
+    EXPECT_EQ(writer.header().compression, aovrec::Compression::kZstd);
+    ASSERT_TRUE(writer.write(RecordType::kClose, zeros.data(), 1023));
+    ASSERT_TRUE(writer.write(RecordType::kClose, zeros.data(), 1024));
+    EXPECT_EQ(writer.records(), 2u);
+    ::close(fd);
+    const std::vector<uint8_t> file = readFile(path);
+    ::unlink(path.c_str());
+    ASSERT_GT(file.size(), aovrec::kHeaderSize + aovrec::kFrameHeaderSize + 1023);
+    const aovrec::FrameHeader plain = aovrec::decodeFrameHeader(file.data() + aovrec::kHeaderSize);
+    EXPECT_EQ(plain.flags, 0);
+    EXPECT_EQ(plain.stored_len, 1023u);
+    const size_t second = aovrec::kHeaderSize + aovrec::kFrameHeaderSize + 1023;
+    ASSERT_GE(file.size(), second + aovrec::kFrameHeaderSize);
+    const aovrec::FrameHeader packed = aovrec::decodeFrameHeader(file.data() + second);
+    EXPECT_EQ(packed.flags, aovrec::kFrameZstd);
+    EXPECT_EQ(packed.raw_len, 1024u);
+    EXPECT_LT(packed.stored_len, 1024u);
+    EXPECT_EQ(file.size(), second + aovrec::kFrameHeaderSize + packed.stored_len);
+}
+
 TEST(SessionFile, HeadersThatAreNotOursSayWhy) {
     std::vector<uint8_t> text(64, 'x');
     SessionReader::Next next;
@@ -763,6 +975,18 @@ TEST(SessionFile, HeadersThatAreNotOursSayWhy) {
     std::vector<uint8_t> damaged = header();
     damaged[20] ^= 1;
     EXPECT_NE(verdict(damaged, &next).find("checksum"), std::string::npos);
+    // Eight bytes are enough to tell a file is not a session; seven are not.
+    EXPECT_EQ(verdict(std::vector<uint8_t>(8, 'x'), &next),
+              "not a session file (no AOVREC header)");
+    EXPECT_EQ(verdict(std::vector<uint8_t>(7, 'x'), &next),
+              "cut off in the header (7 of 32 bytes)");
+    // The version is a 16-bit number.
+    std::vector<uint8_t> high = header(0x0201);
+    high[9] = 0x02;
+    const uint32_t high_crc = aovrec::crc32(high.data(), 28);
+    std::memcpy(high.data() + 28, &high_crc, 4);
+    EXPECT_EQ(verdict(high, &next),
+              "format version 513 is not supported (this aov-rec reads version 1)");
     const std::vector<uint8_t> whole = header();
     const std::vector<uint8_t> cut(whole.begin(), whole.begin() + 20);
     EXPECT_NE(verdict(cut, &next).find("cut off in the header (20 of 32 bytes)"),
@@ -783,6 +1007,12 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64(twice.data(), 32, 0), 0x96F5BFCBFE7F0D1Aull);
     EXPECT_EQ(aovrec::xxh64(twice.data(), 63, 0), 0x9C282837B18C4135ull);
     EXPECT_EQ(aovrec::xxh64(twice.data(), 64, 0), 0xC3391970D5FCC409ull);
+    // Tails that end exactly on an 8- or 4-byte step, short and after a stripe.
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 4, 0), 0x265FAA35D7AFEC64ull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 8, 0), 0x93FC083B5A3F012Cull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 12, 0), 0xA45D439F3F93E297ull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 40, 0), 0xD9138FD97A74B6D8ull);
+    EXPECT_EQ(aovrec::xxh64(twice.data(), 44, 0), 0xB7340EB2A8A201A8ull);
 }
 
 // The header's check is the common CRC-32, so that other tools can verify a
