@@ -225,6 +225,8 @@ TEST(AovSimNodeErrors, APathThatIsNoNodeEndsInExitTwoWithOneLineNamingWhatIsMiss
              "\" is a plain file, not a driver's node (a character device, or a file a FUSE "
              "driver serves)"},
         {{"--node", dir}, "--node: \"" + dir + "\" is a directory, not a node"},
+        // Any other failure to look at the path is said with the system's reason.
+        {{"--node", file + "/node"}, "--node: \"" + file + "/node\": " + std::strerror(ENOTDIR)},
         {{"--node", fifo},
          "--node: \"" + fifo + "\" is a fifo, not a character device or a driver's file"},
         {{"--node", block},

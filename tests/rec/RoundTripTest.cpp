@@ -12,6 +12,7 @@
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -426,6 +427,20 @@ TEST_P(EditedRecording, RetraceFindsEveryChangeAndReplayTheRequestLeftOver) {
     ASSERT_EQ(rewrite(session_, plain, Edits{}), "");
     ASSERT_EQ(rewrite(session_, edited, Edits{true, true, false}), "");
     ASSERT_EQ(rewrite(session_, leftOver, Edits{false, false, true}), "");
+    // The plain copy keeps each call's result and errno as recorded.
+    const auto outcomes = [](const std::string& path) {
+        LoadedSession loaded;
+        EXPECT_EQ(loadSession(path, &loaded), "") << path;
+        std::vector<std::pair<int32_t, int32_t>> out;
+        for (const aovrec::Record& r : loaded.records) {
+            if (r.type == RecordType::kOpen || r.type == RecordType::kClose ||
+                r.type == RecordType::kIoctl) {
+                out.emplace_back(r.call.result, r.call.err);
+            }
+        }
+        return out;
+    };
+    EXPECT_EQ(outcomes(plain), outcomes(session_));
 
     // Without its readiness records, each dequeue that got an event still
     // waits for the node to be ready.
