@@ -167,6 +167,15 @@ int badPointers(const char* node) {
     show("open node", fd >= 0 ? 0 : -1);
     void* hole = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     show("poll bad fds", ::poll(static_cast<pollfd*>(hole), 1, 0));
+    // 128 entries, the node first: the first 64 readable, the rest in the hole.
+    auto* pages = static_cast<char*>(
+        ::mmap(nullptr, 8192, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ::mprotect(pages + 4096, 4096, PROT_NONE);
+    auto* half = reinterpret_cast<pollfd*>(pages + 4096) - 64;
+    for (int i = 0; i < 64; ++i) {
+        half[i] = pollfd{i == 0 ? fd : -1, POLLIN, 0};
+    }
+    show("poll half-readable fds", ::poll(half, 128, 0));
     const timespec zero_ts{0, 0};
     show("ppoll bad fds", ::ppoll(static_cast<pollfd*>(hole), 1, &zero_ts, nullptr));
     const int ep = ::epoll_create1(0);
