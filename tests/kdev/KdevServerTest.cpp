@@ -600,13 +600,16 @@ TEST(ProcessMemoryTest, CopiesAWholeRangeOrFaultsAtTheFirstUnmappedByte) {
     uint8_t* const edge = mapped + page - 8;  // the last 8 mapped bytes
     const pid_t self = ::getpid();
     aovkdev::ProcessMemory memory(self);
-    const auto fill = [](uint8_t* bytes) {
-        for (uint8_t i = 0; i < 16; ++i) {
-            bytes[i] = static_cast<uint8_t>(0xA0 + i);
-        }
+    // A producer fills exactly the bytes asked for.
+    const auto fill = [](size_t size) {
+        return [size](uint8_t* bytes) {
+            for (size_t i = 0; i < size; ++i) {
+                bytes[i] = static_cast<uint8_t>(0xA0 + i);
+            }
+        };
     };
 
-    EXPECT_EQ(memory.write(edge, 8, fill), 0);
+    EXPECT_EQ(memory.write(edge, 8, fill(8)), 0);
     uint8_t read[16] = {};
     EXPECT_EQ(aovkdev::readProcessMemory(self, edge, read, 8), 0);
     for (uint8_t i = 0; i < 8; ++i) {
@@ -614,12 +617,12 @@ TEST(ProcessMemoryTest, CopiesAWholeRangeOrFaultsAtTheFirstUnmappedByte) {
     }
 
     std::memset(edge, 0, 8);
-    EXPECT_EQ(memory.write(edge, 16, fill), -EFAULT);
+    EXPECT_EQ(memory.write(edge, 16, fill(16)), -EFAULT);
     EXPECT_EQ(edge[0], 0xA0) << "the mapped part is written before the fault";
     EXPECT_EQ(edge[7], 0xA7);
     EXPECT_EQ(aovkdev::readProcessMemory(self, edge, read, 16), -EFAULT);
     EXPECT_EQ(aovkdev::readProcessMemory(self, nullptr, read, 1), -EFAULT);
-    EXPECT_EQ(memory.write(nullptr, 1, fill), -EFAULT);
+    EXPECT_EQ(memory.write(nullptr, 1, fill(1)), -EFAULT);
     ::munmap(mapped, page);
 }
 
