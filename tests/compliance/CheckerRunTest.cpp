@@ -164,13 +164,12 @@ TEST_F(KdevNode, ANodeReadableWithNothingPendingSkipsTheChecksThatNeedReadiness)
 // The DEQUEUE_EVENTs aov-kdev's driver track recorded ("request CODE ...").
 int dequeuesInTrack(const std::string& path) {
     std::ifstream track(path);
-    std::string word;
     unsigned long code = 0;
     int dequeues = 0;
     std::string line;
     while (std::getline(track, line)) {
-        std::istringstream fields(line);
-        if (fields >> word >> code && word == "request" && code == AOV_IOC_DEQUEUE_EVENT) {
+        if (std::sscanf(line.c_str(), " request %lu", &code) == 1 &&
+            code == AOV_IOC_DEQUEUE_EVENT) {
             ++dequeues;
         }
     }
