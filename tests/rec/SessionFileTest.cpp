@@ -384,6 +384,27 @@ TEST(SessionFile, AFailedWaitReportsNothingReady) {
 // A failed request keeps the record it sent and nothing of an answer, and a
 // request that succeeds leaves no errno in its record, whatever errno held
 // before it.
+// A process whose standard input is closed gets its session file as
+// descriptor 0: the next recording closes it as it closes any other.
+TEST(SessionFile, ASessionFileOpenedAsDescriptorZeroIsClosedWhenTheRecordingEnds) {
+    const int saved = ::fcntl(0, F_DUPFD_CLOEXEC, 3);
+    ASSERT_GE(saved, 0) << std::strerror(errno);
+    bool closed = false;
+    {
+        Recording rec(ContentMode::kNone);
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        ::close(0);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+        EXPECT_EQ(::fcntl(0, F_GETFD), FD_CLOEXEC) << "the session file is not descriptor 0";
+        rec.closeNode(fd);
+        EXPECT_EQ(rec.read().size(), 2u);
+    }
+    closed = ::fcntl(0, F_GETFD) == -1 && errno == EBADF;
+    ::dup2(saved, 0);
+    ::close(saved);
+    EXPECT_TRUE(closed) << "the ended recording's file was left open as descriptor 0";
+}
+
 TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
     Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
