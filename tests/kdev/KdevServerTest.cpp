@@ -627,3 +627,34 @@ TEST(ProcessMemoryTest, CopiesAWholeRangeOrFaultsAtTheFirstUnmappedByte) {
 }
 
 }  // namespace
+
+// A server started with standard input closed gets descriptor 0 for its own
+// use; ending it closes that one too, and leaves no other open.
+TEST(KdevServerDescriptors, AServerStartedWithDescriptorZeroFreeClosesItWhenItEnds) {
+    const auto openCount = [] {
+        int n = 0;
+        if (DIR* dir = ::opendir("/proc/self/fd")) {
+            while (::readdir(dir) != nullptr) {
+                ++n;
+            }
+            ::closedir(dir);
+        }
+        return n;
+    };
+    auto trace = std::make_shared<aovsim::Trace>();
+    aovsim::DriverConfig config;
+    config.timer = false;
+    auto driver =
+        std::make_shared<aovsim::SimDriver>(AOV_DEVICE_NODE, config, aovsim::FaultConfig(), trace);
+    const int input = ::dup(STDIN_FILENO);
+    ASSERT_GE(input, 0);
+    ::close(STDIN_FILENO);
+    const int before = openCount();
+    { aovkdev::KdevServer server(driver, trace, "test", aovkdev::ServerFaults()); }
+    const int zeroFlags = ::fcntl(STDIN_FILENO, F_GETFD);
+    const int after = openCount();
+    ASSERT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);
+    ::close(input);
+    EXPECT_EQ(zeroFlags, -1) << "descriptor 0 was left open";
+    EXPECT_EQ(after, before) << "descriptors left open by the ended server";
+}
