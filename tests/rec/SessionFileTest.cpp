@@ -1184,6 +1184,11 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64(twice.data(), 12, 0), 0xA45D439F3F93E297ull);
     EXPECT_EQ(aovrec::xxh64(twice.data(), 40, 0), 0xD9138FD97A74B6D8ull);
     EXPECT_EQ(aovrec::xxh64(twice.data(), 44, 0), 0xB7340EB2A8A201A8ull);
+    // A frame's check: the payload's XXH64 seeded with the XXH64 (seed 0) of
+    // the frame header's first 12 bytes, cut to 32 bits.
+    const uint8_t head[aovrec::kFrameHeaderSize] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
+    EXPECT_EQ(aovrec::frameCheck(head, text, 5),
+              static_cast<uint32_t>(aovrec::xxh64(text, 5, aovrec::xxh64(head, 12, 0))));
 }
 
 // The header's check is the common CRC-32, so that other tools can verify a
@@ -1222,6 +1227,20 @@ TEST(SessionFile, ByteWritersAndReadersStopAtTheirBounds) {
     EXPECT_EQ(in.left(), 0u);
     EXPECT_EQ(in.u8(), 0u);
     EXPECT_EQ(in.bytes(0), nullptr);
+}
+
+TEST(SessionFile, ContentModesGoByTheirNamesAndNothingElse) {
+    for (const ContentMode mode : {ContentMode::kNone, ContentMode::kWritten, ContentMode::kAll}) {
+        ContentMode parsed = mode == ContentMode::kAll ? ContentMode::kNone : ContentMode::kAll;
+        EXPECT_TRUE(aovrec::parseContentMode(aovrec::contentModeName(mode), &parsed));
+        EXPECT_EQ(parsed, mode) << aovrec::contentModeName(mode);
+    }
+    EXPECT_STREQ(aovrec::contentModeName(ContentMode::kWritten), "written");
+    ContentMode untouched = ContentMode::kWritten;
+    for (const char* text : {static_cast<const char*>(nullptr), "", "All", "written "}) {
+        EXPECT_FALSE(aovrec::parseContentMode(text, &untouched)) << (text ? text : "null");
+    }
+    EXPECT_EQ(untouched, ContentMode::kWritten);
 }
 
 TEST(SessionFile, TheWrittenAreaRuleCapsAtTheAreaAndSkipsUnwrittenSections) {
