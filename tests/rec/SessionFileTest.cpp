@@ -1168,6 +1168,8 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64("", 0, 0), 0xEF46DB3751D8E999ull);
     EXPECT_EQ(aovrec::xxh64("a", 1, 0), 0xD24EC4F1A98C6E5Bull);
     EXPECT_EQ(aovrec::xxh64("abc", 3, 0), 0x44BC2CF5AD770999ull);
+    // The digest the tools print is the same, seed 0.
+    EXPECT_EQ(aovrec::digest("abc", 3), 0x44BC2CF5AD770999ull);
     const char text[] = "Nobody inspects the spammish repetition";
     EXPECT_EQ(aovrec::xxh64(text, sizeof(text) - 1, 0), 0xFBCEA83C8A378BF1ull);
     // Each side of a 32-byte stripe (values from an independent implementation
