@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <linux/ioctl.h>
+#include <poll.h>
+#include <sys/epoll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -918,6 +920,140 @@ TEST(AovRecInput, DumpAndInfoPrintEveryFieldOfEachRecordAndEveryTotal) {
                                     "events: 0 dequeued, 0 with the content flag, 0 areas kept (0 "
                                     "bytes); node ready 0 times\n"
                                     "errors: 0\n");
+    ::unlink(path.c_str());
+}
+
+// Waits and registrations, which only the recorder writes, compared whole; and
+// a session of one failed request whose argument was cut and whose content was
+// dropped: each list it opens is closed.
+TEST(AovRecInput, DumpAndInfoPrintWaitsRegistrationsAndArgumentFlagsWhole) {
+    const std::string path = tempPath("waits.rec");
+    int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0) << std::strerror(errno);
+    {
+        aovrec::SessionWriter w;
+        aovrec::FileHeader h;
+        h.start_ns = 500;
+        h.pid = 77;
+        ASSERT_TRUE(w.begin(fd, h, nullptr, 0));
+        uint8_t buffer[256];
+        uint64_t at = 1000;
+        const auto put = [&](aovrec::RecordType type, uint32_t tid, int32_t on, int32_t result,
+                             int32_t err, const auto& body) {
+            aovrec::ByteWriter out(buffer, sizeof(buffer));
+            aovrec::CallInfo c;
+            c.begin_ns = at;
+            c.end_ns = at + 10;
+            c.tid = tid;
+            c.fd = on;
+            c.result = result;
+            c.err = err;
+            aovrec::putCall(out, c);
+            body(out);
+            EXPECT_TRUE(w.write(type, buffer, out.size()));
+            at += 1000000;
+        };
+        const int32_t ops[] = {EPOLL_CTL_MOD, EPOLL_CTL_DEL, 99};
+        for (const int32_t op : ops) {
+            put(aovrec::RecordType::kEpollCtl, 9, 4, op == EPOLL_CTL_DEL ? -1 : 0,
+                op == EPOLL_CTL_DEL ? ENOENT : 0, [&](aovrec::ByteWriter& out) {
+                    out.u32(static_cast<uint32_t>(op));
+                    out.u32(5);
+                    out.u32(EPOLLIN);
+                    out.u64(0xABCDEF);
+                });
+        }
+        put(aovrec::RecordType::kPoll, 10, -1, 1, 0, [](aovrec::ByteWriter& out) {
+            out.u8(static_cast<uint8_t>(aovrec::WaitKind::kPpoll));
+            out.u8(0);
+            out.u16(3);
+            out.u32(static_cast<uint32_t>(-1));
+            // Readiness is any bit set: the second and third are ready.
+            const uint32_t revents[] = {0, POLLIN, POLLERR};
+            for (uint32_t i = 0; i < 3; ++i) {
+                out.u32(5 + i);
+                out.u32(POLLIN);
+                out.u32(revents[i]);
+            }
+        });
+        put(aovrec::RecordType::kEpollWait, 10, 4, 0, 0, [](aovrec::ByteWriter& out) {
+            out.u8(static_cast<uint8_t>(aovrec::WaitKind::kEpollPwait2));
+            out.u8(0);
+            out.u16(0);
+            out.u32(20);
+        });
+    }
+    ::close(fd);
+    const auto head = [](int i, const char* call, int tid, int on, int result, int err) {
+        return "{\"i\":" + std::to_string(i) + ",\"t_ns\":" + std::to_string(500 + i * 1000000) +
+               ",\"dur_ns\":10,\"tid\":" + std::to_string(tid) + ",\"call\":\"" + call +
+               "\",\"fd\":" + std::to_string(on) + ",\"result\":" + std::to_string(result) +
+               ",\"errno\":" + std::to_string(err);
+    };
+    const std::string version = std::to_string(aovrec::kVersion);
+    const std::string registration = ",\"target\":5,\"events\":1,\"data\":\"0000000000abcdef\"}\n";
+    const ProcessResult dump = rec({"dump", path});
+    EXPECT_EQ(dump.exit_code, 0);
+    EXPECT_EQ(dump.output,
+              "{\"format\":" + version +
+                  ",\"content\":\"written\",\"compression\":\"none\",\"pid\":77,\"start_ns\":500,"
+                  "\"digest\":\"xxh64\"}\n" +
+                  head(0, "epoll_ctl", 9, 4, 0, 0) + ",\"op\":\"MOD\"" + registration +
+                  head(1, "epoll_ctl", 9, 4, -1, ENOENT) + ",\"op\":\"DEL\"" + registration +
+                  head(2, "epoll_ctl", 9, 4, 0, 0) + ",\"op\":\"?\"" + registration +
+                  head(3, "poll", 10, -1, 1, 0) +
+                  ",\"kind\":\"ppoll\",\"timeout_ms\":-1,\"node\":[{\"fd\":5,\"events\":1,"
+                  "\"revents\":0},{\"fd\":6,\"events\":1,\"revents\":1},{\"fd\":7,\"events\":1,"
+                  "\"revents\":8}]}\n" +
+                  head(4, "epoll_wait", 10, 4, 0, 0) +
+                  ",\"kind\":\"epoll_pwait2\",\"timeout_ms\":20,\"node\":[]}\n");
+    const ProcessResult info = rec({"info", path});
+    EXPECT_EQ(info.exit_code, 0);
+    EXPECT_EQ(info.output, "session: " + path + ", format " + version +
+                               ", content written, uncompressed, pid 77\n"
+                               "duration: 0.004000 s (first call to last return), 2 threads\n"
+                               "records: 5 (epoll_ctl 3, epoll_wait 1, poll 1)\n"
+                               "requests:\n"
+                               "events: 0 dequeued, 0 with the content flag, 0 areas kept (0 "
+                               "bytes); node ready 2 times\n"
+                               "errors: 1 (ENOENT 1)\n");
+
+    fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    ASSERT_GE(fd, 0) << std::strerror(errno);
+    const uint8_t query[sizeof(aov_event_query)] = {};
+    {
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kNone, aovrec::Compression::kNone);
+        b.ioctl(5, AOV_IOC_DEQUEUE_EVENT, query, sizeof(query), -EAGAIN, nullptr, 0, nullptr, 0,
+                aovrec::kArgCut | aovrec::kArgContentDropped);
+        ASSERT_TRUE(b.ok());
+    }
+    ::close(fd);
+    const std::string pid = std::to_string(::getpid());
+    const ProcessResult oneDump = rec({"dump", path});
+    EXPECT_EQ(oneDump.exit_code, 0);
+    EXPECT_EQ(oneDump.output,
+              "{\"format\":" + version +
+                  ",\"content\":\"none\",\"compression\":\"none\",\"pid\":" + pid +
+                  ",\"start_ns\":1000,\"digest\":\"xxh64\"}\n{\"i\":0,\"t_ns\":0,\"dur_ns\":" +
+                  "1000,\"tid\":" + pid +
+                  ",\"call\":\"ioctl\",\"fd\":5,\"result\":-1,\"errno\":" + std::to_string(EAGAIN) +
+                  ",\"request\":\"DEQUEUE_EVENT\",\"code\":\"0x80d84803\",\"arg_cut\":true,"
+                  "\"content_dropped\":true,\"sent\":{\"bytes\":216,\"xxh64\":" +
+                  hex(query, sizeof(query)) + "}}\n");
+    const ProcessResult oneInfo = rec({"info", path});
+    EXPECT_EQ(oneInfo.exit_code, 0);
+    EXPECT_EQ(oneInfo.output, "session: " + path + ", format " + version +
+                                  ", content none, uncompressed, pid " + pid +
+                                  "\n"
+                                  "duration: 0.000001 s (first call to last return), 1 threads\n"
+                                  "records: 1 (ioctl 1)\n"
+                                  "requests:\n"
+                                  "  DEQUEUE_EVENT         1  failed 1\n"
+                                  "events: 0 dequeued, 0 with the content flag, 0 areas kept (0 "
+                                  "bytes); node ready 0 times\n"
+                                  "content dropped: 1 dequeues kept without their areas (the "
+                                  "writer was behind)\n"
+                                  "errors: 1 (EAGAIN 1)\n");
     ::unlink(path.c_str());
 }
 

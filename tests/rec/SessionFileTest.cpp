@@ -777,6 +777,8 @@ TEST(SessionFile, HostileFilesAreRefusedWithAReasonAndBoundedWork) {
          "malformed poll record"},
         {"an epoll_ctl record with a byte left over", Payload().fill(21, 0).framed(5),
          "malformed epoll_ctl record"},
+        // Its one byte is read and checked, not taken as zero.
+        {"a record of one byte", frame(2, {7}, 1), "malformed close record"},
     };
     for (const Case& c : cases) {
         std::vector<uint8_t> file = header();
@@ -855,6 +857,64 @@ TEST(SessionFile, RecordsAtEveryLimitAreReadWhole) {
     EXPECT_EQ(got[4].entry_count, 1u);
 }
 
+// One Record read into again and again: a close record after records of every
+// other kind holds nothing of theirs.
+TEST(SessionFile, ARecordHoldsNothingOfTheRecordsReadBeforeIt) {
+    std::vector<uint8_t> file = header();
+    const std::vector<std::vector<uint8_t>> records = {
+        Payload()
+            .le(0xC0DE, 4)
+            .le(aovrec::kArgNull, 1)
+            .le(1, 1)
+            .le(4, 2)
+            .le(4, 2)
+            .fill(8, 9)
+            .le(5, 1)
+            .le(0, 3)
+            .le(4, 4)
+            .fill(4, 5)
+            .framed(3),
+        waitRecord(4, 1, 0, 2),
+        Payload().le(1, 4).le(7, 4).le(1, 4).le(0x1234, 8).framed(5),
+        openRecord(3),
+        Payload().framed(2),
+    };
+    for (const auto& r : records) {
+        file.insert(file.end(), r.begin(), r.end());
+    }
+    aovrec::MemorySource source(file.data(), file.size());
+    SessionReader reader(source);
+    ASSERT_TRUE(reader.start()) << reader.error();
+    Record r;
+    for (size_t i = 0; i < records.size(); ++i) {
+        ASSERT_EQ(reader.next(&r), SessionReader::Next::kRecord) << i << ": " << reader.error();
+    }
+    EXPECT_EQ(r.type, RecordType::kClose);
+    EXPECT_EQ(r.open_flags, 0u);
+    EXPECT_EQ(r.open_mode, 0u);
+    EXPECT_EQ(r.path, "");
+    EXPECT_EQ(r.request, 0u);
+    EXPECT_EQ(r.arg_flags, 0u);
+    EXPECT_EQ(r.sent, nullptr);
+    EXPECT_EQ(r.sent_len, 0u);
+    EXPECT_EQ(r.back, nullptr);
+    EXPECT_EQ(r.back_len, 0u);
+    EXPECT_EQ(r.area_count, 0u);
+    EXPECT_EQ(r.areas[0].section, 0u);
+    EXPECT_EQ(r.areas[0].length, 0u);
+    EXPECT_EQ(r.areas[0].data, nullptr);
+    EXPECT_EQ(r.wait_kind, aovrec::WaitKind::kPoll);
+    EXPECT_EQ(r.timeout_ms, 0);
+    EXPECT_EQ(r.entry_count, 0u);
+    EXPECT_EQ(r.entries[0].fd, -1);
+    EXPECT_EQ(r.entries[0].events, 0u);
+    EXPECT_EQ(r.entries[0].revents, 0u);
+    EXPECT_EQ(r.ctl_op, 0);
+    EXPECT_EQ(r.ctl_fd, -1);
+    EXPECT_EQ(r.ctl_events, 0u);
+    EXPECT_EQ(r.ctl_data, 0u);
+}
+
 // Header fields past their ranges, one at a time; the largest allowed values
 // are read as they were written.
 TEST(SessionFile, HeaderFieldsOutOfRangeAreRefusedAndTheLargestAreRead) {
@@ -865,6 +925,13 @@ TEST(SessionFile, HeaderFieldsOutOfRangeAreRefusedAndTheLargestAreRead) {
     h.pid = 0xA1B2C3D4u;
     uint8_t good[aovrec::kHeaderSize];
     aovrec::encodeHeader(h, good);
+    // The layout other tools read: magic, version, header size, content mode,
+    // compression, two zero bytes, the start and the pid, little-endian.
+    const uint8_t layout[28] = {'A', 'O', 'V', 'R', 'E',  'C',  '\r', '\n', 1, 0,
+                                32,  0,   2,   1,   0,    0,    8,    7,    6, 5,
+                                4,   3,   2,   1,   0xD4, 0xC3, 0xB2, 0xA1};
+    EXPECT_EQ(std::vector<uint8_t>(good, good + sizeof(layout)),
+              std::vector<uint8_t>(layout, layout + sizeof(layout)));
     aovrec::FileHeader back;
     ASSERT_EQ(aovrec::decodeHeader(good, &back), aovrec::HeaderCheck::kOk);
     EXPECT_EQ(back.version, aovrec::kVersion);
@@ -879,6 +946,7 @@ TEST(SessionFile, HeaderFieldsOutOfRangeAreRefusedAndTheLargestAreRead) {
         std::memcpy(bad.data() + 28, &crc, 4);
         SessionReader::Next next;
         EXPECT_EQ(verdict(bad, &next), "the header has a field out of range") << "byte " << at;
+        EXPECT_EQ(next, SessionReader::Next::kBad) << "byte " << at;
     }
 }
 
@@ -959,10 +1027,14 @@ TEST(SessionFile, CompressionNeedsTheWholeWorkAreaAndStartsAtOneKibibyte) {
     aovrec::SessionWriter writer;
     aovrec::FileHeader h;
     h.compression = aovrec::Compression::kZstd;
+    EXPECT_EQ(writer.records(), 0u);
     ASSERT_TRUE(writer.begin(fd, h, work.data(), work.size() - 1));
     EXPECT_EQ(writer.header().compression, aovrec::Compression::kNone);
     ASSERT_TRUE(writer.write(RecordType::kClose, zeros.data(), zeros.size()));
     EXPECT_EQ(writer.records(), 1u);
+    const std::vector<uint8_t> uncompressed = readFile(path);
+    ASSERT_EQ(uncompressed.size(), aovrec::kHeaderSize + aovrec::kFrameHeaderSize + 1024);
+    EXPECT_EQ(aovrec::decodeFrameHeader(uncompressed.data() + aovrec::kHeaderSize).flags, 0);
     ASSERT_EQ(::ftruncate(fd, 0), 0);
     ASSERT_EQ(::lseek(fd, 0, SEEK_SET), 0);
     ASSERT_TRUE(writer.begin(fd, h, work.data(), work.size()));
@@ -987,37 +1059,117 @@ TEST(SessionFile, CompressionNeedsTheWholeWorkAreaAndStartsAtOneKibibyte) {
     EXPECT_EQ(file.size(), second + aovrec::kFrameHeaderSize + packed.stored_len);
 }
 
+// Each is refused at the header: the reader does not go on to read records.
 TEST(SessionFile, HeadersThatAreNotOursSayWhy) {
-    std::vector<uint8_t> text(64, 'x');
-    SessionReader::Next next;
-    EXPECT_NE(verdict(text, &next).find("not a session file"), std::string::npos);
-    EXPECT_NE(verdict(header(2), &next).find("format version 2 is not supported"),
-              std::string::npos);
     std::vector<uint8_t> damaged = header();
     damaged[20] ^= 1;
-    EXPECT_NE(verdict(damaged, &next).find("checksum"), std::string::npos);
-    // Eight bytes are enough to tell a file is not a session; seven are not.
-    EXPECT_EQ(verdict(std::vector<uint8_t>(8, 'x'), &next),
-              "not a session file (no AOVREC header)");
-    EXPECT_EQ(verdict(std::vector<uint8_t>(7, 'x'), &next),
-              "cut off in the header (7 of 32 bytes)");
     // The version is a 16-bit number.
     std::vector<uint8_t> high = header(0x0201);
     high[9] = 0x02;
     const uint32_t high_crc = aovrec::crc32(high.data(), 28);
     std::memcpy(high.data() + 28, &high_crc, 4);
-    EXPECT_EQ(verdict(high, &next),
-              "format version 513 is not supported (this aov-rec reads version 1)");
     const std::vector<uint8_t> whole = header();
-    const std::vector<uint8_t> cut(whole.begin(), whole.begin() + 20);
-    EXPECT_NE(verdict(cut, &next).find("cut off in the header (20 of 32 bytes)"),
-              std::string::npos);
+    const std::vector<uint8_t> magic(aovrec::kMagic, aovrec::kMagic + sizeof(aovrec::kMagic));
+    std::vector<uint8_t> first_byte_off = magic;
+    first_byte_off[0] = 'B';
+    const struct {
+        const char* name;
+        std::vector<uint8_t> file;
+        const char* reason;
+    } cases[] = {
+        {"text", std::vector<uint8_t>(64, 'x'), "not a session file (no AOVREC header)"},
+        {"version 2", header(2), "format version 2 is not supported"},
+        {"a damaged header", damaged, "the header's checksum does not match"},
+        {"version 513", high, "format version 513 is not supported (this aov-rec reads version 1)"},
+        // Eight bytes are enough to tell a file is not a session; seven are not.
+        {"eight bytes of text", std::vector<uint8_t>(8, 'x'),
+         "not a session file (no AOVREC header)"},
+        {"eight bytes one off the magic", first_byte_off, "not a session file (no AOVREC header)"},
+        {"seven bytes of text", std::vector<uint8_t>(7, 'x'),
+         "cut off in the header (7 of 32 bytes)"},
+        {"the magic alone", magic, "cut off in the header (8 of 32 bytes)"},
+        {"a header cut at 20 bytes", std::vector<uint8_t>(whole.begin(), whole.begin() + 20),
+         "cut off in the header (20 of 32 bytes)"},
+        {"an empty file", {}, "cut off in the header (0 of 32 bytes)"},
+    };
+    for (const auto& c : cases) {
+        SessionReader::Next next = SessionReader::Next::kRecord;
+        const std::string why = verdict(c.file, &next);
+        EXPECT_EQ(why.rfind(c.reason, 0), 0u) << c.name << ": " << why;
+        EXPECT_EQ(next, SessionReader::Next::kBad) << c.name << ": the header was accepted";
+    }
+}
+
+// A file source reads a whole file at any descriptor, 0 included, whatever
+// errno held before each read, and closes it when done; a directory is a read
+// error and a missing file a one-line reason.
+TEST(SessionFile, AFileSourceReadsAWholeFileAndSaysWhyItCannot) {
+    std::vector<uint64_t> ends;
+    const std::vector<uint8_t> file = smallSession(&ends);
+    const std::string path =
+        ::testing::TempDir() + "aovrec_source_" + std::to_string(::getpid()) + ".rec";
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(file.data()),
+               static_cast<std::streamsize>(file.size()));
+    // Standard input moves away so that the file's descriptor is 0.
+    const int saved_stdin = ::fcntl(0, F_DUPFD_CLOEXEC, 3);
+    ASSERT_GE(saved_stdin, 0);
+    ::close(0);
+    bool opened = false;
+    bool at_zero = false;
+    bool kept = false;
+    size_t records = 0;
+    SessionReader::Next next = SessionReader::Next::kBad;
+    std::string error;
+    {
+        aovrec::FileSource source;
+        std::string why;
+        opened = source.open(path, &why);
+        at_zero = ::fcntl(0, F_GETFD) >= 0;
+        { aovrec::FileSource never_opened; }
+        kept = ::fcntl(0, F_GETFD) >= 0;
+        SessionReader reader(source);
+        // An EINTR left over from an earlier call is no interrupted read.
+        errno = EINTR;
+        if (opened && reader.start()) {
+            Record r;
+            errno = EINTR;
+            while ((next = reader.next(&r)) == SessionReader::Next::kRecord) {
+                ++records;
+                errno = EINTR;
+            }
+        }
+        error = reader.error();
+    }
+    const bool closed = ::fcntl(0, F_GETFD) < 0;
+    ::dup2(saved_stdin, 0);
+    ::close(saved_stdin);
+    ::unlink(path.c_str());
+    EXPECT_TRUE(opened);
+    EXPECT_TRUE(at_zero) << "the file was not opened as descriptor 0";
+    EXPECT_TRUE(kept) << "a source never opened closed descriptor 0";
+    EXPECT_EQ(records, ends.size()) << error;
+    EXPECT_EQ(next, SessionReader::Next::kEnd) << error;
+    EXPECT_TRUE(closed) << "descriptor 0 left open";
+
+    aovrec::FileSource directory;
+    std::string why;
+    ASSERT_TRUE(directory.open(::testing::TempDir(), &why)) << why;
+    SessionReader reader(directory);
+    EXPECT_FALSE(reader.start());
+    EXPECT_EQ(reader.error(), "cannot read: Is a directory");
+
+    aovrec::FileSource missing;
+    EXPECT_FALSE(missing.open(path, &why));
+    EXPECT_EQ(why, path + ": No such file or directory");
 }
 
 TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64("", 0, 0), 0xEF46DB3751D8E999ull);
     EXPECT_EQ(aovrec::xxh64("a", 1, 0), 0xD24EC4F1A98C6E5Bull);
     EXPECT_EQ(aovrec::xxh64("abc", 3, 0), 0x44BC2CF5AD770999ull);
+    // The digest the tools print is the same, seed 0.
+    EXPECT_EQ(aovrec::digest("abc", 3), 0x44BC2CF5AD770999ull);
     const char text[] = "Nobody inspects the spammish repetition";
     EXPECT_EQ(aovrec::xxh64(text, sizeof(text) - 1, 0), 0xFBCEA83C8A378BF1ull);
     // Each side of a 32-byte stripe (values from an independent implementation
@@ -1034,6 +1186,11 @@ TEST(SessionFile, FrameChecksAreXxh64AsPublished) {
     EXPECT_EQ(aovrec::xxh64(twice.data(), 12, 0), 0xA45D439F3F93E297ull);
     EXPECT_EQ(aovrec::xxh64(twice.data(), 40, 0), 0xD9138FD97A74B6D8ull);
     EXPECT_EQ(aovrec::xxh64(twice.data(), 44, 0), 0xB7340EB2A8A201A8ull);
+    // A frame's check: the payload's XXH64 seeded with the XXH64 (seed 0) of
+    // the frame header's first 12 bytes, cut to 32 bits.
+    const uint8_t head[aovrec::kFrameHeaderSize] = {1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13};
+    EXPECT_EQ(aovrec::frameCheck(head, text, 5),
+              static_cast<uint32_t>(aovrec::xxh64(text, 5, aovrec::xxh64(head, 12, 0))));
 }
 
 // The header's check is the common CRC-32, so that other tools can verify a
@@ -1043,6 +1200,49 @@ TEST(SessionFile, TheHeaderCheckIsTheCommonCrc32) {
     EXPECT_EQ(aovrec::crc32(text, 9), 0xCBF43926u);
     EXPECT_EQ(aovrec::crc32(text + 4, 5, aovrec::crc32(text, 4)), 0xCBF43926u);
     EXPECT_EQ(aovrec::crc32(text, 0), 0u);
+}
+
+// A writer stops at its capacity and says so; a reader stops at its end and
+// reads nothing after.
+TEST(SessionFile, ByteWritersAndReadersStopAtTheirBounds) {
+    uint8_t buffer[8] = {};
+    aovrec::ByteWriter out(buffer, 7);
+    out.u32(0x04030201u);
+    out.u16(0x0605);
+    out.put(nullptr, 0);
+    EXPECT_FALSE(out.overflow());
+    out.u16(0x0807);  // one byte short of room
+    EXPECT_TRUE(out.overflow());
+    out.u8(9);  // it would fit, but nothing is written after an overflow
+    EXPECT_EQ(out.size(), 6u);
+    EXPECT_EQ(buffer[6], 0u);
+    out.truncate(7);
+    EXPECT_EQ(out.size(), 6u);
+    out.truncate(2);
+    EXPECT_EQ(out.size(), 2u);
+
+    aovrec::ByteReader in(buffer, 6);
+    EXPECT_EQ(in.u32(), 0x04030201u);
+    EXPECT_EQ(in.left(), 2u);
+    EXPECT_EQ(in.u32(), 0u);  // two bytes left
+    EXPECT_FALSE(in.ok());
+    EXPECT_EQ(in.left(), 0u);
+    EXPECT_EQ(in.u8(), 0u);
+    EXPECT_EQ(in.bytes(0), nullptr);
+}
+
+TEST(SessionFile, ContentModesGoByTheirNamesAndNothingElse) {
+    for (const ContentMode mode : {ContentMode::kNone, ContentMode::kWritten, ContentMode::kAll}) {
+        ContentMode parsed = mode == ContentMode::kAll ? ContentMode::kNone : ContentMode::kAll;
+        EXPECT_TRUE(aovrec::parseContentMode(aovrec::contentModeName(mode), &parsed));
+        EXPECT_EQ(parsed, mode) << aovrec::contentModeName(mode);
+    }
+    EXPECT_STREQ(aovrec::contentModeName(ContentMode::kWritten), "written");
+    ContentMode untouched = ContentMode::kWritten;
+    for (const char* text : {static_cast<const char*>(nullptr), "", "All", "written "}) {
+        EXPECT_FALSE(aovrec::parseContentMode(text, &untouched)) << (text ? text : "null");
+    }
+    EXPECT_EQ(untouched, ContentMode::kWritten);
 }
 
 TEST(SessionFile, TheWrittenAreaRuleCapsAtTheAreaAndSkipsUnwrittenSections) {
