@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/epoll.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -2526,6 +2527,43 @@ TEST(WriterThread, ARecordOfHalfTheRingIsQueuedAndALargerOneRefusedAndTheLimitHa
     EXPECT_FALSE(aovrec::queueSmall(RecordType::kPoll, record.data(), record.size()));
     EXPECT_TRUE(aovrec::queueDrain(10)) << "the writer thread did not take the record in 10 s";
     EXPECT_EQ(aovrec::queueHandedOff() - handed_off, 1u);
+}
+
+// The size of the file at `path` once it passes `size`, waiting for its
+// writes up to `seconds`; what it was then if it never did.
+off_t sizeOnceOver(const std::string& path, off_t size, int seconds) {
+    const int watch = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    EXPECT_GE(watch, 0) << std::strerror(errno);
+    ::inotify_add_watch(watch, path.c_str(), IN_MODIFY);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    struct stat info {};
+    while (::stat(path.c_str(), &info) == 0 && info.st_size <= size &&
+           std::chrono::steady_clock::now() < deadline) {
+        pollfd p{watch, POLLIN, 0};
+        if (::poll(&p, 1, 100) > 0) {
+            char events[4096];
+            while (::read(watch, events, sizeof(events)) > 0) {
+            }
+        }
+    }
+    ::close(watch);
+    return info.st_size;
+}
+
+// The writer thread takes call records within its linger time even when
+// none came for a while: a call record that finds the writer idle is in the
+// file soon after, with no drain, no content and no 63 records behind it.
+TEST(WriterThread, ACallRecordThatFindsTheWriterIdleIsWrittenWithoutADrain) {
+    Recording rec(ContentMode::kWritten, false);
+    const int fd = rec.openNode();
+    const off_t opened = sizeOnceOver(rec.path(), static_cast<off_t>(aovrec::kHeaderSize), 10);
+    EXPECT_GT(opened, static_cast<off_t>(aovrec::kHeaderSize))
+        << "the open record was not written within 10 s";
+    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+    EXPECT_GT(sizeOnceOver(rec.path(), opened, 10), opened)
+        << "the STOP record was not written within 10 s";
+    rec.closeNode(fd);
+    EXPECT_EQ(describeAll(rec.read()), (std::vector<std::string>{"open", "STOP", "close"}));
 }
 
 }  // namespace
