@@ -2101,6 +2101,11 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
         // call and a close on the inherited descriptor.
         const bool fresh = !aovrec::stats().started;
         const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+        // More dequeues with content than there are content buffers.
+        for (int i = 0; i < 3; ++i) {
+            Dequeue dq;
+            aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query);
+        }
         rec.closeNode(fd);
         const bool drained = aovrec::drain();
         const std::string own = std::string(aovrec::sessionPath());
@@ -2118,12 +2123,13 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
     const std::string parentFile = aovrec::sessionPath();
     const std::string childFile = parentFile + "." + std::to_string(pid);
     rec.closeNode(fd);
-    // The parent's file: its open, its STOP, its close; the child's: its own two.
+    // The parent's file: its open, its STOP, its close; the child's: its own.
     const std::vector<Record> parent = rec.read();
     EXPECT_EQ(describeAll(parent), (std::vector<std::string>{"open", "STOP", "close"}));
     std::string error;
     const std::vector<uint8_t> childBytes = readFile(childFile);
-    EXPECT_EQ(describeBytes(childBytes, &error), (std::vector<std::string>{"STOP", "close"}));
+    EXPECT_EQ(describeBytes(childBytes, &error),
+              (std::vector<std::string>{"STOP", "D10", "D10", "D10", "close"}));
     EXPECT_EQ(error, "");
     // The child's only thread is the child: its records carry its own id.
     aovrec::MemorySource source(childBytes.data(), childBytes.size());
@@ -2558,7 +2564,8 @@ off_t sizeOnceOver(const std::string& path, off_t size, int seconds) {
 
 // The writer thread takes call records within its linger time even when
 // none came for a while: a call record that finds the writer idle is in the
-// file soon after, with no drain, no content and no 63 records behind it.
+// file soon after, with no drain, no content and no 63 records behind it;
+// so is a dequeue's record after it.
 TEST(WriterThread, ACallRecordThatFindsTheWriterIdleIsWrittenWithoutADrain) {
     Recording rec(ContentMode::kWritten, false);
     const int fd = rec.openNode();
@@ -2566,10 +2573,68 @@ TEST(WriterThread, ACallRecordThatFindsTheWriterIdleIsWrittenWithoutADrain) {
     EXPECT_GT(opened, static_cast<off_t>(aovrec::kHeaderSize))
         << "the open record was not written within 10 s";
     EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
-    EXPECT_GT(sizeOnceOver(rec.path(), opened, 10), opened)
-        << "the STOP record was not written within 10 s";
+    const off_t stopped = sizeOnceOver(rec.path(), opened, 10);
+    EXPECT_GT(stopped, opened) << "the STOP record was not written within 10 s";
+    Dequeue dq;
+    EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+    EXPECT_GT(sizeOnceOver(rec.path(), stopped, 10), stopped)
+        << "the dequeue's record was not written within 10 s";
     rec.closeNode(fd);
-    EXPECT_EQ(describeAll(rec.read()), (std::vector<std::string>{"open", "STOP", "close"}));
+    EXPECT_EQ(describeAll(rec.read()), (std::vector<std::string>{"open", "STOP", "D10", "close"}));
+}
+
+// A forked child writes its records itself: one its file refuses (at the
+// size limit) stops the child's recording with one line, SIGXFSZ does not
+// end it, its calls keep their results and its signal mask, nothing more is
+// written once there is room again, and the parent's file is untouched.
+TEST(Fork, AChildWhoseFileCannotBeWrittenSaysSoOnceAndItsCallsGoOn) {
+    Recording rec(ContentMode::kWritten);
+    const int fd = rec.openNode();
+    int errors[2];
+    ASSERT_EQ(::pipe2(errors, O_CLOEXEC), 0) << std::strerror(errno);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        // Standard error into the pipe: a regular file would meet the limit too.
+        ::dup2(errors[1], STDERR_FILENO);
+        std::signal(SIGXFSZ, SIG_DFL);
+        // Room for the header of the child's own file, and not one byte more.
+        rlimit fsize{aovrec::kHeaderSize, RLIM_INFINITY};
+        ::setrlimit(RLIMIT_FSIZE, &fsize);
+        sigset_t before;
+        pthread_sigmask(SIG_BLOCK, nullptr, &before);
+        bool ok = true;
+        for (int i = 0; i < 3; ++i) {
+            errno = 0;
+            ok = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr) == -1 &&
+                 errno == EIO && ok;
+        }
+        sigset_t after;
+        pthread_sigmask(SIG_BLOCK, nullptr, &after);
+        for (const int sig : {SIGPIPE, SIGXFSZ}) {
+            ok = sigismember(&before, sig) == sigismember(&after, sig) && ok;
+        }
+        // With room again, nothing more goes to the file of a stopped recording.
+        fsize.rlim_cur = RLIM_INFINITY;
+        ::setrlimit(RLIMIT_FSIZE, &fsize);
+        aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+        ::_exit(ok && aovrec::stats().failed ? 0 : 1);
+    }
+    ::close(errors[1]);
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(waitChild(pid), 0)
+        << "the child's calls failed, its signal mask changed or its recording went on";
+    std::string text;
+    char chunk[512];
+    for (ssize_t n; (n = ::read(errors[0], chunk, sizeof(chunk))) > 0;) {
+        text.append(chunk, static_cast<size_t>(n));
+    }
+    ::close(errors[0]);
+    EXPECT_EQ(text, "aov-rec: recording stopped: cannot write the session file: File too large\n");
+    const std::string childFile = std::string(aovrec::sessionPath()) + "." + std::to_string(pid);
+    EXPECT_EQ(readFile(childFile).size(), aovrec::kHeaderSize) << "records after the failure";
+    ::unlink(childFile.c_str());
+    rec.closeNode(fd);
+    EXPECT_EQ(describeAll(rec.read()), (std::vector<std::string>{"open", "close"}));
 }
 
 }  // namespace
