@@ -2637,4 +2637,61 @@ TEST(Fork, AChildWhoseFileCannotBeWrittenSaysSoOnceAndItsCallsGoOn) {
     EXPECT_EQ(describeAll(rec.read()), (std::vector<std::string>{"open", "close"}));
 }
 
+// Records still queued when the writer ends a batch keep their place in the
+// ring: those queued after it, while the writer is busy with the next batch,
+// go behind them and overwrite none. The writer is held inside its writes by
+// a pipe read only as far as the test needs: into the first dequeue, then
+// into the second, whose batch holds the two call records queued with it.
+TEST(WriterThread, RecordsQueuedAfterABatchNeverOverwriteTheOnesStillWaiting) {
+    // Where the first dequeue's record ends in an uncompressed file.
+    uint64_t end_of_first = 0;
+    {
+        Recording rec(ContentMode::kWritten, false);
+        const int fd = rec.openNode();
+        Dequeue dq;
+        aov_event_query query = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+        rec.closeNode(fd);
+        const std::vector<Record> r = rec.read();
+        ASSERT_EQ(r.size(), 3u);
+        end_of_first = r[2].offset;
+    }
+    PipeSession pipe;
+    // A pipe of one page: the writer is never more than a page ahead of the reader.
+    const int small = ::open(pipe.path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(small, 0) << std::strerror(errno);
+    ASSERT_EQ(::fcntl(small, F_SETPIPE_SZ, 4096), 4096) << std::strerror(errno);
+    std::vector<uint8_t> bytes;
+    {
+        Recording rec(ContentMode::kWritten, false, pipe.path());
+        const int fd = rec.openNode();
+        g_dequeues = 0;
+        Dequeue dq;
+        aov_event_query first = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &first), 0);
+        ASSERT_TRUE(pipe.readAtLeast(end_of_first - 4096 - 1))
+            << "the first dequeue was not being written";
+        aov_event_query second = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &second), 0);
+        smallRecord(fd, 0);
+        smallRecord(fd, 1);
+        ASSERT_TRUE(pipe.readAtLeast(end_of_first + 1))
+            << "the second dequeue was not being written";
+        for (int i = 2; i < 8; ++i) {
+            smallRecord(fd, i);
+        }
+        pipe.startReading();
+        rec.closeNode(fd);
+        EXPECT_TRUE(aovrec::drain());
+        aovrec::configure(aovrec::RecorderConfig{});  // closes the writer's end
+        ASSERT_TRUE(pipe.finish(&bytes)) << "the session file was not closed within 30 s";
+    }
+    ::close(small);
+    std::string error;
+    EXPECT_EQ(describeBytes(bytes, &error),
+              (std::vector<std::string>{"open", "D1", "D2", "P0", "P1", "P2", "P3", "P4", "P5",
+                                        "P6", "P7", "close"}));
+    EXPECT_EQ(error, "");
+}
+
 }  // namespace
