@@ -6,11 +6,14 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/epoll.h>
 #include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -23,6 +26,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -2694,4 +2698,71 @@ TEST(WriterThread, RecordsQueuedAfterABatchNeverOverwriteTheOnesStillWaiting) {
     EXPECT_EQ(error, "");
 }
 
+// Installs a filter in this process, as a sandbox would, that refuses
+// madvise(MADV_POPULATE_READ) (EINVAL, as an older kernel does) and, with
+// `refuse_copy`, process_vm_readv (EPERM). False when it cannot.
+bool refuseCalls(bool refuse_copy) {
+    constexpr uint32_t kPopulateRead = 22;  // MADV_POPULATE_READ
+    const uint32_t copy = refuse_copy ? SECCOMP_RET_ERRNO | EPERM : SECCOMP_RET_ALLOW;
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_madvise, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args) + 2 * sizeof(uint64_t)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kPopulateRead, 0, 3),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_process_vm_readv, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, copy),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program{static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])), filter};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+// Under a sandbox that refuses the page check a large area is probed a byte
+// a page by the kernel's copy; one that refuses that copy too moves every
+// copy to the pipe from the first refusal on, met by a large copy or a small
+// one. Either way each area is read whole or, with a page that cannot be
+// read, refused.
+TEST(SessionFile, UnderASandboxThatRefusesThePageCheckOrTheKernelsCopyAreasAreStillReadOrRefused) {
+    const struct {
+        bool refuse_copy;
+        bool small_first;  // the first refusal met by a small copy, not a large one
+    } sandboxes[] = {{false, false}, {true, false}, {true, true}};
+    for (const auto& sandbox : sandboxes) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            constexpr size_t kPage = 4096;
+            constexpr size_t kLarge = 16 * kPage + 100;
+            auto* map = static_cast<uint8_t*>(::mmap(nullptr, 40 * kPage, PROT_READ | PROT_WRITE,
+                                                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+            static uint8_t to[40 * kPage];
+            if (map == MAP_FAILED || !refuseCalls(sandbox.refuse_copy)) {
+                ::_exit(16);
+            }
+            for (size_t i = 0; i < 40 * kPage; ++i) {
+                map[i] = static_cast<uint8_t>(i * 13 + i / kPage);
+            }
+            uint8_t* bad = map + 30 * kPage;
+            ::mprotect(bad, kPage, PROT_NONE);
+            auto whole = [](const uint8_t* from, size_t size) {
+                return aovrec::safeCopy(to, from, size) && std::memcmp(to, from, size) == 0;
+            };
+            const uint64_t pipes = aovrec::copyCounters().pipe_copies;
+            int code = 0;
+            code |= sandbox.small_first && !whole(map + 7, 50) ? 2 : 0;
+            code |= whole(map + 100, kLarge) ? 0 : 1;
+            code |= whole(map + 5, 100) ? 0 : 2;
+            code |= aovrec::safeCopy(to, bad - kLarge + 1, kLarge) ? 4 : 0;
+            code |= (aovrec::copyCounters().pipe_copies > pipes) == sandbox.refuse_copy ? 0 : 8;
+            ::_exit(code);
+        }
+        ASSERT_GT(pid, 0) << std::strerror(errno);
+        EXPECT_EQ(waitChild(pid), 0)
+            << (sandbox.refuse_copy ? "process_vm_readv refused too" : "the page check refused")
+            << (sandbox.small_first ? ", a small copy first" : "")
+            << "; 1: a large area, 2: a small one not read whole; 4: an unreadable page not "
+               "refused; 8: the pipe used when it should not be, or not used; 16: no sandbox";
+    }
+}
 }  // namespace
