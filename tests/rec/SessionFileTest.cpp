@@ -6,21 +6,27 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <sched.h>
 #include <sys/epoll.h>
+#include <sys/inotify.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -35,6 +41,7 @@
 #include <gtest/gtest.h>
 
 #include "Recorder.h"
+#include "WriterQueue.h"
 #include "aovsession/SessionReader.h"
 #include "aovsession/SessionWriter.h"
 #include "kelo_aov.h"
@@ -197,6 +204,7 @@ class SessionRoundTrip : public ::testing::TestWithParam<bool> {};
 
 TEST_P(SessionRoundTrip, EveryCallComesBackAsMadeWithItsResultAndErrno) {
     Recording rec(ContentMode::kWritten, GetParam());
+    const uint64_t handed_off = aovrec::stats().handed_off;
     const int fd = rec.openNode();
     ASSERT_GE(fd, 0);
 
@@ -237,6 +245,7 @@ TEST_P(SessionRoundTrip, EveryCallComesBackAsMadeWithItsResultAndErrno) {
     EXPECT_EQ(last, SessionReader::Next::kEnd);
     ASSERT_EQ(r.size(), 8u);
     EXPECT_EQ(aovrec::stats().written, 8u);
+    EXPECT_EQ(aovrec::stats().handed_off - handed_off, 8u) << "each record is handed over once";
 
     EXPECT_EQ(r[0].type, RecordType::kOpen);
     EXPECT_EQ(r[0].path, kNode);
@@ -2296,6 +2305,11 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
         // call and a close on the inherited descriptor.
         const bool fresh = !aovrec::stats().started;
         const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+        // More dequeues with content than there are content buffers.
+        for (int i = 0; i < 3; ++i) {
+            Dequeue dq;
+            aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query);
+        }
         rec.closeNode(fd);
         const bool drained = aovrec::drain();
         const std::string own = std::string(aovrec::sessionPath());
@@ -2313,14 +2327,642 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
     const std::string parentFile = aovrec::sessionPath();
     const std::string childFile = parentFile + "." + std::to_string(pid);
     rec.closeNode(fd);
-    // The parent's file: its open, its STOP, its close; the child's: its own two.
+    // The parent's file: its open, its STOP, its close; the child's: its own.
     const std::vector<Record> parent = rec.read();
     EXPECT_EQ(describeAll(parent), (std::vector<std::string>{"open", "STOP", "close"}));
     std::string error;
-    EXPECT_EQ(describeBytes(readFile(childFile), &error),
-              (std::vector<std::string>{"STOP", "close"}));
+    const std::vector<uint8_t> childBytes = readFile(childFile);
+    EXPECT_EQ(describeBytes(childBytes, &error),
+              (std::vector<std::string>{"STOP", "D10", "D10", "D10", "close"}));
     EXPECT_EQ(error, "");
+    // The child's only thread is the child: its records carry its own id.
+    aovrec::MemorySource source(childBytes.data(), childBytes.size());
+    SessionReader reader(source);
+    ASSERT_TRUE(reader.start()) << reader.error();
+    Record r;
+    while (reader.next(&r) == SessionReader::Next::kRecord) {
+        EXPECT_EQ(r.call.tid, static_cast<uint32_t>(pid)) << describe(r);
+    }
     ::unlink(childFile.c_str());
 }
 
+// The descriptor table on its own: numbers 0 and the last one it tracks,
+// numbers outside it, duplicates onto and away from a node descriptor, and
+// the count of node descriptors that lets a close_range skip its scan.
+TEST(NodeDescriptors, NumbersFromZeroToTheLastAreFollowedThroughDuplicatesAndCountedOnce) {
+    using aovrec::fdHas;
+    using aovrec::kFdEpoll;
+    using aovrec::kFdNode;
+    const int last = aovrec::kMaxTrackedFd - 1;
+    const int outside = aovrec::kMaxTrackedFd;
+    ASSERT_EQ(aovrec::g_node_fds.load(), 0);
+    int out[3] = {-7, -7, -7};
+    EXPECT_EQ(aovrec::nodeFdsIn(0, ~0u, out, 3), 0) << "no node descriptor is open";
+    EXPECT_TRUE(aovrec::watchSetLocked(outside, 7, 1));
+    EXPECT_EQ(aovrec::g_node_fds.load(), 0) << "an epoll number outside the table was marked";
+    aovrec::watchClearLocked();
+    aovrec::markNode(-1);
+    EXPECT_EQ(aovrec::forgetFd(-1), 0);
+    EXPECT_FALSE(fdHas(-1, kFdNode));
+
+    aovrec::markNode(0);
+    aovrec::markNode(0);
+    EXPECT_EQ(aovrec::g_node_fds.load(), 1) << "a descriptor marked twice counts once";
+    EXPECT_EQ(aovrec::nodeFdsIn(0, ~0u, out, 3), 1);
+    aovrec::markNode(last);
+    EXPECT_TRUE(fdHas(0, kFdNode));
+    EXPECT_TRUE(fdHas(last, kFdNode));
+    EXPECT_EQ(aovrec::nodeFdsIn(0, ~0u, out, 3), 2);
+    EXPECT_EQ(out[0], 0);
+    EXPECT_EQ(out[1], last);
+    out[1] = -7;
+    EXPECT_EQ(aovrec::nodeFdsIn(0, ~0u, out, 1), 1) << "more than `max` returned";
+    EXPECT_EQ(out[1], -7);
+    EXPECT_EQ(aovrec::nodeFdsIn(1, static_cast<unsigned>(last) - 1, out, 3), 0);
+    EXPECT_EQ(aovrec::nodeFdsIn(static_cast<unsigned>(last), static_cast<unsigned>(last), out, 3),
+              1);
+    // The number just past the table, in each call that takes one.
+    aovrec::markNode(outside);
+    EXPECT_FALSE(fdHas(outside, kFdNode));
+    EXPECT_EQ(aovrec::forgetFd(outside), 0);
+    EXPECT_FALSE(aovrec::followDup(outside, 6));
+    EXPECT_FALSE(fdHas(6, kFdEpoll));
+    aovrec::unmarkEpoll(outside);
+    EXPECT_EQ(aovrec::g_node_fds.load(), 2) << "a number outside the table was counted";
+
+    // Duplicates: onto a plain number, onto itself, a plain one over a node
+    // descriptor, one onto descriptor 0, from and onto numbers outside the table.
+    EXPECT_TRUE(aovrec::followDup(0, 5));
+    EXPECT_TRUE(fdHas(5, kFdNode));
+    EXPECT_EQ(aovrec::g_node_fds.load(), 3);
+    EXPECT_TRUE(aovrec::followDup(5, 5));
+    EXPECT_EQ(aovrec::g_node_fds.load(), 3);
+    EXPECT_FALSE(aovrec::followDup(6, 0));
+    EXPECT_FALSE(fdHas(0, kFdNode));
+    EXPECT_EQ(aovrec::g_node_fds.load(), 2);
+    EXPECT_TRUE(aovrec::followDup(5, 0));
+    EXPECT_TRUE(fdHas(0, kFdNode));
+    EXPECT_FALSE(aovrec::followDup(6, 5));
+    EXPECT_FALSE(fdHas(5, kFdNode));
+    EXPECT_FALSE(aovrec::followDup(-1, last));
+    EXPECT_FALSE(fdHas(last, kFdNode));
+    EXPECT_EQ(aovrec::g_node_fds.load(), 1);
+    EXPECT_FALSE(aovrec::followDup(0, -1));
+    EXPECT_FALSE(aovrec::followDup(0, outside));
+    EXPECT_EQ(aovrec::g_node_fds.load(), 1);
+    // An epoll descriptor's duplicate watches the node as well; it is no node.
+    ASSERT_TRUE(aovrec::watchSetLocked(7, 0, 42));
+    EXPECT_FALSE(aovrec::followDup(7, 8));
+    EXPECT_TRUE(fdHas(8, kFdEpoll));
+    EXPECT_FALSE(fdHas(8, kFdNode));
+    EXPECT_EQ(aovrec::g_node_fds.load(), 1);
+    aovrec::watchClearLocked();
+    aovrec::unmarkEpoll(7);
+    EXPECT_EQ(aovrec::forgetFd(8), kFdEpoll);
+
+    EXPECT_EQ(aovrec::forgetFd(0), kFdNode);
+    EXPECT_FALSE(fdHas(0, kFdNode));
+    EXPECT_EQ(aovrec::forgetFd(0), 0);
+    EXPECT_EQ(aovrec::g_node_fds.load(), 0);
+    EXPECT_EQ(aovrec::nodeFdsIn(0, ~0u, out, 3), 0);
+}
+
+// The node is a character device known by its number, or any other file by
+// its file system and inode; a file that shares only part of an identity is
+// not the node, and a reset forgets both.
+TEST(NodeDescriptors, TheNodeIsKnownByItsDeviceNumberOrByItsFileSystemAndInode) {
+    const std::string dir = ::testing::TempDir() + "aovrec_ids_" + std::to_string(::getpid());
+    const std::string a = dir + "_a";
+    const std::string b = dir + "_b";
+    for (const std::string& path : {a, b}) {
+        const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0) << path << ": " << std::strerror(errno);
+        ::close(fd);
+    }
+    struct stat null_dev {};
+    struct stat zero_dev {};
+    struct stat file_a {};
+    struct stat file_b {};
+    ASSERT_EQ(::stat("/dev/null", &null_dev), 0);
+    ASSERT_EQ(::stat("/dev/zero", &zero_dev), 0);
+    ASSERT_EQ(::stat(a.c_str(), &file_a), 0);
+    ASSERT_EQ(::stat(b.c_str(), &file_b), 0);
+    // A regular file whose device-number field is the node's, a character
+    // device with the file's identity, the file's inode on another file system.
+    struct stat plain_with_rdev {};
+    plain_with_rdev.st_mode = S_IFREG | 0600;
+    plain_with_rdev.st_rdev = null_dev.st_rdev;
+    struct stat chr_with_ino = file_a;
+    chr_with_ino.st_mode = S_IFCHR | 0600;
+    chr_with_ino.st_rdev = 0;
+    struct stat other_fs = file_a;
+    other_fs.st_dev = file_a.st_dev + 1;
+
+    aovrec::identityReset();
+    EXPECT_FALSE(aovrec::identityMatches(null_dev));
+    EXPECT_FALSE(aovrec::identityFromPath(0, nullptr));
+    EXPECT_FALSE(aovrec::identityFromPath(0, ""));
+    EXPECT_FALSE(aovrec::identityFromPath(0, "/nonexistent-aov-rec/kelo_aov"));
+    ASSERT_TRUE(aovrec::identityFromPath(0, "/dev/null"));
+    ASSERT_TRUE(aovrec::identityFromPath(1, a.c_str()));
+    EXPECT_TRUE(aovrec::identityMatches(null_dev));
+    EXPECT_TRUE(aovrec::identityMatches(file_a));
+    struct {
+        const char* what;
+        const struct stat& info;
+    } const others[] = {{"another device", zero_dev},
+                        {"another file", file_b},
+                        {"a file with the node's number", plain_with_rdev},
+                        {"a device with the file's inode", chr_with_ino},
+                        {"the inode on another file system", other_fs}};
+    for (const auto& other : others) {
+        EXPECT_FALSE(aovrec::identityMatches(other.info)) << other.what;
+    }
+    aovrec::identityReset();
+    EXPECT_FALSE(aovrec::identityMatches(null_dev)) << "a reset kept the device";
+    EXPECT_FALSE(aovrec::identityMatches(file_a)) << "a reset kept the file";
+    ::unlink(a.c_str());
+    ::unlink(b.c_str());
+}
+
+// The epoll registrations of node descriptors: found by both numbers and by
+// data, replaced in place, 32 at once, forgotten by either number; 0 is a
+// number like any other on both sides.
+TEST(NodeDescriptors, EpollRegistrationsAreKeptByBothNumbersAndZeroIsANumberLikeAnyOther) {
+    using aovrec::watchDataLocked;
+    using aovrec::watchFindLocked;
+    using aovrec::watchSetLocked;
+    aovrec::watchClearLocked();
+    uint64_t data = 0;
+    EXPECT_FALSE(watchDataLocked(0, 0, &data)) << "an empty table holds a registration";
+    EXPECT_EQ(watchFindLocked(0, 0), -1);
+    EXPECT_EQ(watchFindLocked(-1, 0), -1);
+
+    ASSERT_TRUE(watchSetLocked(0, 7, 0xA0));  // epoll descriptor 0
+    ASSERT_TRUE(watchSetLocked(9, 0, 0xB0));  // node descriptor 0
+    ASSERT_TRUE(watchSetLocked(9, 7, 0xC0));
+    ASSERT_TRUE(watchSetLocked(9, 7, 0xC1));  // changed: the same entry
+    EXPECT_TRUE(aovrec::fdHas(0, aovrec::kFdEpoll));
+    EXPECT_TRUE(aovrec::fdHas(9, aovrec::kFdEpoll));
+    // Table full: 32 registrations in all. One more is refused; a change is not.
+    for (int i = 3; i < aovrec::kMaxWatches; ++i) {
+        ASSERT_TRUE(watchSetLocked(100 + i, 7, static_cast<uint64_t>(i))) << i;
+    }
+    EXPECT_FALSE(watchSetLocked(200, 7, 1));
+    EXPECT_TRUE(watchSetLocked(9, 7, 0xC2));
+
+    const struct {
+        int epfd;
+        int fd;
+        bool found;
+        uint64_t data;
+    } registrations[] = {{0, 7, true, 0xA0}, {9, 0, true, 0xB0}, {9, 7, true, 0xC2},
+                         {0, 0, false, 0},   {9, 8, false, 0},   {200, 7, false, 0}};
+    for (const auto& r : registrations) {
+        data = 0;
+        EXPECT_EQ(watchDataLocked(r.epfd, r.fd, &data), r.found) << r.epfd << " " << r.fd;
+        EXPECT_EQ(data, r.data) << r.epfd << " " << r.fd;
+    }
+    EXPECT_EQ(watchFindLocked(9, 0xB0), 0);
+    EXPECT_EQ(watchFindLocked(9, 0xC2), 7);
+    EXPECT_EQ(watchFindLocked(9, 0xC0), -1) << "a changed registration found by its old data";
+    EXPECT_EQ(watchFindLocked(0, 0xA0), 7);
+    EXPECT_EQ(watchFindLocked(0, 0xB0), -1);
+
+    aovrec::watchRemoveLocked(9, 7);
+    EXPECT_FALSE(watchDataLocked(9, 7, &data));
+    EXPECT_TRUE(watchDataLocked(9, 0, &data));
+    EXPECT_TRUE(watchDataLocked(0, 7, &data));
+    aovrec::watchForgetLocked(0, -1);  // epoll descriptor 0 closed
+    EXPECT_FALSE(watchDataLocked(0, 7, &data));
+    EXPECT_TRUE(watchDataLocked(9, 0, &data));
+    EXPECT_TRUE(watchDataLocked(103, 7, &data));
+    aovrec::watchForgetLocked(-1, 0);  // node descriptor 0 closed
+    EXPECT_FALSE(watchDataLocked(9, 0, &data));
+    EXPECT_TRUE(watchDataLocked(103, 7, &data));
+    aovrec::watchForgetLocked(-1, 7);
+    EXPECT_FALSE(watchDataLocked(103, 7, &data));
+    EXPECT_FALSE(watchDataLocked(100 + aovrec::kMaxWatches - 1, 7, &data));
+    EXPECT_TRUE(watchSetLocked(200, 7, 1)) << "forgotten registrations still take room";
+
+    aovrec::unmarkEpoll(0);
+    EXPECT_FALSE(aovrec::fdHas(0, aovrec::kFdEpoll));
+    aovrec::watchClearLocked();
+    EXPECT_EQ(watchFindLocked(200, 1), -1);
+    for (const int epfd : {0, 9, 200}) {
+        aovrec::forgetFd(epfd);
+    }
+    for (int i = 3; i < aovrec::kMaxWatches; ++i) {
+        aovrec::forgetFd(100 + i);
+    }
+}
+
+// A readiness wait's payload, byte for byte: the call, the wait's kind, a
+// zero byte, the entry count, the timeout, then each entry; the call keeps
+// an errno only when it failed, and an untimed call begins where it ends.
+TEST(RecordEncoder, AWaitPayloadIsTheCallKindCountTimeoutAndEachEntryInOrder) {
+    const aovrec::CallInfo call = aovrec::callInfo(1234, 5, 0, EIO);
+    EXPECT_EQ(call.begin_ns, 1234u);
+    EXPECT_EQ(call.fd, 5);
+    EXPECT_EQ(call.result, 0);
+    EXPECT_EQ(call.err, 0) << "a call that returned 0 kept an errno";
+    EXPECT_EQ(call.tid, static_cast<uint32_t>(::syscall(SYS_gettid)));
+    const aovrec::CallInfo failed = aovrec::callInfo(0, 5, -1, EIO);
+    EXPECT_EQ(failed.begin_ns, failed.end_ns);
+    EXPECT_GE(failed.end_ns, call.end_ns);
+    EXPECT_EQ(failed.err, EIO);
+
+    std::vector<uint8_t> got(1024, 0xEE);
+    aovrec::ByteWriter out(got.data(), got.size());
+    aovrec::WaitPayload wait(out, call, aovrec::WaitKind::kEpollPwait, -1);
+    const int entries = static_cast<int>(aovrec::kMaxWaitEntries);
+    for (int i = 0; i < entries; ++i) {
+        EXPECT_FALSE(wait.full()) << i;
+        wait.add(i, POLLIN | POLLPRI, i == 1 ? POLLIN : 0);
+    }
+    EXPECT_TRUE(wait.full());
+    wait.finish();
+    got.resize(out.size());
+
+    std::vector<uint8_t> want(1024);
+    aovrec::ByteWriter ref(want.data(), want.size());
+    aovrec::putCall(ref, call);
+    for (const uint8_t byte : {uint8_t{3}, uint8_t{0}, static_cast<uint8_t>(entries), uint8_t{0},
+                               uint8_t{0xFF}, uint8_t{0xFF}, uint8_t{0xFF}, uint8_t{0xFF}}) {
+        ref.u8(byte);
+    }
+    for (int i = 0; i < entries; ++i) {
+        ref.u32(static_cast<uint32_t>(i));
+        ref.u32(POLLIN | POLLPRI);
+        ref.u32(i == 1 ? POLLIN : 0);
+    }
+    want.resize(ref.size());
+    EXPECT_EQ(got, want);
+}
+
+// The area bytes a dequeue answer asks to keep, and the areas as they are
+// appended: each behind a header of its section's number, three zero bytes
+// and its length, and their count where the record keeps it.
+TEST(RecordEncoder, ADequeueKeepsEachWrittenAreaBehindItsHeaderAndCountsThem) {
+    Dequeue dq;
+    ASSERT_EQ(answerDequeue(-1, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+    const auto* back = reinterpret_cast<const uint8_t*>(&dq.query);
+    const uint64_t s4 = aov_event_sections[3].data_size;
+    uint64_t all = 0;
+    for (const aov_section_desc& section : aov_event_sections) {
+        all += section.data_size;
+    }
+    const size_t whole = sizeof(aov_event_query);
+    EXPECT_EQ(aovrec::contentBytes(ContentMode::kWritten, back, whole), 4400 + s4);
+    EXPECT_EQ(aovrec::contentBytes(ContentMode::kAll, back, whole), all);
+    EXPECT_EQ(aovrec::contentBytes(ContentMode::kNone, back, whole), 0u);
+    EXPECT_EQ(aovrec::contentBytes(ContentMode::kWritten, back, whole - 1), 0u)
+        << "a short answer has no areas";
+
+    // Section 1 without an address: neither counted nor read.
+    aov_query_set_area(&dq.query, 0, nullptr);
+    EXPECT_EQ(aovrec::contentBytes(ContentMode::kWritten, back, whole), 4300 + s4);
+    const aovrec::CopyCounters before = aovrec::copyCounters();
+    std::vector<uint8_t> room(sizeof(aov_event) + 1024);
+    aovrec::ByteWriter out(room.data(), room.size());
+    out.u8(0xEE);  // the count's place
+    aovrec::putAreas(out, ContentMode::kWritten, 0, back);
+    ASSERT_FALSE(out.overflow());
+    const aovrec::CopyCounters after = aovrec::copyCounters();
+    EXPECT_EQ(after.areas_read - before.areas_read, 8u);
+    EXPECT_EQ(after.areas_unreadable, before.areas_unreadable);
+
+    EXPECT_EQ(room[0], 8) << "the area count";
+    size_t at = 1;
+    std::vector<int> sections;
+    while (at + 8 <= out.size()) {
+        const uint8_t section = room[at];
+        const size_t s = section - 1u;
+        ASSERT_LT(s, size_t{AOV_SECTION_COUNT});
+        sections.push_back(section);
+        EXPECT_EQ(room[at + 1], 0);
+        EXPECT_EQ(room[at + 2], 0);
+        EXPECT_EQ(room[at + 3], 0);
+        const uint32_t length = word(room.data(), at + 4);
+        EXPECT_EQ(length, s == 3 ? aov_event_sections[3].data_size : (s + 1) * 100) << s + 1;
+        ASSERT_LE(at + 8 + length, out.size());
+        EXPECT_EQ(std::memcmp(room.data() + at + 8,
+                              dq.buffer.data() + aov_event_sections[s].data_offset, length),
+                  0)
+            << "section " << s + 1;
+        at += 8 + length;
+    }
+    EXPECT_EQ(at, out.size());
+    EXPECT_EQ(sections, (std::vector<int>{2, 3, 4, 5, 6, 8, 9, 10}));
+}
+// A large area is read after a probe of each of its pages, a small one by
+// the kernel in one go: an area that ends where an unreadable page begins is
+// read whole, one whose first or last byte lies in such a page is refused
+// (last pages of either parity: the probe steps page by page), and each copy
+// through the pipe is one pipe.
+TEST_P(AreaCopy, AnAreaIsReadToItsLastByteAndRefusedWhenItsFirstOrLastPageCannotBeRead) {
+    constexpr size_t kPage = 4096;
+    constexpr size_t kPages = 300;
+    auto* map = static_cast<uint8_t*>(::mmap(nullptr, kPages * kPage, PROT_READ | PROT_WRITE,
+                                             MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(map, MAP_FAILED);
+    for (size_t i = 0; i < kPages * kPage; ++i) {
+        map[i] = static_cast<uint8_t>(i * 7 + i / kPage);
+    }
+    std::vector<uint8_t> to(kPages * kPage);
+    const uint64_t pipes = aovrec::copyCounters().pipe_copies;
+    uint64_t copies = 0;
+    auto copied = [&](const uint8_t* from, size_t size) {
+        ++copies;
+        std::fill(to.begin(), to.end(), 0);
+        return aovrec::safeCopy(to.data(), from, size) && std::memcmp(to.data(), from, size) == 0;
+    };
+    EXPECT_TRUE(aovrec::safeCopy(to.data(), nullptr, 0)) << "nothing to copy is a copy";
+    EXPECT_FALSE(aovrec::safeCopy(to.data(), nullptr, 1));
+    EXPECT_TRUE(copied(map + 5, 1));
+    EXPECT_TRUE(copied(map + 100, 3 * kPage + 5)) << "more than a pipe takes at once";
+    const size_t large = 16 * kPage + 100;
+    for (const size_t bad : {size_t{280}, size_t{281}}) {
+        uint8_t* page = map + bad * kPage;
+        ASSERT_EQ(::mprotect(page, kPage, PROT_NONE), 0);
+        EXPECT_TRUE(copied(page - large, large)) << "ending at page " << bad;
+        EXPECT_TRUE(copied(page - 20, 20)) << "ending at page " << bad;
+        EXPECT_FALSE(copied(page - large + 1, large)) << "last byte in page " << bad;
+        EXPECT_FALSE(copied(page + kPage - 1, large)) << "first byte in page " << bad;
+        ASSERT_EQ(::mprotect(page, kPage, PROT_READ | PROT_WRITE), 0);
+    }
+    // 257 pages, the last unreadable: the probe's batch of 256 ends just before it.
+    uint8_t* page = map + 280 * kPage;
+    ASSERT_EQ(::mprotect(page, kPage, PROT_NONE), 0);
+    EXPECT_FALSE(copied(page - 256 * kPage + 4000, 256 * kPage - 4000 + 1));
+    EXPECT_TRUE(copied(page - 256 * kPage + 4000, 256 * kPage - 4000));
+    ASSERT_EQ(::mprotect(page, kPage, PROT_READ | PROT_WRITE), 0);
+    EXPECT_EQ(aovrec::copyCounters().pipe_copies - pipes, GetParam() ? copies : 0u);
+    ::munmap(map, kPages * kPage);
+}
+
+// With no descriptor left for its pipe, a copy through the pipe fails rather
+// than claim bytes it never read; the kernel's copy needs no descriptor.
+TEST(SessionFile, ACopyThatFindsNoDescriptorForItsPipeFails) {
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        static uint8_t from[128 * 1024];
+        static uint8_t to[sizeof(from)];
+        std::memset(from, 0x5A, sizeof(from));
+        const rlimit none{0, 0};
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        int code = 0;
+        aovrec::forcePipeCopies(false);
+        code |= aovrec::safeCopy(to, from, 16) ? 0 : 1;
+        aovrec::forcePipeCopies(true);
+        code |= aovrec::safeCopy(to, from, 16) ? 2 : 0;
+        code |= aovrec::safeCopy(to, from, sizeof(from)) ? 4 : 0;
+        ::_exit(code);
+    }
+    ASSERT_GT(pid, 0) << std::strerror(errno);
+    EXPECT_EQ(waitChild(pid), 0) << "1: the kernel's copy failed; 2: a small copy without a pipe "
+                                    "succeeded; 4: a large one did";
+}
+
+// A call record is queued whole into the ring or refused at once: up to half
+// the ring (512 KiB), so that it fits after any wrap. A stall limit of 0 or
+// less is the default, 200 ms.
+TEST(WriterThread, ARecordOfHalfTheRingIsQueuedAndALargerOneRefusedAndTheLimitHasADefault) {
+    for (const int ms : {0, -5}) {
+        aovrec::queueSetStallLimit(ms);
+        EXPECT_EQ(aovrec::queueStallLimit(), 200) << ms;
+    }
+    aovrec::queueSetStallLimit(1);
+    EXPECT_EQ(aovrec::queueStallLimit(), 1);
+    aovrec::queueSetStallLimit(60000);
+    ASSERT_TRUE(aovrec::queueSetUp());
+    ASSERT_TRUE(aovrec::queueAttach(nullptr, false, nullptr));  // takes records, writes none
+    const uint64_t handed_off = aovrec::queueHandedOff();
+    const std::vector<uint8_t> record(512 * 1024 + 1, 0x33);
+    EXPECT_TRUE(aovrec::queueSmall(RecordType::kPoll, record.data(), record.size() - 1));
+    EXPECT_FALSE(aovrec::queueSmall(RecordType::kPoll, record.data(), record.size()));
+    EXPECT_TRUE(aovrec::queueDrain(10)) << "the writer thread did not take the record in 10 s";
+    EXPECT_EQ(aovrec::queueHandedOff() - handed_off, 1u);
+}
+
+// The size of the file at `path` once it passes `size`, waiting for its
+// writes up to `seconds`; what it was then if it never did.
+off_t sizeOnceOver(const std::string& path, off_t size, int seconds) {
+    const int watch = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+    EXPECT_GE(watch, 0) << std::strerror(errno);
+    ::inotify_add_watch(watch, path.c_str(), IN_MODIFY);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    struct stat info {};
+    while (::stat(path.c_str(), &info) == 0 && info.st_size <= size &&
+           std::chrono::steady_clock::now() < deadline) {
+        pollfd p{watch, POLLIN, 0};
+        if (::poll(&p, 1, 100) > 0) {
+            char events[4096];
+            while (::read(watch, events, sizeof(events)) > 0) {
+            }
+        }
+    }
+    ::close(watch);
+    return info.st_size;
+}
+
+// The writer thread takes call records within its linger time even when
+// none came for a while: a call record that finds the writer idle is in the
+// file soon after, with no drain, no content and no 63 records behind it;
+// so is a dequeue's record after it.
+TEST(WriterThread, ACallRecordThatFindsTheWriterIdleIsWrittenWithoutADrain) {
+    Recording rec(ContentMode::kWritten, false);
+    const int fd = rec.openNode();
+    const off_t opened = sizeOnceOver(rec.path(), static_cast<off_t>(aovrec::kHeaderSize), 10);
+    EXPECT_GT(opened, static_cast<off_t>(aovrec::kHeaderSize))
+        << "the open record was not written within 10 s";
+    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+    const off_t stopped = sizeOnceOver(rec.path(), opened, 10);
+    EXPECT_GT(stopped, opened) << "the STOP record was not written within 10 s";
+    Dequeue dq;
+    EXPECT_EQ(aovrec::trackedIoctl(answerDequeue, fd, AOV_IOC_DEQUEUE_EVENT, &dq.query), 0);
+    EXPECT_GT(sizeOnceOver(rec.path(), stopped, 10), stopped)
+        << "the dequeue's record was not written within 10 s";
+    rec.closeNode(fd);
+    EXPECT_EQ(describeAll(rec.read()), (std::vector<std::string>{"open", "STOP", "D10", "close"}));
+}
+
+// A forked child writes its records itself: one its file refuses (at the
+// size limit) stops the child's recording with one line, SIGXFSZ does not
+// end it, its calls keep their results and its signal mask, nothing more is
+// written once there is room again, and the parent's file is untouched.
+TEST(Fork, AChildWhoseFileCannotBeWrittenSaysSoOnceAndItsCallsGoOn) {
+    Recording rec(ContentMode::kWritten);
+    const int fd = rec.openNode();
+    int errors[2];
+    ASSERT_EQ(::pipe2(errors, O_CLOEXEC), 0) << std::strerror(errno);
+    const pid_t pid = ::fork();
+    if (pid == 0) {
+        // Standard error into the pipe: a regular file would meet the limit too.
+        ::dup2(errors[1], STDERR_FILENO);
+        std::signal(SIGXFSZ, SIG_DFL);
+        // Room for the header of the child's own file, and not one byte more.
+        rlimit fsize{aovrec::kHeaderSize, RLIM_INFINITY};
+        ::setrlimit(RLIMIT_FSIZE, &fsize);
+        sigset_t before;
+        pthread_sigmask(SIG_BLOCK, nullptr, &before);
+        bool ok = true;
+        for (int i = 0; i < 3; ++i) {
+            errno = 0;
+            ok = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr) == -1 &&
+                 errno == EIO && ok;
+        }
+        sigset_t after;
+        pthread_sigmask(SIG_BLOCK, nullptr, &after);
+        for (const int sig : {SIGPIPE, SIGXFSZ}) {
+            ok = sigismember(&before, sig) == sigismember(&after, sig) && ok;
+        }
+        // With room again, nothing more goes to the file of a stopped recording.
+        fsize.rlim_cur = RLIM_INFINITY;
+        ::setrlimit(RLIMIT_FSIZE, &fsize);
+        aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
+        ::_exit(ok && aovrec::stats().failed ? 0 : 1);
+    }
+    ::close(errors[1]);
+    ASSERT_GT(pid, 0);
+    EXPECT_EQ(waitChild(pid), 0)
+        << "the child's calls failed, its signal mask changed or its recording went on";
+    std::string text;
+    char chunk[512];
+    for (ssize_t n; (n = ::read(errors[0], chunk, sizeof(chunk))) > 0;) {
+        text.append(chunk, static_cast<size_t>(n));
+    }
+    ::close(errors[0]);
+    EXPECT_EQ(text, "aov-rec: recording stopped: cannot write the session file: File too large\n");
+    const std::string childFile = std::string(aovrec::sessionPath()) + "." + std::to_string(pid);
+    EXPECT_EQ(readFile(childFile).size(), aovrec::kHeaderSize) << "records after the failure";
+    ::unlink(childFile.c_str());
+    rec.closeNode(fd);
+    EXPECT_EQ(describeAll(rec.read()), (std::vector<std::string>{"open", "close"}));
+}
+
+// Records still queued when the writer ends a batch keep their place in the
+// ring: those queued after it, while the writer is busy with the next batch,
+// go behind them and overwrite none. The writer is held inside its writes by
+// a pipe read only as far as the test needs: into the first dequeue, then
+// into the second, whose batch holds the two call records queued with it.
+TEST(WriterThread, RecordsQueuedAfterABatchNeverOverwriteTheOnesStillWaiting) {
+    // Where the first dequeue's record ends in an uncompressed file.
+    uint64_t end_of_first = 0;
+    {
+        Recording rec(ContentMode::kWritten, false);
+        const int fd = rec.openNode();
+        Dequeue dq;
+        aov_event_query query = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &query), 0);
+        rec.closeNode(fd);
+        const std::vector<Record> r = rec.read();
+        ASSERT_EQ(r.size(), 3u);
+        end_of_first = r[2].offset;
+    }
+    PipeSession pipe;
+    // A pipe of one page: the writer is never more than a page ahead of the reader.
+    const int small = ::open(pipe.path().c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    ASSERT_GE(small, 0) << std::strerror(errno);
+    ASSERT_EQ(::fcntl(small, F_SETPIPE_SZ, 4096), 4096) << std::strerror(errno);
+    std::vector<uint8_t> bytes;
+    {
+        Recording rec(ContentMode::kWritten, false, pipe.path());
+        const int fd = rec.openNode();
+        g_dequeues = 0;
+        Dequeue dq;
+        aov_event_query first = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &first), 0);
+        ASSERT_TRUE(pipe.readAtLeast(end_of_first - 4096 - 1))
+            << "the first dequeue was not being written";
+        aov_event_query second = dq.query;
+        ASSERT_EQ(aovrec::trackedIoctl(answerNumbered, fd, AOV_IOC_DEQUEUE_EVENT, &second), 0);
+        smallRecord(fd, 0);
+        smallRecord(fd, 1);
+        ASSERT_TRUE(pipe.readAtLeast(end_of_first + 1))
+            << "the second dequeue was not being written";
+        for (int i = 2; i < 8; ++i) {
+            smallRecord(fd, i);
+        }
+        pipe.startReading();
+        rec.closeNode(fd);
+        EXPECT_TRUE(aovrec::drain());
+        aovrec::configure(aovrec::RecorderConfig{});  // closes the writer's end
+        ASSERT_TRUE(pipe.finish(&bytes)) << "the session file was not closed within 30 s";
+    }
+    ::close(small);
+    std::string error;
+    EXPECT_EQ(describeBytes(bytes, &error),
+              (std::vector<std::string>{"open", "D1", "D2", "P0", "P1", "P2", "P3", "P4", "P5",
+                                        "P6", "P7", "close"}));
+    EXPECT_EQ(error, "");
+}
+
+// Installs a filter in this process, as a sandbox would, that refuses
+// madvise(MADV_POPULATE_READ) (EINVAL, as an older kernel does) and, with
+// `refuse_copy`, process_vm_readv (EPERM). False when it cannot.
+bool refuseCalls(bool refuse_copy) {
+    constexpr uint32_t kPopulateRead = 22;  // MADV_POPULATE_READ
+    const uint32_t copy = refuse_copy ? SECCOMP_RET_ERRNO | EPERM : SECCOMP_RET_ALLOW;
+    sock_filter filter[] = {
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_madvise, 0, 3),
+        BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, args) + 2 * sizeof(uint64_t)),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, kPopulateRead, 0, 3),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | EINVAL),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, __NR_process_vm_readv, 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, copy),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+    };
+    sock_fprog program{static_cast<unsigned short>(sizeof(filter) / sizeof(filter[0])), filter};
+    return ::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 &&
+           ::prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &program) == 0;
+}
+
+// Under a sandbox that refuses the page check a large area is probed a byte
+// a page by the kernel's copy; one that refuses that copy too moves every
+// copy to the pipe from the first refusal on, met by a large copy or a small
+// one. Either way each area is read whole or, with a page that cannot be
+// read, refused.
+TEST(SessionFile, UnderASandboxThatRefusesThePageCheckOrTheKernelsCopyAreasAreStillReadOrRefused) {
+    const struct {
+        bool refuse_copy;
+        bool small_first;  // the first refusal met by a small copy, not a large one
+    } sandboxes[] = {{false, false}, {true, false}, {true, true}};
+    for (const auto& sandbox : sandboxes) {
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            constexpr size_t kPage = 4096;
+            constexpr size_t kLarge = 16 * kPage + 100;
+            auto* map = static_cast<uint8_t*>(::mmap(nullptr, 40 * kPage, PROT_READ | PROT_WRITE,
+                                                     MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+            static uint8_t to[40 * kPage];
+            if (map == MAP_FAILED || !refuseCalls(sandbox.refuse_copy)) {
+                ::_exit(16);
+            }
+            for (size_t i = 0; i < 40 * kPage; ++i) {
+                map[i] = static_cast<uint8_t>(i * 13 + i / kPage);
+            }
+            uint8_t* bad = map + 30 * kPage;
+            ::mprotect(bad, kPage, PROT_NONE);
+            auto whole = [](const uint8_t* from, size_t size) {
+                return aovrec::safeCopy(to, from, size) && std::memcmp(to, from, size) == 0;
+            };
+            const uint64_t pipes = aovrec::copyCounters().pipe_copies;
+            int code = 0;
+            code |= sandbox.small_first && !whole(map + 7, 50) ? 2 : 0;
+            code |= whole(map + 100, kLarge) ? 0 : 1;
+            code |= whole(map + 5, 100) ? 0 : 2;
+            code |= aovrec::safeCopy(to, bad - kLarge + 1, kLarge) ? 4 : 0;
+            code |= (aovrec::copyCounters().pipe_copies > pipes) == sandbox.refuse_copy ? 0 : 8;
+            ::_exit(code);
+        }
+        ASSERT_GT(pid, 0) << std::strerror(errno);
+        EXPECT_EQ(waitChild(pid), 0)
+            << (sandbox.refuse_copy ? "process_vm_readv refused too" : "the page check refused")
+            << (sandbox.small_first ? ", a small copy first" : "")
+            << "; 1: a large area, 2: a small one not read whole; 4: an unreadable page not "
+               "refused; 8: the pipe used when it should not be, or not used; 16: no sandbox";
+    }
+}
 }  // namespace

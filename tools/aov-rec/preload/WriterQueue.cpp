@@ -101,8 +101,9 @@ void* writerMain(void*) {
     g_q.lock.lock();
     for (;;) {
         // Call records alone do not wake the writer (a wake-up costs the
-        // caller more than the record): it takes them within kLingerMs, at
-        // the next content record, when many are queued or on a drain.
+        // caller more than the record), but for the first after an idle
+        // spell: it takes them within kLingerMs, at the next content record,
+        // when many are queued or on a drain.
         while (g_q.count == 0 || (!g_q.urgent && g_q.count < kWakeAt)) {
             g_q.writer_waiting = true;
             if (g_q.count == 0) {
@@ -346,7 +347,9 @@ bool queueSmall(RecordType type, const uint8_t* data, size_t size) {
             if (g_q.count >= kWakeAt || g_q.ring_used > kRingBytes / 2) {
                 g_q.urgent = true;
             }
-            const bool wake = waiting && g_q.urgent;
+            // A writer with nothing queued sleeps without a time limit: the
+            // first record after it wakes it once, into its linger wait.
+            const bool wake = waiting && (g_q.urgent || g_q.count == 1);
             g_q.lock.unlock();
             // Woken after the unlock, the writer does not wake into a held lock.
             if (wake) {
