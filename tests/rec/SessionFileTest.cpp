@@ -366,19 +366,49 @@ TEST(SessionFile, MemoryThatCannotBeReadIsLeftOutAndTheCallStillHappens) {
 
 // A wait that failed (here EINTR) reports nothing ready, whatever the
 // caller's entries held from an earlier wait.
+// A wait that failed or timed out reports nothing ready, whatever the
+// entries' revents held before it.
 TEST(SessionFile, AFailedWaitReportsNothingReady) {
     Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     pollfd stale{fd, POLLIN, POLLIN};
     aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, -1, EINTR);
     EXPECT_EQ(errno, EINTR);
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, 0, 0);
     rec.closeNode(fd);
     const std::vector<Record> r = rec.read();
-    ASSERT_EQ(r.size(), 3u);
-    ASSERT_EQ(r[1].entry_count, 1u);
+    ASSERT_EQ(r.size(), 4u);
+    for (size_t i : {1, 2}) {
+        ASSERT_EQ(r[i].entry_count, 1u) << i;
+        EXPECT_EQ(r[i].call.fd, -1) << i;
+        EXPECT_EQ(r[i].entries[0].events, static_cast<uint32_t>(POLLIN)) << i;
+        EXPECT_EQ(r[i].entries[0].revents, 0u) << i;
+    }
     EXPECT_EQ(r[1].call.err, EINTR);
-    EXPECT_EQ(r[1].entries[0].events, static_cast<uint32_t>(POLLIN));
-    EXPECT_EQ(r[1].entries[0].revents, 0u);
+    EXPECT_EQ(r[2].call.result, 0);
+}
+
+// A wait's timespec as poll's milliseconds: rounded down, capped at INT_MAX,
+// -1 for none, a negative one or one that cannot be read.
+TEST(SessionFile, ATimeoutIsMillisecondsCappedAndMinusOneWhenThereIsNone) {
+    void* page = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    const struct {
+        timespec ts;
+        int ms;
+    } cases[] = {{{0, 0}, 0},
+                 {{0, 999999}, 0},
+                 {{1, 999999999}, 1999},
+                 {{-1, 0}, -1},
+                 {{2147482, 999999999}, 2147482999},
+                 {{2147483, 0}, 2147483647},
+                 {{time_t{1} << 40, 0}, 2147483647}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(aovrec::timeoutMs(&c.ts), c.ms) << c.ts.tv_sec << " s " << c.ts.tv_nsec << " ns";
+    }
+    EXPECT_EQ(aovrec::timeoutMs(nullptr), -1);
+    EXPECT_EQ(aovrec::timeoutMs(static_cast<const timespec*>(page)), -1);
+    ::munmap(page, 4096);
 }
 
 // A failed request keeps the record it sent and nothing of an answer, and a
@@ -1576,33 +1606,127 @@ TEST(SessionFile, ARegistrationPastTheWatchTableIsSaidOnceAndTheOthersAreFollowe
 }
 
 // A setting of the environment the recorder cannot use turns the recording
-// off with one line naming it.
+// off with one line naming it: on standard error, or under aov-rec record as
+// a "stop" line of its status file. Settings at their limits are taken.
 TEST(SessionFile, ASettingTheRecorderCannotUseTurnsItOffWithOneLine) {
     struct Case {
         const char* variable;
         const char* value;
-        const char* line;
+        const char* line;  // empty: the setting is taken
     };
-    const std::string file =
-        ::testing::TempDir() + "aovrec_setting_" + std::to_string(::getpid()) + ".rec";
-    ::unsetenv(aovrec::kEnvStatus);
+    // The status file by a name of one character, in the tests' directory.
+    const int cwd = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::chdir(::testing::TempDir().c_str()), 0) << std::strerror(errno);
+    const std::string file = "aovrec_setting_" + std::to_string(::getpid()) + ".rec";
+    const std::string status = "s";
+    const std::string pid = std::to_string(::getpid());
     ::setenv(aovrec::kEnvFile, file.c_str(), 1);
     for (const Case c :
          {Case{aovrec::kEnvContent, "some",
-               "aov-rec: AOV_REC_CONTENT must be all, written or none, not some; recording off\n"},
+               "AOV_REC_CONTENT must be all, written or none, not some; recording off"},
+          Case{aovrec::kEnvContent, "none", ""}, Case{aovrec::kEnvContent, "", ""},
           Case{aovrec::kEnvStallMs, "0",
-               "aov-rec: AOV_REC_STALL_MS must be 1 to 600000, not 0; recording off\n"}}) {
-        aovrec::configure(aovrec::RecorderConfig{});
-        ::setenv(c.variable, c.value, 1);
-        CapturedStderr err;
-        aovrec::configureFromEnvironment();
-        const std::string text = err.text();
-        ::unsetenv(c.variable);
-        EXPECT_EQ(text, c.line) << c.variable;
-        EXPECT_FALSE(aovrec::g_armed.load()) << c.variable;
+               "AOV_REC_STALL_MS must be 1 to 600000, not 0; recording off"},
+          Case{aovrec::kEnvStallMs, "600001",
+               "AOV_REC_STALL_MS must be 1 to 600000, not 600001; recording off"},
+          Case{aovrec::kEnvStallMs, "20ms",
+               "AOV_REC_STALL_MS must be 1 to 600000, not 20ms; recording off"},
+          Case{aovrec::kEnvStallMs, "1", ""}, Case{aovrec::kEnvStallMs, "600000", ""},
+          Case{aovrec::kEnvStallMs, "", ""}}) {
+        for (const bool under_record : {false, true}) {
+            const std::string what = std::string(c.variable) + "=" + c.value +
+                                     (under_record ? " with a status file" : "");
+            aovrec::configure(aovrec::RecorderConfig{});
+            ::unlink(status.c_str());
+            if (under_record) {
+                ::close(::open(status.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+                ::setenv(aovrec::kEnvStatus, status.c_str(), 1);
+            } else {
+                ::unsetenv(aovrec::kEnvStatus);
+            }
+            ::setenv(c.variable, c.value, 1);
+            CapturedStderr err;
+            aovrec::configureFromEnvironment();
+            const std::string text = err.text();
+            ::unsetenv(c.variable);
+            const std::vector<uint8_t> said = readFile(status);
+            const std::string line = c.line[0] == '\0' ? "" : std::string(c.line) + "\n";
+            EXPECT_EQ(text, under_record || line.empty() ? "" : "aov-rec: " + line) << what;
+            EXPECT_EQ(std::string(said.begin(), said.end()),
+                      under_record && !line.empty() ? "stop " + pid + " " + line : "")
+                << what;
+            EXPECT_EQ(aovrec::g_armed.load(), line.empty()) << what;
+        }
     }
+    aovrec::configure(aovrec::RecorderConfig{});
+    ::unlink(status.c_str());
+    EXPECT_EQ(::fchdir(cwd), 0);
+    ::close(cwd);
+    ::unsetenv(aovrec::kEnvStatus);
     ::unsetenv(aovrec::kEnvFile);
     ::unsetenv(aovrec::kEnvParent);
+}
+
+// Under aov-rec record, a recording's start and its stop are lines of the
+// status file and nothing goes to standard error; a status file that cannot
+// be written, or none, leaves the stop on standard error.
+TEST(SessionFile, AStatusFileGetsTheStartAndTheStopInsteadOfStandardError) {
+    // The status file by a name of one character, in the tests' directory.
+    const int cwd = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::chdir(::testing::TempDir().c_str()), 0) << std::strerror(errno);
+    const std::string pid = std::to_string(::getpid());
+    const std::string status = "s";
+    const std::string good = ::testing::TempDir() + "aovrec_status_" + pid + ".rec";
+    const std::string bad = "/nonexistent-dir/session.rec";
+    ::close(::open(status.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const std::string stopped = bad + ": " + std::strerror(ENOENT) + "\n";
+    const struct {
+        const std::string& file;
+        const char* status;
+        std::string said;  // added to the status file
+        std::string err;   // on standard error
+        bool no_stdin;     // the status file is opened as descriptor 0
+    } cases[] = {
+        {good, status.c_str(), "start " + pid + " " + good + "\n", "", false},
+        {bad, status.c_str(), "stop " + pid + " " + stopped, "", false},
+        {bad, status.c_str(), "stop " + pid + " " + stopped, "", true},
+        {bad, "/nonexistent-dir/status", "", "aov-rec: recording stopped: " + stopped, false},
+        {bad, nullptr, "", "aov-rec: recording stopped: " + stopped, false},
+    };
+    std::string want;
+    for (const auto& c : cases) {
+        const std::string what =
+            c.file +
+            (c.status == nullptr ? " without a status file" : std::string(" status ") + c.status) +
+            (c.no_stdin ? " and descriptor 0 free" : "");
+        CapturedStderr err;
+        const int saved = c.no_stdin ? ::fcntl(0, F_DUPFD_CLOEXEC, 3) : -1;
+        if (c.no_stdin) {
+            ::close(0);
+        }
+        aovrec::RecorderConfig config;
+        config.file = c.file.c_str();
+        config.node = kNode;
+        config.status = c.status;
+        aovrec::configure(config);
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+        aovrec::forgetOnClose(fd);
+        ::close(fd);
+        aovrec::configure(aovrec::RecorderConfig{});
+        if (saved >= 0) {
+            ::dup2(saved, 0);
+            ::close(saved);
+        }
+        EXPECT_EQ(err.text(), c.err) << what;
+        want += c.said;
+        const std::vector<uint8_t> said = readFile(status);
+        EXPECT_EQ(std::string(said.begin(), said.end()), want) << what;
+    }
+    ::unlink(good.c_str());
+    ::unlink(status.c_str());
+    EXPECT_EQ(::fchdir(cwd), 0);
+    ::close(cwd);
 }
 
 TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
@@ -2020,6 +2144,9 @@ TEST(StalledOutput, ACallNeverWaitsLongerThanTheLimitAndTheRecordingStopsOnce) {
             ASSERT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
             ASSERT_EQ(errno, EIO);
         }
+        // The writer is still blocked on the full pipe: what it holds is
+        // never written, and nobody waits for it.
+        EXPECT_TRUE(aovrec::drain()) << "a drain waited for the stopped recording's writer";
         EXPECT_TRUE(aovrec::stats().failed);
         rec.closeNode(fd);
         pipe.closeReader();  // lets the writer's blocked write end
