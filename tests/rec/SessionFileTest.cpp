@@ -375,9 +375,12 @@ TEST(SessionFile, AFailedWaitReportsNothingReady) {
     aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, -1, EINTR);
     EXPECT_EQ(errno, EINTR);
     aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, 0, 0);
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, 1, 0);
     rec.closeNode(fd);
     const std::vector<Record> r = rec.read();
-    ASSERT_EQ(r.size(), 4u);
+    ASSERT_EQ(r.size(), 5u);
+    ASSERT_EQ(r[3].entry_count, 1u);
+    EXPECT_EQ(r[3].entries[0].revents, static_cast<uint32_t>(POLLIN)) << "a wait that found it";
     for (size_t i : {1, 2}) {
         ASSERT_EQ(r[i].entry_count, 1u) << i;
         EXPECT_EQ(r[i].call.fd, -1) << i;
@@ -398,6 +401,7 @@ TEST(SessionFile, ATimeoutIsMillisecondsCappedAndMinusOneWhenThereIsNone) {
         int ms;
     } cases[] = {{{0, 0}, 0},
                  {{0, 999999}, 0},
+                 {{0, 1000000}, 1},
                  {{1, 999999999}, 1999},
                  {{-1, 0}, -1},
                  {{2147482, 999999999}, 2147482999},
