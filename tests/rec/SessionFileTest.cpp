@@ -601,6 +601,203 @@ TEST(SessionFile, ARecorderTurnedOffOrGivenANameTooLongRecordsNothing) {
     aovrec::configure(aovrec::RecorderConfig{});
 }
 
+// The session file a recording writes: the name it was given for its owner,
+// with "%p" as the pid and any other '%' as it is; a process that does not
+// own it adds ".PID". From the environment, the owner is a child of
+// AOV_REC_PARENT, or, without one, the process itself, which then names its
+// parent there. The file is readable by all, as the umask allows.
+TEST(SessionFile, TheOwnerWritesTheNamedFileAndAnyOtherProcessOneWithItsPid) {
+    const std::string dir = ::testing::TempDir() + "aovrec_naming_";
+    const std::string pid = std::to_string(::getpid());
+    const std::string ppid = std::to_string(::getppid());
+    const mode_t umask_was = ::umask(022);
+    // The path the recording writes, once the node is opened.
+    auto pathOf = [](const aovrec::RecorderConfig* config) {
+        if (config != nullptr) {
+            aovrec::configure(*config);
+        } else {
+            aovrec::configureFromEnvironment();
+        }
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+        aovrec::forgetOnClose(fd);
+        ::close(fd);
+        const std::string path = aovrec::sessionPath();
+        aovrec::configure(aovrec::RecorderConfig{});
+        struct stat info {};
+        EXPECT_EQ(::stat(path.c_str(), &info), 0) << path << ": " << std::strerror(errno);
+        EXPECT_EQ(info.st_mode & 0777, 0644u) << path;
+        ::unlink(path.c_str());
+        return path;
+    };
+    const struct {
+        std::string file;
+        bool owner;
+        std::string path;
+    } configured[] = {
+        {dir + "a.rec", true, dir + "a.rec"},
+        {dir + "a.rec", false, dir + "a.rec." + pid},
+        {dir + "%p.rec", false, dir + pid + ".rec"},
+        {dir + "%x%%p", true, dir + "%x%" + pid},
+    };
+    for (const auto& c : configured) {
+        aovrec::RecorderConfig config;
+        config.file = c.file.c_str();
+        config.node = kNode;
+        config.owner = c.owner;
+        EXPECT_EQ(pathOf(&config), c.path) << c.file << (c.owner ? " by its owner" : "");
+    }
+    const std::string file = dir + "env.rec";
+    ::setenv(aovrec::kEnvFile, file.c_str(), 1);
+    ::setenv(aovrec::kEnvNode, kNode, 1);
+    const struct {
+        const char* parent;  // null: unset
+        std::string path;
+    } inherited[] = {
+        {nullptr, file},
+        {"", file},
+        {ppid.c_str(), file},
+        {"1", file + "." + pid},
+    };
+    const std::string with_text = ppid + "x";
+    for (const auto& c : inherited) {
+        if (c.parent == nullptr) {
+            ::unsetenv(aovrec::kEnvParent);
+        } else {
+            ::setenv(aovrec::kEnvParent, c.parent, 1);
+        }
+        const std::string what =
+            std::string("AOV_REC_PARENT ") + (c.parent == nullptr ? "unset" : c.parent);
+        EXPECT_EQ(pathOf(nullptr), c.path) << what;
+        const char* now = std::getenv(aovrec::kEnvParent);
+        EXPECT_STREQ(now, c.parent == nullptr || c.parent[0] == '\0' ? ppid.c_str() : c.parent)
+            << what;
+    }
+    ::setenv(aovrec::kEnvParent, with_text.c_str(), 1);
+    EXPECT_EQ(pathOf(nullptr), file + "." + pid) << "AOV_REC_PARENT " << with_text;
+    ::unsetenv(aovrec::kEnvParent);
+    ::unsetenv(aovrec::kEnvFile);
+    ::unsetenv(aovrec::kEnvNode);
+    ::umask(umask_was);
+}
+
+// Without a node setting, DIR/kelo_aov is the node for AOV_DEV_DIR=DIR, when
+// that path fits; with one, or once configured without AOV_DEV_DIR, it is not.
+TEST(SessionFile, TheDevDirsNodeIsWatchedOnlyWithoutANodeSettingAndWhenItsPathFits) {
+    const std::string file = ::testing::TempDir() + "aovrec_devdir_" + std::to_string(::getpid());
+    const std::string fits(4096 - 11, 'd');  // DIR/kelo_aov and its end: 4096 bytes
+    const std::string longer = fits + "d";
+    const struct {
+        const char* node;
+        std::string dev_dir;
+        std::string path;
+        bool watched;
+    } cases[] = {
+        {nullptr, "/" + fits.substr(1), "/" + fits.substr(1) + "/kelo_aov", true},
+        {nullptr, "/" + longer.substr(1), "/" + longer.substr(1) + "/kelo_aov", false},
+        {nullptr, "/" + longer.substr(1), "/" + longer.substr(1) + "/kelo_ao", false},
+        {kNode, "/aov-rec-devdir", "/aov-rec-devdir/kelo_aov", false},
+        {kNode, "/aov-rec-devdir", kNode, true},
+        {nullptr, "", "/kelo_aov", false},
+        {nullptr, "", AOV_DEVICE_NODE, true},
+    };
+    for (const auto& c : cases) {
+        const std::string what = "node " + std::string(c.node == nullptr ? "unset" : c.node) +
+                                 ", dev dir of " + std::to_string(c.dev_dir.size()) +
+                                 " bytes: " + c.path.substr(0, 40);
+        for (const bool before : {false, true}) {
+            // Configured first with another dev dir, which the next
+            // configuration forgets.
+            aovrec::RecorderConfig config;
+            config.file = file.c_str();
+            config.node = c.node;
+            config.dev_dir = before ? "/aov-rec-before" : c.dev_dir.c_str();
+            aovrec::configure(config);
+            config.dev_dir = c.dev_dir.c_str();
+            if (before) {
+                aovrec::configure(config);
+            }
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, c.path.c_str(), O_RDWR, 0, fd, 0);
+            EXPECT_EQ(aovrec::forgetOnClose(fd), c.watched) << what;
+            ::close(fd);
+            // Neither the last dev dir's node nor what is left of its path.
+            for (const char* path : {"/aov-rec-before/kelo_aov", "/"}) {
+                // Another file: /dev/null may be known as the node by now.
+                const int other = ::open("/dev/zero", O_RDWR | O_CLOEXEC);
+                aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, path, O_RDWR, 0, other, 0);
+                EXPECT_FALSE(aovrec::forgetOnClose(other)) << what << ": " << path;
+                ::close(other);
+            }
+            aovrec::configure(aovrec::RecorderConfig{});
+            ::unlink(file.c_str());
+        }
+    }
+}
+
+// A node that exists when the recorder is configured, as the node setting
+// or in AOV_DEV_DIR, is known by its identity from the start: its first
+// open, through a symlink, is recorded.
+TEST(SessionFile, ANodeThatExistsIsRecordedAtItsFirstOpenThroughAnyPath) {
+    const std::string dir = ::testing::TempDir() + "aovrec_identity_" + std::to_string(::getpid());
+    const std::string node = dir + "/kelo_aov";
+    const std::string link = dir + "/link";
+    const std::string file = dir + ".rec";
+    ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0) << std::strerror(errno);
+    ::close(::open(node.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(::symlink(node.c_str(), link.c_str()), 0) << std::strerror(errno);
+    for (const bool in_dev_dir : {false, true}) {
+        aovrec::RecorderConfig config;
+        config.file = file.c_str();
+        config.node = in_dev_dir ? nullptr : node.c_str();
+        config.dev_dir = in_dev_dir ? dir.c_str() : nullptr;
+        aovrec::configure(config);
+        const int fd = ::open(link.c_str(), O_RDWR | O_CLOEXEC);
+        ASSERT_GE(fd, 0) << std::strerror(errno);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, link.c_str(), O_RDWR, 0, fd, 0);
+        EXPECT_TRUE(aovrec::forgetOnClose(fd))
+            << (in_dev_dir ? "in AOV_DEV_DIR" : "the node setting");
+        ::close(fd);
+        aovrec::configure(aovrec::RecorderConfig{});
+        ::unlink(file.c_str());
+    }
+    ::unlink(link.c_str());
+    ::unlink(node.c_str());
+    ::rmdir(dir.c_str());
+}
+
+// close_range: the node descriptors in the range, its last included, are
+// forgotten before the call and recorded as closed once it succeeded.
+TEST(SessionFile, ARangeClosedForgetsItsNodeDescriptorsAndRecordsTheirClosesIfItSucceeded) {
+    Recording rec(ContentMode::kNone);
+    const int a = rec.openNode();
+    const int b = rec.openNode();
+    const int c = rec.openNode();
+    int fds[8] = {};
+    ASSERT_EQ(aovrec::forgetRange(static_cast<unsigned>(a), static_cast<unsigned>(a), fds, 8), 1);
+    EXPECT_EQ(fds[0], a);
+    EXPECT_FALSE(aovrec::fdHas(a, aovrec::kFdNode)) << "the range's last descriptor";
+    EXPECT_TRUE(aovrec::fdHas(b, aovrec::kFdNode));
+    errno = 0;
+    aovrec::recordCloseRange(aovrec::monotonicNs(), fds, 1, 0, 0);
+    EXPECT_EQ(errno, 0);
+    // A range to the largest number; the call failed: no close is recorded.
+    const int n = aovrec::forgetRange(static_cast<unsigned>(b), ~0u, fds, 8);
+    ASSERT_EQ(n, 2);
+    EXPECT_FALSE(aovrec::fdHas(c, aovrec::kFdNode));
+    aovrec::recordCloseRange(aovrec::monotonicNs(), fds, n, -1, EINVAL);
+    EXPECT_EQ(errno, EINVAL);
+    for (const int fd : {a, b, c}) {
+        ::close(fd);
+    }
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 4u) << "one close, of the range that was closed";
+    EXPECT_EQ(r[3].type, RecordType::kClose);
+    EXPECT_EQ(r[3].call.fd, a);
+    EXPECT_EQ(r[3].call.result, 0);
+    EXPECT_EQ(r[3].call.err, 0);
+}
+
 // A small file of a few records, some compressed.
 std::vector<uint8_t> smallSession(std::vector<uint64_t>* frame_ends) {
     Recording rec(ContentMode::kWritten);
