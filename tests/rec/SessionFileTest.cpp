@@ -437,6 +437,9 @@ TEST(SessionFile, ASessionFileOpenedAsDescriptorZeroIsClosedWhenTheRecordingEnds
     ::dup2(saved, 0);
     ::close(saved);
     EXPECT_TRUE(closed) << "the ended recording's file was left open as descriptor 0";
+    // Once closed, it is not closed again: descriptor 0 is the process's now.
+    aovrec::configure(aovrec::RecorderConfig{});
+    EXPECT_NE(::fcntl(0, F_GETFD), -1) << "a later recording closed descriptor 0";
 }
 
 TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
@@ -1815,10 +1818,10 @@ TEST(SessionFile, ASettingTheRecorderCannotUseTurnsItOffWithOneLine) {
         const char* value;
         const char* line;  // empty: the setting is taken
     };
-    // The status file by a name of one character, in the tests' directory.
+    // The session and status files by names of one character, in the tests' directory.
     const int cwd = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     ASSERT_EQ(::chdir(::testing::TempDir().c_str()), 0) << std::strerror(errno);
-    const std::string file = "aovrec_setting_" + std::to_string(::getpid()) + ".rec";
+    const std::string file = "r";
     const std::string status = "s";
     const std::string pid = std::to_string(::getpid());
     ::setenv(aovrec::kEnvFile, file.c_str(), 1);
@@ -2375,6 +2378,22 @@ int waitChild(pid_t pid) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
+// Whether this process has `path` open.
+bool holdsFile(const std::string& path) {
+    DIR* dir = ::opendir("/proc/self/fd");
+    bool found = false;
+    while (dirent* e = dir != nullptr ? ::readdir(dir) : nullptr) {
+        char target[4096];
+        const std::string link = std::string("/proc/self/fd/") + e->d_name;
+        const ssize_t n = ::readlink(link.c_str(), target, sizeof(target) - 1);
+        found = found || (n > 0 && std::string(target, static_cast<size_t>(n)) == path);
+    }
+    if (dir != nullptr) {
+        ::closedir(dir);
+    }
+    return found;
+}
+
 // Set by the test's own fork handler, which runs before the recorder's.
 std::mutex g_fork_mutex;
 std::condition_variable g_fork_cv;
@@ -2418,11 +2437,13 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
         ASSERT_TRUE(g_fork_cv.wait_for(lock, std::chrono::seconds(30), [] { return g_lock_held; }))
             << "the other thread never took the recorder's lock";
     }
+    const std::string parentFile = aovrec::sessionPath();
     const pid_t pid = ::fork();
     if (pid == 0) {
-        // In the child: no file of its own before its first call, then a
-        // call and a close on the inherited descriptor.
-        const bool fresh = !aovrec::stats().started;
+        // In the child: no file of its own before its first call, nor the
+        // parent's open, then a call and a close on the inherited descriptor.
+        const bool fresh =
+            !aovrec::stats().started && aovrec::sessionPath()[0] == '\0' && !holdsFile(parentFile);
         const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
         rec.closeNode(fd);
         const bool drained = aovrec::drain();
@@ -2438,17 +2459,53 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
     }
     ASSERT_GT(pid, 0);
     EXPECT_EQ(waitChild(pid), 0) << "the child's calls did not go through";
-    const std::string parentFile = aovrec::sessionPath();
     const std::string childFile = parentFile + "." + std::to_string(pid);
     rec.closeNode(fd);
     // The parent's file: its open, its STOP, its close; the child's: its own two.
     const std::vector<Record> parent = rec.read();
     EXPECT_EQ(describeAll(parent), (std::vector<std::string>{"open", "STOP", "close"}));
     std::string error;
-    EXPECT_EQ(describeBytes(readFile(childFile), &error),
-              (std::vector<std::string>{"STOP", "close"}));
+    const std::vector<uint8_t> child = readFile(childFile);
+    EXPECT_EQ(describeBytes(child, &error), (std::vector<std::string>{"STOP", "close"}));
     EXPECT_EQ(error, "");
+    aovrec::MemorySource source(child.data(), child.size());
+    SessionReader reader(source);
+    ASSERT_TRUE(reader.start()) << reader.error();
+    Record r;
+    while (reader.next(&r) == SessionReader::Next::kRecord) {
+        EXPECT_EQ(r.call.tid, static_cast<uint32_t>(pid))
+            << "a child's call under its parent's thread";
+    }
     ::unlink(childFile.c_str());
+}
+
+// A child forked after its parent's recording stopped records on its own,
+// into a file of its own, and says why that stopped too. Configured more
+// than once, the recorder still prepares for fork() once: a second handler
+// would wait for the lock the first took.
+TEST(Fork, AChildOfAStoppedRecordingTriesAFileOfItsOwnAndSaysWhyItStopped) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ::alarm(30);  // ends a fork that waits for a lock it holds
+            aovrec::RecorderConfig config;
+            config.file = "/nonexistent-dir/session.rec";
+            config.node = kNode;
+            aovrec::configure(aovrec::RecorderConfig{});
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            const pid_t pid = ::fork();
+            if (pid == 0) {
+                const int again = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+                aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, again, 0);
+                ::_exit(aovrec::stats().failed ? 0 : 1);
+            }
+            std::exit(pid > 0 && waitChild(pid) == 0 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0),
+        "recording stopped: /nonexistent-dir/session\\.rec: .*"
+        "recording stopped: /nonexistent-dir/session\\.rec\\.[0-9]+: ");
 }
 
 }  // namespace
