@@ -769,6 +769,114 @@ TEST(SessionFile, ANodeThatExistsIsRecordedAtItsFirstOpenThroughAnyPath) {
     ::rmdir(dir.c_str());
 }
 
+// A duplicate onto a node's number records that number's close (the node
+// stays there when the duplicate is the node's); one onto itself changes
+// nothing.
+TEST(SessionFile, ADuplicateOverANodeNumberRecordsItsCloseAndOneOntoItselfNothing) {
+    Recording rec(ContentMode::kNone);
+    const int a = rec.openNode();
+    const int b = rec.openNode();
+    const int other = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
+    errno = EAGAIN;
+    aovrec::recordDup(aovrec::monotonicNs(), b, b);
+    EXPECT_TRUE(aovrec::fdHas(b, aovrec::kFdNode));
+    aovrec::recordDup(aovrec::monotonicNs(), b, a);
+    EXPECT_TRUE(aovrec::fdHas(a, aovrec::kFdNode)) << "the node's duplicate";
+    epoll_event seven{};
+    seven.events = EPOLLIN;
+    seven.data.u64 = 7;
+    aovrec::recordEpollCtl(aovrec::monotonicNs(), 1000, EPOLL_CTL_ADD, a, &seven, 0, 0);
+    errno = EAGAIN;
+    aovrec::recordDup(aovrec::monotonicNs(), other, a);
+    EXPECT_FALSE(aovrec::fdHas(a, aovrec::kFdNode)) << "another file's duplicate";
+    EXPECT_EQ(errno, EAGAIN) << "the caller's errno";
+    // The number's registration went with it.
+    aovrec::recordEpollWait(aovrec::WaitKind::kEpollWait, aovrec::monotonicNs(), 1000, &seven, 0, 1,
+                            0);
+    for (const int fd : {a, b, other}) {
+        ::close(fd);
+    }
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 6u);
+    EXPECT_EQ(r[5].entry_count, 0u) << "a wait named the number another file took";
+    for (size_t i : {2, 4}) {
+        EXPECT_EQ(r[i].type, RecordType::kClose) << i;
+        EXPECT_EQ(r[i].call.fd, a) << i;
+        EXPECT_EQ(r[i].call.result, 0) << i;
+    }
+}
+
+// A registration is known before its epoll_ctl (a wait the call itself
+// wakes finds the node); a refused one leaves what was there before (the
+// old data, or no epoll descriptor of the node's), a removal forgets it, and
+// the record keeps the events and data only of a call that took them.
+TEST(SessionFile, ARefusedRegistrationLeavesTheOneBeforeAndARemovalForgetsIt) {
+    Recording rec(ContentMode::kNone);
+    const int fd = rec.openNode();
+    constexpr int kEp = 1000;
+    constexpr int kOtherEp = 1001;
+    epoll_event seven{};
+    seven.events = EPOLLIN;
+    seven.data.u64 = 7;
+    epoll_event nine = seven;
+    nine.data.u64 = 9;
+    auto wait = [](int epfd, const epoll_event& reported) {
+        aovrec::recordEpollWait(aovrec::WaitKind::kEpollWait, aovrec::monotonicNs(), epfd,
+                                &reported, 0, 1, 0);
+    };
+    // `during`: the data a wait that returns during the call reports.
+    auto ctl = [fd, &wait](int epfd, int op, epoll_event* event, int result, int err,
+                           const epoll_event* during) {
+        const aovrec::WatchBefore before = aovrec::watchBeforeCtl(epfd, op, fd, event);
+        if (during != nullptr) {
+            wait(epfd, *during);
+        }
+        aovrec::recordEpollCtl(aovrec::monotonicNs(), epfd, op, fd, event, result, err, before);
+    };
+    ctl(kEp, EPOLL_CTL_ADD, &seven, 0, 0, &seven);             // records 1, 2
+    ctl(kEp, EPOLL_CTL_MOD, &nine, 0, 0, &nine);               // 3, 4
+    ctl(kEp, EPOLL_CTL_MOD, &seven, -1, EINVAL, nullptr);      // 5
+    ctl(kOtherEp, EPOLL_CTL_ADD, &seven, -1, EBADF, nullptr);  // 6
+    ctl(kEp, EPOLL_CTL_DEL, nullptr, -1, EBADF, nullptr);      // 7
+    EXPECT_TRUE(aovrec::fdHas(kEp, aovrec::kFdEpoll));
+    EXPECT_FALSE(aovrec::fdHas(kOtherEp, aovrec::kFdEpoll)) << "after a refused first registration";
+    wait(kEp, nine);                                  // 8
+    wait(kEp, seven);                                 // 9
+    wait(kOtherEp, seven);                            // 10
+    ctl(kEp, EPOLL_CTL_DEL, nullptr, 0, 0, nullptr);  // 11
+    wait(kEp, nine);                                  // 12
+    wait(kEp, epoll_event{});                         // 13: another registration's, with data 0
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 15u);
+    const struct {
+        size_t at;
+        int32_t op;
+        uint32_t events;
+        uint64_t data;
+    } ctls[] = {{2, EPOLL_CTL_ADD, EPOLLIN, 7}, {4, EPOLL_CTL_MOD, EPOLLIN, 9},
+                {5, EPOLL_CTL_MOD, 0, 0},       {6, EPOLL_CTL_ADD, 0, 0},
+                {7, EPOLL_CTL_DEL, 0, 0},       {11, EPOLL_CTL_DEL, 0, 0}};
+    for (const auto& c : ctls) {
+        ASSERT_EQ(r[c.at].type, RecordType::kEpollCtl) << c.at;
+        EXPECT_EQ(r[c.at].ctl_op, c.op) << c.at;
+        EXPECT_EQ(r[c.at].ctl_fd, fd) << c.at;
+        EXPECT_EQ(r[c.at].ctl_events, c.events) << c.at;
+        EXPECT_EQ(r[c.at].ctl_data, c.data) << c.at;
+    }
+    // The node under its data of the moment on kEp only, until it was removed.
+    std::vector<size_t> named;
+    for (size_t at : {1, 3, 8, 9, 10, 12, 13}) {
+        ASSERT_EQ(r[at].type, RecordType::kEpollWait) << at;
+        named.push_back(r[at].entry_count);
+        if (r[at].entry_count == 1) {
+            EXPECT_EQ(r[at].entries[0].fd, fd) << at;
+            EXPECT_EQ(r[at].entries[0].events, 0u) << at << ": epoll says only what it found";
+        }
+    }
+    EXPECT_EQ(named, (std::vector<size_t>{1, 1, 1, 0, 0, 0, 0}));
+}
+
 // close_range: the node descriptors in the range, its last included, are
 // forgotten before the call and recorded as closed once it succeeded.
 TEST(SessionFile, ARangeClosedForgetsItsNodeDescriptorsAndRecordsTheirClosesIfItSucceeded) {
