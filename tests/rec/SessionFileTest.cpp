@@ -430,6 +430,7 @@ TEST(SessionFile, ASessionFileOpenedAsDescriptorZeroIsClosedWhenTheRecordingEnds
         ::close(0);
         aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
         EXPECT_EQ(::fcntl(0, F_GETFD), FD_CLOEXEC) << "the session file is not descriptor 0";
+        EXPECT_TRUE(aovrec::stats().started);
         rec.closeNode(fd);
         EXPECT_EQ(rec.read().size(), 2u);
     }
@@ -579,7 +580,8 @@ TEST(SessionFile, ARecorderTurnedOffOrGivenANameTooLongRecordsNothing) {
         EXPECT_FALSE(aovrec::forgetOnClose(fd)) << "the last recording's node taken for this one's";
         ::close(fd);
     }
-    const std::string too_long = ::testing::TempDir() + std::string(5000, 'x');
+    // A name of 4096 bytes: one more than a setting holds with its end.
+    const std::string too_long = "/" + std::string(4095, 'x');
     for (const char* file : {static_cast<const char*>(nullptr), too_long.c_str()}) {
         const char* what = file == nullptr ? "no file" : "a file name too long";
         aovrec::RecorderConfig config;
@@ -875,6 +877,135 @@ TEST(SessionFile, ARefusedRegistrationLeavesTheOneBeforeAndARemovalForgetsIt) {
         }
     }
     EXPECT_EQ(named, (std::vector<size_t>{1, 1, 1, 0, 0, 0, 0}));
+}
+
+// select: each node descriptor in the range, 0 and FD_SETSIZE - 1 included,
+// with the sets it was asked in and those it was found in; other
+// descriptors and those past the range are left out, a range past
+// FD_SETSIZE is cut there, and no byte past the range is read.
+TEST(SessionFile, ASelectRecordsEachNodeDescriptorOfItsRangeWithItsSets) {
+    Recording rec(ContentMode::kNone);
+    const int fd = rec.openNode();
+    const int saved = ::fcntl(0, F_DUPFD_CLOEXEC, 3);
+    ASSERT_GE(saved, 0) << std::strerror(errno);
+    const int last = FD_SETSIZE - 1;
+    const int other = 1000;  // not the node's
+    ASSERT_EQ(::dup2(fd, 0), 0);
+    ASSERT_EQ(::dup2(fd, last), last) << std::strerror(errno);
+    aovrec::recordDup(aovrec::monotonicNs(), fd, 0);
+    aovrec::recordDup(aovrec::monotonicNs(), fd, last);
+    auto setOf = [](std::initializer_list<int> fds) {
+        fd_set s;
+        FD_ZERO(&s);
+        for (const int n : fds) {
+            FD_SET(n, &s);
+        }
+        return s;
+    };
+    fd_set read = setOf({0});
+    fd_set write = setOf({last, other});
+    fd_set except = setOf({0, last});
+    aovrec::SelectSets asked;
+    for (const int nfds : {FD_SETSIZE, FD_SETSIZE + 100}) {
+        ASSERT_TRUE(aovrec::copySelectSets(nfds, &read, &write, &except, &asked)) << nfds;
+        // Found: 0 readable, the last with an exception; then 0 alone.
+        fd_set found[3] = {setOf({0}), setOf({}), setOf({last})};
+        aovrec::recordSelect(aovrec::WaitKind::kSelect, aovrec::monotonicNs(), nfds, asked,
+                             &found[0], &found[1], &found[2], 250, 2, 0);
+        fd_set alone[3] = {setOf({0}), setOf({}), setOf({})};
+        aovrec::recordSelect(aovrec::WaitKind::kSelect, aovrec::monotonicNs(), nfds, asked,
+                             &alone[0], &alone[1], &alone[2], 250, 1, 0);
+    }
+    // A range that stops short of the last, and sets without a node in range.
+    fd_set both = setOf({0, last});
+    ASSERT_TRUE(aovrec::copySelectSets(last, &both, nullptr, nullptr, &asked));
+    aovrec::recordSelect(aovrec::WaitKind::kPselect, aovrec::monotonicNs(), last, asked, &both,
+                         nullptr, nullptr, -1, 0, 0);
+    fd_set only_last = setOf({last});
+    fd_set only_other = setOf({other});
+    EXPECT_FALSE(aovrec::copySelectSets(last, &only_last, nullptr, nullptr, &asked));
+    EXPECT_FALSE(aovrec::copySelectSets(FD_SETSIZE, &only_other, nullptr, nullptr, &asked));
+    EXPECT_FALSE(aovrec::copySelectSets(-1, &read, nullptr, nullptr, &asked));
+    // A set that ends where readable memory ends.
+    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    void* room =
+        ::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(room, MAP_FAILED);
+    ASSERT_EQ(::mprotect(static_cast<char*>(room) + page, page, PROT_NONE), 0);
+    auto* edge = reinterpret_cast<fd_set*>(static_cast<char*>(room) + page - sizeof(fd_set));
+    *edge = only_last;
+    EXPECT_TRUE(aovrec::copySelectSets(FD_SETSIZE, edge, nullptr, nullptr, &asked))
+        << "a set read past its range";
+    ::munmap(room, 2 * page);
+    for (const int n : {0, last}) {
+        aovrec::forgetOnClose(n);
+    }
+    ::dup2(saved, 0);
+    ::close(saved);
+    ::close(last);
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 7u);
+    for (size_t i : {1, 2, 3, 4}) {
+        ASSERT_EQ(r[i].type, RecordType::kPoll) << i;
+        EXPECT_EQ(r[i].wait_kind, aovrec::WaitKind::kSelect) << i;
+        EXPECT_EQ(r[i].timeout_ms, 250) << i;
+        EXPECT_EQ(r[i].call.fd, -1) << i;
+        ASSERT_EQ(r[i].entry_count, 2u) << i;
+        const bool both_found = i % 2 == 1;
+        EXPECT_EQ(r[i].entries[0].fd, 0) << i;
+        EXPECT_EQ(r[i].entries[0].events, static_cast<uint32_t>(POLLIN | POLLPRI)) << i;
+        EXPECT_EQ(r[i].entries[0].revents, static_cast<uint32_t>(POLLIN)) << i;
+        EXPECT_EQ(r[i].entries[1].fd, last) << i;
+        EXPECT_EQ(r[i].entries[1].events, static_cast<uint32_t>(POLLOUT | POLLPRI)) << i;
+        EXPECT_EQ(r[i].entries[1].revents, both_found ? static_cast<uint32_t>(POLLPRI) : 0u) << i;
+    }
+    EXPECT_EQ(r[5].wait_kind, aovrec::WaitKind::kPselect);
+    ASSERT_EQ(r[5].entry_count, 1u) << "a node past the range";
+    EXPECT_EQ(r[5].entries[0].fd, 0);
+    EXPECT_EQ(r[5].entries[0].revents, 0u) << "a select that found nothing";
+}
+
+// An ioctl's argument record: kept whole up to 1024 bytes, cut there past
+// it, and its answer of any size after a read-direction call; a null
+// argument is said as such.
+TEST(SessionFile, AnArgumentRecordIsKeptUpToItsLimitWithAnAnswerOfAnySize) {
+    Recording rec(ContentMode::kNone);
+    const int fd = rec.openNode();
+    // Answers with each byte's complement.
+    auto answer = [](int, unsigned long request, void* arg) -> int {
+        auto* bytes = static_cast<uint8_t*>(arg);
+        for (size_t i = 0; i < _IOC_SIZE(request); ++i) {
+            bytes[i] = static_cast<uint8_t>(~bytes[i]);
+        }
+        return 0;
+    };
+    const size_t sizes[] = {1, 1024, 1025};
+    std::vector<uint8_t> arg(1025);
+    for (const size_t size : sizes) {
+        for (size_t i = 0; i < arg.size(); ++i) {
+            arg[i] = static_cast<uint8_t>(i * 7);
+        }
+        const unsigned long request = _IOC(_IOC_READ | _IOC_WRITE, 'x', 1, size);
+        EXPECT_EQ(aovrec::trackedIoctl(answer, fd, request, arg.data()), 0) << size;
+    }
+    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 6u);
+    for (size_t k = 0; k < 3; ++k) {
+        const Record& got = r[1 + k];
+        const size_t kept = sizes[k] < 1024 ? sizes[k] : 1024;
+        EXPECT_EQ(got.arg_flags, sizes[k] > 1024 ? aovrec::kArgCut : 0) << sizes[k];
+        ASSERT_EQ(got.sent_len, kept) << sizes[k];
+        ASSERT_EQ(got.back_len, kept) << sizes[k];
+        for (size_t i = 0; i < kept; ++i) {
+            ASSERT_EQ(got.sent[i], static_cast<uint8_t>(i * 7)) << sizes[k] << " at " << i;
+            ASSERT_EQ(got.back[i], static_cast<uint8_t>(~(i * 7))) << sizes[k] << " at " << i;
+        }
+    }
+    EXPECT_EQ(r[4].arg_flags, aovrec::kArgNull);
+    EXPECT_EQ(r[4].sent_len, 0u);
 }
 
 // close_range: the node descriptors in the range, its last included, are
