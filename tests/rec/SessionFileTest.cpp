@@ -1008,6 +1008,69 @@ TEST(SessionFile, AnArgumentRecordIsKeptUpToItsLimitWithAnAnswerOfAnySize) {
     EXPECT_EQ(r[4].sent_len, 0u);
 }
 
+// An open is recorded with its flags, mode and directory when it named the
+// node's path, even if it failed; an open that failed on an unreadable path
+// (EFAULT) is left alone, and each leaves errno as the call did.
+TEST(SessionFile, AFailedOpenOfTheNodesPathIsRecordedAndOneOfAnUnreadablePathIsNot) {
+    Recording rec(ContentMode::kNone);
+    void* page = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, -1, ENOENT);
+    EXPECT_EQ(errno, ENOENT);
+    aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, static_cast<const char*>(page), O_RDWR, 0,
+                       -1, EFAULT);
+    EXPECT_EQ(errno, EFAULT);
+    aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, "/aov-rec-test/other", O_RDWR, 0, -1,
+                       ENOENT);
+    const int dirfd = 7;
+    const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    aovrec::recordOpen(aovrec::monotonicNs(), dirfd, kNode, O_RDWR | O_CREAT, 0640, fd, 0);
+    EXPECT_EQ(errno, 0);
+    rec.closeNode(fd);
+    ::munmap(page, 4096);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 3u);
+    EXPECT_EQ(r[0].call.result, -1);
+    EXPECT_EQ(r[0].call.err, ENOENT);
+    EXPECT_EQ(r[0].call.fd, AT_FDCWD);
+    EXPECT_EQ(r[0].path, kNode);
+    EXPECT_EQ(r[1].type, RecordType::kOpen);
+    EXPECT_EQ(r[1].call.result, fd);
+    EXPECT_EQ(r[1].call.fd, dirfd);
+    EXPECT_EQ(r[1].open_flags, static_cast<uint32_t>(O_RDWR | O_CREAT));
+    EXPECT_EQ(r[1].open_mode, 0640u);
+    EXPECT_EQ(r[1].path, kNode);
+}
+
+// A poll's entries are read 64 at a time: a node in any of them is recorded,
+// each under its own number, and only the node's; nothing past the entries
+// is read, and a poll without the node among them is not recorded.
+TEST(SessionFile, APollOfManyEntriesRecordsTheNodesWhereverTheyAre) {
+    Recording rec(ContentMode::kNone);
+    const int fd = rec.openNode();
+    std::vector<pollfd> fds(65, pollfd{-1, POLLIN, 0});
+    fds[1] = pollfd{fd, POLLPRI, 0};
+    fds[64] = pollfd{fd, POLLIN, POLLIN};
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), fds.data(), fds.size(), 5, 1,
+                       0);
+    fds.assign(130, pollfd{-1, POLLIN, 0});
+    fds[129] = pollfd{fd, POLLIN, POLLIN};
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), fds.data(), fds.size(), 5, 1,
+                       0);
+    // One entry of another file, with the node's just after it.
+    const pollfd beyond[2] = {{-1, POLLIN, 0}, {fd, POLLIN, POLLIN}};
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), beyond, 1, 5, 0, 0);
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 4u);
+    ASSERT_EQ(r[1].entry_count, 2u);
+    EXPECT_EQ(r[1].entries[0].events, static_cast<uint32_t>(POLLPRI));
+    EXPECT_EQ(r[1].entries[1].events, static_cast<uint32_t>(POLLIN));
+    EXPECT_EQ(r[1].entries[1].revents, static_cast<uint32_t>(POLLIN));
+    ASSERT_EQ(r[2].entry_count, 1u) << "a node past the first 64 entries";
+    EXPECT_EQ(r[2].entries[0].revents, static_cast<uint32_t>(POLLIN));
+}
+
 // close_range: the node descriptors in the range, its last included, are
 // forgotten before the call and recorded as closed once it succeeded.
 TEST(SessionFile, ARangeClosedForgetsItsNodeDescriptorsAndRecordsTheirClosesIfItSucceeded) {
