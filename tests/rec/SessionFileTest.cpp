@@ -415,6 +415,8 @@ TEST(SessionFile, ATimeoutIsMillisecondsCappedAndMinusOneWhenThereIsNone) {
     ::munmap(page, 4096);
 }
 
+int waitChild(pid_t pid);
+
 // A failed request keeps the record it sent and nothing of an answer, and a
 // request that succeeds leaves no errno in its record, whatever errno held
 // before it.
@@ -431,6 +433,13 @@ TEST(SessionFile, ASessionFileOpenedAsDescriptorZeroIsClosedWhenTheRecordingEnds
         aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
         EXPECT_EQ(::fcntl(0, F_GETFD), FD_CLOEXEC) << "the session file is not descriptor 0";
         EXPECT_TRUE(aovrec::stats().started);
+        // A forked child does not keep its parent's file open either.
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::_exit(::fcntl(0, F_GETFD) == -1 ? 0 : 1);
+        }
+        ASSERT_GT(pid, 0);
+        EXPECT_EQ(waitChild(pid), 0) << "a forked child kept the session file as descriptor 0";
         rec.closeNode(fd);
         EXPECT_EQ(rec.read().size(), 2u);
     }
