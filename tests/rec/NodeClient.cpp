@@ -2,8 +2,10 @@
 // on NODE (and one on OTHER) and prints each call's result and errno, so that
 // a run under the recorder can be compared with a run without it.
 // Usage: aov_rec_node_client NODE OTHER [paths LINK | bad-pointers | exec-child]
-//   paths LINK    reaches NODE by other paths (LINK is a symlink to it) and
-//                 by duplicates, and reuses a node descriptor's number
+//   paths LINK    reaches NODE by other paths (LINK is a symlink to it, also
+//                 opened with O_CREAT), waits on it by select, pselect and
+//                 ppoll, reaches it by duplicates, and reuses a node
+//                 descriptor's number
 //   bad-pointers  readiness calls given memory they cannot read
 //   exec-child    runs itself again (no mode) in a forked child, and waits
 //   no-stdin      closes descriptor 0, then opens NODE as a directory (refused)
@@ -89,6 +91,8 @@ int otherPaths(const char* node, const char* other, const char* link) {
     FD_ZERO(&set);
     FD_SET(a, &set);
     show("pselect without a limit", ::pselect(a + 1, &set, nullptr, nullptr, nullptr, nullptr));
+    pollfd p{a, POLLIN, 0};
+    show("ppoll", ::ppoll(&p, 1, &limitTs, nullptr));
     // The longest limit whose milliseconds fit an int, and the first that does not.
     for (const timespec longest : {timespec{2147483, 647999999}, timespec{2147483, 648000000}}) {
         FD_ZERO(&set);
@@ -102,6 +106,18 @@ int otherPaths(const char* node, const char* other, const char* link) {
         FD_SET(a, &set);
         show("select at the longest limit", ::select(a + 1, &set, nullptr, nullptr, &limit));
     }
+    // The last whole second below the cap, and no limit at all.
+    timeval below{2147482, 999999};
+    FD_ZERO(&set);
+    FD_SET(a, &set);
+    show("select below the longest limit", ::select(a + 1, &set, nullptr, nullptr, &below));
+    FD_ZERO(&set);
+    FD_SET(a, &set);
+    show("select without a limit", ::select(a + 1, &set, nullptr, nullptr, nullptr));
+    // With O_CREAT a mode is passed, and recorded (the file exists: it is opened).
+    const int created = ::open(link, O_RDONLY | O_CREAT, 0640);
+    show("open symlink to create", created >= 0 ? 0 : -1);
+    ::close(created);
     const std::string doubled = std::string("/") + node;
     const int b = ::open(doubled.c_str(), O_RDONLY);
     show("open doubled slash", b >= 0 ? 0 : -1);
@@ -144,6 +160,17 @@ int otherPaths(const char* node, const char* other, const char* link) {
     show("close 0", ::close(0));
     show("fcntl dupfd onto 0", ::fcntl(a, F_DUPFD, 0));
     ask("ioctl fcntl dupfd at 0", 0);
+    // And by dup and dup2, each onto a free descriptor 0.
+    show("close 0 again", ::close(0));
+    show("dup onto 0", ::dup(a));
+    ask("ioctl dup at 0", 0);
+    show("close 0 once more", ::close(0));
+    show("dup2 onto 0", ::dup2(a, 0));
+    ask("ioctl dup2 at 0", 0);
+    // Close-on-exec set on a range closes nothing.
+    show("close_range cloexec",
+         ::close_range(static_cast<unsigned>(a), static_cast<unsigned>(a), CLOSE_RANGE_CLOEXEC));
+    ask("ioctl after cloexec", a);
     // Numbers that stop being the node's: replaced by dup2, closed by close_range.
     const int o = ::open(other, O_RDONLY);
     show("dup2 other over node", ::dup2(o, g) == g ? 0 : -1);

@@ -443,17 +443,20 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
     // Opens by the symlink, "//", /proc/self/fd/N and openat from the
-    // directory, then openat64 and the four checked forms, all without a mode.
-    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 9u) << dump.output;
+    // directory, then openat64 and the four checked forms, all without a
+    // mode; and by the symlink with O_CREAT and its mode.
+    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 10u) << dump.output;
     EXPECT_EQ(count(dump.output, "\"mode\":\"00\""), 9u) << dump.output;
+    EXPECT_EQ(count(dump.output, "\"mode\":\"0640\""), 1u) << dump.output;
     EXPECT_NE(dump.output.find("\"path\":\"" + linkJson + "\""), std::string::npos) << dump.output;
-    // select and pselect on the node (the symlink's descriptor, whatever
-    // number it got), each found it readable, with its limit in milliseconds.
+    // select, pselect and ppoll on the node (the symlink's descriptor,
+    // whatever number it got), each found it readable, with its limit in
+    // milliseconds.
     const size_t firstOpen = dump.output.find("\"call\":\"open\"");
     ASSERT_NE(firstOpen, std::string::npos) << dump.output;
     const size_t resultAt = dump.output.find("\"result\":", firstOpen);
     const std::string linkFd = std::to_string(std::atoi(dump.output.c_str() + resultAt + 9));
-    for (const std::string kind : {"select", "pselect"}) {
+    for (const std::string kind : {"select", "pselect", "ppoll"}) {
         EXPECT_NE(dump.output.find("\"kind\":\"" + kind +
                                    "\",\"timeout_ms\":2500,\"node\":[{\"fd\":" + linkFd +
                                    ",\"events\":1,\"revents\":1}]"),
@@ -467,18 +470,26 @@ TEST_F(UnderTheRecorder, EveryPathAndDuplicateOfTheNodeIsRecordedAndANumberThatL
             << kind << "\n"
             << dump.output;
     }
-    // A wait without a limit is recorded with -1.
-    EXPECT_NE(dump.output.find("\"kind\":\"pselect\",\"timeout_ms\":-1,\"node\":[{\"fd\":" +
-                               linkFd + ",\"events\":1,\"revents\":1}]"),
-              std::string::npos)
+    EXPECT_EQ(count(dump.output, "\"kind\":\"select\",\"timeout_ms\":2147482999,"), 1u)
         << dump.output;
-    // Those nine and dup, F_DUPFD (twice, once onto 0), dup2, dup3 (twice,
-    // once onto 0) and fcntl64's F_DUPFD; not the other file's.
-    EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 16u) << dump.output;
-    // Fourteen closes (0 twice), the node's number replaced by dup2, the one
-    // close_range closed; an fcntl that is not a duplicate replaced nothing.
-    EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 16u) << dump.output;
-    EXPECT_EQ(count(dump.output, "\"call\":\"close\",\"fd\":0,"), 2u) << dump.output;
+    // A wait without a limit is recorded with -1.
+    for (const std::string kind : {"select", "pselect"}) {
+        EXPECT_NE(dump.output.find("\"kind\":\"" + kind +
+                                   "\",\"timeout_ms\":-1,\"node\":[{\"fd\":" + linkFd +
+                                   ",\"events\":1,\"revents\":1}]"),
+                  std::string::npos)
+            << kind << "\n"
+            << dump.output;
+    }
+    // Those nine and dup (twice, once onto 0), F_DUPFD (twice, once onto 0),
+    // dup2 (twice, once onto 0), dup3 (twice, once onto 0) and fcntl64's
+    // F_DUPFD; one after close-on-exec was set; not the other file's.
+    EXPECT_EQ(count(dump.output, "\"call\":\"ioctl\""), 19u) << dump.output;
+    // Seventeen closes (0 four times), the node's number replaced by dup2,
+    // the one close_range closed; an fcntl that is not a duplicate and a
+    // close_range that only set close-on-exec closed nothing.
+    EXPECT_EQ(count(dump.output, "\"call\":\"close\""), 19u) << dump.output;
+    EXPECT_EQ(count(dump.output, "\"call\":\"close\",\"fd\":0,"), 4u) << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":91,"), std::string::npos) << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":110,"), std::string::npos) << dump.output;
     EXPECT_NE(dump.output.find("\"call\":\"close\",\"fd\":90,"), std::string::npos) << dump.output;
@@ -502,9 +513,9 @@ TEST_F(UnderTheRecorder, ACharacterDeviceNodeIsRecordedWhateverPathReachesIt) {
     EXPECT_EQ(withoutRecLines(recorded.output), bare.output);
     const ProcessResult dump = rec({"dump", session_});
     ASSERT_EQ(dump.exit_code, 0) << dump.output;
-    // By the symlink, "//", /proc/self/fd/N, openat from the directory,
-    // openat64 and the four checked forms.
-    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 9u) << dump.output;
+    // By the symlink (twice, once with O_CREAT), "//", /proc/self/fd/N,
+    // openat from the directory, openat64 and the four checked forms.
+    EXPECT_EQ(count(dump.output, "\"call\":\"open\""), 10u) << dump.output;
     EXPECT_NE(dump.output.find("\"path\":\"" + link + "\""), std::string::npos) << dump.output;
 }
 

@@ -375,20 +375,56 @@ TEST(SessionFile, MemoryThatCannotBeReadIsLeftOutAndTheCallStillHappens) {
 
 // A wait that failed (here EINTR) reports nothing ready, whatever the
 // caller's entries held from an earlier wait.
+// A wait that failed or timed out reports nothing ready, whatever the
+// entries' revents held before it.
 TEST(SessionFile, AFailedWaitReportsNothingReady) {
     Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
     pollfd stale{fd, POLLIN, POLLIN};
     aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, -1, EINTR);
     EXPECT_EQ(errno, EINTR);
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, 0, 0);
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), &stale, 1, 10, 1, 0);
     rec.closeNode(fd);
     const std::vector<Record> r = rec.read();
-    ASSERT_EQ(r.size(), 3u);
-    ASSERT_EQ(r[1].entry_count, 1u);
+    ASSERT_EQ(r.size(), 5u);
+    ASSERT_EQ(r[3].entry_count, 1u);
+    EXPECT_EQ(r[3].entries[0].revents, static_cast<uint32_t>(POLLIN)) << "a wait that found it";
+    for (size_t i : {1, 2}) {
+        ASSERT_EQ(r[i].entry_count, 1u) << i;
+        EXPECT_EQ(r[i].call.fd, -1) << i;
+        EXPECT_EQ(r[i].entries[0].events, static_cast<uint32_t>(POLLIN)) << i;
+        EXPECT_EQ(r[i].entries[0].revents, 0u) << i;
+    }
     EXPECT_EQ(r[1].call.err, EINTR);
-    EXPECT_EQ(r[1].entries[0].events, static_cast<uint32_t>(POLLIN));
-    EXPECT_EQ(r[1].entries[0].revents, 0u);
+    EXPECT_EQ(r[2].call.result, 0);
 }
+
+// A wait's timespec as poll's milliseconds: rounded down, capped at INT_MAX,
+// -1 for none, a negative one or one that cannot be read.
+TEST(SessionFile, ATimeoutIsMillisecondsCappedAndMinusOneWhenThereIsNone) {
+    void* page = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    const struct {
+        timespec ts;
+        int ms;
+    } cases[] = {{{0, 0}, 0},
+                 {{0, 999999}, 0},
+                 {{0, 1000000}, 1},
+                 {{1, 999999999}, 1999},
+                 {{-1, 0}, -1},
+                 {{2147482, 999999999}, 2147482999},
+                 {{2147483, 0}, 2147483647},
+                 {{time_t{1} << 40, 0}, 2147483647}};
+    for (const auto& c : cases) {
+        EXPECT_EQ(aovrec::timeoutMs(&c.ts), c.ms) << c.ts.tv_sec << " s " << c.ts.tv_nsec << " ns";
+    }
+    EXPECT_EQ(aovrec::timeoutMs(nullptr), -1);
+    EXPECT_EQ(aovrec::timeoutMs(static_cast<const timespec*>(page)), -1);
+    ::munmap(page, 4096);
+}
+
+int waitChild(pid_t pid);
 
 // A failed request keeps the record it sent and nothing of an answer, and a
 // request that succeeds leaves no errno in its record, whatever errno held
@@ -405,6 +441,14 @@ TEST(SessionFile, ASessionFileOpenedAsDescriptorZeroIsClosedWhenTheRecordingEnds
         ::close(0);
         aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
         EXPECT_EQ(::fcntl(0, F_GETFD), FD_CLOEXEC) << "the session file is not descriptor 0";
+        EXPECT_TRUE(aovrec::stats().started);
+        // A forked child does not keep its parent's file open either.
+        const pid_t pid = ::fork();
+        if (pid == 0) {
+            ::_exit(::fcntl(0, F_GETFD) == -1 ? 0 : 1);
+        }
+        ASSERT_GT(pid, 0);
+        EXPECT_EQ(waitChild(pid), 0) << "a forked child kept the session file as descriptor 0";
         rec.closeNode(fd);
         EXPECT_EQ(rec.read().size(), 2u);
     }
@@ -412,6 +456,9 @@ TEST(SessionFile, ASessionFileOpenedAsDescriptorZeroIsClosedWhenTheRecordingEnds
     ::dup2(saved, 0);
     ::close(saved);
     EXPECT_TRUE(closed) << "the ended recording's file was left open as descriptor 0";
+    // Once closed, it is not closed again: descriptor 0 is the process's now.
+    aovrec::configure(aovrec::RecorderConfig{});
+    EXPECT_NE(::fcntl(0, F_GETFD), -1) << "a later recording closed descriptor 0";
 }
 
 TEST(SessionFile, AFailedRequestKeepsWhatItSentAndASuccessKeepsNoErrno) {
@@ -551,7 +598,8 @@ TEST(SessionFile, ARecorderTurnedOffOrGivenANameTooLongRecordsNothing) {
         EXPECT_FALSE(aovrec::forgetOnClose(fd)) << "the last recording's node taken for this one's";
         ::close(fd);
     }
-    const std::string too_long = ::testing::TempDir() + std::string(5000, 'x');
+    // A name of 4096 bytes: one more than a setting holds with its end.
+    const std::string too_long = "/" + std::string(4095, 'x');
     for (const char* file : {static_cast<const char*>(nullptr), too_long.c_str()}) {
         const char* what = file == nullptr ? "no file" : "a file name too long";
         aovrec::RecorderConfig config;
@@ -574,6 +622,503 @@ TEST(SessionFile, ARecorderTurnedOffOrGivenANameTooLongRecordsNothing) {
         EXPECT_STREQ(aovrec::sessionPath(), "") << what;
     }
     aovrec::configure(aovrec::RecorderConfig{});
+}
+
+// The session file a recording writes: the name it was given for its owner,
+// with "%p" as the pid and any other '%' as it is; a process that does not
+// own it adds ".PID". From the environment, the owner is a child of
+// AOV_REC_PARENT, or, without one, the process itself, which then names its
+// parent there. The file is readable by all, as the umask allows.
+TEST(SessionFile, TheOwnerWritesTheNamedFileAndAnyOtherProcessOneWithItsPid) {
+    const std::string dir = ::testing::TempDir() + "aovrec_naming_";
+    const std::string pid = std::to_string(::getpid());
+    const std::string ppid = std::to_string(::getppid());
+    const mode_t umask_was = ::umask(022);
+    // The path the recording writes, once the node is opened.
+    auto pathOf = [](const aovrec::RecorderConfig* config) {
+        if (config != nullptr) {
+            aovrec::configure(*config);
+        } else {
+            aovrec::configureFromEnvironment();
+        }
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+        aovrec::forgetOnClose(fd);
+        ::close(fd);
+        const std::string path = aovrec::sessionPath();
+        aovrec::configure(aovrec::RecorderConfig{});
+        struct stat info {};
+        EXPECT_EQ(::stat(path.c_str(), &info), 0) << path << ": " << std::strerror(errno);
+        EXPECT_EQ(info.st_mode & 0777, 0644u) << path;
+        ::unlink(path.c_str());
+        return path;
+    };
+    const struct {
+        std::string file;
+        bool owner;
+        std::string path;
+    } configured[] = {
+        {dir + "a.rec", true, dir + "a.rec"},
+        {dir + "a.rec", false, dir + "a.rec." + pid},
+        {dir + "%p.rec", false, dir + pid + ".rec"},
+        {dir + "%x%%p", true, dir + "%x%" + pid},
+    };
+    for (const auto& c : configured) {
+        aovrec::RecorderConfig config;
+        config.file = c.file.c_str();
+        config.node = kNode;
+        config.owner = c.owner;
+        EXPECT_EQ(pathOf(&config), c.path) << c.file << (c.owner ? " by its owner" : "");
+    }
+    const std::string file = dir + "env.rec";
+    ::setenv(aovrec::kEnvFile, file.c_str(), 1);
+    ::setenv(aovrec::kEnvNode, kNode, 1);
+    const struct {
+        const char* parent;  // null: unset
+        std::string path;
+    } inherited[] = {
+        {nullptr, file},
+        {"", file},
+        {ppid.c_str(), file},
+        {"1", file + "." + pid},
+    };
+    const std::string with_text = ppid + "x";
+    for (const auto& c : inherited) {
+        if (c.parent == nullptr) {
+            ::unsetenv(aovrec::kEnvParent);
+        } else {
+            ::setenv(aovrec::kEnvParent, c.parent, 1);
+        }
+        const std::string what =
+            std::string("AOV_REC_PARENT ") + (c.parent == nullptr ? "unset" : c.parent);
+        EXPECT_EQ(pathOf(nullptr), c.path) << what;
+        const char* now = std::getenv(aovrec::kEnvParent);
+        EXPECT_STREQ(now, c.parent == nullptr || c.parent[0] == '\0' ? ppid.c_str() : c.parent)
+            << what;
+    }
+    ::setenv(aovrec::kEnvParent, with_text.c_str(), 1);
+    EXPECT_EQ(pathOf(nullptr), file + "." + pid) << "AOV_REC_PARENT " << with_text;
+    ::unsetenv(aovrec::kEnvParent);
+    ::unsetenv(aovrec::kEnvFile);
+    ::unsetenv(aovrec::kEnvNode);
+    ::umask(umask_was);
+}
+
+// Without a node setting, DIR/kelo_aov is the node for AOV_DEV_DIR=DIR, when
+// that path fits; with one, or once configured without AOV_DEV_DIR, it is not.
+TEST(SessionFile, TheDevDirsNodeIsWatchedOnlyWithoutANodeSettingAndWhenItsPathFits) {
+    const std::string file = ::testing::TempDir() + "aovrec_devdir_" + std::to_string(::getpid());
+    const std::string fits(4096 - 11, 'd');  // DIR/kelo_aov and its end: 4096 bytes
+    const std::string longer = fits + "d";
+    const struct {
+        const char* node;
+        std::string dev_dir;
+        std::string path;
+        bool watched;
+    } cases[] = {
+        {nullptr, "/" + fits.substr(1), "/" + fits.substr(1) + "/kelo_aov", true},
+        {nullptr, "/" + longer.substr(1), "/" + longer.substr(1) + "/kelo_aov", false},
+        {nullptr, "/" + longer.substr(1), "/" + longer.substr(1) + "/kelo_ao", false},
+        {kNode, "/aov-rec-devdir", "/aov-rec-devdir/kelo_aov", false},
+        {kNode, "/aov-rec-devdir", kNode, true},
+        {nullptr, "", "/kelo_aov", false},
+        {nullptr, "", AOV_DEVICE_NODE, true},
+    };
+    for (const auto& c : cases) {
+        const std::string what = "node " + std::string(c.node == nullptr ? "unset" : c.node) +
+                                 ", dev dir of " + std::to_string(c.dev_dir.size()) +
+                                 " bytes: " + c.path.substr(0, 40);
+        for (const bool before : {false, true}) {
+            // Configured first with another dev dir, which the next
+            // configuration forgets.
+            aovrec::RecorderConfig config;
+            config.file = file.c_str();
+            config.node = c.node;
+            config.dev_dir = before ? "/aov-rec-before" : c.dev_dir.c_str();
+            aovrec::configure(config);
+            config.dev_dir = c.dev_dir.c_str();
+            if (before) {
+                aovrec::configure(config);
+            }
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, c.path.c_str(), O_RDWR, 0, fd, 0);
+            EXPECT_EQ(aovrec::forgetOnClose(fd), c.watched) << what;
+            ::close(fd);
+            // Neither the last dev dir's node nor what is left of its path.
+            for (const char* path : {"/aov-rec-before/kelo_aov", "/"}) {
+                // Another file: /dev/null may be known as the node by now.
+                const int other = ::open("/dev/zero", O_RDWR | O_CLOEXEC);
+                aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, path, O_RDWR, 0, other, 0);
+                EXPECT_FALSE(aovrec::forgetOnClose(other)) << what << ": " << path;
+                ::close(other);
+            }
+            aovrec::configure(aovrec::RecorderConfig{});
+            ::unlink(file.c_str());
+        }
+    }
+}
+
+// A node that exists when the recorder is configured, as the node setting
+// or in AOV_DEV_DIR, is known by its identity from the start: its first
+// open, through a symlink, is recorded.
+TEST(SessionFile, ANodeThatExistsIsRecordedAtItsFirstOpenThroughAnyPath) {
+    const std::string dir = ::testing::TempDir() + "aovrec_identity_" + std::to_string(::getpid());
+    const std::string node = dir + "/kelo_aov";
+    const std::string link = dir + "/link";
+    const std::string file = dir + ".rec";
+    ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0) << std::strerror(errno);
+    ::close(::open(node.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    ASSERT_EQ(::symlink(node.c_str(), link.c_str()), 0) << std::strerror(errno);
+    for (const bool in_dev_dir : {false, true}) {
+        aovrec::RecorderConfig config;
+        config.file = file.c_str();
+        config.node = in_dev_dir ? nullptr : node.c_str();
+        config.dev_dir = in_dev_dir ? dir.c_str() : nullptr;
+        aovrec::configure(config);
+        const int fd = ::open(link.c_str(), O_RDWR | O_CLOEXEC);
+        ASSERT_GE(fd, 0) << std::strerror(errno);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, link.c_str(), O_RDWR, 0, fd, 0);
+        EXPECT_TRUE(aovrec::forgetOnClose(fd))
+            << (in_dev_dir ? "in AOV_DEV_DIR" : "the node setting");
+        ::close(fd);
+        aovrec::configure(aovrec::RecorderConfig{});
+        ::unlink(file.c_str());
+    }
+    ::unlink(link.c_str());
+    ::unlink(node.c_str());
+    ::rmdir(dir.c_str());
+}
+
+// A duplicate onto a node's number records that number's close (the node
+// stays there when the duplicate is the node's); one onto itself changes
+// nothing.
+TEST(SessionFile, ADuplicateOverANodeNumberRecordsItsCloseAndOneOntoItselfNothing) {
+    Recording rec(ContentMode::kNone);
+    const int a = rec.openNode();
+    const int b = rec.openNode();
+    const int other = ::open("/dev/zero", O_RDONLY | O_CLOEXEC);
+    errno = EAGAIN;
+    aovrec::recordDup(aovrec::monotonicNs(), b, b);
+    EXPECT_TRUE(aovrec::fdHas(b, aovrec::kFdNode));
+    aovrec::recordDup(aovrec::monotonicNs(), b, a);
+    EXPECT_TRUE(aovrec::fdHas(a, aovrec::kFdNode)) << "the node's duplicate";
+    epoll_event seven{};
+    seven.events = EPOLLIN;
+    seven.data.u64 = 7;
+    aovrec::recordEpollCtl(aovrec::monotonicNs(), 1000, EPOLL_CTL_ADD, a, &seven, 0, 0);
+    errno = EAGAIN;
+    aovrec::recordDup(aovrec::monotonicNs(), other, a);
+    EXPECT_FALSE(aovrec::fdHas(a, aovrec::kFdNode)) << "another file's duplicate";
+    EXPECT_EQ(errno, EAGAIN) << "the caller's errno";
+    // The number's registration went with it.
+    aovrec::recordEpollWait(aovrec::WaitKind::kEpollWait, aovrec::monotonicNs(), 1000, &seven, 0, 1,
+                            0);
+    for (const int fd : {a, b, other}) {
+        ::close(fd);
+    }
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 6u);
+    EXPECT_EQ(r[5].entry_count, 0u) << "a wait named the number another file took";
+    for (size_t i : {2, 4}) {
+        EXPECT_EQ(r[i].type, RecordType::kClose) << i;
+        EXPECT_EQ(r[i].call.fd, a) << i;
+        EXPECT_EQ(r[i].call.result, 0) << i;
+    }
+}
+
+// A registration is known before its epoll_ctl (a wait the call itself
+// wakes finds the node); a refused one leaves what was there before (the
+// old data, or no epoll descriptor of the node's), a removal forgets it, and
+// the record keeps the events and data only of a call that took them.
+TEST(SessionFile, ARefusedRegistrationLeavesTheOneBeforeAndARemovalForgetsIt) {
+    Recording rec(ContentMode::kNone);
+    const int fd = rec.openNode();
+    constexpr int kEp = 1000;
+    constexpr int kOtherEp = 1001;
+    epoll_event seven{};
+    seven.events = EPOLLIN;
+    seven.data.u64 = 7;
+    epoll_event nine = seven;
+    nine.data.u64 = 9;
+    auto wait = [](int epfd, const epoll_event& reported) {
+        aovrec::recordEpollWait(aovrec::WaitKind::kEpollWait, aovrec::monotonicNs(), epfd,
+                                &reported, 0, 1, 0);
+    };
+    // `during`: the data a wait that returns during the call reports.
+    auto ctl = [fd, &wait](int epfd, int op, epoll_event* event, int result, int err,
+                           const epoll_event* during) {
+        const aovrec::WatchBefore before = aovrec::watchBeforeCtl(epfd, op, fd, event);
+        if (during != nullptr) {
+            wait(epfd, *during);
+        }
+        aovrec::recordEpollCtl(aovrec::monotonicNs(), epfd, op, fd, event, result, err, before);
+    };
+    ctl(kEp, EPOLL_CTL_ADD, &seven, 0, 0, &seven);             // records 1, 2
+    ctl(kEp, EPOLL_CTL_MOD, &nine, 0, 0, &nine);               // 3, 4
+    ctl(kEp, EPOLL_CTL_MOD, &seven, -1, EINVAL, nullptr);      // 5
+    ctl(kOtherEp, EPOLL_CTL_ADD, &seven, -1, EBADF, nullptr);  // 6
+    ctl(kEp, EPOLL_CTL_DEL, nullptr, -1, EBADF, nullptr);      // 7
+    EXPECT_TRUE(aovrec::fdHas(kEp, aovrec::kFdEpoll));
+    EXPECT_FALSE(aovrec::fdHas(kOtherEp, aovrec::kFdEpoll)) << "after a refused first registration";
+    wait(kEp, nine);                                  // 8
+    wait(kEp, seven);                                 // 9
+    wait(kOtherEp, seven);                            // 10
+    ctl(kEp, EPOLL_CTL_DEL, nullptr, 0, 0, nullptr);  // 11
+    wait(kEp, nine);                                  // 12
+    wait(kEp, epoll_event{});                         // 13: another registration's, with data 0
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 15u);
+    const struct {
+        size_t at;
+        int32_t op;
+        uint32_t events;
+        uint64_t data;
+    } ctls[] = {{2, EPOLL_CTL_ADD, EPOLLIN, 7}, {4, EPOLL_CTL_MOD, EPOLLIN, 9},
+                {5, EPOLL_CTL_MOD, 0, 0},       {6, EPOLL_CTL_ADD, 0, 0},
+                {7, EPOLL_CTL_DEL, 0, 0},       {11, EPOLL_CTL_DEL, 0, 0}};
+    for (const auto& c : ctls) {
+        ASSERT_EQ(r[c.at].type, RecordType::kEpollCtl) << c.at;
+        EXPECT_EQ(r[c.at].ctl_op, c.op) << c.at;
+        EXPECT_EQ(r[c.at].ctl_fd, fd) << c.at;
+        EXPECT_EQ(r[c.at].ctl_events, c.events) << c.at;
+        EXPECT_EQ(r[c.at].ctl_data, c.data) << c.at;
+    }
+    // The node under its data of the moment on kEp only, until it was removed.
+    std::vector<size_t> named;
+    for (size_t at : {1, 3, 8, 9, 10, 12, 13}) {
+        ASSERT_EQ(r[at].type, RecordType::kEpollWait) << at;
+        named.push_back(r[at].entry_count);
+        if (r[at].entry_count == 1) {
+            EXPECT_EQ(r[at].entries[0].fd, fd) << at;
+            EXPECT_EQ(r[at].entries[0].events, 0u) << at << ": epoll says only what it found";
+        }
+    }
+    EXPECT_EQ(named, (std::vector<size_t>{1, 1, 1, 0, 0, 0, 0}));
+}
+
+// select: each node descriptor in the range, 0 and FD_SETSIZE - 1 included,
+// with the sets it was asked in and those it was found in; other
+// descriptors and those past the range are left out, a range past
+// FD_SETSIZE is cut there, and no byte past the range is read.
+TEST(SessionFile, ASelectRecordsEachNodeDescriptorOfItsRangeWithItsSets) {
+    Recording rec(ContentMode::kNone);
+    const int fd = rec.openNode();
+    const int saved = ::fcntl(0, F_DUPFD_CLOEXEC, 3);
+    ASSERT_GE(saved, 0) << std::strerror(errno);
+    const int last = FD_SETSIZE - 1;
+    const int other = 1000;  // not the node's
+    ASSERT_EQ(::dup2(fd, 0), 0);
+    ASSERT_EQ(::dup2(fd, last), last) << std::strerror(errno);
+    aovrec::recordDup(aovrec::monotonicNs(), fd, 0);
+    aovrec::recordDup(aovrec::monotonicNs(), fd, last);
+    auto setOf = [](std::initializer_list<int> fds) {
+        fd_set s;
+        FD_ZERO(&s);
+        for (const int n : fds) {
+            FD_SET(n, &s);
+        }
+        return s;
+    };
+    fd_set read = setOf({0});
+    fd_set write = setOf({last, other});
+    fd_set except = setOf({0, last});
+    aovrec::SelectSets asked;
+    for (const int nfds : {FD_SETSIZE, FD_SETSIZE + 100}) {
+        ASSERT_TRUE(aovrec::copySelectSets(nfds, &read, &write, &except, &asked)) << nfds;
+        // Found: 0 readable, the last with an exception; then 0 alone.
+        fd_set found[3] = {setOf({0}), setOf({}), setOf({last})};
+        aovrec::recordSelect(aovrec::WaitKind::kSelect, aovrec::monotonicNs(), nfds, asked,
+                             &found[0], &found[1], &found[2], 250, 2, 0);
+        fd_set alone[3] = {setOf({0}), setOf({}), setOf({})};
+        aovrec::recordSelect(aovrec::WaitKind::kSelect, aovrec::monotonicNs(), nfds, asked,
+                             &alone[0], &alone[1], &alone[2], 250, 1, 0);
+    }
+    // A range that stops short of the last, and sets without a node in range.
+    fd_set both = setOf({0, last});
+    ASSERT_TRUE(aovrec::copySelectSets(last, &both, nullptr, nullptr, &asked));
+    aovrec::recordSelect(aovrec::WaitKind::kPselect, aovrec::monotonicNs(), last, asked, &both,
+                         nullptr, nullptr, -1, 0, 0);
+    fd_set only_last = setOf({last});
+    fd_set only_other = setOf({other});
+    EXPECT_FALSE(aovrec::copySelectSets(last, &only_last, nullptr, nullptr, &asked));
+    EXPECT_FALSE(aovrec::copySelectSets(FD_SETSIZE, &only_other, nullptr, nullptr, &asked));
+    EXPECT_FALSE(aovrec::copySelectSets(-1, &read, nullptr, nullptr, &asked));
+    // A set that ends where readable memory ends.
+    const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+    void* room =
+        ::mmap(nullptr, 2 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(room, MAP_FAILED);
+    ASSERT_EQ(::mprotect(static_cast<char*>(room) + page, page, PROT_NONE), 0);
+    auto* edge = reinterpret_cast<fd_set*>(static_cast<char*>(room) + page - sizeof(fd_set));
+    *edge = only_last;
+    EXPECT_TRUE(aovrec::copySelectSets(FD_SETSIZE, edge, nullptr, nullptr, &asked))
+        << "a set read past its range";
+    ::munmap(room, 2 * page);
+    for (const int n : {0, last}) {
+        aovrec::forgetOnClose(n);
+    }
+    ::dup2(saved, 0);
+    ::close(saved);
+    ::close(last);
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 7u);
+    for (size_t i : {1, 2, 3, 4}) {
+        ASSERT_EQ(r[i].type, RecordType::kPoll) << i;
+        EXPECT_EQ(r[i].wait_kind, aovrec::WaitKind::kSelect) << i;
+        EXPECT_EQ(r[i].timeout_ms, 250) << i;
+        EXPECT_EQ(r[i].call.fd, -1) << i;
+        ASSERT_EQ(r[i].entry_count, 2u) << i;
+        const bool both_found = i % 2 == 1;
+        EXPECT_EQ(r[i].entries[0].fd, 0) << i;
+        EXPECT_EQ(r[i].entries[0].events, static_cast<uint32_t>(POLLIN | POLLPRI)) << i;
+        EXPECT_EQ(r[i].entries[0].revents, static_cast<uint32_t>(POLLIN)) << i;
+        EXPECT_EQ(r[i].entries[1].fd, last) << i;
+        EXPECT_EQ(r[i].entries[1].events, static_cast<uint32_t>(POLLOUT | POLLPRI)) << i;
+        EXPECT_EQ(r[i].entries[1].revents, both_found ? static_cast<uint32_t>(POLLPRI) : 0u) << i;
+    }
+    EXPECT_EQ(r[5].wait_kind, aovrec::WaitKind::kPselect);
+    ASSERT_EQ(r[5].entry_count, 1u) << "a node past the range";
+    EXPECT_EQ(r[5].entries[0].fd, 0);
+    EXPECT_EQ(r[5].entries[0].revents, 0u) << "a select that found nothing";
+}
+
+// An ioctl's argument record: kept whole up to 1024 bytes, cut there past
+// it, and its answer of any size after a read-direction call; a null
+// argument is said as such.
+TEST(SessionFile, AnArgumentRecordIsKeptUpToItsLimitWithAnAnswerOfAnySize) {
+    Recording rec(ContentMode::kNone);
+    const int fd = rec.openNode();
+    // Answers with each byte's complement.
+    auto answer = [](int, unsigned long request, void* arg) -> int {
+        auto* bytes = static_cast<uint8_t*>(arg);
+        for (size_t i = 0; i < _IOC_SIZE(request); ++i) {
+            bytes[i] = static_cast<uint8_t>(~bytes[i]);
+        }
+        return 0;
+    };
+    const size_t sizes[] = {1, 1024, 1025};
+    std::vector<uint8_t> arg(1025);
+    for (const size_t size : sizes) {
+        for (size_t i = 0; i < arg.size(); ++i) {
+            arg[i] = static_cast<uint8_t>(i * 7);
+        }
+        const unsigned long request = _IOC(_IOC_READ | _IOC_WRITE, 'x', 1, size);
+        EXPECT_EQ(aovrec::trackedIoctl(answer, fd, request, arg.data()), 0) << size;
+    }
+    EXPECT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 6u);
+    for (size_t k = 0; k < 3; ++k) {
+        const Record& got = r[1 + k];
+        const size_t kept = sizes[k] < 1024 ? sizes[k] : 1024;
+        EXPECT_EQ(got.arg_flags, sizes[k] > 1024 ? aovrec::kArgCut : 0) << sizes[k];
+        ASSERT_EQ(got.sent_len, kept) << sizes[k];
+        ASSERT_EQ(got.back_len, kept) << sizes[k];
+        for (size_t i = 0; i < kept; ++i) {
+            ASSERT_EQ(got.sent[i], static_cast<uint8_t>(i * 7)) << sizes[k] << " at " << i;
+            ASSERT_EQ(got.back[i], static_cast<uint8_t>(~(i * 7))) << sizes[k] << " at " << i;
+        }
+    }
+    EXPECT_EQ(r[4].arg_flags, aovrec::kArgNull);
+    EXPECT_EQ(r[4].sent_len, 0u);
+}
+
+// An open is recorded with its flags, mode and directory when it named the
+// node's path, even if it failed; an open that failed on an unreadable path
+// (EFAULT) is left alone, and each leaves errno as the call did.
+TEST(SessionFile, AFailedOpenOfTheNodesPathIsRecordedAndOneOfAnUnreadablePathIsNot) {
+    Recording rec(ContentMode::kNone);
+    void* page = ::mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(page, MAP_FAILED);
+    aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, -1, ENOENT);
+    EXPECT_EQ(errno, ENOENT);
+    aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, static_cast<const char*>(page), O_RDWR, 0,
+                       -1, EFAULT);
+    EXPECT_EQ(errno, EFAULT);
+    aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, "/aov-rec-test/other", O_RDWR, 0, -1,
+                       ENOENT);
+    const int dirfd = 7;
+    const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+    aovrec::recordOpen(aovrec::monotonicNs(), dirfd, kNode, O_RDWR | O_CREAT, 0640, fd, 0);
+    EXPECT_EQ(errno, 0);
+    rec.closeNode(fd);
+    ::munmap(page, 4096);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 3u);
+    EXPECT_EQ(r[0].call.result, -1);
+    EXPECT_EQ(r[0].call.err, ENOENT);
+    EXPECT_EQ(r[0].call.fd, AT_FDCWD);
+    EXPECT_EQ(r[0].path, kNode);
+    EXPECT_EQ(r[1].type, RecordType::kOpen);
+    EXPECT_EQ(r[1].call.result, fd);
+    EXPECT_EQ(r[1].call.fd, dirfd);
+    EXPECT_EQ(r[1].open_flags, static_cast<uint32_t>(O_RDWR | O_CREAT));
+    EXPECT_EQ(r[1].open_mode, 0640u);
+    EXPECT_EQ(r[1].path, kNode);
+}
+
+// A poll's entries are read 64 at a time: a node in any of them is recorded,
+// each under its own number, and only the node's; nothing past the entries
+// is read, and a poll without the node among them is not recorded.
+TEST(SessionFile, APollOfManyEntriesRecordsTheNodesWhereverTheyAre) {
+    Recording rec(ContentMode::kNone);
+    const int fd = rec.openNode();
+    std::vector<pollfd> fds(65, pollfd{-1, POLLIN, 0});
+    fds[1] = pollfd{fd, POLLPRI, 0};
+    fds[64] = pollfd{fd, POLLIN, POLLIN};
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), fds.data(), fds.size(), 5, 1,
+                       0);
+    fds.assign(130, pollfd{-1, POLLIN, 0});
+    fds[129] = pollfd{fd, POLLIN, POLLIN};
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), fds.data(), fds.size(), 5, 1,
+                       0);
+    // One entry of another file, with the node's just after it.
+    const pollfd beyond[2] = {{-1, POLLIN, 0}, {fd, POLLIN, POLLIN}};
+    aovrec::recordPoll(aovrec::WaitKind::kPoll, aovrec::monotonicNs(), beyond, 1, 5, 0, 0);
+    rec.closeNode(fd);
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 4u);
+    ASSERT_EQ(r[1].entry_count, 2u);
+    EXPECT_EQ(r[1].entries[0].events, static_cast<uint32_t>(POLLPRI));
+    EXPECT_EQ(r[1].entries[1].events, static_cast<uint32_t>(POLLIN));
+    EXPECT_EQ(r[1].entries[1].revents, static_cast<uint32_t>(POLLIN));
+    ASSERT_EQ(r[2].entry_count, 1u) << "a node past the first 64 entries";
+    EXPECT_EQ(r[2].entries[0].revents, static_cast<uint32_t>(POLLIN));
+}
+
+// close_range: the node descriptors in the range, its last included, are
+// forgotten before the call and recorded as closed once it succeeded.
+TEST(SessionFile, ARangeClosedForgetsItsNodeDescriptorsAndRecordsTheirClosesIfItSucceeded) {
+    Recording rec(ContentMode::kNone);
+    const int a = rec.openNode();
+    const int b = rec.openNode();
+    const int c = rec.openNode();
+    int fds[8] = {};
+    ASSERT_EQ(aovrec::forgetRange(static_cast<unsigned>(a), static_cast<unsigned>(a), fds, 8), 1);
+    EXPECT_EQ(fds[0], a);
+    EXPECT_FALSE(aovrec::fdHas(a, aovrec::kFdNode)) << "the range's last descriptor";
+    EXPECT_TRUE(aovrec::fdHas(b, aovrec::kFdNode));
+    errno = 0;
+    aovrec::recordCloseRange(aovrec::monotonicNs(), fds, 1, 0, 0);
+    EXPECT_EQ(errno, 0);
+    // A range to the largest number; the call failed: no close is recorded.
+    const int n = aovrec::forgetRange(static_cast<unsigned>(b), ~0u, fds, 8);
+    ASSERT_EQ(n, 2);
+    EXPECT_FALSE(aovrec::fdHas(c, aovrec::kFdNode));
+    aovrec::recordCloseRange(aovrec::monotonicNs(), fds, n, -1, EINVAL);
+    EXPECT_EQ(errno, EINVAL);
+    for (const int fd : {a, b, c}) {
+        ::close(fd);
+    }
+    const std::vector<Record> r = rec.read();
+    ASSERT_EQ(r.size(), 4u) << "one close, of the range that was closed";
+    EXPECT_EQ(r[3].type, RecordType::kClose);
+    EXPECT_EQ(r[3].call.fd, a);
+    EXPECT_EQ(r[3].call.result, 0);
+    EXPECT_EQ(r[3].call.err, 0);
 }
 
 // A small file of a few records, some compressed.
@@ -1785,33 +2330,127 @@ TEST(SessionFile, ARegistrationPastTheWatchTableIsSaidOnceAndTheOthersAreFollowe
 }
 
 // A setting of the environment the recorder cannot use turns the recording
-// off with one line naming it.
+// off with one line naming it: on standard error, or under aov-rec record as
+// a "stop" line of its status file. Settings at their limits are taken.
 TEST(SessionFile, ASettingTheRecorderCannotUseTurnsItOffWithOneLine) {
     struct Case {
         const char* variable;
         const char* value;
-        const char* line;
+        const char* line;  // empty: the setting is taken
     };
-    const std::string file =
-        ::testing::TempDir() + "aovrec_setting_" + std::to_string(::getpid()) + ".rec";
-    ::unsetenv(aovrec::kEnvStatus);
+    // The session and status files by names of one character, in the tests' directory.
+    const int cwd = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::chdir(::testing::TempDir().c_str()), 0) << std::strerror(errno);
+    const std::string file = "r";
+    const std::string status = "s";
+    const std::string pid = std::to_string(::getpid());
     ::setenv(aovrec::kEnvFile, file.c_str(), 1);
     for (const Case c :
          {Case{aovrec::kEnvContent, "some",
-               "aov-rec: AOV_REC_CONTENT must be all, written or none, not some; recording off\n"},
+               "AOV_REC_CONTENT must be all, written or none, not some; recording off"},
+          Case{aovrec::kEnvContent, "none", ""}, Case{aovrec::kEnvContent, "", ""},
           Case{aovrec::kEnvStallMs, "0",
-               "aov-rec: AOV_REC_STALL_MS must be 1 to 600000, not 0; recording off\n"}}) {
-        aovrec::configure(aovrec::RecorderConfig{});
-        ::setenv(c.variable, c.value, 1);
-        CapturedStderr err;
-        aovrec::configureFromEnvironment();
-        const std::string text = err.text();
-        ::unsetenv(c.variable);
-        EXPECT_EQ(text, c.line) << c.variable;
-        EXPECT_FALSE(aovrec::g_armed.load()) << c.variable;
+               "AOV_REC_STALL_MS must be 1 to 600000, not 0; recording off"},
+          Case{aovrec::kEnvStallMs, "600001",
+               "AOV_REC_STALL_MS must be 1 to 600000, not 600001; recording off"},
+          Case{aovrec::kEnvStallMs, "20ms",
+               "AOV_REC_STALL_MS must be 1 to 600000, not 20ms; recording off"},
+          Case{aovrec::kEnvStallMs, "1", ""}, Case{aovrec::kEnvStallMs, "600000", ""},
+          Case{aovrec::kEnvStallMs, "", ""}}) {
+        for (const bool under_record : {false, true}) {
+            const std::string what = std::string(c.variable) + "=" + c.value +
+                                     (under_record ? " with a status file" : "");
+            aovrec::configure(aovrec::RecorderConfig{});
+            ::unlink(status.c_str());
+            if (under_record) {
+                ::close(::open(status.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+                ::setenv(aovrec::kEnvStatus, status.c_str(), 1);
+            } else {
+                ::unsetenv(aovrec::kEnvStatus);
+            }
+            ::setenv(c.variable, c.value, 1);
+            CapturedStderr err;
+            aovrec::configureFromEnvironment();
+            const std::string text = err.text();
+            ::unsetenv(c.variable);
+            const std::vector<uint8_t> said = readFile(status);
+            const std::string line = c.line[0] == '\0' ? "" : std::string(c.line) + "\n";
+            EXPECT_EQ(text, under_record || line.empty() ? "" : "aov-rec: " + line) << what;
+            EXPECT_EQ(std::string(said.begin(), said.end()),
+                      under_record && !line.empty() ? "stop " + pid + " " + line : "")
+                << what;
+            EXPECT_EQ(aovrec::g_armed.load(), line.empty()) << what;
+        }
     }
+    aovrec::configure(aovrec::RecorderConfig{});
+    ::unlink(status.c_str());
+    EXPECT_EQ(::fchdir(cwd), 0);
+    ::close(cwd);
+    ::unsetenv(aovrec::kEnvStatus);
     ::unsetenv(aovrec::kEnvFile);
     ::unsetenv(aovrec::kEnvParent);
+}
+
+// Under aov-rec record, a recording's start and its stop are lines of the
+// status file and nothing goes to standard error; a status file that cannot
+// be written, or none, leaves the stop on standard error.
+TEST(SessionFile, AStatusFileGetsTheStartAndTheStopInsteadOfStandardError) {
+    // The status file by a name of one character, in the tests' directory.
+    const int cwd = ::open(".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_EQ(::chdir(::testing::TempDir().c_str()), 0) << std::strerror(errno);
+    const std::string pid = std::to_string(::getpid());
+    const std::string status = "s";
+    const std::string good = ::testing::TempDir() + "aovrec_status_" + pid + ".rec";
+    const std::string bad = "/nonexistent-dir/session.rec";
+    ::close(::open(status.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
+    const std::string stopped = bad + ": " + std::strerror(ENOENT) + "\n";
+    const struct {
+        const std::string& file;
+        const char* status;
+        std::string said;  // added to the status file
+        std::string err;   // on standard error
+        bool no_stdin;     // the status file is opened as descriptor 0
+    } cases[] = {
+        {good, status.c_str(), "start " + pid + " " + good + "\n", "", false},
+        {bad, status.c_str(), "stop " + pid + " " + stopped, "", false},
+        {bad, status.c_str(), "stop " + pid + " " + stopped, "", true},
+        {bad, "/nonexistent-dir/status", "", "aov-rec: recording stopped: " + stopped, false},
+        {bad, nullptr, "", "aov-rec: recording stopped: " + stopped, false},
+    };
+    std::string want;
+    for (const auto& c : cases) {
+        const std::string what =
+            c.file +
+            (c.status == nullptr ? " without a status file" : std::string(" status ") + c.status) +
+            (c.no_stdin ? " and descriptor 0 free" : "");
+        CapturedStderr err;
+        const int saved = c.no_stdin ? ::fcntl(0, F_DUPFD_CLOEXEC, 3) : -1;
+        if (c.no_stdin) {
+            ::close(0);
+        }
+        aovrec::RecorderConfig config;
+        config.file = c.file.c_str();
+        config.node = kNode;
+        config.status = c.status;
+        aovrec::configure(config);
+        const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+        aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+        aovrec::forgetOnClose(fd);
+        ::close(fd);
+        aovrec::configure(aovrec::RecorderConfig{});
+        if (saved >= 0) {
+            ::dup2(saved, 0);
+            ::close(saved);
+        }
+        EXPECT_EQ(err.text(), c.err) << what;
+        want += c.said;
+        const std::vector<uint8_t> said = readFile(status);
+        EXPECT_EQ(std::string(said.begin(), said.end()), want) << what;
+    }
+    ::unlink(good.c_str());
+    ::unlink(status.c_str());
+    EXPECT_EQ(::fchdir(cwd), 0);
+    ::close(cwd);
 }
 
 TEST(WriterThread, AWriteThatFailsOnTheWriterThreadIsSaidOnceAndTheCallsGoOn) {
@@ -2229,6 +2868,9 @@ TEST(StalledOutput, ACallNeverWaitsLongerThanTheLimitAndTheRecordingStopsOnce) {
             ASSERT_EQ(aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr), -1);
             ASSERT_EQ(errno, EIO);
         }
+        // The writer is still blocked on the full pipe: what it holds is
+        // never written, and nobody waits for it.
+        EXPECT_TRUE(aovrec::drain()) << "a drain waited for the stopped recording's writer";
         EXPECT_TRUE(aovrec::stats().failed);
         rec.closeNode(fd);
         pipe.closeReader();  // lets the writer's blocked write end
@@ -2254,6 +2896,22 @@ int waitChild(pid_t pid) {
     int status = 0;
     ::waitpid(pid, &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Whether this process has `path` open.
+bool holdsFile(const std::string& path) {
+    DIR* dir = ::opendir("/proc/self/fd");
+    bool found = false;
+    while (dirent* e = dir != nullptr ? ::readdir(dir) : nullptr) {
+        char target[4096];
+        const std::string link = std::string("/proc/self/fd/") + e->d_name;
+        const ssize_t n = ::readlink(link.c_str(), target, sizeof(target) - 1);
+        found = found || (n > 0 && std::string(target, static_cast<size_t>(n)) == path);
+    }
+    if (dir != nullptr) {
+        ::closedir(dir);
+    }
+    return found;
 }
 
 // Set by the test's own fork handler, which runs before the recorder's.
@@ -2299,11 +2957,13 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
         ASSERT_TRUE(g_fork_cv.wait_for(lock, std::chrono::seconds(30), [] { return g_lock_held; }))
             << "the other thread never took the recorder's lock";
     }
+    const std::string parentFile = aovrec::sessionPath();
     const pid_t pid = ::fork();
     if (pid == 0) {
-        // In the child: no file of its own before its first call, then a
-        // call and a close on the inherited descriptor.
-        const bool fresh = !aovrec::stats().started;
+        // In the child: no file of its own before its first call, nor the
+        // parent's open, then a call and a close on the inherited descriptor.
+        const bool fresh =
+            !aovrec::stats().started && aovrec::sessionPath()[0] == '\0' && !holdsFile(parentFile);
         const int result = aovrec::trackedIoctl(failWithEio, fd, AOV_IOC_STOP, nullptr);
         // More dequeues with content than there are content buffers.
         for (int i = 0; i < 3; ++i) {
@@ -2324,7 +2984,6 @@ TEST(Fork, AChildForkedWhileAnotherThreadHoldsTheLockRecordsIntoAFileOfItsOwn) {
     }
     ASSERT_GT(pid, 0);
     EXPECT_EQ(waitChild(pid), 0) << "the child's calls did not go through";
-    const std::string parentFile = aovrec::sessionPath();
     const std::string childFile = parentFile + "." + std::to_string(pid);
     rec.closeNode(fd);
     // The parent's file: its open, its STOP, its close; the child's: its own.
@@ -2965,4 +3624,34 @@ TEST(SessionFile, UnderASandboxThatRefusesThePageCheckOrTheKernelsCopyAreasAreSt
                "refused; 8: the pipe used when it should not be, or not used; 16: no sandbox";
     }
 }
+
+// A child forked after its parent's recording stopped records on its own,
+// into a file of its own, and says why that stopped too. Configured more
+// than once, the recorder still prepares for fork() once: a second handler
+// would wait for the lock the first took.
+TEST(Fork, AChildOfAStoppedRecordingTriesAFileOfItsOwnAndSaysWhyItStopped) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            ::alarm(30);  // ends a fork that waits for a lock it holds
+            aovrec::RecorderConfig config;
+            config.file = "/nonexistent-dir/session.rec";
+            config.node = kNode;
+            aovrec::configure(aovrec::RecorderConfig{});
+            aovrec::configure(config);
+            const int fd = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+            aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, fd, 0);
+            const pid_t pid = ::fork();
+            if (pid == 0) {
+                const int again = ::open("/dev/null", O_RDWR | O_CLOEXEC);
+                aovrec::recordOpen(aovrec::monotonicNs(), AT_FDCWD, kNode, O_RDWR, 0, again, 0);
+                ::_exit(aovrec::stats().failed ? 0 : 1);
+            }
+            std::exit(pid > 0 && waitChild(pid) == 0 ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0),
+        "recording stopped: /nonexistent-dir/session\\.rec: .*"
+        "recording stopped: /nonexistent-dir/session\\.rec\\.[0-9]+: ");
+}
+
 }  // namespace
