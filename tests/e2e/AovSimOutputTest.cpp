@@ -72,8 +72,9 @@ struct Output {
     }
 };
 
-Output runAovSim(const std::vector<std::string>& args) {
-    const ProcessResult process = runProcess(AOV_SIM_PATH, args, {}, SIZE_MAX);
+Output runAovSim(const std::vector<std::string>& args,
+                 const std::vector<std::string>& environment = {}) {
+    const ProcessResult process = runProcess(AOV_SIM_PATH, args, environment, SIZE_MAX);
     Output out;
     out.exit_code = process.exit_code;
     std::istringstream in(process.output);
@@ -246,6 +247,24 @@ TEST(AovSimOutput, ScriptedEventsCountTheirMismatches) {
     ASSERT_EQ(run.exit_code, 0) << run.text();
     EXPECT_EQ(run.count(" content ok"), 3u) << run.text();
     expectSummaryMatchesTrace(run);
+}
+
+// The image-callback property as the library reads it (any base, text after
+// the number ignored): values it takes for 0 leave the fourth info word out,
+// and the scripted check expects it left out, with no false mismatch.
+TEST(AovSimOutput, ScriptedEventsReadTheImageCallbackPropertyAsTheLibraryDoes) {
+    for (const char* value : {"0x0", "00", "0 ", "0x1"}) {
+        SCOPED_TRACE(value);
+        const Output run =
+            runAovSim({"-s", std::string(AOV_SIM_EXAMPLES) + "/scripted-events.json", "--events",
+                       "3", "--aov-mode", "1"},
+                      {std::string("AOV_PROP_vendor_aovstream_image_callback=") + value});
+        ASSERT_EQ(run.exit_code, 0) << run.text();
+        const std::string word = std::string(value) == "0x1" ? "15" : "0";
+        EXPECT_EQ(run.count(" s4_info=[12, 13, 14, " + word + "] scripted event 2 content ok"), 1u)
+            << run.text();
+        EXPECT_EQ(run.count(" content ok"), 3u) << run.text();
+    }
 }
 
 // A driver that writes content with every second event: the events between
