@@ -574,12 +574,15 @@ TEST(ReplayOptions, SpeedIsMaxOrAPositiveFactorAndNeedsAReplay) {
     EXPECT_EQ(o.replay_speed, 0);
     ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "2.5"}, &o, &message), ParseOutcome::kRun);
     EXPECT_EQ(o.replay_speed, 2.5);
+    ASSERT_EQ(parse({"--replay", "a.rec", "--speed", "1000000"}, &o, &message), ParseOutcome::kRun);
+    EXPECT_EQ(o.replay_speed, 1000000);
 
     const std::vector<std::vector<std::string>> bad = {
         {"--replay", "a.rec", "--speed", "0"},
         {"--replay", "a.rec", "--speed", "-1"},
         {"--replay", "a.rec", "--speed", "fast"},
         {"--replay", "a.rec", "--speed", "1e9"},
+        {"--replay", "a.rec", "--speed", "1000001"},
         {"--speed", "max"},
         {"--replay", ""},
         {"--replay", "a.rec", "--kernel", "fuse"},
