@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
 #include <cstdint>
 #include <cstdlib>
 #include <fstream>
@@ -229,6 +231,141 @@ TEST(AovSimOutput, EveryStepRequestEventAndSummaryLineOfASession) {
                   .size(),
               1u);
     expectSummaryMatchesTrace(run);
+}
+
+// A default session compared whole where it does not depend on timing:
+// every line up to the notifications (one thread, before any event), the
+// system layer's own lines after them but the figures, and the system
+// thread's library calls on the timeline with the result each returned.
+TEST(AovSimOutput, ADefaultSessionsDeterministicLinesAndLibraryCallsAreTheseExactly) {
+    const std::string path = ::testing::TempDir() + "aovsim_output_whole.json";
+    const Output run = runAovSim({"--events", "2", "--timeline", path});
+    ASSERT_EQ(run.exit_code, 0) << run.text();
+    SCOPED_TRACE(run.text());
+    const std::regex fd(" fd \\d+");
+    std::vector<std::string> before, after;
+    bool notifying = false;
+    for (const std::string& line : run.lines) {
+        notifying = notifying || line.rfind("[sys ] step 6", 0) == 0;
+        if (!notifying) {
+            before.push_back(std::regex_replace(line, fd, " fd N"));
+            continue;
+        }
+        const bool figures =
+            line.rfind("[sys ] summary: ", 0) == 0 && line.find("after stop") == std::string::npos;
+        if ((line.rfind("[sys ] ", 0) == 0 && !figures) || line.rfind("aov-sim: ", 0) == 0) {
+            after.push_back(line);
+        }
+    }
+    const std::vector<std::string> expectedBefore = {
+        "[sys ] scenario \"default\": 3 sensors on the platform",
+        "[sys ] step 1: obtaining the services",
+        "[plat] searchSensors() -> 3",
+        "[plat] getSensorPipeFactory() -> factory",
+        "[kern] open /dev/kelo_aov (O_RDWR) -> fd N",
+        "[sys ] isSupport() -> true",
+        "[sys ] step 2: discovery",
+        "[plat] queryNumberOfSensors() -> 3",
+        "[plat] querySensorId(0) -> 0",
+        "[plat] querySensorDevIdx(0) -> 0x1",
+        "[plat] querySensorStaticInfo(0x1) -> sensor 0, orientation 90, 7 scenarios",
+        "[plat] queryFacingDirection(0) -> 0",
+        "[plat] querySensorId(1) -> 1",
+        "[plat] querySensorDevIdx(1) -> 0x4",
+        "[plat] querySensorStaticInfo(0x4) -> sensor 1, orientation 270, 2 scenarios",
+        "[plat] queryFacingDirection(1) -> 1",
+        "[plat] querySensorId(2) -> 2",
+        "[plat] querySensorDevIdx(2) -> 0x2",
+        "[plat] querySensorStaticInfo(0x2) -> sensor 2, orientation 90, 1 scenarios",
+        "[plat] queryFacingDirection(2) -> 0",
+        "[sys ] querySensors() -> [0, 1]",
+        "[plat] querySensorDevIdx(0) -> 0x1",
+        "[sys ] sensor 0: device 0x1, 2 sizes",
+        "[sys ]   320x240 orientation 90 face 0 fps [10, 1] {scenario 4: 10 fps, type 2, bit 8, ae "
+        "0, param 0} {scenario 6: 1 fps, type 2, bit 8, ae 0, param 0}",
+        "[sys ]   640x480 orientation 90 face 0 fps [5, 10] {scenario 2: 5 fps, type 1, bit 10, ae "
+        "0, param 0} {scenario 3: 10 fps, type 1, bit 10, ae 0, param 2}",
+        "[plat] querySensorDevIdx(1) -> 0x4",
+        "[sys ] sensor 1: device 0x4, 1 sizes",
+        "[sys ]   1280x720 orientation 270 face 1 fps [10, 5] {scenario 0: 10 fps, type 1, bit 10, "
+        "ae 0, param 0} {scenario 1: 5 fps, type 1, bit 10, ae 0, param 0}",
+        "[sys ] chosen: sensor 0, 320x240 at 10 fps",
+        "[plat] queryDetectMode(320, 240) -> 0, mode 1",
+        "[sys ] getSensorMode(0) -> 0, detection mode 1",
+        "[sys ] step 3: starting the sensor",
+        "[plat] queryFrameInfo(320, 240, sel 0) -> 0, [320, 240, 160, 120]",
+        "[plat] openSensorDevice(AOV, 0) -> device (handles 1)",
+        "[plat] switchMclkToUlposc(AOV, 0) -> true",
+        "[plat] powerOnSensor(AOV, 1, [0]) -> true, clock ULPOSC",
+        "[plat] createAgent(sensor 0 scenario 4 320x240@10) -> agent 1",
+        "[plat] getAgent(1) -> agent",
+        "[plat] configSensor(sensor 0) -> 0",
+        "[plat] configNonLaggingP1Drv() -> 0",
+        "[plat] createPipe(camera 0, type 17, -1, 0) -> pipe 100",
+        "[plat] startPipe(1) on pipe 100 -> 0",
+        "[sys ] startSensor() -> 0",
+        "[sys ] user_param: sensor_id 0 scenario 4 orientation 90 face 0 mode_head [2, 8, 0, 0]",
+        "[sys ] user_param: frame_info [320, 240, 160, 120] frame_rate 10 frame_info_sel 0 "
+        "aov_mode 0 sensor_idx 0 width 320 height 240",
+        "[sys ] step 4: starting the device",
+        "[kern] START (0x40c84800, W, 200 bytes) sensor_id=0 scenario=4 orientation=90 face=0 "
+        "mode_head=[2, 8, 0, 0] frame_info=[320, 240, 160, 120] frame_rate=10 frame_info_sel=0 "
+        "aov_mode=0 sensor_idx=0 -> 0",
+        "[sys ] startDevice() -> 0",
+        "[sys ] step 5: attaching the event monitor",
+        "[sys ] setMonitor(monitor) -> 0, watching fd N",
+    };
+    EXPECT_EQ(before, expectedBefore);
+    const std::vector<std::string> expectedAfter = {
+        "[sys ] step 6: relaying clock and sensor notifications, receiving events",
+        "[sys ] notifyUlposc3(true) -> 0",
+        "[sys ] notifySensor(1 ids, true) -> 0",
+        "[sys ] waiting for 2 events (at most 5.6 s)",
+        "[sys ] notifySensor(1 ids, false) -> 0",
+        "[sys ] notifyUlposc3(false) -> 0",
+        "[sys ] step 7: stopping",
+        "[sys ] setMonitor(nullptr) -> 0",
+        "[sys ] stopSensor() -> 0",
+        "[sys ] stopDevice() -> 0",
+        "[sys ] summary: platform after stop: 0 sensors powered, 0 on ULPOSC, 0 devices open, "
+        "0 agents, 0 pipes (0 streaming)",
+        "aov-sim: exit 0",
+    };
+    EXPECT_EQ(after, expectedAfter);
+
+    std::ifstream in(path);
+    const nlohmann::json timeline = nlohmann::json::parse(in, nullptr, false);
+    ASSERT_FALSE(timeline.is_discarded());
+    std::vector<std::string> calls;
+    for (const nlohmann::json& e : timeline["traceEvents"]) {
+        if (e.value("ph", "") == "X" && e.value("pid", 0) == 1 && e.value("tid", 0) == 1 &&
+            e.contains("args") && e["args"].contains("result")) {
+            const std::string name = e["name"];
+            calls.push_back(name + " " +
+                            (name == "getEventFD" ? "fd" : e["args"]["result"].dump()));
+        }
+    }
+    const std::vector<std::string> expectedCalls = {"IAOVSensor::getInstance 1",
+                                                    "IAOVDevice::getInstance 1",
+                                                    "isSupport 1",
+                                                    "querySensors 2",
+                                                    "getSensorDev 1",
+                                                    "getSensorInfo 2",
+                                                    "getSensorDev 4",
+                                                    "getSensorInfo 1",
+                                                    "getSensorMode 0",
+                                                    "startSensor 0",
+                                                    "startDevice 0",
+                                                    "getEventFD fd",
+                                                    "setMonitor 0",
+                                                    "notifyUlposc3 0",
+                                                    "notifySensor 0",
+                                                    "notifySensor 0",
+                                                    "notifyUlposc3 0",
+                                                    "setMonitor 0",
+                                                    "stopSensor 0",
+                                                    "stopDevice 0"};
+    EXPECT_EQ(calls, expectedCalls);
 }
 
 TEST(AovSimOutput, SummaryCountsAFailedDequeueAndTheLibraryErrors) {
