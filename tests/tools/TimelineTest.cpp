@@ -392,7 +392,7 @@ TEST(TraceWriterTest, WritesEachPhaseWithExactlyItsOwnFields) {
         return e;
     };
     layout.events = {event('X', 1500, named), event('B', 2000, named), event('E', 3000, named),
-                     event('i', 4000, bare), event('C', 5000, named), event('X', 6000, bare)};
+                     event('i', 4000, bare),  event('C', 5000, named), event('X', 6000, bare)};
     layout.events[0].flow = 0x1f;
     layout.events[0].flow_out = true;
     layout.events[5].flow = 0x1f;
@@ -406,18 +406,19 @@ TEST(TraceWriterTest, WritesEachPhaseWithExactlyItsOwnFields) {
     std::string text(4096, '\0');
     text.resize(std::fread(&text[0], 1, text.size(), file));
     std::fclose(file);
-    EXPECT_EQ(text,
-              "{\"displayTimeUnit\": \"ms\",\n\"otherData\": {\"a\":1},\n\"traceEvents\": [\n"
-              "{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":1},\n"
-              "{\"args\":{\"result\":-5},\"bind_id\":\"0x1f\",\"dur\":2.5,\"flow_out\":true,"
-              "\"name\":\"dequeue\",\"ph\":\"X\",\"pid\":2,\"tid\":7,\"ts\":1.5},\n"
-              "{\"args\":{\"result\":-5},\"name\":\"dequeue\",\"ph\":\"B\",\"pid\":2,\"tid\":7,"
-              "\"ts\":2.0},\n"
-              "{\"name\":\"dequeue\",\"ph\":\"E\",\"pid\":2,\"tid\":7,\"ts\":3.0},\n"
-              "{\"name\":\"queue depth\",\"ph\":\"i\",\"pid\":2,\"s\":\"t\",\"tid\":7,\"ts\":4.0},\n"
-              "{\"args\":{\"result\":-5},\"name\":\"dequeue\",\"ph\":\"C\",\"pid\":2,\"ts\":5.0},\n"
-              "{\"bind_id\":\"0x1f\",\"dur\":2.5,\"flow_in\":true,\"name\":\"queue depth\","
-              "\"ph\":\"X\",\"pid\":2,\"tid\":7,\"ts\":6.0}\n]}\n");
+    EXPECT_EQ(
+        text,
+        "{\"displayTimeUnit\": \"ms\",\n\"otherData\": {\"a\":1},\n\"traceEvents\": [\n"
+        "{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":1},\n"
+        "{\"args\":{\"result\":-5},\"bind_id\":\"0x1f\",\"dur\":2.5,\"flow_out\":true,"
+        "\"name\":\"dequeue\",\"ph\":\"X\",\"pid\":2,\"tid\":7,\"ts\":1.5},\n"
+        "{\"args\":{\"result\":-5},\"name\":\"dequeue\",\"ph\":\"B\",\"pid\":2,\"tid\":7,"
+        "\"ts\":2.0},\n"
+        "{\"name\":\"dequeue\",\"ph\":\"E\",\"pid\":2,\"tid\":7,\"ts\":3.0},\n"
+        "{\"name\":\"queue depth\",\"ph\":\"i\",\"pid\":2,\"s\":\"t\",\"tid\":7,\"ts\":4.0},\n"
+        "{\"args\":{\"result\":-5},\"name\":\"dequeue\",\"ph\":\"C\",\"pid\":2,\"ts\":5.0},\n"
+        "{\"bind_id\":\"0x1f\",\"dur\":2.5,\"flow_in\":true,\"name\":\"queue depth\","
+        "\"ph\":\"X\",\"pid\":2,\"tid\":7,\"ts\":6.0}\n]}\n");
 }
 
 TEST(TraceWriterTest, ReportsAFullDevice) {
