@@ -6,8 +6,10 @@
 
 #include <nlohmann/json.hpp>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -470,6 +472,25 @@ TEST(AovSimOutput, DefaultChoiceIsTheSmallestSizeAtItsHighestRate) {
     const Output run = runAovSim({"--events", "1"});
     ASSERT_EQ(run.exit_code, 0) << run.text();
     EXPECT_TRUE(run.hasLine("[sys ] chosen: sensor 0, 320x240 at 10 fps")) << run.text();
+}
+
+// A timeline that cannot be opened stops the run before it begins; one that
+// cannot be written (a full device) ends a session that ran in exit 2.
+TEST(AovSimOutput, ATimelineThatCannotBeWrittenEndsInExitTwoWithOneLine) {
+    const std::string dir = ::testing::TempDir();
+    const ProcessResult refused =
+        runProcess(AOV_SIM_PATH, {"--events", "1", "--timeline", dir}, {}, SIZE_MAX);
+    EXPECT_EQ(refused.exit_code, 2) << refused.output;
+    EXPECT_EQ(refused.output, "aov-sim: error: cannot write the timeline to " + dir + ": " +
+                                  std::strerror(EISDIR) + "\n");
+
+    const Output full = runAovSim({"--events", "1", "--timeline", "/dev/full"});
+    EXPECT_EQ(full.exit_code, 2) << full.text();
+    EXPECT_EQ(full.count("content ok"), 1u) << full.text();
+    EXPECT_EQ(full.count("aov-sim: "), 2u) << full.text();
+    EXPECT_TRUE(full.hasLine("aov-sim: error: cannot write the timeline to /dev/full"))
+        << full.text();
+    EXPECT_TRUE(full.hasLine("aov-sim: exit 2")) << full.text();
 }
 
 TEST(AovSimOutput, TheTimelineHoldsEveryStepAndTheServicesObtained) {
