@@ -252,6 +252,34 @@ TEST(TrackLayoutTest, MovesASliceThatBeginsWhereThePreviousEndsAndLanesAPartialO
     EXPECT_TRUE(named);
 }
 
+// Five slices each overlapping the one before partly: four lanes, a hundred
+// threads apart, each named and sorted after the one before; the fifth goes
+// to the last lane as it is.
+TEST(TrackLayoutTest, PartialOverlapsTakeUpToFourLanesThenShareTheLast) {
+    const char* const names[] = {"slice 0", "slice 1", "slice 2", "slice 3", "slice 4"};
+    TimelineCollector c(t0, 100);
+    for (int i = 0; i < 5; ++i) {
+        c.platformCall(TimelineRole::kOther, names[i], us(1 + i), us(10 + i));
+    }
+    const TraceLayout layout = aovsimtool::layOutTracks(c.records());
+    std::vector<int> tids;
+    for (int i = 0; i < 5; ++i) {
+        const TraceEvent* e = findEvent(layout, names[i]);
+        ASSERT_NE(e, nullptr);
+        tids.push_back(e->tid);
+    }
+    EXPECT_EQ(tids, (std::vector<int>{23, 123, 223, 323, 323}));
+    std::vector<std::pair<int, int>> sorted;
+    for (const nlohmann::json& m : layout.metadata) {
+        if (m["name"] == "thread_sort_index" && m.value("tid", 0) % 100 == 23) {
+            sorted.push_back({m["tid"].get<int>(), m["args"]["sort_index"].get<int>()});
+        }
+    }
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(sorted,
+              (std::vector<std::pair<int, int>>{{23, 92}, {123, 93}, {223, 94}, {323, 95}}));
+}
+
 TEST(TrackLayoutTest, StepsBecomeBeginEndPairsAndEveryUsedTrackIsNamedAndSorted) {
     TimelineCollector c(t0, 100);
     c.step("step 1", us(1));
