@@ -114,6 +114,7 @@ TEST(TimelineCollectorTest, AnEventMissingAStageHasNoStagesAndNoFlow) {
 TEST(TimelineCollectorTest, AFailedDequeueIsAKernelSliceWithItsResultAndEndsNoBufferTask) {
     TimelineCollector c(t0, 100);
     c.libraryCall("startDevice", us(1), us(2), 0);
+    c.libraryCall("setMonitor", us(3), us(4), 0);  // no start: the task still began at 1
     c.kernelRequest(TimelineRole::kMonitor, AOV_IOC_DEQUEUE_EVENT, "refused", us(5), us(6), -5);
     const TimelineRecord* dequeue = findRecord(c, "DEQUEUE_EVENT");
     ASSERT_NE(dequeue, nullptr);
@@ -127,6 +128,12 @@ TEST(TimelineCollectorTest, AFailedDequeueIsAKernelSliceWithItsResultAndEndsNoBu
     ASSERT_NE(task, nullptr);
     EXPECT_EQ(task->begin_ns, 1000);
     EXPECT_EQ(task->end_ns, 9000);
+
+    // A startDevice that failed started no task.
+    TimelineCollector failed(t0, 100);
+    failed.libraryCall("startDevice", us(1), us(2), -1);
+    failed.kernelRequest(TimelineRole::kMonitor, AOV_IOC_DEQUEUE_EVENT, "", us(7), us(9), 0);
+    EXPECT_EQ(findRecord(failed, "buffer task (at most)"), nullptr);
 }
 
 TEST(TimelineCollectorTest, ANotificationCutShortByTheStopLeavesNoHalfRecords) {
