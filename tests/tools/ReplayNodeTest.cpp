@@ -302,6 +302,38 @@ TEST_F(ReplayNodeTest, OtherIdsOrARequestTheRecordingLacksDiverge) {
         << divergences_[0].library;
     EXPECT_NE(divergences_[0].recorded.find("SENSOR_ON count 1 ids [3]"), std::string::npos)
         << divergences_[0].recorded;
+    // The library's third call on the node; the recording's third record.
+    EXPECT_EQ(divergences_[0].request, 3u);
+    EXPECT_EQ(divergences_[0].record, 2u);
+}
+
+// A request past the recording's last: nothing recorded to compare it with,
+// and the position is the recording's end.
+TEST(ReplayNodeInput, ARequestPastTheRecordingsEndDivergesAgainstNoMoreRequests) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    b.open(AOV_DEVICE_NODE, O_RDWR, kFd);
+    const StartRecord start(0);
+    b.ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
+    std::vector<uint8_t> bytes = recording.bytes();
+    std::string problem;
+    std::shared_ptr<ReplayNode> node = load(bytes, &problem);
+    ASSERT_TRUE(node) << problem;
+    const int fd = node->open(O_RDWR);
+    ASSERT_GE(fd, 0);
+    StartRecord library(0);
+    ASSERT_EQ(node->ioctl(fd, AOV_IOC_START, library.bytes), 0);
+    EXPECT_TRUE(node->finish()) << "nothing left unsent";
+    EXPECT_EQ(node->ioctl(fd, AOV_IOC_STOP, nullptr), -EPROTO);
+    EXPECT_EQ(node->ioctl(fd, AOV_IOC_STOP, nullptr), -EPROTO) << "every later request too";
+    ReplayDivergence d;
+    ASSERT_TRUE(node->diverged(&d));
+    EXPECT_EQ(d.request, 3u);
+    EXPECT_EQ(d.record, 2u);
+    EXPECT_EQ(d.library, "STOP");
+    EXPECT_EQ(d.recorded, "(no more requests)");
+    EXPECT_FALSE(node->finish());
+    EXPECT_EQ(node->close(fd), 0);
 }
 
 TEST_F(ReplayNodeTest, RequestsTheLibraryNeverSentDivergeAtTheEnd) {
@@ -316,6 +348,8 @@ TEST_F(ReplayNodeTest, RequestsTheLibraryNeverSentDivergeAtTheEnd) {
     ASSERT_EQ(divergences_.size(), 1u);
     EXPECT_EQ(divergences_[0].library, "(no more requests)");
     EXPECT_NE(divergences_[0].recorded.find("SENSOR_ON"), std::string::npos);
+    EXPECT_EQ(divergences_[0].request, 3u);
+    EXPECT_EQ(divergences_[0].record, 2u);
 }
 
 TEST_F(ReplayNodeTest, AnOpenWithAnotherAccessModeIsADivergence) {
