@@ -488,6 +488,39 @@ TEST(ReplayNodeProbes, OpensClosedWithoutARequestBeforeTheSessionAreSkipped) {
     EXPECT_EQ(node->close(fd), 0);
 }
 
+// A number that carried requests and is reused for a probe: the probe is
+// still one, and the session after it replays.
+TEST(ReplayNodeProbes, AProbeOnANumberAnEarlierSessionUsedIsSkipped) {
+    Composed recording;
+    aovrec::SessionBuilder& b = recording.b();
+    const StartRecord start(0);
+    for (int session = 0; session < 2; ++session) {
+        b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, kFd);
+        b.ioctl(kFd, AOV_IOC_START, start.bytes, sizeof(start.bytes), 0);
+        b.ioctl(kFd, AOV_IOC_STOP, nullptr, 0, 0);
+        b.close(kFd, 0);
+        if (session == 0) {
+            b.open(AOV_DEVICE_NODE, O_RDWR | O_CLOEXEC, kFd);
+            b.close(kFd, 0);
+        }
+    }
+    std::vector<uint8_t> bytes = recording.bytes();
+    std::string problem;
+    std::shared_ptr<ReplayNode> node = load(bytes, &problem);
+    ASSERT_TRUE(node) << problem;
+    for (int session = 0; session < 2; ++session) {
+        SCOPED_TRACE(session);
+        const int fd = node->open(O_RDWR);
+        ASSERT_GE(fd, 0);
+        StartRecord library(0);
+        EXPECT_EQ(node->ioctl(fd, AOV_IOC_START, library.bytes), 0);
+        EXPECT_EQ(node->ioctl(fd, AOV_IOC_STOP, nullptr), 0);
+        EXPECT_EQ(node->close(fd), 0);
+    }
+    EXPECT_FALSE(node->diverged(nullptr));
+    EXPECT_TRUE(node->finish());
+}
+
 // With no open after it, a descriptor closed without a request is the
 // library's own session (a start that was never sent), not a probe.
 TEST(ReplayNodeProbes, ARequestlessOpenWithNoLaterOpenIsTheLibrarys) {
