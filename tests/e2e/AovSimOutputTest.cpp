@@ -445,6 +445,7 @@ TEST(AovSimOutput, AFailedDetectModeQueryStopsTheRunUnlessForced) {
     const std::string path = tenFpsScenario("detect", R"("detect_mode": true)");
     const Output run = runAovSim({"-s", path, "--events", "1"});
     EXPECT_EQ(run.exit_code, 1) << run.text();
+    EXPECT_TRUE(run.hasLine("[sys ] getSensorMode(0) -> -1, detection mode 0")) << run.text();
     EXPECT_TRUE(run.hasLine("aov-sim: failed: getSensorMode(0) failed: -1")) << run.text();
     EXPECT_EQ(run.count("step 3"), 0u) << run.text();
 
