@@ -679,6 +679,19 @@ TEST_F(UserStartedServer, AnAnswerTheKernelRefusesCostsOneEventAndTheSessionGoes
     EXPECT_TRUE(run.has("stopDevice() -> 0")) << run.output;
 }
 
+// A driver that writes section 2's area 64 bytes too long: each event names
+// the section whose content is not what its size calls for, and the summary
+// counts every such event.
+TEST_F(UserStartedServer, ContentADriverDamagedIsAMismatchNamingTheSection) {
+    ASSERT_NO_FATAL_FAILURE(start({"--fault", "overrun-area"}));
+    const RunResult run = runAovSim({"--kernel", "fuse", "--kdev", dir_, "--events", "2"});
+    EXPECT_EQ(run.count(" content MISMATCH in sections 2\n"), run.count("[evt ] #")) << run.output;
+    EXPECT_EQ(run.count(" content ok"), 0u) << run.output;
+    EXPECT_TRUE(run.has("content mismatches " + std::to_string(run.count("[evt ] #")) + "\n"))
+        << run.output;
+    EXPECT_GE(run.count("[evt ] #"), 2u) << run.output;
+}
+
 // The scenario the driver serves is compared with aov-sim's own: another one
 // is named in a warning, the same one is not mentioned.
 TEST_F(UserStartedServer, ADriverServingAnotherScenarioIsNamedInAWarning) {

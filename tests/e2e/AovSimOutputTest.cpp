@@ -4,8 +4,12 @@
 
 #include <gtest/gtest.h>
 
+#include <nlohmann/json.hpp>
+
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 #include <regex>
@@ -72,8 +76,9 @@ struct Output {
     }
 };
 
-Output runAovSim(const std::vector<std::string>& args) {
-    const ProcessResult process = runProcess(AOV_SIM_PATH, args, {}, SIZE_MAX);
+Output runAovSim(const std::vector<std::string>& args,
+                 const std::vector<std::string>& environment = {}) {
+    const ProcessResult process = runProcess(AOV_SIM_PATH, args, environment, SIZE_MAX);
     Output out;
     out.exit_code = process.exit_code;
     std::istringstream in(process.output);
@@ -230,6 +235,141 @@ TEST(AovSimOutput, EveryStepRequestEventAndSummaryLineOfASession) {
     expectSummaryMatchesTrace(run);
 }
 
+// A default session compared whole where it does not depend on timing:
+// every line up to the notifications (one thread, before any event), the
+// system layer's own lines after them but the figures, and the system
+// thread's library calls on the timeline with the result each returned.
+TEST(AovSimOutput, ADefaultSessionsDeterministicLinesAndLibraryCallsAreTheseExactly) {
+    const std::string path = ::testing::TempDir() + "aovsim_output_whole.json";
+    const Output run = runAovSim({"--events", "2", "--timeline", path});
+    ASSERT_EQ(run.exit_code, 0) << run.text();
+    SCOPED_TRACE(run.text());
+    const std::regex fd(" fd \\d+");
+    std::vector<std::string> before, after;
+    bool notifying = false;
+    for (const std::string& line : run.lines) {
+        notifying = notifying || line.rfind("[sys ] step 6", 0) == 0;
+        if (!notifying) {
+            before.push_back(std::regex_replace(line, fd, " fd N"));
+            continue;
+        }
+        const bool figures =
+            line.rfind("[sys ] summary: ", 0) == 0 && line.find("after stop") == std::string::npos;
+        if ((line.rfind("[sys ] ", 0) == 0 && !figures) || line.rfind("aov-sim: ", 0) == 0) {
+            after.push_back(line);
+        }
+    }
+    const std::vector<std::string> expectedBefore = {
+        "[sys ] scenario \"default\": 3 sensors on the platform",
+        "[sys ] step 1: obtaining the services",
+        "[plat] searchSensors() -> 3",
+        "[plat] getSensorPipeFactory() -> factory",
+        "[kern] open /dev/kelo_aov (O_RDWR) -> fd N",
+        "[sys ] isSupport() -> true",
+        "[sys ] step 2: discovery",
+        "[plat] queryNumberOfSensors() -> 3",
+        "[plat] querySensorId(0) -> 0",
+        "[plat] querySensorDevIdx(0) -> 0x1",
+        "[plat] querySensorStaticInfo(0x1) -> sensor 0, orientation 90, 7 scenarios",
+        "[plat] queryFacingDirection(0) -> 0",
+        "[plat] querySensorId(1) -> 1",
+        "[plat] querySensorDevIdx(1) -> 0x4",
+        "[plat] querySensorStaticInfo(0x4) -> sensor 1, orientation 270, 2 scenarios",
+        "[plat] queryFacingDirection(1) -> 1",
+        "[plat] querySensorId(2) -> 2",
+        "[plat] querySensorDevIdx(2) -> 0x2",
+        "[plat] querySensorStaticInfo(0x2) -> sensor 2, orientation 90, 1 scenarios",
+        "[plat] queryFacingDirection(2) -> 0",
+        "[sys ] querySensors() -> [0, 1]",
+        "[plat] querySensorDevIdx(0) -> 0x1",
+        "[sys ] sensor 0: device 0x1, 2 sizes",
+        "[sys ]   320x240 orientation 90 face 0 fps [10, 1] {scenario 4: 10 fps, type 2, bit 8, ae "
+        "0, param 0} {scenario 6: 1 fps, type 2, bit 8, ae 0, param 0}",
+        "[sys ]   640x480 orientation 90 face 0 fps [5, 10] {scenario 2: 5 fps, type 1, bit 10, ae "
+        "0, param 0} {scenario 3: 10 fps, type 1, bit 10, ae 0, param 2}",
+        "[plat] querySensorDevIdx(1) -> 0x4",
+        "[sys ] sensor 1: device 0x4, 1 sizes",
+        "[sys ]   1280x720 orientation 270 face 1 fps [10, 5] {scenario 0: 10 fps, type 1, bit 10, "
+        "ae 0, param 0} {scenario 1: 5 fps, type 1, bit 10, ae 0, param 0}",
+        "[sys ] chosen: sensor 0, 320x240 at 10 fps",
+        "[plat] queryDetectMode(320, 240) -> 0, mode 1",
+        "[sys ] getSensorMode(0) -> 0, detection mode 1",
+        "[sys ] step 3: starting the sensor",
+        "[plat] queryFrameInfo(320, 240, sel 0) -> 0, [320, 240, 160, 120]",
+        "[plat] openSensorDevice(AOV, 0) -> device (handles 1)",
+        "[plat] switchMclkToUlposc(AOV, 0) -> true",
+        "[plat] powerOnSensor(AOV, 1, [0]) -> true, clock ULPOSC",
+        "[plat] createAgent(sensor 0 scenario 4 320x240@10) -> agent 1",
+        "[plat] getAgent(1) -> agent",
+        "[plat] configSensor(sensor 0) -> 0",
+        "[plat] configNonLaggingP1Drv() -> 0",
+        "[plat] createPipe(camera 0, type 17, -1, 0) -> pipe 100",
+        "[plat] startPipe(1) on pipe 100 -> 0",
+        "[sys ] startSensor() -> 0",
+        "[sys ] user_param: sensor_id 0 scenario 4 orientation 90 face 0 mode_head [2, 8, 0, 0]",
+        "[sys ] user_param: frame_info [320, 240, 160, 120] frame_rate 10 frame_info_sel 0 "
+        "aov_mode 0 sensor_idx 0 width 320 height 240",
+        "[sys ] step 4: starting the device",
+        "[kern] START (0x40c84800, W, 200 bytes) sensor_id=0 scenario=4 orientation=90 face=0 "
+        "mode_head=[2, 8, 0, 0] frame_info=[320, 240, 160, 120] frame_rate=10 frame_info_sel=0 "
+        "aov_mode=0 sensor_idx=0 -> 0",
+        "[sys ] startDevice() -> 0",
+        "[sys ] step 5: attaching the event monitor",
+        "[sys ] setMonitor(monitor) -> 0, watching fd N",
+    };
+    EXPECT_EQ(before, expectedBefore);
+    const std::vector<std::string> expectedAfter = {
+        "[sys ] step 6: relaying clock and sensor notifications, receiving events",
+        "[sys ] notifyUlposc3(true) -> 0",
+        "[sys ] notifySensor(1 ids, true) -> 0",
+        "[sys ] waiting for 2 events (at most 5.6 s)",
+        "[sys ] notifySensor(1 ids, false) -> 0",
+        "[sys ] notifyUlposc3(false) -> 0",
+        "[sys ] step 7: stopping",
+        "[sys ] setMonitor(nullptr) -> 0",
+        "[sys ] stopSensor() -> 0",
+        "[sys ] stopDevice() -> 0",
+        "[sys ] summary: platform after stop: 0 sensors powered, 0 on ULPOSC, 0 devices open, "
+        "0 agents, 0 pipes (0 streaming)",
+        "aov-sim: exit 0",
+    };
+    EXPECT_EQ(after, expectedAfter);
+
+    std::ifstream in(path);
+    const nlohmann::json timeline = nlohmann::json::parse(in, nullptr, false);
+    ASSERT_FALSE(timeline.is_discarded());
+    std::vector<std::string> calls;
+    for (const nlohmann::json& e : timeline["traceEvents"]) {
+        if (e.value("ph", "") == "X" && e.value("pid", 0) == 1 && e.value("tid", 0) == 1 &&
+            e.contains("args") && e["args"].contains("result")) {
+            const std::string name = e["name"];
+            calls.push_back(name + " " +
+                            (name == "getEventFD" ? "fd" : e["args"]["result"].dump()));
+        }
+    }
+    const std::vector<std::string> expectedCalls = {"IAOVSensor::getInstance 1",
+                                                    "IAOVDevice::getInstance 1",
+                                                    "isSupport 1",
+                                                    "querySensors 2",
+                                                    "getSensorDev 1",
+                                                    "getSensorInfo 2",
+                                                    "getSensorDev 4",
+                                                    "getSensorInfo 1",
+                                                    "getSensorMode 0",
+                                                    "startSensor 0",
+                                                    "startDevice 0",
+                                                    "getEventFD fd",
+                                                    "setMonitor 0",
+                                                    "notifyUlposc3 0",
+                                                    "notifySensor 0",
+                                                    "notifySensor 0",
+                                                    "notifyUlposc3 0",
+                                                    "setMonitor 0",
+                                                    "stopSensor 0",
+                                                    "stopDevice 0"};
+    EXPECT_EQ(calls, expectedCalls);
+}
+
 TEST(AovSimOutput, SummaryCountsAFailedDequeueAndTheLibraryErrors) {
     const Output run =
         runAovSim({"-s", tenFpsScenario("dequeue", R"("dequeue": [2])"), "--events", "3"});
@@ -246,6 +386,24 @@ TEST(AovSimOutput, ScriptedEventsCountTheirMismatches) {
     ASSERT_EQ(run.exit_code, 0) << run.text();
     EXPECT_EQ(run.count(" content ok"), 3u) << run.text();
     expectSummaryMatchesTrace(run);
+}
+
+// The image-callback property as the library reads it (any base, text after
+// the number ignored): values it takes for 0 leave the fourth info word out,
+// and the scripted check expects it left out, with no false mismatch.
+TEST(AovSimOutput, ScriptedEventsReadTheImageCallbackPropertyAsTheLibraryDoes) {
+    for (const char* value : {"0x0", "00", "0 ", "0x1"}) {
+        SCOPED_TRACE(value);
+        const Output run =
+            runAovSim({"-s", std::string(AOV_SIM_EXAMPLES) + "/scripted-events.json", "--events",
+                       "3", "--aov-mode", "1"},
+                      {std::string("AOV_PROP_vendor_aovstream_image_callback=") + value});
+        ASSERT_EQ(run.exit_code, 0) << run.text();
+        const std::string word = std::string(value) == "0x1" ? "15" : "0";
+        EXPECT_EQ(run.count(" s4_info=[12, 13, 14, " + word + "] scripted event 2 content ok"), 1u)
+            << run.text();
+        EXPECT_EQ(run.count(" content ok"), 3u) << run.text();
+    }
 }
 
 // A driver that writes content with every second event: the events between
@@ -273,10 +431,18 @@ TEST(AovSimOutput, APowerOnFailureLeavesTheClockOnUlposcAndExitsOne) {
         runAovSim({"-s", tenFpsScenario("power", R"("power_on": [0])"), "--events", "2"});
     EXPECT_EQ(run.exit_code, 1) << run.text();
     SCOPED_TRACE(run.text());
-    // The library leaves the clock switched when power-on fails.
-    EXPECT_TRUE(
-        run.hasLine("[sys ] summary: platform after stop: 0 sensors powered, 1 on ULPOSC, "
-                    "0 devices open, 0 agents, 0 pipes (0 streaming)"));
+    // The whole summary of a session that never started: nothing timed, and
+    // the library leaves the clock switched when power-on fails.
+    const std::vector<std::string> summary = {
+        "[sys ] summary: events delivered 0, dropped 0 of 0 produced (overwritten in the driver "
+        "queue 0, lost to failed dequeues 0, discarded at stop 0)",
+        "[sys ] summary: latency from descriptor signal to callback return: no samples",
+        "[sys ] summary: latency breakdown: no samples",
+        "[sys ] summary: kernel requests 0 (0 failed), refused calls 0, library error lines 2, "
+        "content mismatches 0",
+        "[sys ] summary: platform after stop: 0 sensors powered, 1 on ULPOSC, 0 devices open, 0 "
+        "agents, 0 pipes (0 streaming)"};
+    EXPECT_EQ(run.starting("[sys ] summary: "), summary);
     EXPECT_TRUE(run.hasLine("[sys ] startSensor() -> -1"));
     EXPECT_TRUE(run.hasLine("aov-sim: failed: startSensor failed: -1"));
     EXPECT_TRUE(run.hasLine("aov-sim: exit 1"));
@@ -287,6 +453,7 @@ TEST(AovSimOutput, AFailedDetectModeQueryStopsTheRunUnlessForced) {
     const std::string path = tenFpsScenario("detect", R"("detect_mode": true)");
     const Output run = runAovSim({"-s", path, "--events", "1"});
     EXPECT_EQ(run.exit_code, 1) << run.text();
+    EXPECT_TRUE(run.hasLine("[sys ] getSensorMode(0) -> -1, detection mode 0")) << run.text();
     EXPECT_TRUE(run.hasLine("aov-sim: failed: getSensorMode(0) failed: -1")) << run.text();
     EXPECT_EQ(run.count("step 3"), 0u) << run.text();
 
@@ -314,6 +481,25 @@ TEST(AovSimOutput, DefaultChoiceIsTheSmallestSizeAtItsHighestRate) {
     const Output run = runAovSim({"--events", "1"});
     ASSERT_EQ(run.exit_code, 0) << run.text();
     EXPECT_TRUE(run.hasLine("[sys ] chosen: sensor 0, 320x240 at 10 fps")) << run.text();
+}
+
+// A timeline that cannot be opened stops the run before it begins; one that
+// cannot be written (a full device) ends a session that ran in exit 2.
+TEST(AovSimOutput, ATimelineThatCannotBeWrittenEndsInExitTwoWithOneLine) {
+    const std::string dir = ::testing::TempDir();
+    const ProcessResult refused =
+        runProcess(AOV_SIM_PATH, {"--events", "1", "--timeline", dir}, {}, SIZE_MAX);
+    EXPECT_EQ(refused.exit_code, 2) << refused.output;
+    EXPECT_EQ(refused.output, "aov-sim: error: cannot write the timeline to " + dir + ": " +
+                                  std::strerror(EISDIR) + "\n");
+
+    const Output full = runAovSim({"--events", "1", "--timeline", "/dev/full"});
+    EXPECT_EQ(full.exit_code, 2) << full.text();
+    EXPECT_EQ(full.count("content ok"), 1u) << full.text();
+    EXPECT_EQ(full.count("aov-sim: "), 2u) << full.text();
+    EXPECT_TRUE(full.hasLine("aov-sim: error: cannot write the timeline to /dev/full"))
+        << full.text();
+    EXPECT_TRUE(full.hasLine("aov-sim: exit 2")) << full.text();
 }
 
 TEST(AovSimOutput, TheTimelineHoldsEveryStepAndTheServicesObtained) {

@@ -267,6 +267,17 @@ TEST_P(FuseRoundTrip, ARecordedSessionReplaysAndRetracesWithoutDifferencesAndAFa
             << info.output;
         EXPECT_NE(info.output.find("\n  DEQUEUE_EVENT         3  failed 0\n"), std::string::npos)
             << info.output;
+        // What the replay says of its driver: the recording's counts and
+        // the figures a recording cannot give.
+        for (const std::string& line :
+             {"[sys ] driver: replay of " + session_ + " (" + std::to_string(requests) +
+                  " requests, 3 events, content written, speed max)",
+              std::string("[sys ] unavailable from this driver (shown as 0 below): events "
+                          "produced, overwritten, lost or discarded by the driver are not in a "
+                          "recording")}) {
+            EXPECT_EQ(linesOf(replayed.output, line), std::vector<std::string>{line})
+                << replayed.output;
+        }
         EXPECT_NE(info.output.find("\nevents: 3 dequeued, 3 with the content flag, "),
                   std::string::npos)
             << info.output;

@@ -260,9 +260,16 @@ TEST(OptionsTest, NothingGivenLeavesTheDefaults) {
     ASSERT_EQ(parse({}, &o, &message), ParseOutcome::kRun) << message;
     EXPECT_FALSE(o.scenario_given || o.sensor_given || o.size_given || o.fps_given ||
                  o.events_given || o.notify_ids_given || o.test_model.given);
+    EXPECT_FALSE(o.print_scenario || o.force || o.trace || o.timeline_given || o.kernel_fuse ||
+                 o.replay_given || o.view_mode.given || o.debug_device.given ||
+                 o.image_callback.given);
     EXPECT_EQ(o.events, 5);
     EXPECT_EQ(o.duration, 0);
     EXPECT_EQ(o.timeout, 0);
+    EXPECT_EQ(o.aov_mode, 0);
+    EXPECT_EQ(o.frame_info_sel, 0);
+    EXPECT_EQ(o.verbosity, 0);
+    EXPECT_TRUE(o.notify_ids.empty());
 }
 
 TEST(OptionsTest, ValuesAtTheEdgesOfTheirRangesAreTaken) {

@@ -114,6 +114,7 @@ TEST(TimelineCollectorTest, AnEventMissingAStageHasNoStagesAndNoFlow) {
 TEST(TimelineCollectorTest, AFailedDequeueIsAKernelSliceWithItsResultAndEndsNoBufferTask) {
     TimelineCollector c(t0, 100);
     c.libraryCall("startDevice", us(1), us(2), 0);
+    c.libraryCall("setMonitor", us(3), us(4), 0);  // no start: the task still began at 1
     c.kernelRequest(TimelineRole::kMonitor, AOV_IOC_DEQUEUE_EVENT, "refused", us(5), us(6), -5);
     const TimelineRecord* dequeue = findRecord(c, "DEQUEUE_EVENT");
     ASSERT_NE(dequeue, nullptr);
@@ -127,6 +128,12 @@ TEST(TimelineCollectorTest, AFailedDequeueIsAKernelSliceWithItsResultAndEndsNoBu
     ASSERT_NE(task, nullptr);
     EXPECT_EQ(task->begin_ns, 1000);
     EXPECT_EQ(task->end_ns, 9000);
+
+    // A startDevice that failed started no task.
+    TimelineCollector failed(t0, 100);
+    failed.libraryCall("startDevice", us(1), us(2), -1);
+    failed.kernelRequest(TimelineRole::kMonitor, AOV_IOC_DEQUEUE_EVENT, "", us(7), us(9), 0);
+    EXPECT_EQ(findRecord(failed, "buffer task (at most)"), nullptr);
 }
 
 TEST(TimelineCollectorTest, ANotificationCutShortByTheStopLeavesNoHalfRecords) {
@@ -252,6 +259,34 @@ TEST(TrackLayoutTest, MovesASliceThatBeginsWhereThePreviousEndsAndLanesAPartialO
     EXPECT_TRUE(named);
 }
 
+// Five slices each overlapping the one before partly: four lanes, a hundred
+// threads apart, each named and sorted after the one before; the fifth goes
+// to the last lane as it is.
+TEST(TrackLayoutTest, PartialOverlapsTakeUpToFourLanesThenShareTheLast) {
+    const char* const names[] = {"slice 0", "slice 1", "slice 2", "slice 3", "slice 4"};
+    TimelineCollector c(t0, 100);
+    for (int i = 0; i < 5; ++i) {
+        c.platformCall(TimelineRole::kOther, names[i], us(1 + i), us(10 + i));
+    }
+    const TraceLayout layout = aovsimtool::layOutTracks(c.records());
+    std::vector<int> tids;
+    for (int i = 0; i < 5; ++i) {
+        const TraceEvent* e = findEvent(layout, names[i]);
+        ASSERT_NE(e, nullptr);
+        tids.push_back(e->tid);
+    }
+    EXPECT_EQ(tids, (std::vector<int>{23, 123, 223, 323, 323}));
+    std::vector<std::pair<int, int>> sorted;
+    for (const nlohmann::json& m : layout.metadata) {
+        if (m["name"] == "thread_sort_index" && m.value("tid", 0) % 100 == 23) {
+            sorted.push_back({m["tid"].get<int>(), m["args"]["sort_index"].get<int>()});
+        }
+    }
+    std::sort(sorted.begin(), sorted.end());
+    EXPECT_EQ(sorted,
+              (std::vector<std::pair<int, int>>{{23, 92}, {123, 93}, {223, 94}, {323, 95}}));
+}
+
 TEST(TrackLayoutTest, StepsBecomeBeginEndPairsAndEveryUsedTrackIsNamedAndSorted) {
     TimelineCollector c(t0, 100);
     c.step("step 1", us(1));
@@ -369,6 +404,56 @@ TEST(TraceWriterTest, WritesTheObjectFormWithFlowsCountersAndMarkers) {
     EXPECT_EQ(flows, 4);
     EXPECT_EQ(counters, 2);  // queue depth, events delivered
     EXPECT_EQ(markers, 1);
+}
+
+// The whole file of a layout made by hand, one event of each phase: what each
+// phase carries (a thread, a duration, a scope, arguments except on an end)
+// and how a flow is bound, compared as text.
+TEST(TraceWriterTest, WritesEachPhaseWithExactlyItsOwnFields) {
+    TimelineRecord named, bare;
+    named.name = "dequeue";
+    named.args = {{"result", -5}};
+    bare.name = "queue depth";
+    TraceLayout layout;
+    layout.metadata.push_back({{"name", "process_name"}, {"ph", "M"}, {"pid", 1}});
+    const auto event = [](char phase, int64_t ts, const TimelineRecord& r) {
+        TraceEvent e;
+        e.phase = phase;
+        e.pid = 2;
+        e.tid = 7;
+        e.ts_ns = ts;
+        e.dur_ns = phase == 'X' ? 2500 : 0;
+        e.record = &r;
+        return e;
+    };
+    layout.events = {event('X', 1500, named), event('B', 2000, named), event('E', 3000, named),
+                     event('i', 4000, bare),  event('C', 5000, named), event('X', 6000, bare)};
+    layout.events[0].flow = 0x1f;
+    layout.events[0].flow_out = true;
+    layout.events[5].flow = 0x1f;
+    layout.events[5].flow_in = true;
+    std::FILE* file = std::tmpfile();
+    ASSERT_NE(file, nullptr);
+    std::string problem;
+    ASSERT_TRUE(aovsimtool::writeTrace(file, {{"a", 1}}, layout, &problem));
+    EXPECT_EQ(problem, "");
+    std::rewind(file);
+    std::string text(4096, '\0');
+    text.resize(std::fread(&text[0], 1, text.size(), file));
+    std::fclose(file);
+    EXPECT_EQ(
+        text,
+        "{\"displayTimeUnit\": \"ms\",\n\"otherData\": {\"a\":1},\n\"traceEvents\": [\n"
+        "{\"name\":\"process_name\",\"ph\":\"M\",\"pid\":1},\n"
+        "{\"args\":{\"result\":-5},\"bind_id\":\"0x1f\",\"dur\":2.5,\"flow_out\":true,"
+        "\"name\":\"dequeue\",\"ph\":\"X\",\"pid\":2,\"tid\":7,\"ts\":1.5},\n"
+        "{\"args\":{\"result\":-5},\"name\":\"dequeue\",\"ph\":\"B\",\"pid\":2,\"tid\":7,"
+        "\"ts\":2.0},\n"
+        "{\"name\":\"dequeue\",\"ph\":\"E\",\"pid\":2,\"tid\":7,\"ts\":3.0},\n"
+        "{\"name\":\"queue depth\",\"ph\":\"i\",\"pid\":2,\"s\":\"t\",\"tid\":7,\"ts\":4.0},\n"
+        "{\"args\":{\"result\":-5},\"name\":\"dequeue\",\"ph\":\"C\",\"pid\":2,\"ts\":5.0},\n"
+        "{\"bind_id\":\"0x1f\",\"dur\":2.5,\"flow_in\":true,\"name\":\"queue depth\","
+        "\"ph\":\"X\",\"pid\":2,\"tid\":7,\"ts\":6.0}\n]}\n");
 }
 
 TEST(TraceWriterTest, ReportsAFullDevice) {

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdlib>
 
 #include "LatencyBreakdown.h"
 #include "aovhost/Binding.h"
@@ -25,12 +24,11 @@ SimReport::SimReport(aovsim::Simulation& sim, DriverProbe& driver, Timeline* tim
 void SimReport::begin() {
     if (!sim_.config().driver.script.empty()) {
         expected_ = std::make_unique<aovsim::ExpectedBuffer>();
-        // The library reads the same property, with the same default.
+        // The library reads the same property, with the same parser and default:
+        // "0x0" or "0 " switch the word off there, so they must here too.
         std::string value;
         if (aovhost::findProperty("vendor.aovstream.image_callback", &value)) {
-            char* end = nullptr;
-            const long number = std::strtol(value.c_str(), &end, 10);
-            image_callback_ = end == value.c_str() || *end != '\0' || number != 0;
+            image_callback_ = aovhost::parsePropertyInt32(value.c_str(), 1) != 0;
         }
     }
     say(format("scenario \"%s\": %zu sensors on the platform", sim_.config().name.c_str(),
