@@ -502,7 +502,20 @@ int firstWrongStep(const std::string& dir, const std::string& node) {
         ::pread(statusFd, rest, sizeof(rest), length + 100) != 0) {
         return 9;
     }
+    if (::close(statusFd) != 0) {
+        return 10;
+    }
     return 0;
+}
+
+// Opens the status file as another user, in a child that holds nothing of
+// this process's; its exit status says whether the open succeeded.
+int openedAsNobody(const std::string& status) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+        return 2;
+    }
+    const int fd = ::open(status.c_str(), O_RDONLY | O_CLOEXEC);
+    return fd >= 0 && ::close(fd) == 0 ? 0 : 1;
 }
 
 TEST_F(KdevServerTest, TheMountIsADirectoryOfTheNodeAndItsStatusFileAndRefusesOtherUses) {
@@ -527,10 +540,29 @@ TEST_F(KdevServerTest, TheMountIsADirectoryOfTheNodeAndItsStatusFileAndRefusesOt
                                  "the listing is ., .., the node and status, once each",
                                  "the status file refuses a write open with EACCES",
                                  "the status file refuses an ioctl with ENOTTY",
-                                 "the status file reads the same text from any offset"};
+                                 "the status file reads the same text from any offset",
+                                 "the status file closes with 0"};
     ASSERT_TRUE(WIFEXITED(wait_status));
     const int step = WEXITSTATUS(wait_status);
-    EXPECT_EQ(step, 0) << "wrong: " << (step > 0 && step < 10 ? steps[step] : "?");
+    EXPECT_EQ(step, 0) << "wrong: " << (step > 0 && step < 11 ? steps[step] : "?");
+
+    // A server run as root serves every user, as a device node does.
+    if (::geteuid() == 0) {
+        const pid_t other = ::fork();
+        ASSERT_GE(other, 0) << std::strerror(errno);
+        if (other == 0) {
+            ::syscall(SYS_close_range, 3U, ~0U, 0U);
+            ::_exit(openedAsNobody(dir_ + "/" + aovkdev::kStatusName));
+        }
+        if (!aovtest::exitedWithin(other, &wait_status, std::chrono::seconds(10))) {
+            TearDown();
+            EXPECT_TRUE(aovtest::exitedWithin(other, &wait_status))
+                << "the child outlived the server";
+            FAIL() << "an open by another user was not answered within 10 s";
+        }
+        EXPECT_TRUE(WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == 0)
+            << "another user cannot open the status file of a server run as root";
+    }
 
     // The node is no file to read.
     char buffer[8];
