@@ -357,6 +357,38 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
         << gone.output;
 }
 
+// An open the recorded session saw refused but the node grants is one
+// difference; its descriptor is closed at once, so that the session's next
+// open of the exclusive node is granted as recorded.
+TEST_F(RetraceAgainstKdev, AnOpenRecordedAsRefusedButGrantedIsOneDifferenceAndIsClosedAtOnce) {
+    const std::string refused = tempPath("refused-open.rec");
+    {
+        const int fd = ::open(refused.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0) << std::strerror(errno);
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+        b.open(AOV_DEVICE_NODE, O_RDWR, -EBUSY);
+        b.open(AOV_DEVICE_NODE, O_RDWR, 3);
+        b.ioctl(3, AOV_IOC_STOP, nullptr, 0, 0);
+        b.close(3, 0);
+        EXPECT_TRUE(b.ok());
+        ::close(fd);
+    }
+    startKdev();
+    const ProcessResult r = retrace(refused, node_);
+    kdev_.stop();
+    ::unlink(refused.c_str());
+    EXPECT_EQ(r.exit_code, 1) << r.output;
+    const std::string first = "difference at record 0 (open): open: result ";
+    ASSERT_EQ(r.output.rfind(first, 0), 0u) << r.output;
+    const size_t end = r.output.find('\n');
+    const std::string recorded = ", recorded -1 (Device or resource busy)\n";
+    ASSERT_GT(end, recorded.size()) << r.output;
+    EXPECT_EQ(r.output.substr(end + 1 - recorded.size(), recorded.size()), recorded) << r.output;
+    EXPECT_EQ(r.output.substr(end + 1), "retrace: " + refused + " against " + node_ +
+                                            ": 4 calls sent (1 requests, 0 dequeues), 4 driver "
+                                            "checks, 1 differences\n");
+}
+
 // The server dies at the first dequeue after the session's, the faulting-area
 // check's: the run stops there and its totals count the checks made before it.
 TEST_F(RetraceAgainstKdev, ANodeThatGoesAwayDuringTheDriverChecksStopsThemWithExitThree) {
