@@ -108,13 +108,14 @@ class KdevServerTest : public ::testing::Test {
         }
     }
 
-    // Waits, with a limit, for the driver's trace to hold a line containing `text`.
-    bool traced(const std::string& text) {
+    // Waits, with a limit, for the driver's trace to hold `times` lines containing `text`.
+    bool traced(const std::string& text, long times = 1) {
         std::unique_lock<std::mutex> lock(traced_.mutex);
         return traced_.added.wait_for(lock, aovtest::kWaitLimit, [&] {
-            return std::any_of(
-                traced_.lines.begin(), traced_.lines.end(),
-                [&](const std::string& line) { return line.find(text) != std::string::npos; });
+            return std::count_if(traced_.lines.begin(), traced_.lines.end(),
+                                 [&](const std::string& line) {
+                                     return line.find(text) != std::string::npos;
+                                 }) >= times;
         });
     }
 
@@ -351,6 +352,44 @@ TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfI
     ASSERT_TRUE(elsewhereEnded(&err))
         << "the waiting dequeue did not give up at the end of its wait";
     EXPECT_EQ(err, EAGAIN);
+}
+
+// Two dequeues wait on an empty queue and one event wakes both: the first
+// to wait takes it, the other goes on waiting for the next event rather than
+// returning EAGAIN before its wait is over.
+TEST_F(KdevServerTest, OfTwoWaitingDequeuesOneEventAnswersTheFirstAndTheOtherWaitsForTheNext) {
+    startWithBlockingDequeue(3600 * 1000);
+    ASSERT_FALSE(HasFailure());
+    auto firstEvent = std::make_unique<aov_event>();
+    auto secondEvent = std::make_unique<aov_event>();
+    aov_event_query first = queryInto(firstEvent.get());
+    aov_event_query second = queryInto(secondEvent.get());
+    const int fd = fd_;
+    std::future<int> firstEnded = std::async(std::launch::async, [fd, &first] {
+        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &first) == -1 ? errno : 0;
+    });
+    if (!traced("waits for the next event")) {
+        TearDown();
+        FAIL() << "the first empty dequeue did not wait";
+    }
+    sendElsewhere(AOV_IOC_DEQUEUE_EVENT, &second);
+    if (!traced("waits for the next event", 2)) {
+        TearDown();
+        FAIL() << "the second empty dequeue did not wait";
+    }
+    driver_->produceEvent();
+    if (firstEnded.wait_for(aovtest::kWaitLimit) != std::future_status::ready) {
+        TearDown();
+        FAIL() << "the first waiting dequeue did not return with the event";
+    }
+    EXPECT_EQ(firstEnded.get(), 0);
+    EXPECT_EQ(first.header[0], 1u);
+    driver_->produceEvent();
+    int err = -1;
+    ASSERT_TRUE(elsewhereEnded(&err))
+        << "the second waiting dequeue did not return with the next event";
+    EXPECT_EQ(err, 0);
+    EXPECT_EQ(second.header[0], 2u);
 }
 
 // A request a driver bug never answers holds its caller until the server
