@@ -434,6 +434,8 @@ TEST_F(RetraceAgainstKdev, AgainstTheScriptEachFaultMakesExactlyItsDifferences) 
         int differences;
         int checks;          // -1: not pinned
         bool stops = false;  // the run ends at its difference
+        // The totals' calls when the run sends fewer than its records hold.
+        const char* sent = nullptr;
     };
     const Exact cases[] = {
         {"accept-unknown-code", 2, -1},
@@ -457,6 +459,9 @@ TEST_F(RetraceAgainstKdev, AgainstTheScriptEachFaultMakesExactlyItsDifferences) 
         {"hang-flush", 1, 0, true},
         // The release is answered after close returns: the next open is refused.
         {"hang-release", 1, 0, true},
+        // The first dequeue is not sent; the node's readiness after the
+        // session's is never seen, so no check needs it.
+        {"wake-pollin-waiters-only", 7, 9, false, ": 12 calls sent (8 requests, 2 dequeues), "},
     };
     const uint64_t records = recordsIn(recording_);
     ASSERT_GT(records, 0u);
@@ -479,10 +484,10 @@ TEST_F(RetraceAgainstKdev, AgainstTheScriptEachFaultMakesExactlyItsDifferences) 
             EXPECT_EQ(r.output.find(" records not sent"), std::string::npos) << c.fault << "\n"
                                                                              << r.output;
         }
-        const std::string tail = sentCalls(recording_, through) +
-                                 (c.checks >= 0 ? std::to_string(c.checks) + " " : std::string()) +
-                                 "driver checks, " + std::to_string(c.differences) +
-                                 " differences\n";
+        const std::string tail =
+            (c.sent != nullptr ? std::string(c.sent) : sentCalls(recording_, through)) +
+            (c.checks >= 0 ? std::to_string(c.checks) + " " : std::string()) + "driver checks, " +
+            std::to_string(c.differences) + " differences\n";
         const size_t totals = r.output.find("retrace: " + recording_ + " against " + node_);
         ASSERT_NE(totals, std::string::npos) << c.fault << "\n" << r.output;
         const std::string line = r.output.substr(totals, r.output.find('\n', totals) + 1 - totals);
