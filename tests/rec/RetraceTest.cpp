@@ -5,6 +5,7 @@
 // with one line and a clear exit, sending nothing the file did not allow.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -300,26 +301,43 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
               "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
     // A dequeue that failed, with no readiness seen before it, is sent at
     // once: the recorded session did not wait either (refused before START).
+    // A wait that saw the node not ready is no readiness; after one that saw
+    // it ready the node must be ready again, and here it is not.
     const std::string unwaited = tempPath("unwaited.rec");
-    {
-        const int fd = ::open(unwaited.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        ASSERT_GE(fd, 0) << std::strerror(errno);
-        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
-        const aov_event_query query{};
-        b.open(AOV_DEVICE_NODE, O_RDWR, 3);
-        b.ioctl(3, AOV_IOC_DEQUEUE_EVENT, &query, sizeof(query), -EINVAL);
-        b.close(3, 0);
-        EXPECT_TRUE(b.ok());
-        ::close(fd);
+    for (const uint32_t seen : {0u, static_cast<uint32_t>(POLLIN)}) {
+        {
+            const int fd = ::open(unwaited.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+            ASSERT_GE(fd, 0) << std::strerror(errno);
+            aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+            const aov_event_query query{};
+            b.open(AOV_DEVICE_NODE, O_RDWR, 3);
+            b.poll(3, seen, seen != 0 ? 1 : 0);
+            b.ioctl(3, AOV_IOC_DEQUEUE_EVENT, &query, sizeof(query), -EINVAL);
+            b.close(3, 0);
+            EXPECT_TRUE(b.ok());
+            ::close(fd);
+        }
+        startKdev();
+        const ProcessResult unwaitedSent = retrace(unwaited, node_);
+        kdev_.stop();
+        const std::string totals = "retrace: " + unwaited + " against " + node_;
+        if (seen == 0) {
+            EXPECT_EQ(unwaitedSent.exit_code, 0) << unwaitedSent.output;
+            EXPECT_EQ(unwaitedSent.output,
+                      totals +
+                          ": 3 calls sent (1 requests, 1 dequeues), 3 driver checks, "
+                          "0 differences\n");
+        } else {
+            EXPECT_EQ(unwaitedSent.exit_code, 1) << unwaitedSent.output;
+            EXPECT_EQ(unwaitedSent.output,
+                      "difference at record 2 (readiness): DEQUEUE_EVENT: the node was not ready "
+                      "within 3000 ms (the recorded session saw it ready); dequeue not sent\n" +
+                          totals +
+                          ": 2 calls sent (0 requests, 0 dequeues), 3 driver checks, "
+                          "1 differences\n");
+        }
     }
-    startKdev();
-    const ProcessResult unwaitedSent = retrace(unwaited, node_);
-    kdev_.stop();
     ::unlink(unwaited.c_str());
-    EXPECT_EQ(unwaitedSent.exit_code, 0) << unwaitedSent.output;
-    EXPECT_EQ(unwaitedSent.output, "retrace: " + unwaited + " against " + node_ +
-                                       ": 3 calls sent (1 requests, 1 dequeues), 3 driver checks, "
-                                       "0 differences\n");
     // Against a node it is sent whole: the check after STOP, then the open and
     // the two refused requests of the checks (no START to repeat).
     startKdev();
