@@ -802,6 +802,38 @@ TEST_F(RetraceAgainstKdev, AnAreaLeftAloneHoldsWhatTheDriverWroteInADequeueWhose
     }
 }
 
+// A session whose events write no area gives the faulting-area check nothing
+// to refuse: it is not made, and the rest of the checks pass.
+TEST_F(RetraceAgainstKdev, EventsThatWriteNoAreaAreNotProbedWithUnwritableAreas) {
+    std::string script = readText(kScript);
+    const size_t events = script.find("\"events\": [");
+    ASSERT_NE(events, std::string::npos);
+    script = script.substr(0, events) +
+             "\"events\": [{\"header\": [1, 0, 100, 4, 0, 0]}, {\"header\": [2, 0, 200, 4, 0, "
+             "0]}, {\"header\": [3, 0, 300, 4, 0, 0]}]}\n";
+    const std::string scenario = tempPath("header-only.json");
+    aovrectest::writeText(scenario, script);
+    const std::string headers = tempPath("header-only.rec");
+    const ProcessResult recorded = rec(
+        {"record", "-o", headers, "--content", "written", "--", AOV_SIM_PATH, "--kernel", "fuse",
+         "--events", "3", "--timeout", "10", "--aov-mode", "2", "--scenario", scenario});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    kdev_.start({"--scenario", scenario});
+    const ProcessResult r = retrace(headers, node_);
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    const std::string head =
+        "retrace: " + headers + " against " + node_ + sentCalls(headers, recordsIn(headers));
+    ASSERT_EQ(r.output.rfind(head, 0), 0u) << head << "\n" << r.output;
+    // The twelve checks of a good driver but the faulting area and what it signals.
+    const int made = std::atoi(r.output.substr(head.size()).c_str());
+    EXPECT_GE(made, 10) << r.output;
+    EXPECT_LE(made, 12) << r.output;
+    EXPECT_NE(r.output.find(" driver checks, 0 differences\n"), std::string::npos) << r.output;
+    for (const std::string& path : {scenario, headers}) {
+        ::unlink(path.c_str());
+    }
+}
+
 TEST_F(RetraceAgainstKdev, ACutRecordingIsRetracedUpToItsCutThenEndsInExitTwo) {
     const std::string bytes = readText(recording_);
     const std::string cut = tempPath("cut.rec");
