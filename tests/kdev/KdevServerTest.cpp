@@ -612,8 +612,13 @@ TEST_F(KdevServerTest, TheMountIsADirectoryOfTheNodeAndItsStatusFileAndRefusesOt
     aovkdev::KdevServer other(driver_, std::make_shared<aovsim::Trace>(), "other",
                               aovkdev::ServerFaults());
     std::string problem;
+    // A server that never mounted, or failed to, has nothing to serve. Its
+    // stop is asked for first: a serve that wrongly ran would end at once.
+    other.stop();
+    EXPECT_EQ(other.serve(), -ENOTCONN);
     EXPECT_FALSE(other.mount(dir_ + "_absent", &problem));
     EXPECT_EQ(problem, "cannot mount a FUSE file system on " + dir_ + "_absent");
+    EXPECT_EQ(other.serve(), -ENOTCONN);
 }
 
 void noteSignal(int) {}
