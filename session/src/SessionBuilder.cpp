@@ -1,5 +1,6 @@
 #include "aovsession/SessionBuilder.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -71,6 +72,19 @@ void SessionBuilder::ioctl(int fd, uint32_t request, const void* sent, size_t se
         out.put(areas[i].data, areas[i].length);
     }
     ok_ = ok_ && !out.overflow() && writer_.write(RecordType::kIoctl, payload_.data(), out.size());
+}
+
+void SessionBuilder::poll(int fd, uint32_t revents, int result) {
+    ByteWriter out(payload_.data(), payload_.size());
+    putCall(out, call(-1, result));
+    out.u8(static_cast<uint8_t>(WaitKind::kPoll));
+    out.u8(0);
+    out.u16(1);
+    out.u32(static_cast<uint32_t>(-1));  // no time limit
+    out.u32(static_cast<uint32_t>(fd));
+    out.u32(POLLIN);
+    out.u32(revents);
+    ok_ = ok_ && !out.overflow() && writer_.write(RecordType::kPoll, payload_.data(), out.size());
 }
 
 }  // namespace aovrec

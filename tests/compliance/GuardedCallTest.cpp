@@ -4,6 +4,7 @@
 // report's plain and TAP lines.
 
 #include <arpa/inet.h>
+#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -300,4 +301,36 @@ TEST(GuardedCall, ACloseInTheChildSharesTheParentsTableAndReportsItsError) {
     EXPECT_EQ(again.value, -1);
     EXPECT_EQ(again.error, EBADF);
     ::close(pipeEnds[0]);
+}
+
+int openDescriptors() {
+    DIR* dir = ::opendir("/proc/self/fd");
+    if (dir == nullptr) {
+        return -1;
+    }
+    int n = 0;
+    while (::readdir(dir) != nullptr) {
+        ++n;
+    }
+    ::closedir(dir);
+    return n;
+}
+
+// A checker makes hundreds of guarded calls: none leaves a descriptor behind,
+// whether it answered, failed or handed a descriptor over.
+TEST(GuardedCall, NoCallLeavesADescriptorOpenInTheParent) {
+    GuardedCaller caller;
+    const int before = openDescriptors();
+    ASSERT_GT(before, 0);
+    for (int round = 0; round < 3; ++round) {
+        EXPECT_EQ(caller.run(5000, []() -> long { return 0; }).status,
+                  CallResult::Status::kReturned);
+        EXPECT_TRUE(caller.run(5000, []() -> long { return ::close(-1); }).failed());
+        const CallResult opened = caller.run(
+            5000, []() -> long { return ::open("/dev/null", O_RDONLY | O_CLOEXEC); }, true);
+        ASSERT_GE(opened.passed_fd, 0);
+        EXPECT_EQ(caller.close(5000, opened.passed_fd).value, 0);
+        EXPECT_EQ(caller.close(5000, 1 << 20).error, EBADF);
+    }
+    EXPECT_EQ(openDescriptors(), before);
 }

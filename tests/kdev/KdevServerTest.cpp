@@ -108,13 +108,14 @@ class KdevServerTest : public ::testing::Test {
         }
     }
 
-    // Waits, with a limit, for the driver's trace to hold a line containing `text`.
-    bool traced(const std::string& text) {
+    // Waits, with a limit, for the driver's trace to hold `times` lines containing `text`.
+    bool traced(const std::string& text, long times = 1) {
         std::unique_lock<std::mutex> lock(traced_.mutex);
         return traced_.added.wait_for(lock, aovtest::kWaitLimit, [&] {
-            return std::any_of(
-                traced_.lines.begin(), traced_.lines.end(),
-                [&](const std::string& line) { return line.find(text) != std::string::npos; });
+            return std::count_if(traced_.lines.begin(), traced_.lines.end(),
+                                 [&](const std::string& line) {
+                                     return line.find(text) != std::string::npos;
+                                 }) >= times;
         });
     }
 
@@ -353,6 +354,44 @@ TEST_F(KdevServerTest, ABlockingEmptyDequeueReturnsWithTheNextEventOrAtTheEndOfI
     EXPECT_EQ(err, EAGAIN);
 }
 
+// Two dequeues wait on an empty queue and one event wakes both: the first
+// to wait takes it, the other goes on waiting for the next event rather than
+// returning EAGAIN before its wait is over.
+TEST_F(KdevServerTest, OfTwoWaitingDequeuesOneEventAnswersTheFirstAndTheOtherWaitsForTheNext) {
+    startWithBlockingDequeue(3600 * 1000);
+    ASSERT_FALSE(HasFailure());
+    auto firstEvent = std::make_unique<aov_event>();
+    auto secondEvent = std::make_unique<aov_event>();
+    aov_event_query first = queryInto(firstEvent.get());
+    aov_event_query second = queryInto(secondEvent.get());
+    const int fd = fd_;
+    std::future<int> firstEnded = std::async(std::launch::async, [fd, &first] {
+        return ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, &first) == -1 ? errno : 0;
+    });
+    if (!traced("waits for the next event")) {
+        TearDown();
+        FAIL() << "the first empty dequeue did not wait";
+    }
+    sendElsewhere(AOV_IOC_DEQUEUE_EVENT, &second);
+    if (!traced("waits for the next event", 2)) {
+        TearDown();
+        FAIL() << "the second empty dequeue did not wait";
+    }
+    driver_->produceEvent();
+    if (firstEnded.wait_for(aovtest::kWaitLimit) != std::future_status::ready) {
+        TearDown();
+        FAIL() << "the first waiting dequeue did not return with the event";
+    }
+    EXPECT_EQ(firstEnded.get(), 0);
+    EXPECT_EQ(first.header[0], 1u);
+    driver_->produceEvent();
+    int err = -1;
+    ASSERT_TRUE(elsewhereEnded(&err))
+        << "the second waiting dequeue did not return with the next event";
+    EXPECT_EQ(err, 0);
+    EXPECT_EQ(second.header[0], 2u);
+}
+
 // A request a driver bug never answers holds its caller until the server
 // ends, which answers it with EIO rather than leaving it to the unmount.
 TEST_F(KdevServerTest, ARequestABugNeverAnswersIsAnsweredWithEioWhenTheServerEnds) {
@@ -502,7 +541,20 @@ int firstWrongStep(const std::string& dir, const std::string& node) {
         ::pread(statusFd, rest, sizeof(rest), length + 100) != 0) {
         return 9;
     }
+    if (::close(statusFd) != 0) {
+        return 10;
+    }
     return 0;
+}
+
+// Opens the status file as another user, in a child that holds nothing of
+// this process's; its exit status says whether the open succeeded.
+int openedAsNobody(const std::string& status) {
+    if (::setgid(65534) != 0 || ::setuid(65534) != 0) {
+        return 2;
+    }
+    const int fd = ::open(status.c_str(), O_RDONLY | O_CLOEXEC);
+    return fd >= 0 && ::close(fd) == 0 ? 0 : 1;
 }
 
 TEST_F(KdevServerTest, TheMountIsADirectoryOfTheNodeAndItsStatusFileAndRefusesOtherUses) {
@@ -527,10 +579,29 @@ TEST_F(KdevServerTest, TheMountIsADirectoryOfTheNodeAndItsStatusFileAndRefusesOt
                                  "the listing is ., .., the node and status, once each",
                                  "the status file refuses a write open with EACCES",
                                  "the status file refuses an ioctl with ENOTTY",
-                                 "the status file reads the same text from any offset"};
+                                 "the status file reads the same text from any offset",
+                                 "the status file closes with 0"};
     ASSERT_TRUE(WIFEXITED(wait_status));
     const int step = WEXITSTATUS(wait_status);
-    EXPECT_EQ(step, 0) << "wrong: " << (step > 0 && step < 10 ? steps[step] : "?");
+    EXPECT_EQ(step, 0) << "wrong: " << (step > 0 && step < 11 ? steps[step] : "?");
+
+    // A server run as root serves every user, as a device node does.
+    if (::geteuid() == 0) {
+        const pid_t other = ::fork();
+        ASSERT_GE(other, 0) << std::strerror(errno);
+        if (other == 0) {
+            ::syscall(SYS_close_range, 3U, ~0U, 0U);
+            ::_exit(openedAsNobody(dir_ + "/" + aovkdev::kStatusName));
+        }
+        if (!aovtest::exitedWithin(other, &wait_status, std::chrono::seconds(10))) {
+            TearDown();
+            EXPECT_TRUE(aovtest::exitedWithin(other, &wait_status))
+                << "the child outlived the server";
+            FAIL() << "an open by another user was not answered within 10 s";
+        }
+        EXPECT_TRUE(WIFEXITED(wait_status) && WEXITSTATUS(wait_status) == 0)
+            << "another user cannot open the status file of a server run as root";
+    }
 
     // The node is no file to read.
     char buffer[8];
@@ -541,8 +612,13 @@ TEST_F(KdevServerTest, TheMountIsADirectoryOfTheNodeAndItsStatusFileAndRefusesOt
     aovkdev::KdevServer other(driver_, std::make_shared<aovsim::Trace>(), "other",
                               aovkdev::ServerFaults());
     std::string problem;
+    // A server that never mounted, or failed to, has nothing to serve. Its
+    // stop is asked for first: a serve that wrongly ran would end at once.
+    other.stop();
+    EXPECT_EQ(other.serve(), -ENOTCONN);
     EXPECT_FALSE(other.mount(dir_ + "_absent", &problem));
     EXPECT_EQ(problem, "cannot mount a FUSE file system on " + dir_ + "_absent");
+    EXPECT_EQ(other.serve(), -ENOTCONN);
 }
 
 void noteSignal(int) {}

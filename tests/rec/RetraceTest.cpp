@@ -5,8 +5,10 @@
 // with one line and a clear exit, sending nothing the file did not allow.
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -210,10 +212,21 @@ TEST_F(RetraceAgainstKdev, AGoodDriverShowsNoDifferenceAndPassesEveryDriverCheck
     startKdev();
     const ProcessResult same = retrace(recording_, node_);
     EXPECT_EQ(same.exit_code, 0) << same.output;
-    EXPECT_NE(same.output.find(" driver checks, 0 differences\n"), std::string::npos)
-        << same.output;
-    EXPECT_EQ(same.output.find("difference a"), std::string::npos) << same.output;
-    EXPECT_EQ(same.output.find(" 0 driver checks"), std::string::npos) << same.output;
+    // One line, every recorded call sent. Twelve checks: the state after
+    // STOP, two refused codes, the faulting area and what it signals, two
+    // opens, two STARTs, the monitor's arming and wake-up, the empty queue;
+    // the empty queue is checked again for each event that came during the
+    // drain, two at most of the script's three.
+    const std::string head = "retrace: " + recording_ + " against " + node_ +
+                             sentCalls(recording_, recordsIn(recording_));
+    ASSERT_EQ(same.output.rfind(head, 0), 0u) << head << "\n" << same.output;
+    const std::string rest = same.output.substr(head.size());
+    const size_t checks = rest.find(" driver checks, 0 differences\n");
+    ASSERT_NE(checks, std::string::npos) << same.output;
+    EXPECT_EQ(checks + std::strlen(" driver checks, 0 differences\n"), rest.size()) << same.output;
+    const int made = std::atoi(rest.substr(0, checks).c_str());
+    EXPECT_GE(made, 12) << same.output;
+    EXPECT_LE(made, 14) << same.output;
 }
 
 TEST_F(RetraceAgainstKdev, EveryFaultOfTheDriverIsInTheTableOrMarkedUnchangedWithAReason) {
@@ -288,26 +301,43 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
               "aov-rec: cannot open " + dir_ + "/missing: No such file or directory\n");
     // A dequeue that failed, with no readiness seen before it, is sent at
     // once: the recorded session did not wait either (refused before START).
+    // A wait that saw the node not ready is no readiness; after one that saw
+    // it ready the node must be ready again, and here it is not.
     const std::string unwaited = tempPath("unwaited.rec");
-    {
-        const int fd = ::open(unwaited.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-        ASSERT_GE(fd, 0) << std::strerror(errno);
-        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
-        const aov_event_query query{};
-        b.open(AOV_DEVICE_NODE, O_RDWR, 3);
-        b.ioctl(3, AOV_IOC_DEQUEUE_EVENT, &query, sizeof(query), -EINVAL);
-        b.close(3, 0);
-        EXPECT_TRUE(b.ok());
-        ::close(fd);
+    for (const uint32_t seen : {0u, static_cast<uint32_t>(POLLIN)}) {
+        {
+            const int fd = ::open(unwaited.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+            ASSERT_GE(fd, 0) << std::strerror(errno);
+            aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+            const aov_event_query query{};
+            b.open(AOV_DEVICE_NODE, O_RDWR, 3);
+            b.poll(3, seen, seen != 0 ? 1 : 0);
+            b.ioctl(3, AOV_IOC_DEQUEUE_EVENT, &query, sizeof(query), -EINVAL);
+            b.close(3, 0);
+            EXPECT_TRUE(b.ok());
+            ::close(fd);
+        }
+        startKdev();
+        const ProcessResult unwaitedSent = retrace(unwaited, node_);
+        kdev_.stop();
+        const std::string totals = "retrace: " + unwaited + " against " + node_;
+        if (seen == 0) {
+            EXPECT_EQ(unwaitedSent.exit_code, 0) << unwaitedSent.output;
+            EXPECT_EQ(unwaitedSent.output,
+                      totals +
+                          ": 3 calls sent (1 requests, 1 dequeues), 3 driver checks, "
+                          "0 differences\n");
+        } else {
+            EXPECT_EQ(unwaitedSent.exit_code, 1) << unwaitedSent.output;
+            EXPECT_EQ(unwaitedSent.output,
+                      "difference at record 2 (readiness): DEQUEUE_EVENT: the node was not ready "
+                      "within 3000 ms (the recorded session saw it ready); dequeue not sent\n" +
+                          totals +
+                          ": 2 calls sent (0 requests, 0 dequeues), 3 driver checks, "
+                          "1 differences\n");
+        }
     }
-    startKdev();
-    const ProcessResult unwaitedSent = retrace(unwaited, node_);
-    kdev_.stop();
     ::unlink(unwaited.c_str());
-    EXPECT_EQ(unwaitedSent.exit_code, 0) << unwaitedSent.output;
-    EXPECT_EQ(unwaitedSent.output, "retrace: " + unwaited + " against " + node_ +
-                                       ": 3 calls sent (1 requests, 1 dequeues), 3 driver checks, "
-                                       "0 differences\n");
     // Against a node it is sent whole: the check after STOP, then the open and
     // the two refused requests of the checks (no START to repeat).
     startKdev();
@@ -345,6 +375,38 @@ TEST_F(RetraceAgainstKdev, ANodeThatCannotBeOpenedOrGoesAwayIsSaidOnceWithExitTh
         << gone.output;
 }
 
+// An open the recorded session saw refused but the node grants is one
+// difference; its descriptor is closed at once, so that the session's next
+// open of the exclusive node is granted as recorded.
+TEST_F(RetraceAgainstKdev, AnOpenRecordedAsRefusedButGrantedIsOneDifferenceAndIsClosedAtOnce) {
+    const std::string refused = tempPath("refused-open.rec");
+    {
+        const int fd = ::open(refused.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+        ASSERT_GE(fd, 0) << std::strerror(errno);
+        aovrec::SessionBuilder b(fd, aovrec::ContentMode::kWritten, aovrec::Compression::kNone);
+        b.open(AOV_DEVICE_NODE, O_RDWR, -EBUSY);
+        b.open(AOV_DEVICE_NODE, O_RDWR, 3);
+        b.ioctl(3, AOV_IOC_STOP, nullptr, 0, 0);
+        b.close(3, 0);
+        EXPECT_TRUE(b.ok());
+        ::close(fd);
+    }
+    startKdev();
+    const ProcessResult r = retrace(refused, node_);
+    kdev_.stop();
+    ::unlink(refused.c_str());
+    EXPECT_EQ(r.exit_code, 1) << r.output;
+    const std::string first = "difference at record 0 (open): open: result ";
+    ASSERT_EQ(r.output.rfind(first, 0), 0u) << r.output;
+    const size_t end = r.output.find('\n');
+    const std::string recorded = ", recorded -1 (Device or resource busy)\n";
+    ASSERT_GT(end, recorded.size()) << r.output;
+    EXPECT_EQ(r.output.substr(end + 1 - recorded.size(), recorded.size()), recorded) << r.output;
+    EXPECT_EQ(r.output.substr(end + 1), "retrace: " + refused + " against " + node_ +
+                                            ": 4 calls sent (1 requests, 0 dequeues), 4 driver "
+                                            "checks, 1 differences\n");
+}
+
 // The server dies at the first dequeue after the session's, the faulting-area
 // check's: the run stops there and its totals count the checks made before it.
 TEST_F(RetraceAgainstKdev, ANodeThatGoesAwayDuringTheDriverChecksStopsThemWithExitThree) {
@@ -379,14 +441,19 @@ TEST_F(RetraceAgainstKdev, ANodeThatGoesAwayDuringTheDriverChecksStopsThemWithEx
 }
 
 // Against the recording's own script a fault's differences are exact: each
-// is reported once and the run goes no further than it allows. The driver
-// checks are counted where the run ends before the queue is emptied (how
-// many dequeues that takes depends on when the events come).
+// is reported once and the run goes no further than it allows, and the
+// totals count exactly the calls it sent. The driver checks are counted where
+// the run ends before the queue is emptied (how many dequeues that takes
+// depends on when the events come). A run that stops at a call counts the
+// calls up to it and says how many records it did not send.
 TEST_F(RetraceAgainstKdev, AgainstTheScriptEachFaultMakesExactlyItsDifferences) {
     struct Exact {
         const char* fault;
         int differences;
-        int checks;  // -1: not pinned
+        int checks;          // -1: not pinned
+        bool stops = false;  // the run ends at its difference
+        // The totals' calls when the run sends fewer than its records hold.
+        const char* sent = nullptr;
     };
     const Exact cases[] = {
         {"accept-unknown-code", 2, -1},
@@ -401,21 +468,55 @@ TEST_F(RetraceAgainstKdev, AgainstTheScriptEachFaultMakesExactlyItsDifferences) 
         {"readable-when-stopped", 1, -1},
         // Nine requests differ; START never matched, so no check needs it.
         {"positive-success", 9, 3},
-        {"refuse-rdwr", 1, 0},
+        {"refuse-rdwr", 1, 0, true},
         {"refuse-sensor-id-0", 2, -1},
         {"stop-needs-ulposc3", 1, -1},
         // Two dequeues differ in their words and their first area each.
         {"dequeue-keeps-event", 5, -1},
+        {"hang-sensor-off", 1, 0, true},
+        {"hang-flush", 1, 0, true},
+        // The release is answered after close returns: the next open is refused.
+        {"hang-release", 1, 0, true},
+        // The first dequeue is not sent; the node's readiness after the
+        // session's is never seen, so no check needs it.
+        {"wake-pollin-waiters-only", 7, 9, false, ": 12 calls sent (8 requests, 2 dequeues), "},
     };
+    const uint64_t records = recordsIn(recording_);
+    ASSERT_GT(records, 0u);
     for (const Exact& c : cases) {
         kdev_.start({"--scenario", kScript, "--fault", c.fault});
         const ProcessResult r = retrace(recording_, node_);
         kdev_.stop();
         EXPECT_EQ(r.exit_code, 1) << c.fault << "\n" << r.output;
-        const std::string tail = (c.checks >= 0 ? " " + std::to_string(c.checks) : std::string()) +
-                                 " driver checks, " + std::to_string(c.differences) +
-                                 " differences\n";
-        EXPECT_NE(r.output.find(tail), std::string::npos) << c.fault << "\n" << r.output;
+        uint64_t through = records;
+        if (c.stops) {
+            const size_t at = r.output.find("difference at record ");
+            ASSERT_NE(at, std::string::npos) << c.fault << "\n" << r.output;
+            through = std::stoull(r.output.substr(at + 21)) + 1;
+            EXPECT_NE(
+                r.output.find("; " + std::to_string(records - through) + " records not sent\n"),
+                std::string::npos)
+                << c.fault << "\n"
+                << r.output;
+        } else {
+            EXPECT_EQ(r.output.find(" records not sent"), std::string::npos) << c.fault << "\n"
+                                                                             << r.output;
+        }
+        const std::string tail =
+            (c.sent != nullptr ? std::string(c.sent) : sentCalls(recording_, through)) +
+            (c.checks >= 0 ? std::to_string(c.checks) + " " : std::string()) + "driver checks, " +
+            std::to_string(c.differences) + " differences\n";
+        const size_t totals = r.output.find("retrace: " + recording_ + " against " + node_);
+        ASSERT_NE(totals, std::string::npos) << c.fault << "\n" << r.output;
+        const std::string line = r.output.substr(totals, r.output.find('\n', totals) + 1 - totals);
+        if (c.checks >= 0) {
+            EXPECT_NE(line.find(tail), std::string::npos) << c.fault << "\n" << r.output;
+        } else {
+            const std::string head = tail.substr(0, tail.find("driver checks"));
+            EXPECT_NE(line.find(head), std::string::npos) << c.fault << "\n" << r.output;
+            EXPECT_NE(line.find(tail.substr(head.size())), std::string::npos) << c.fault << "\n"
+                                                                              << r.output;
+        }
         size_t lines = 0;
         for (size_t at = r.output.find("difference "); at != std::string::npos;
              at = r.output.find("difference ", at + 1)) {
@@ -697,6 +798,38 @@ TEST_F(RetraceAgainstKdev, AnAreaLeftAloneHoldsWhatTheDriverWroteInADequeueWhose
     EXPECT_EQ(dropped.exit_code, 0) << dropped.output;
     EXPECT_NE(dropped.output.find(", 0 differences\n"), std::string::npos) << dropped.output;
     for (const std::string& path : {scenario, all, edited}) {
+        ::unlink(path.c_str());
+    }
+}
+
+// A session whose events write no area gives the faulting-area check nothing
+// to refuse: it is not made, and the rest of the checks pass.
+TEST_F(RetraceAgainstKdev, EventsThatWriteNoAreaAreNotProbedWithUnwritableAreas) {
+    std::string script = readText(kScript);
+    const size_t events = script.find("\"events\": [");
+    ASSERT_NE(events, std::string::npos);
+    script = script.substr(0, events) +
+             "\"events\": [{\"header\": [1, 0, 100, 4, 0, 0]}, {\"header\": [2, 0, 200, 4, 0, "
+             "0]}, {\"header\": [3, 0, 300, 4, 0, 0]}]}\n";
+    const std::string scenario = tempPath("header-only.json");
+    aovrectest::writeText(scenario, script);
+    const std::string headers = tempPath("header-only.rec");
+    const ProcessResult recorded = rec(
+        {"record", "-o", headers, "--content", "written", "--", AOV_SIM_PATH, "--kernel", "fuse",
+         "--events", "3", "--timeout", "10", "--aov-mode", "2", "--scenario", scenario});
+    ASSERT_EQ(recorded.exit_code, 0) << recorded.output;
+    kdev_.start({"--scenario", scenario});
+    const ProcessResult r = retrace(headers, node_);
+    EXPECT_EQ(r.exit_code, 0) << r.output;
+    const std::string head =
+        "retrace: " + headers + " against " + node_ + sentCalls(headers, recordsIn(headers));
+    ASSERT_EQ(r.output.rfind(head, 0), 0u) << head << "\n" << r.output;
+    // The twelve checks of a good driver but the faulting area and what it signals.
+    const int made = std::atoi(r.output.substr(head.size()).c_str());
+    EXPECT_GE(made, 10) << r.output;
+    EXPECT_LE(made, 12) << r.output;
+    EXPECT_NE(r.output.find(" driver checks, 0 differences\n"), std::string::npos) << r.output;
+    for (const std::string& path : {scenario, headers}) {
         ::unlink(path.c_str());
     }
 }

@@ -36,6 +36,9 @@ class SessionBuilder {
                const void* back = nullptr, size_t back_len = 0, const Area* areas = nullptr,
                size_t area_count = 0, uint8_t arg_flags = 0);
 
+    // A poll(2) of `fd` alone, asking for POLLIN, that saw `revents`.
+    void poll(int fd, uint32_t revents, int result);
+
   private:
     CallInfo call(int fd, int result) const;
     void put(RecordType type);
