@@ -159,9 +159,11 @@ int SystemLayer::session(IAOVSensor* sensors, IAOVDevice* device, const ModeChoi
         aov::MutexLock guard(mutex_);
         return delivered_;
     });
-    say("setMonitor(monitor) -> %d, watching fd %d",
-        timed("setMonitor", [device, &monitor] { return device->setMonitor(monitor.get()); }),
-        timed("getEventFD", [device] { return device->getEventFD(); }));
+    // Two statements: the order of a call's arguments is the compiler's choice.
+    const int attached =
+        timed("setMonitor", [device, &monitor] { return device->setMonitor(monitor.get()); });
+    const int watched = timed("getEventFD", [device] { return device->getEventFD(); });
+    say("setMonitor(monitor) -> %d, watching fd %d", attached, watched);
 
     say("step 6: relaying clock and sensor notifications, receiving events");
     const std::vector<int> notifyIds =
