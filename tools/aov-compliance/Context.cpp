@@ -6,6 +6,9 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
+
+#include "MonitorWait.h"
 
 namespace aovcompliance {
 
@@ -183,6 +186,90 @@ CallResult Context::pollNode(int waitMs) {
 CallResult Context::dequeue(bool faulting) {
     arena_.prepareDequeue(faulting);
     return request(AOV_IOC_DEQUEUE_EVENT, arena_.query());
+}
+
+namespace {
+
+int64_t nowUs() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+// The drain as the child makes it; see drainNode.
+long drainInChild(int fd, aov_event_query* query, DrainLog* log, int maxDequeues,
+                  Context::AfterDrain then, int epfd) {
+    const int64_t began = nowUs();
+    auto ended = [log, began](int32_t end, long value, int64_t callBegan) -> long {
+        log->end = end;
+        log->value = value;
+        log->error = value < 0 ? errno : 0;
+        const int64_t now = nowUs();
+        log->call_us = now - callBegan;
+        log->drain_us = now - began;
+        return value < 0 ? value : 0;
+    };
+    for (;;) {
+        pollfd watched{fd, POLLIN, 0};
+        int64_t callBegan = nowUs();
+        const int ready = ::poll(&watched, 1, 0);
+        if (ready < 0) {
+            return ended(DrainLog::kPollFailed, ready, callBegan);
+        }
+        log->revents = ready > 0 ? watched.revents : 0;
+        if ((log->revents & POLLIN) == 0) {
+            break;
+        }
+        if (log->dequeues == maxDequeues) {
+            return ended(DrainLog::kLimit, 0, callBegan);
+        }
+        callBegan = nowUs();
+        const long r = ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, query);
+        ++log->dequeues;
+        if (r < 0) {
+            return ended(DrainLog::kDequeueFailed, r, callBegan);
+        }
+    }
+    int64_t callBegan = nowUs();
+    if (then == Context::AfterDrain::kDequeue) {
+        log->end = DrainLog::kEmptyDequeue;
+        const long r = ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, query);
+        return ended(DrainLog::kNoPollin, r, callBegan);
+    }
+    if (then == Context::AfterDrain::kNothing) {
+        return ended(DrainLog::kNoPollin, 0, callBegan);
+    }
+    const long armed = aovsimtool::armAsMonitor(epfd, fd);
+    if (armed < 0) {
+        return ended(DrainLog::kArmFailed, armed, callBegan);
+    }
+    callBegan = nowUs();
+    const long seen = aovsimtool::waitAsMonitor(epfd, 0);
+    if (seen < 0) {
+        return ended(DrainLog::kLookFailed, seen, callBegan);
+    }
+    log->armed = seen;
+    return ended(DrainLog::kNoPollin, 0, callBegan);
+}
+
+}  // namespace
+
+CallResult Context::drainNode(int maxDequeues, AfterDrain then, int epfd) {
+    // The record's addresses are set once: the drain only needs the events
+    // gone, not what they carry.
+    arena_.prepareDequeue(false);
+    DrainLog* log = arena_.drainLog();
+    *log = DrainLog{};
+    log->end = DrainLog::kPollFailed;
+    const int fd = fd_;
+    aov_event_query* query = arena_.query();
+    return guard_.run(options_.timeout_ms, [fd, query, log, maxDequeues, then, epfd]() -> long {
+        return drainInChild(fd, query, log, maxDequeues, then, epfd);
+    });
+}
+
+void Context::note(CheckId id, const std::string& text) {
+    report_.note(std::string(entry(id).name) + " " + text);
 }
 
 CallResult Context::close(int fd) {
