@@ -24,7 +24,7 @@ struct DrainLog {
                          // was stuck in it)
         kPollFailed,     // a poll failed: `value` and `error`
         kDequeueFailed,  // POLLIN, but a dequeue failed: `value` and `error`
-        kLimit,          // still POLLIN after the most dequeues allowed
+        kLimit,          // still POLLIN after the most dequeues or the time allowed
         kArmFailed,      // drained, but epoll_ctl failed: `value` and `error`
         kLookFailed,     // drained and armed, but epoll_wait failed: `value` and `error`
     };

@@ -82,11 +82,12 @@ class Context {
     [[nodiscard]] CallResult dequeue(bool faulting);
     // Drains the node in one child, at the driver's pace rather than a
     // process per call: polls without waiting and dequeues while POLLIN, at
-    // most `maxDequeues` times. Then, on a drained node, `then`: nothing, a
-    // watch registered on `epfd` as the monitor does and looked at without
-    // waiting, or one more dequeue, timed. Nothing but the driver's own pace
-    // lies between the last empty poll and that step. What happened is in
-    // arena().drainLog(); the result is the failed or final call's.
+    // most `maxDequeues` times and for half the request limit. Then, on a
+    // drained node, `then`: nothing, a watch registered on `epfd` as the
+    // monitor does and looked at without waiting, or one more dequeue, timed.
+    // Nothing but the driver's own pace lies between the last empty poll and
+    // that step. What happened is in arena().drainLog(); the result is the
+    // failed or final call's.
     enum class AfterDrain { kNothing, kArm, kDequeue };
     [[nodiscard]] CallResult drainNode(int maxDequeues, AfterDrain then, int epfd = -1);
     // Closes `fd` in a child; the descriptor is gone from here either way.

@@ -202,9 +202,10 @@ void epollReadableCheck(Context& ctx) {
             case Drained::kStopped:
                 break;
             case Drained::kEndless:
-                ctx.skip(id, "the queue never drained: still readable after " +
-                                 std::to_string(log.dequeues) + " dequeues in " +
-                                 msText(log.drain_us) +
+                ctx.skip(id, std::string(outranByStream(log) ? "the stream outran the drain"
+                                                             : "the queue never drained") +
+                                 ": still readable after " + std::to_string(log.dequeues) +
+                                 " dequeues in " + msText(log.drain_us) +
                                  ", so a watch is never armed with nothing pending");
                 break;
             case Drained::kNothingToDequeue:
