@@ -727,6 +727,9 @@ void SimDriver::produceEvent() {
     }
     const uint32_t seq = ++sequence_;
     int scripted = -1;
+    if (params_.script.empty() && seq % params_.event_every != 0) {
+        return;  // a tick without an event
+    }
     if (!params_.script.empty()) {
         // Only the ticks the script names queue an event.
         if (next_scripted_ >= params_.script.size() ||
