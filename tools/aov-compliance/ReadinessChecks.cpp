@@ -47,15 +47,6 @@ Armed armedWatch(Context& ctx, CheckId id, const DrainLog& log) {
     return log.armed == 0 ? Armed::kEmpty : Armed::kReady;
 }
 
-// Whether a drain still readable after all its dequeues was merely slower
-// than the stream: it lasted long enough for events at the rate START asked
-// for to make up at least half of what it dequeued (the rest may have been
-// queued before it began). A driver handing out events faster than that is
-// not streaming them.
-bool outranByStream(const DrainLog& log) {
-    return log.drain_us * Arena::kFrameRate >= static_cast<int64_t>(log.dequeues) * 1000000 / 2;
-}
-
 // The wait of a watch armed with nothing pending: a wake-up passes; none
 // fails if an event is pending by then, and is a SKIP if none came.
 void judgeWake(Context& ctx, CheckId id, const CallResult& r) {
@@ -149,6 +140,15 @@ Events pollReadableCheck(Context& ctx) {
     ctx.skip(id, noEventWhy(ctx) + (bits != 0 ? " (the node signalled " + pollBitsText(bits) + ")"
                                               : std::string()));
     return Events::kNone;
+}
+
+// Whether a drain still readable after all its dequeues was merely slower
+// than the stream: it lasted long enough for events at the rate START asked
+// for to make up at least half of what it dequeued (the rest may have been
+// queued before it began). A driver handing out events faster than that is
+// not streaming them.
+bool outranByStream(const DrainLog& log) {
+    return log.drain_us * Arena::kFrameRate >= static_cast<int64_t>(log.dequeues) * 1000000 / 2;
 }
 
 CallResult drainFailure(const DrainLog& log) {

@@ -45,6 +45,9 @@ enum class Drained {
 Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int epfd = -1);
 // The drain's failed call, as the guard would report it on its own.
 CallResult drainFailure(const DrainLog& log);
+// A drain still readable after all its dequeues was merely slower than the
+// stream (not a readiness storm).
+bool outranByStream(const DrainLog& log);
 
 void notReadableBeforeStartCheck(Context& ctx);
 enum class Events { kArriving, kNone, kNotSignalled, kStopped };
