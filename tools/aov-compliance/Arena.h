@@ -36,6 +36,8 @@ struct DrainLog {
     int64_t call_us;   // how long the last call took
     int64_t drain_us;  // how long the whole drain took
     int64_t armed;     // with a watch to arm: what it showed at once (0, or its bits)
+    // Dequeues that returned the same record, byte for byte, as the one before.
+    int32_t repeats;
 };
 
 class Arena {

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include "MonitorWait.h"
@@ -200,6 +201,7 @@ int64_t nowUs() {
 long drainInChild(int fd, aov_event_query* query, DrainLog* log, int maxDequeues, int64_t budgetUs,
                   Context::AfterDrain then, int epfd) {
     const int64_t began = nowUs();
+    aov_event_query before{};
     auto ended = [log, began](int32_t end, long value, int64_t callBegan) -> long {
         log->end = end;
         log->value = value;
@@ -229,6 +231,10 @@ long drainInChild(int fd, aov_event_query* query, DrainLog* log, int maxDequeues
         if (r < 0) {
             return ended(DrainLog::kDequeueFailed, r, callBegan);
         }
+        if (log->dequeues > 1 && std::memcmp(&before, query, sizeof(before)) == 0) {
+            ++log->repeats;
+        }
+        std::memcpy(&before, query, sizeof(before));
     }
     int64_t callBegan = nowUs();
     if (then == Context::AfterDrain::kDequeue) {
