@@ -295,19 +295,20 @@ TEST(DrainPace, AStillReadableDrainIsAStormOnlyWhenFasterThanTheStream) {
     log.drain_us = 300000;
     EXPECT_FALSE(outranByStream(log));
 
-    // However slow, the same record every time is the same event again.
+    // However slow, mostly the record of the dequeue before is the same
+    // event again.
     log.drain_us = 1127000;
-    log.repeats = 6;
-    EXPECT_TRUE(sameRecordEachTime(log));
+    log.repeats = 3;
+    EXPECT_TRUE(mostlyRepeated(log)) << "half of the six that could repeat";
     EXPECT_TRUE(drainStormed(log));
-    log.repeats = 5;
-    EXPECT_FALSE(sameRecordEachTime(log)) << "one new event among them";
+    log.repeats = 2;
+    EXPECT_FALSE(mostlyRepeated(log));
     EXPECT_FALSE(drainStormed(log));
     log.drain_us = 24000;
     EXPECT_TRUE(drainStormed(log)) << "too fast for the stream";
     log.dequeues = 1;
     log.repeats = 0;
-    EXPECT_FALSE(sameRecordEachTime(log)) << "a single dequeue repeats nothing";
+    EXPECT_FALSE(mostlyRepeated(log)) << "a single dequeue repeats nothing";
 }
 
 // The drain and the step after it run in one child; what it saw is in the log.

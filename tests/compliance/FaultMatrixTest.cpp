@@ -326,7 +326,8 @@ const FaultCase kMatrix[] = {
      1,
      {{"readiness: epoll readable (empty mask, then modified)", "SKIP",
        "the queue never drained: still readable after"},
-      {"readiness: not readable once drained", "FAIL", "that each returned the same record"},
+      {"readiness: not readable once drained", "FAIL",
+       "returned the same record as the dequeue before"},
       {"dequeue: faulting area refused with EFAULT", "SKIP"},
       {"dequeue: works after a faulting area", "SKIP"}}},
     // The kernel fails the copy of a null record before the server could
