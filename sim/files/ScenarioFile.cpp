@@ -437,9 +437,10 @@ void readScenarioDocument(const json& root, const std::string& baseDir, aovsim::
     }
     if (root.contains("driver")) {
         const json& driver = root["driver"];
-        checkObject(driver, "driver", {"queue_depth", "content_every"});
+        checkObject(driver, "driver", {"queue_depth", "content_every", "event_every"});
         readInteger(driver, "queue_depth", "driver", &config->driver.queue_depth);
         readInteger(driver, "content_every", "driver", &config->driver.content_every);
+        readInteger(driver, "event_every", "driver", &config->driver.event_every);
     }
     if (root.contains("failures")) {
         readFailures(root["failures"], "failures", &config->faults);

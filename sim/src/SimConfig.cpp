@@ -109,6 +109,9 @@ std::string validate(const SimConfig& config) {
     if (config.driver.content_every < 1) {
         return "driver.content_every must be at least 1";
     }
+    if (config.driver.event_every < 1) {
+        return "driver.event_every must be at least 1";
+    }
     return std::string();
 }
 

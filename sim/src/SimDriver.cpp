@@ -434,7 +434,7 @@ int SimDriver::stop(bool byRequest) {
             timer_after_stop_ = true;
         }
         // The frame in flight at STOP is queued at once, then the timer's.
-        produceEvent();
+        queueEvent(true);
     } else {
         timer_.stop();
         aov::MutexLock guard(mutex_);
@@ -720,13 +720,16 @@ int SimDriver::dequeueScripted(uint8_t* record, aov_event_query& query, const st
     return 0;
 }
 
-void SimDriver::produceEvent() {
+void SimDriver::queueEvent(bool anyTick) {
     aov::MutexLock guard(mutex_);
     if (!started_ && !timer_after_stop_) {
         return;
     }
     const uint32_t seq = ++sequence_;
     int scripted = -1;
+    if (params_.script.empty() && !anyTick && seq % params_.event_every != 0) {
+        return;  // a tick without an event
+    }
     if (!params_.script.empty()) {
         // Only the ticks the script names queue an event.
         if (next_scripted_ >= params_.script.size() ||

@@ -277,6 +277,80 @@ TEST_F(CheckerOnPipes, AQueueThatNeverDrainedIsJudgedAfterStopOrSkipped) {
     EXPECT_EQ(takeText(), "") << "decided once";
 }
 
+// A drain still readable at its end: a storm only when it took events faster
+// than a stream at START's rate (10 a second) could have made half of them.
+TEST(DrainPace, AStillReadableDrainIsAStormOnlyWhenFasterThanTheStream) {
+    DrainLog log{};
+    log.end = DrainLog::kLimit;
+    log.dequeues = 64;
+    log.drain_us = 24000;
+    EXPECT_FALSE(outranByStream(log)) << "64 events in 24 ms are no stream of 10 a second";
+    log.drain_us = 3199999;
+    EXPECT_FALSE(outranByStream(log)) << "32 events need 3.2 s at 10 a second";
+    log.drain_us = 3200000;
+    EXPECT_TRUE(outranByStream(log));
+    log.dequeues = 7;
+    log.drain_us = 1127000;
+    EXPECT_TRUE(outranByStream(log)) << "a drain cut short by its time";
+    log.drain_us = 300000;
+    EXPECT_FALSE(outranByStream(log));
+
+    // However slow, mostly the record of the dequeue before is the same
+    // event again.
+    log.drain_us = 1127000;
+    log.repeats = 3;
+    EXPECT_TRUE(mostlyRepeated(log)) << "half of the six that could repeat";
+    EXPECT_TRUE(drainStormed(log));
+    log.repeats = 2;
+    EXPECT_FALSE(mostlyRepeated(log));
+    EXPECT_FALSE(drainStormed(log));
+    log.drain_us = 24000;
+    EXPECT_TRUE(drainStormed(log)) << "too fast for the stream";
+    log.dequeues = 1;
+    log.repeats = 0;
+    EXPECT_FALSE(mostlyRepeated(log)) << "a single dequeue repeats nothing";
+}
+
+// The drain and the step after it run in one child; what it saw is in the log.
+TEST_F(CheckerOnPipes, TheDrainsLogSaysHowItEndedAndWhatTheStepAfterItGot) {
+    pipeNode(false, false);
+    CallResult r = ctx_->drainNode(64, Context::AfterDrain::kDequeue);
+    const DrainLog& log = *ctx_->arena().drainLog();
+    ASSERT_TRUE(r.returned());
+    EXPECT_EQ(log.end, DrainLog::kNoPollin);
+    EXPECT_EQ(log.dequeues, 0);
+    EXPECT_EQ(log.revents, 0);
+    EXPECT_EQ(log.value, -1) << "the dequeue after the drain";
+    EXPECT_EQ(log.error, ENOTTY);
+    EXPECT_EQ(r.error, ENOTTY);
+
+    // Input no dequeue takes: the drain's dequeue fails, and nothing follows it.
+    CheckerOnPipes::TearDown();
+    CheckerOnPipes::SetUp();
+    pipeNode(true, false);
+    const int epfd = ::epoll_create1(EPOLL_CLOEXEC);
+    ASSERT_GE(epfd, 0);
+    r = ctx_->drainNode(64, Context::AfterDrain::kArm, epfd);
+    ASSERT_TRUE(r.returned());
+    EXPECT_EQ(log.end, DrainLog::kDequeueFailed);
+    EXPECT_EQ(log.dequeues, 1);
+    EXPECT_EQ(log.revents & POLLIN, POLLIN);
+    EXPECT_EQ(log.error, ENOTTY);
+    epoll_event none{};
+    EXPECT_EQ(::epoll_wait(epfd, &none, 1, 0), 0) << "no watch armed after a failed drain";
+
+    // A drained node: the watch is armed in the same child and looked at.
+    CheckerOnPipes::TearDown();
+    CheckerOnPipes::SetUp();
+    pipeNode(false, true);
+    r = ctx_->drainNode(64, Context::AfterDrain::kArm, epfd);
+    ASSERT_TRUE(r.returned());
+    EXPECT_EQ(log.end, DrainLog::kNoPollin);
+    EXPECT_EQ(log.revents, POLLHUP);
+    EXPECT_EQ(log.armed, EPOLLHUP) << "the hang-up, seen at the arm";
+    ::close(epfd);
+}
+
 TEST_F(CheckerOnPipes, RequestsThatMustSucceedOrBeRefusedAreJudgedByTheirAnswer) {
     nullNode();
     EXPECT_FALSE(ctx_->expectSuccess(CheckId::kStart, AOV_IOC_START, ctx_->arena().startRecord()));

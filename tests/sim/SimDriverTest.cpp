@@ -143,6 +143,30 @@ TEST_F(SimDriverTest, RefusesRequestsThatDoNotFitTheSessionState) {
     EXPECT_EQ(driver_->ioctl(fd_, AOV_IOC_DEQUEUE_EVENT, big), -EFAULT);
 }
 
+// A slower stream: only every n-th tick queues an event, and its sequence
+// is the tick's.
+TEST_F(SimDriverTest, WithEventEveryOnlyEveryNthTickQueuesAnEvent) {
+    params_.event_every = 3;
+    makeDriver();
+    ASSERT_EQ(start(), 0);
+    driver_->produceEvent();
+    driver_->produceEvent();
+    EXPECT_FALSE(readable());
+    EXPECT_EQ(driver_->stats().produced, 0u);
+    driver_->produceEvent();
+    EXPECT_TRUE(readable());
+    aov_event_query query;
+    ASSERT_EQ(dequeue(query), 0);
+    EXPECT_EQ(query.header[0], 3u);
+    for (int i = 0; i < 3; ++i) {
+        driver_->produceEvent();
+    }
+    EXPECT_EQ(driver_->stats().produced, 2u);
+    ASSERT_EQ(dequeue(query), 0);
+    EXPECT_EQ(query.header[0], 6u);
+    EXPECT_FALSE(readable());
+}
+
 TEST_F(SimDriverTest, DescriptorIsReadableExactlyWhileEventsArePending) {
     params_.queue_depth = 2;
     makeDriver();

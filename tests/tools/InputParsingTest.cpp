@@ -432,7 +432,7 @@ TEST(ScenarioTextTest, EveryKeyLandsInItsOwnField) {
             {"index": 3, "width": 640, "height": 480, "rate": 150, "ae": 1, "type": 2, "bit": 12,
              "mode_param": 5}]}],
         "custom": {"detect_mode": 6, "frame_info": [1, 2, 3, 4]},
-        "driver": {"queue_depth": 9, "content_every": 3},
+        "driver": {"queue_depth": 9, "content_every": 3, "event_every": 2},
         "failures": {"open_sensor": [7], "switch_mclk": [7], "power_on": [7], "detect_mode": true,
                      "frame_info": true, "pipeline": "start_pipe", "open_node": true,
                      "start": -16, "dequeue": [4], "dequeue_error": -11, "sensor_list": [5],
@@ -455,6 +455,7 @@ TEST(ScenarioTextTest, EveryKeyLandsInItsOwnField) {
     EXPECT_EQ(c.custom.frame_info[3], 4u);
     EXPECT_EQ(c.driver.queue_depth, 9u);
     EXPECT_EQ(c.driver.content_every, 3u);
+    EXPECT_EQ(c.driver.event_every, 2u);
     const aovsim::FaultConfig& f = c.faults;
     EXPECT_EQ(f.open_sensor, std::set<int32_t>{7});
     EXPECT_EQ(f.switch_mclk, std::set<int32_t>{7});

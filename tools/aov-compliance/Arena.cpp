@@ -15,7 +15,7 @@ using aovsimtool::fail;
 namespace {
 
 constexpr size_t kEventSize = sizeof(aov_event);
-constexpr size_t kScratch = 2048;
+constexpr size_t kScratch = 2048 + sizeof(DrainLog);
 
 }  // namespace
 

@@ -5,7 +5,7 @@
 // pages nothing may touch.
 //   [event buffer | canary tail to the page end] [guard]
 //   [query record | canary to the page end] [guard]
-//   [start record, sensor list, scratch] [guard = the faulting area]
+//   [start record, sensor list, scratch, drain log] [guard = the faulting area]
 
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +14,31 @@
 #include "kelo_aov.h"
 
 namespace aovcompliance {
+
+// What a drain made in one child leaves for the parent (Context::drainNode).
+struct DrainLog {
+    enum End : int32_t {
+        kNoPollin,       // a poll showed no POLLIN: `revents` are its bits; with a
+                         // dequeue after the drain, `value`, `error` and `call_us` are its
+        kEmptyDequeue,   // drained, and in the dequeue after it (a child killed there
+                         // was stuck in it)
+        kPollFailed,     // a poll failed: `value` and `error`
+        kDequeueFailed,  // POLLIN, but a dequeue failed: `value` and `error`
+        kLimit,          // still POLLIN after the most dequeues or the time allowed
+        kArmFailed,      // drained, but epoll_ctl failed: `value` and `error`
+        kLookFailed,     // drained and armed, but epoll_wait failed: `value` and `error`
+    };
+    int32_t end;
+    int32_t dequeues;
+    int64_t revents;   // the last poll's bits
+    int64_t value;     // the failed call's result
+    int32_t error;     // and its errno
+    int64_t call_us;   // how long the last call took
+    int64_t drain_us;  // how long the whole drain took
+    int64_t armed;     // with a watch to arm: what it showed at once (0, or its bits)
+    // Dequeues that returned the same record, byte for byte, as the one before.
+    int32_t repeats;
+};
 
 class Arena {
   public:
@@ -35,6 +60,7 @@ class Arena {
     size_t page() const { return page_; }
     uint8_t* scratch() { return scratch_; }
     void* faulting() { return fault_; }
+    DrainLog* drainLog() { return reinterpret_cast<DrainLog*>(scratch_ + kDrainLogAt); }
 
     // A 200-byte START record: frame rate 10, full-content mode, the rest 0.
     uint8_t* startRecord();
@@ -54,6 +80,9 @@ class Arena {
     [[nodiscard]] bool recordIntact(bool faulting, std::string* damage) const;
 
   private:
+    // Behind the start record, the sensor list and the wrong-size records.
+    static constexpr size_t kDrainLogAt = 2048;
+
     size_t roundUp(size_t n) const { return (n + page_ - 1) / page_ * page_; }
 
     size_t page_ = 4096;

@@ -6,6 +6,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <ctime>
+
+#include "MonitorWait.h"
 
 namespace aovcompliance {
 
@@ -183,6 +187,101 @@ CallResult Context::pollNode(int waitMs) {
 CallResult Context::dequeue(bool faulting) {
     arena_.prepareDequeue(faulting);
     return request(AOV_IOC_DEQUEUE_EVENT, arena_.query());
+}
+
+namespace {
+
+int64_t nowUs() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<int64_t>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
+// The drain as the child makes it; see drainNode.
+long drainInChild(int fd, aov_event_query* query, DrainLog* log, int maxDequeues, int64_t budgetUs,
+                  Context::AfterDrain then, int epfd) {
+    const int64_t began = nowUs();
+    aov_event_query before{};
+    auto ended = [log, began](int32_t end, long value, int64_t callBegan) -> long {
+        log->end = end;
+        log->value = value;
+        log->error = value < 0 ? errno : 0;
+        const int64_t now = nowUs();
+        log->call_us = now - callBegan;
+        log->drain_us = now - began;
+        return value < 0 ? value : 0;
+    };
+    for (;;) {
+        pollfd watched{fd, POLLIN, 0};
+        int64_t callBegan = nowUs();
+        const int ready = ::poll(&watched, 1, 0);
+        if (ready < 0) {
+            return ended(DrainLog::kPollFailed, ready, callBegan);
+        }
+        log->revents = ready > 0 ? watched.revents : 0;
+        if ((log->revents & POLLIN) == 0) {
+            break;
+        }
+        if (log->dequeues == maxDequeues || nowUs() - began >= budgetUs) {
+            return ended(DrainLog::kLimit, 0, callBegan);
+        }
+        callBegan = nowUs();
+        const long r = ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, query);
+        ++log->dequeues;
+        if (r < 0) {
+            return ended(DrainLog::kDequeueFailed, r, callBegan);
+        }
+        if (log->dequeues > 1 && std::memcmp(&before, query, sizeof(before)) == 0) {
+            ++log->repeats;
+        }
+        std::memcpy(&before, query, sizeof(before));
+    }
+    int64_t callBegan = nowUs();
+    if (then == Context::AfterDrain::kDequeue) {
+        log->end = DrainLog::kEmptyDequeue;
+        const long r = ::ioctl(fd, AOV_IOC_DEQUEUE_EVENT, query);
+        return ended(DrainLog::kNoPollin, r, callBegan);
+    }
+    if (then == Context::AfterDrain::kNothing) {
+        return ended(DrainLog::kNoPollin, 0, callBegan);
+    }
+    const long armed = aovsimtool::armAsMonitor(epfd, fd);
+    if (armed < 0) {
+        return ended(DrainLog::kArmFailed, armed, callBegan);
+    }
+    callBegan = nowUs();
+    const long seen = aovsimtool::waitAsMonitor(epfd, 0);
+    if (seen < 0) {
+        return ended(DrainLog::kLookFailed, seen, callBegan);
+    }
+    log->armed = seen;
+    return ended(DrainLog::kNoPollin, 0, callBegan);
+}
+
+}  // namespace
+
+CallResult Context::drainNode(int maxDequeues, AfterDrain then, int epfd) {
+    // The record's addresses are set once: the drain only needs the events
+    // gone, not what they carry.
+    arena_.prepareDequeue(false);
+    DrainLog* log = arena_.drainLog();
+    *log = DrainLog{};
+    log->end = DrainLog::kPollFailed;
+    const int fd = fd_;
+    aov_event_query* query = arena_.query();
+    // A driver slower than its own stream keeps the drain going: it ends
+    // after half the request limit, and every call, the last one begun then
+    // included, still has the whole limit.
+    const int budgetMs = options_.timeout_ms / 2;
+    const int64_t budgetUs = static_cast<int64_t>(budgetMs) * 1000;
+    return guard_.run(options_.timeout_ms + budgetMs,
+                      [fd, query, log, maxDequeues, budgetUs, then, epfd]() -> long {
+                          return drainInChild(fd, query, log, maxDequeues, budgetUs, then, epfd);
+                      });
+}
+
+void Context::note(CheckId id, const std::string& text) {
+    report_.note(std::string(entry(id).name) + " " + text);
 }
 
 CallResult Context::close(int fd) {

@@ -70,6 +70,8 @@ class Context {
     // call is not judged (its process could not close its own copy) is closed
     // here, in a child, so that this process never ends holding it.
     bool openAnswered(CheckId id, const CallResult& r);
+    // A line for -v about `id` that is no verdict.
+    void note(CheckId id, const std::string& text);
 
     // --- calls, each in a guarded child under the request limit --------------
     [[nodiscard]] CallResult request(unsigned long code, void* arg);
@@ -78,6 +80,16 @@ class Context {
     // The node's revents, waiting up to `waitMs`; 0 when nothing in time.
     [[nodiscard]] CallResult pollNode(int waitMs);
     [[nodiscard]] CallResult dequeue(bool faulting);
+    // Drains the node in one child, at the driver's pace rather than a
+    // process per call: polls without waiting and dequeues while POLLIN, at
+    // most `maxDequeues` times and for half the request limit. Then, on a
+    // drained node, `then`: nothing, a watch registered on `epfd` as the
+    // monitor does and looked at without waiting, or one more dequeue, timed.
+    // Nothing but the driver's own pace lies between the last empty poll and
+    // that step. What happened is in arena().drainLog(); the result is the
+    // failed or final call's.
+    enum class AfterDrain { kNothing, kArm, kDequeue };
+    [[nodiscard]] CallResult drainNode(int maxDequeues, AfterDrain then, int epfd = -1);
     // Closes `fd` in a child; the descriptor is gone from here either way.
     CallResult close(int fd);
 

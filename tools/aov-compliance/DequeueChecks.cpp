@@ -20,13 +20,6 @@ bool carriesContent(Context& ctx) {
     return ctx.arena().query()->header[5] != 0;
 }
 
-// Dequeues while the node has POLLIN, a bounded number of times; false when
-// the run stopped.
-bool redrain(Context& ctx, CheckId id) {
-    int dequeues = 0;
-    return drainQueue(ctx, id, kMaxRedrain, &dequeues) != Drained::kStopped;
-}
-
 }  // namespace
 
 void pendingEventChecks(Context& ctx) {
@@ -87,7 +80,9 @@ void emptyDequeueCheck(Context& ctx, const Drain& drain) {
         case Drain::End::kStopped:
             return;
         case Drain::End::kStorm:
-            // Decided once the stream has stopped (emptyDequeueAfterStopCheck).
+        case Drain::End::kOutran:
+            // Never seen empty: decided once the stream has stopped
+            // (emptyDequeueAfterStopCheck).
             return;
         case Drain::End::kReadableEmpty:
             // The drain's last dequeue found nothing pending and answered.
@@ -97,16 +92,14 @@ void emptyDequeueCheck(Context& ctx, const Drain& drain) {
         case Drain::End::kEmpty:
             break;
     }
-    // A dequeue right after the drain finds nothing pending, unless an event
-    // arrives meanwhile. One that returns an event every time is waiting for
-    // the next one instead of answering.
+    // A dequeue right after the drain, in the drain's own process, finds
+    // nothing pending unless an event arrives meanwhile. One that returns an
+    // event every time is waiting for the next one instead of answering.
     int64_t longest = 0;
     for (int attempt = 0; attempt < kEmptyTries; ++attempt) {
-        if (attempt > 0 && !redrain(ctx, id)) {
-            return;
-        }
-        const CallResult r = ctx.dequeue(false);
-        if (r.status == CallResult::Status::kTimedOut) {
+        const CallResult r = ctx.drainNode(kMaxRedrain, Context::AfterDrain::kDequeue);
+        const DrainLog& log = *ctx.arena().drainLog();
+        if (r.status == CallResult::Status::kTimedOut && log.end == DrainLog::kEmptyDequeue) {
             ctx.warn(id, "expected an answer within " + std::to_string(ctx.options().timeout_ms) +
                              " ms, got none: the dequeue blocks with nothing pending; a monitor "
                              "that misreads readiness would stall");
@@ -115,12 +108,23 @@ void emptyDequeueCheck(Context& ctx, const Drain& drain) {
         if (!ctx.answered(id, r)) {
             return;
         }
-        if (r.value < 0) {
-            ctx.pass(id, "drained until empty: returned " + resultText(r) + " in " +
-                             msText(r.elapsed_us));
+        switch (log.end) {
+            case DrainLog::kPollFailed:
+                ctx.fail(id, "expected poll to answer, got " + resultText(r));
+                return;
+            case DrainLog::kLimit:
+                // Never seen empty: decided once the stream has stopped.
+                return;
+            default:
+                break;
+        }
+        const CallResult empty = drainFailure(log);
+        if (empty.value < 0) {
+            ctx.pass(id, "drained until empty: returned " + resultText(empty) + " in " +
+                             msText(empty.elapsed_us));
             return;
         }
-        longest = r.elapsed_us > longest ? r.elapsed_us : longest;
+        longest = empty.elapsed_us > longest ? empty.elapsed_us : longest;
     }
     ctx.problem(id, "drained " + std::to_string(kEmptyTries) +
                         " times, a dequeue with nothing pending returned an event every time, "

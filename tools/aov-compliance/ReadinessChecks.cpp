@@ -24,38 +24,27 @@ constexpr int kArmTries = 8;
 // kDone: the check has its verdict, or the run has stopped.
 enum class Armed { kEmpty, kReady, kDone };
 
-// A fresh watch on `epfd`, armed as the monitor arms it, then looked at
-// without waiting: kEmpty when nothing was pending at the arm, so that only
-// the driver's wake-up can make it ready later; kReady when EPOLLIN was.
-// Other bits at the arm leave the check with a SKIP.
-Armed armWatch(Context& ctx, CheckId id, int epfd) {
-    const int fd = ctx.fd();
-    CallResult r = ctx.guard().run(ctx.options().timeout_ms, [epfd, fd]() -> long {
-        return aovsimtool::armAsMonitor(epfd, fd);
-    });
-    if (!ctx.answered(id, r)) {
+// The watch the drain armed on its epoll instance, looked at without
+// waiting: kEmpty when nothing was pending at the arm, so that only the
+// driver's wake-up can make it ready later; kReady when EPOLLIN was. Other
+// bits at the arm leave the check with a SKIP.
+Armed armedWatch(Context& ctx, CheckId id, const DrainLog& log) {
+    const CallResult failed = drainFailure(log);
+    if (log.end == DrainLog::kArmFailed) {
+        ctx.problem(id, "expected the node to be watchable, got epoll_ctl " + resultText(failed));
         return Armed::kDone;
     }
-    if (r.value < 0) {
-        ctx.problem(id, "expected the node to be watchable, got epoll_ctl " + resultText(r));
+    if (log.end == DrainLog::kLookFailed) {
+        ctx.problem(id, "expected epoll_wait to answer, got " + resultText(failed));
         return Armed::kDone;
     }
-    r = ctx.guard().run(ctx.options().timeout_ms,
-                        [epfd]() -> long { return aovsimtool::waitAsMonitor(epfd, 0); });
-    if (!ctx.answered(id, r)) {
-        return Armed::kDone;
-    }
-    if (r.value < 0) {
-        ctx.problem(id, "expected epoll_wait to answer, got " + resultText(r));
-        return Armed::kDone;
-    }
-    if (r.value != 0 && (r.value & EPOLLIN) == 0) {
-        ctx.skip(id, "the node signalled " + pollBitsText(r.value) +
+    if (log.armed != 0 && (log.armed & EPOLLIN) == 0) {
+        ctx.skip(id, "the node signalled " + pollBitsText(log.armed) +
                          " with nothing to dequeue when the watch was armed (see " +
                          entry(CheckId::kNotReadableDrained).name + ")");
         return Armed::kDone;
     }
-    return r.value == 0 ? Armed::kEmpty : Armed::kReady;
+    return log.armed == 0 ? Armed::kEmpty : Armed::kReady;
 }
 
 // The wait of a watch armed with nothing pending: a wake-up passes; none
@@ -153,27 +142,52 @@ Events pollReadableCheck(Context& ctx) {
     return Events::kNone;
 }
 
-Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int* dequeues) {
-    *dequeues = 0;
-    for (int round = 0; round < maxDequeues; ++round) {
-        long bits = 0;
-        const Wait w = waitFor(ctx, id, 0, &bits);
-        if (w == Wait::kStopped) {
-            return Drained::kStopped;
-        }
-        if (w != Wait::kReadable) {
-            return Drained::kEmpty;
-        }
-        const CallResult r = ctx.dequeue(false);
-        ++*dequeues;
-        if (!ctx.answered(id, r)) {
-            return Drained::kStopped;
-        }
-        if (r.value < 0) {
-            return Drained::kNothingToDequeue;
-        }
+// Whether a drain still readable after all its dequeues was merely slower
+// than the stream: it lasted long enough for events at the rate START asked
+// for to make up at least half of what it dequeued (the rest may have been
+// queued before it began). A driver handing out events faster than that is
+// not streaming them.
+bool outranByStream(const DrainLog& log) {
+    return log.drain_us * Arena::kFrameRate >= static_cast<int64_t>(log.dequeues) * 1000000 / 2;
+}
+
+bool mostlyRepeated(const DrainLog& log) {
+    return log.repeats > 0 && log.repeats * 2 >= log.dequeues - 1;
+}
+
+bool drainStormed(const DrainLog& log) {
+    return !outranByStream(log) || mostlyRepeated(log);
+}
+
+CallResult drainFailure(const DrainLog& log) {
+    CallResult r;
+    r.status = CallResult::Status::kReturned;
+    r.value = static_cast<long>(log.value);
+    r.error = log.error;
+    r.elapsed_us = log.call_us;
+    return r;
+}
+
+Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int epfd) {
+    const CallResult r = ctx.drainNode(
+        maxDequeues, epfd < 0 ? Context::AfterDrain::kNothing : Context::AfterDrain::kArm, epfd);
+    if (!ctx.answered(id, r)) {
+        return Drained::kStopped;
     }
-    return Drained::kEndless;
+    const DrainLog& log = *ctx.arena().drainLog();
+    ctx.note(id, "drain: " + std::to_string(log.dequeues) + " dequeues in " + msText(log.drain_us));
+    switch (log.end) {
+        case DrainLog::kPollFailed:
+            ctx.fail(id, "expected poll to answer, got " + resultText(r));
+            return Drained::kStopped;
+        case DrainLog::kDequeueFailed:
+            return Drained::kNothingToDequeue;
+        case DrainLog::kLimit:
+            return Drained::kEndless;
+        default:
+            // No POLLIN; an arm that failed is the caller's to judge.
+            return Drained::kEmpty;
+    }
 }
 
 // Registered with no events first and then modified, as the system layer's
@@ -185,30 +199,33 @@ void epollReadableCheck(Context& ctx) {
     const CheckId id = CheckId::kEpollReadable;
     const int waitMs = ctx.options().event_timeout_ms;
     for (int tries = 1; tries <= kArmTries; ++tries) {
-        int dequeues = 0;
-        switch (drainQueue(ctx, id, kMaxDrain, &dequeues)) {
-            case Drained::kStopped:
-                return;
-            case Drained::kEndless:
-                ctx.skip(id, "the queue never drained: still readable after " +
-                                 std::to_string(dequeues) +
-                                 " dequeues, so a watch is never armed with nothing pending");
-                return;
-            case Drained::kNothingToDequeue:
-                ctx.skip(id,
-                         "readable with nothing to dequeue: a wake-up cannot be told from it "
-                         "(see " +
-                             std::string(entry(CheckId::kNotReadableDrained).name) + ")");
-                return;
-            case Drained::kEmpty:
-                break;
-        }
         const int epfd = ::epoll_create1(EPOLL_CLOEXEC);
         if (epfd < 0) {
             ctx.skip(id, "no epoll instance: " + aovsimtool::errnoName(errno));
             return;
         }
-        const Armed armed = armWatch(ctx, id, epfd);
+        Armed armed = Armed::kDone;
+        const DrainLog& log = *ctx.arena().drainLog();
+        switch (drainQueue(ctx, id, kMaxDrain, epfd)) {
+            case Drained::kStopped:
+                break;
+            case Drained::kEndless:
+                ctx.skip(id, std::string(drainStormed(log) ? "the queue never drained"
+                                                           : "the stream outran the drain") +
+                                 ": still readable after " + std::to_string(log.dequeues) +
+                                 " dequeues in " + msText(log.drain_us) +
+                                 ", so a watch is never armed with nothing pending");
+                break;
+            case Drained::kNothingToDequeue:
+                ctx.skip(id,
+                         "readable with nothing to dequeue: a wake-up cannot be told from it "
+                         "(see " +
+                             std::string(entry(CheckId::kNotReadableDrained).name) + ")");
+                break;
+            case Drained::kEmpty:
+                armed = armedWatch(ctx, id, log);
+                break;
+        }
         if (armed == Armed::kEmpty) {
             const CallResult r = ctx.guard().run(
                 ctx.options().timeout_ms + waitMs,
@@ -230,44 +247,53 @@ Drain notReadableOnceDrainedCheck(Context& ctx) {
     const CheckId id = CheckId::kNotReadableDrained;
     Drain drain;
     // Events keep arriving: dequeue while readable, a bounded number of times.
-    int dequeues = 0;
-    for (int round = 0; round < kMaxDrain; ++round) {
-        long bits = 0;
-        const Wait w = waitFor(ctx, id, 0, &bits);
-        if (w == Wait::kStopped) {
+    const Drained drained = drainQueue(ctx, id, kMaxDrain);
+    const DrainLog& log = *ctx.arena().drainLog();
+    switch (drained) {
+        case Drained::kStopped:
             return drain;
-        }
-        if (w == Wait::kQuiet) {
-            ctx.pass(id);
+        case Drained::kEmpty:
             drain.end = Drain::End::kEmpty;
+            if ((log.revents & kWakingBits) == 0) {
+                ctx.pass(id);
+            } else {
+                ctx.problem(id, "expected no readiness with nothing to dequeue, got " +
+                                    pollBitsText(log.revents) +
+                                    ": the monitor hears of it every time it waits, and would "
+                                    "call the library again and again");
+            }
             return drain;
-        }
-        if (w == Wait::kOther) {
-            ctx.problem(id, "expected no readiness with nothing to dequeue, got " +
-                                pollBitsText(bits) +
-                                ": the monitor hears of it every time it waits, and would call "
-                                "the library again and again");
-            drain.end = Drain::End::kEmpty;
-            return drain;
-        }
-        const CallResult r = ctx.dequeue(false);
-        ++dequeues;
-        if (!ctx.answered(id, r)) {
-            return drain;
-        }
-        if (r.value < 0) {
-            ctx.problem(id, "expected no readiness with nothing to dequeue, got " +
-                                pollBitsText(bits) + " while a dequeue returned " + resultText(r) +
-                                ": the monitor would call the library again and again");
+        case Drained::kNothingToDequeue:
             drain.end = Drain::End::kReadableEmpty;
-            drain.empty = r;
+            drain.empty = drainFailure(log);
+            ctx.problem(id, "expected no readiness with nothing to dequeue, got " +
+                                pollBitsText(log.revents) + " while a dequeue returned " +
+                                resultText(drain.empty) +
+                                ": the monitor would call the library again and again");
             return drain;
-        }
+        case Drained::kEndless:
+            break;
     }
-    ctx.problem(id, "expected no readiness once drained, got POLLIN still after " +
-                        std::to_string(dequeues) +
-                        " dequeues that each returned an event: a readiness storm, or a "
-                        "dequeue that never takes its event off the queue");
+    const std::string still = "still after " + std::to_string(log.dequeues) + " dequeues in " +
+                              msText(log.drain_us) + " that each returned an event";
+    if (!drainStormed(log)) {
+        drain.end = Drain::End::kOutran;
+        ctx.skip(id, "the stream outran the drain: POLLIN " + still + ", no faster than the " +
+                         std::to_string(Arena::kFrameRate) +
+                         " a second START asked for; the queue was never seen empty");
+        return drain;
+    }
+    if (mostlyRepeated(log)) {
+        ctx.problem(id, "expected no readiness once drained, got POLLIN still after " +
+                            std::to_string(log.dequeues) + " dequeues in " + msText(log.drain_us) +
+                            ", " + std::to_string(log.repeats) +
+                            " of which returned the same record as the dequeue before: a dequeue "
+                            "that never takes its event off the queue");
+    } else {
+        ctx.problem(id, "expected no readiness once drained, got POLLIN " + still +
+                            ", faster than the stream makes them: a readiness storm, or a dequeue "
+                            "that never takes its event off the queue");
+    }
     drain.end = Drain::End::kStorm;
     return drain;
 }

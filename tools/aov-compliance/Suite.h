@@ -33,15 +33,28 @@ enum class Wait {
 // Polls the node for up to `waitMs`; the revents in `revents`.
 Wait waitFor(Context& ctx, CheckId id, int waitMs, long* revents);
 
-// Dequeues while the node polls readable, at most `maxDequeues` times; the
-// dequeues made in `dequeues`.
+// Dequeues while the node polls readable, at most `maxDequeues` times, in one
+// child (Context::drainNode); with `epfd` >= 0, a drained node's watch is
+// armed on it. The details are in ctx.arena().drainLog().
 enum class Drained {
     kEmpty,             // no POLLIN, or another bit (POLLERR, ...) without it
     kNothingToDequeue,  // POLLIN, but a dequeue found nothing
     kEndless,           // still readable after `maxDequeues` dequeues
     kStopped,
 };
-Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int* dequeues);
+Drained drainQueue(Context& ctx, CheckId id, int maxDequeues, int epfd = -1);
+// The drain's failed call, as the guard would report it on its own.
+CallResult drainFailure(const DrainLog& log);
+// A drain still readable after all its dequeues was merely slower than the
+// stream (not a readiness storm).
+bool outranByStream(const DrainLog& log);
+// At least half the dequeues of the drain after the first returned the
+// record the one before did, byte for byte: the same event handed out again
+// (a full queue's overwrites change it now and then).
+bool mostlyRepeated(const DrainLog& log);
+// A drain still readable at its end shows a storm: it took events faster
+// than the stream makes them, or mostly the same one again.
+bool drainStormed(const DrainLog& log);
 
 void notReadableBeforeStartCheck(Context& ctx);
 enum class Events { kArriving, kNone, kNotSignalled, kStopped };
@@ -52,7 +65,9 @@ struct Drain {
     enum class End {
         kEmpty,          // nothing to read: the poll showed no POLLIN
         kReadableEmpty,  // POLLIN, but the dequeue found nothing: `empty` is that dequeue
-        kStorm,          // still readable after the most dequeues the drain makes
+        kStorm,          // still readable after the most dequeues the drain makes,
+                         // made faster than a stream at START's rate delivers them
+        kOutran,         // the same, at a pace the stream could have kept up with
         kStopped,
     };
     End end = End::kStopped;

@@ -71,6 +71,7 @@ struct FaultConfig {
 struct DriverConfig {
     uint32_t queue_depth = 4;    // events held before the oldest is overwritten
     uint32_t content_every = 1;  // every n-th event carries section content
+    uint32_t event_every = 1;    // a generated event every n-th frame tick
     bool timer = true;           // false: events only through SimDriver::produceEvent
     // Non-empty: the driver queues these events, each at its frame tick and
     // nothing else, instead of generated ones. Ordered by at_frame.

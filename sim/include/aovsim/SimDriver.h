@@ -106,8 +106,9 @@ class SimDriver final : public aovhost::EmulatedNode {
     // becomes readable. Set it before the node is first opened.
     void setReadyListener(std::function<void()> listener);
 
-    // Queues one event, as a frame-timer tick does; ignored while not started.
-    void produceEvent();
+    // Queues one event, as a frame-timer tick does; ignored while not started
+    // and, with event_every, on a tick without an event.
+    void produceEvent() { queueEvent(false); }
 
     DriverStats stats() const;
     DequeueMark lastDequeue() const;
@@ -129,6 +130,9 @@ class SimDriver final : public aovhost::EmulatedNode {
         uint32_t frame_info[4] = {};
     };
 
+    // A tick's event; `anyTick`: whatever event_every says (the frame in
+    // flight at STOP).
+    void queueEvent(bool anyTick) AOV_EXCLUDES(mutex_);
     int start(const uint8_t* record) AOV_REQUIRES(control_mutex_) AOV_EXCLUDES(mutex_);
     // Ends the session: by the STOP request, or implicitly when the node is released.
     int stop(bool byRequest) AOV_REQUIRES(control_mutex_) AOV_EXCLUDES(mutex_);
