@@ -4,7 +4,6 @@
 // report's plain and TAP lines.
 
 #include <arpa/inet.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -18,6 +17,7 @@
 #include <cstdio>
 
 #include "BoundedWait.h"
+#include "OpenDescriptors.h"
 #include "Guarded.h"
 #include "Report.h"
 #include "gtest/gtest.h"
@@ -303,18 +303,7 @@ TEST(GuardedCall, ACloseInTheChildSharesTheParentsTableAndReportsItsError) {
     ::close(pipeEnds[0]);
 }
 
-int openDescriptors() {
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
-    }
-    int n = 0;
-    while (::readdir(dir) != nullptr) {
-        ++n;
-    }
-    ::closedir(dir);
-    return n;
-}
+using aovtest::openDescriptors;
 
 // A checker makes hundreds of guarded calls: none leaves a descriptor behind,
 // whether it answered, failed or handed a descriptor over.

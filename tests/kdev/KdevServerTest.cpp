@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "BoundedWait.h"
+#include "OpenDescriptors.h"
 #include "FuseSandbox.h"
 #include "KdevServer.h"
 #include "ProcessMemory.h"
@@ -707,16 +708,6 @@ TEST(ProcessMemoryTest, CopiesAWholeRangeOrFaultsAtTheFirstUnmappedByte) {
 // A server started with standard input closed gets descriptor 0 for its own
 // use; ending it closes that one too, and leaves no other open.
 TEST(KdevServerDescriptors, AServerStartedWithDescriptorZeroFreeClosesItWhenItEnds) {
-    const auto openCount = [] {
-        int n = 0;
-        if (DIR* dir = ::opendir("/proc/self/fd")) {
-            while (::readdir(dir) != nullptr) {
-                ++n;
-            }
-            ::closedir(dir);
-        }
-        return n;
-    };
     auto trace = std::make_shared<aovsim::Trace>();
     aovsim::DriverConfig config;
     config.timer = false;
@@ -725,10 +716,10 @@ TEST(KdevServerDescriptors, AServerStartedWithDescriptorZeroFreeClosesItWhenItEn
     const int input = ::dup(STDIN_FILENO);
     ASSERT_GE(input, 0);
     ::close(STDIN_FILENO);
-    const int before = openCount();
+    const int before = aovtest::openDescriptors();
     { aovkdev::KdevServer server(driver, trace, "test", aovkdev::ServerFaults()); }
     const int zeroFlags = ::fcntl(STDIN_FILENO, F_GETFD);
-    const int after = openCount();
+    const int after = aovtest::openDescriptors();
     ASSERT_EQ(::dup2(input, STDIN_FILENO), STDIN_FILENO);
     ::close(input);
     EXPECT_EQ(zeroFlags, -1) << "descriptor 0 was left open";

@@ -40,6 +40,7 @@
 
 #include <gtest/gtest.h>
 
+#include "OpenDescriptors.h"
 #include "Recorder.h"
 #include "WriterQueue.h"
 #include "aovsession/SessionReader.h"
@@ -2701,19 +2702,7 @@ int answerElsewhere(int fd, unsigned long request, void* arg) {
 
 // Each data area is read through a copy that cannot fault, by
 // process_vm_readv or, where a sandbox refuses it, through a pipe.
-// The process's open descriptors, /proc/self/fd's own included.
-size_t openDescriptors() {
-    size_t n = 0;
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return 0;
-    }
-    while (const dirent* entry = ::readdir(dir)) {
-        n += entry->d_name[0] != '.' ? 1 : 0;
-    }
-    ::closedir(dir);
-    return n;
-}
+using aovtest::openDescriptors;
 
 class AreaCopy : public ::testing::TestWithParam<bool> {
   protected:
@@ -2734,7 +2723,7 @@ int answerWithoutSection4(int fd, unsigned long request, void* arg) {
 TEST_P(AreaCopy, AreasTheProcessCannotReadAreLeftOutWhereverTheDriverPointed) {
     Recording rec(ContentMode::kWritten);
     const int fd = rec.openNode();
-    const size_t fds_before = openDescriptors();
+    const int fds_before = openDescriptors();
     MappedDequeue first;
     const aovrec::RecorderStats before = aovrec::stats();
     aov_event_query q1 = first.query;

@@ -2,8 +2,8 @@
 // without ever saying ready.
 
 #include "KdevLauncher.h"
+#include "OpenDescriptors.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -142,18 +142,7 @@ TEST(KdevLauncherTest, AServerThatEndsAtOnceIsReportedAsEndedWhateverErrnoHeld) 
     ::unlink(script.c_str());
 }
 
-int openDescriptors() {
-    DIR* dir = ::opendir("/proc/self/fd");
-    if (dir == nullptr) {
-        return -1;
-    }
-    int n = 0;
-    while (::readdir(dir) != nullptr) {
-        ++n;
-    }
-    ::closedir(dir);
-    return n;
-}
+using aovtest::openDescriptors;
 
 // A tool or a test starts and stops servers many times in one process: each
 // start, whether the server came up or not, leaves no descriptor behind.
