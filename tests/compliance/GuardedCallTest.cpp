@@ -17,8 +17,8 @@
 #include <cstdio>
 
 #include "BoundedWait.h"
-#include "OpenDescriptors.h"
 #include "Guarded.h"
+#include "OpenDescriptors.h"
 #include "Report.h"
 #include "gtest/gtest.h"
 

@@ -30,9 +30,9 @@
 #include <vector>
 
 #include "BoundedWait.h"
-#include "OpenDescriptors.h"
 #include "FuseSandbox.h"
 #include "KdevServer.h"
+#include "OpenDescriptors.h"
 #include "ProcessMemory.h"
 #include "aovsim/EventContent.h"
 #include "kelo_aov.h"
