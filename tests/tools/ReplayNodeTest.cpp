@@ -401,6 +401,8 @@ TEST(ReplayNodePace, AnEventIsDueAtItsRecordedTimeDividedByTheSpeed) {
             EXPECT_EQ(node->progress().seconds_left, 0.0);
         }
         EXPECT_EQ(node->close(fd), 0);
+        // Closed, the node waits for nothing: its events will never be taken.
+        EXPECT_EQ(node->progress().seconds_left, 0.0) << "a closed node at speed " << speed;
     }
 }
 
