@@ -7,7 +7,7 @@
 set -euo pipefail
 
 packages=(cmake ninja-build g++ pkg-config libgtest-dev libgmock-dev libbenchmark-dev nlohmann-json3-dev
-  libcli11-dev libfuse3-dev fuse3 strace libzstd-dev perl
+  libcli11-dev libfuse3-dev fuse3 strace libzstd-dev perl python3
   help2man dpkg-dev file "$@")
 
 missing=()

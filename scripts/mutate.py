@@ -28,6 +28,7 @@ sources. It refuses to start while a file it could seed has uncommitted changes.
 
 import argparse
 import json
+import os
 import pathlib
 import random
 import re
@@ -150,6 +151,10 @@ def main():
     parser.add_argument("--report", type=pathlib.Path,
                         help="write every outcome as JSON, with what the failed tests printed")
     args = parser.parse_args()
+    # A fault can leave a test binary that serves a FUSE node itself stuck in
+    # its own exit; the watchdog frees it so that the run goes on.
+    subprocess.Popen([sys.executable, str(ROOT / "scripts" / "fuse-watchdog.py"),
+                      "--while-pid", str(os.getpid())])
 
     files = sources(args.paths)
     if not files:

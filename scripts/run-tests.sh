@@ -17,4 +17,10 @@ cmake --build --preset "$preset" -j "$(nproc)"
 case $preset in
   libcxx*) bash scripts/check-stdlib.sh "build/$preset/hw/aov/libkelocam_aov_plat.so" libc++ ;;
 esac
+# A test binary that serves a FUSE node from its own thread can hang in its own
+# exit after a failure (its close waits on the server it was): the watchdog
+# frees it, so that ctest reports the failure instead of waiting for ever.
+python3 scripts/fuse-watchdog.py --while-pid $$ &
+watchdog=$!
+trap 'kill "$watchdog" 2>/dev/null || true' EXIT
 ctest --preset "$preset" -j "$(nproc)"
